@@ -1,0 +1,26 @@
+set(SSHFA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/sshfileaccess)
+set(SSHFA_HEADER_DIR ${CMAKE_INSTALL_INCLUDEDIR}/sshfileaccess)
+
+install(TARGETS sshfileaccess EXPORT sshfileaccessTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# Public headers keep their in-tree layout below include/sshfileaccess/;
+# folders named "internal" hold implementation headers and are not installed.
+foreach(dir sshfileaccess platform)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir} DESTINATION ${SSHFA_HEADER_DIR}
+    FILES_MATCHING PATTERN "*.hpp" PATTERN "internal" EXCLUDE)
+endforeach()
+install(FILES ${PROJECT_BINARY_DIR}/include/sshfa/export.hpp DESTINATION ${SSHFA_HEADER_DIR}/sshfa)
+
+install(EXPORT sshfileaccessTargets NAMESPACE nimbal:: DESTINATION ${SSHFA_CMAKE_DIR})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/sshfileaccessConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/sshfileaccessConfig.cmake INSTALL_DESTINATION ${SSHFA_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/sshfileaccessConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/sshfileaccessConfig.cmake
+  ${PROJECT_BINARY_DIR}/sshfileaccessConfigVersion.cmake DESTINATION ${SSHFA_CMAKE_DIR})
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/sshfileaccess.pc.in ${PROJECT_BINARY_DIR}/sshfileaccess.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/sshfileaccess.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,213 @@
+#pragma once
+// SSH client (foundation::sshclient) on libssh.
+//
+// An SSHClient is one authenticated SSH connection. Constructing it connects:
+// TCP connect (TCP_NODELAY), key exchange, host key check against known_hosts,
+// then the authentication methods in the caller's order until one succeeds.
+// A constructed client is ready; destroying it closes the connection.
+//
+// Errors: every failure is an SSHError (a std::runtime_error) with a kind and
+// a message naming user@host:port and the cause. No call waits forever: while
+// waiting on the server the client sends keepalive@openssh.com every
+// keep-alive interval and gives up after three unanswered in a row.
+//
+// Thread-safety: one client must not be used from two threads at once.
+// executeCommand, copyFiles and the keep-alive operations are virtual so that
+// a test double can be injected (see the protected constructor).
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "platform/i18n/ustring.hpp"
+#include "sshfa/export.hpp"
+
+namespace foundation::sshclient {
+
+using fl::ustring;
+
+// ---- authentication methods (tried in the caller's order) -------------------
+
+struct PasswordAuth {
+  std::string user;
+  std::string password;
+};
+
+struct IdentityFileAuth {
+  std::string user;
+  std::string privateKeyFile;
+  std::optional<std::string> passphrase;  // for an encrypted key
+};
+
+struct AgentAuth {
+  std::string user;
+  std::optional<std::string> agentSocket;  // default: $SSH_AUTH_SOCK
+};
+
+struct KeyboardInteractivePrompt {
+  std::string text;
+  bool echo = false;
+};
+
+struct KeyboardInteractiveAuth {
+  std::string user;
+  // Called once per server challenge (name, instruction, prompts); returns
+  // one answer per prompt.
+  std::function<std::vector<std::string>(std::string const& name, std::string const& instruction,
+                                         std::vector<KeyboardInteractivePrompt> const& prompts)>
+      respond;
+};
+
+using AuthMethod = std::variant<PasswordAuth, IdentityFileAuth, AgentAuth, KeyboardInteractiveAuth>;
+using AuthMethods = std::vector<AuthMethod>;
+
+// ---- commands and transfers --------------------------------------------------
+
+class SSHFA_EXPORT ExecuteCommand {
+ public:
+  explicit ExecuteCommand(ustring command) : command_(std::move(command)) {}
+  [[nodiscard]] ustring const& getCommand() const noexcept { return command_; }
+
+ private:
+  ustring command_;
+};
+
+class SSHFA_EXPORT ExecuteCommandResult {
+ public:
+  ExecuteCommandResult() = default;
+  ExecuteCommandResult(int exitcode, ustring out, ustring err)
+      : exitcode_(exitcode), stdout_(std::move(out)), stderr_(std::move(err)) {}
+  [[nodiscard]] int getExitcode() const noexcept { return exitcode_; }
+  [[nodiscard]] ustring getStdout() const { return stdout_; }
+  [[nodiscard]] ustring getStderr() const { return stderr_; }
+
+ private:
+  int exitcode_ = 0;
+  ustring stdout_;
+  ustring stderr_;
+};
+
+struct FileLocations {
+  ustring localPath;
+  ustring remotePath;
+};
+
+enum class TransferDirection : int { RemoteToLocal = 0, LocalToRemote = 1 };
+enum class TransferProtocol : int { SFTP = 0 };
+
+class SSHFA_EXPORT CopyFilesCommand {
+ public:
+  CopyFilesCommand(std::vector<FileLocations> items, TransferDirection direction, TransferProtocol protocol, int mode)
+      : items_(std::move(items)), direction_(direction), protocol_(protocol), mode_(mode) {}
+  [[nodiscard]] std::vector<FileLocations> const& getItems() const noexcept { return items_; }
+  [[nodiscard]] TransferDirection getDirection() const noexcept { return direction_; }
+  [[nodiscard]] TransferProtocol getProtocol() const noexcept { return protocol_; }
+  [[nodiscard]] int getMode() const noexcept { return mode_; }
+
+ private:
+  std::vector<FileLocations> items_;
+  TransferDirection direction_;
+  TransferProtocol protocol_;
+  int mode_;
+};
+
+struct TransferProgress {
+  std::uint64_t bytesDone = 0;
+  std::uint64_t bytesTotal = 0;
+  std::size_t filesDone = 0;
+  std::size_t filesTotal = 0;
+  ustring currentFile;
+};
+
+// ---- options and errors ------------------------------------------------------
+
+enum class HostKeyPolicy {
+  Strict,     // an unknown host is refused
+  AcceptNew,  // an unknown host is added to the first known_hosts file
+};
+// A changed host key is refused under every policy.
+
+enum class CommandMode {
+  PersistentShell,  // commands run in one long-lived sh on its own channel
+  ExecChannel,      // one exec channel per command
+};
+
+struct SSHClientOptions {
+  // Empty: ~/.ssh/known_hosts, then /etc/ssh/ssh_known_hosts.
+  std::vector<std::string> knownHostsFiles;
+  HostKeyPolicy hostKeyPolicy = HostKeyPolicy::Strict;
+  std::chrono::seconds connectTimeout{30};
+  std::chrono::seconds keepaliveInterval{30};
+  // Read ~/.ssh/config (HostName, User, Port, IdentityFile, ProxyJump as far
+  // as libssh supports them).
+  bool readSshConfig = true;
+  // Cipher preference list ("aes128-gcm@openssh.com,..."). Empty: the user's
+  // configuration, else aes128-gcm@openssh.com first.
+  std::string ciphers;
+  CommandMode commandMode = CommandMode::PersistentShell;
+  // Called during copyFiles at most a few times a second.
+  std::function<void(TransferProgress const&)> progress;
+};
+
+class SSHFA_EXPORT SSHError : public std::runtime_error {
+ public:
+  enum class Kind {
+    Connect,
+    HostKeyUnknown,
+    HostKeyChanged,
+    Authentication,
+    Channel,
+    Transfer,
+    Timeout,
+    ConnectionLost,
+  };
+
+  SSHError(Kind kind, std::string const& message) : std::runtime_error(message), kind_(kind) {}
+  [[nodiscard]] Kind kind() const noexcept { return kind_; }
+
+ private:
+  Kind kind_;
+};
+
+// ---- the client --------------------------------------------------------------
+
+class SSHFA_EXPORT SSHClient {
+ public:
+  // host: a name, an address or a ~/.ssh/config alias. port <= 0: the port
+  // from ~/.ssh/config, else 22.
+  SSHClient(ustring host, int port, AuthMethods authMethods);
+  SSHClient(ustring host, int port, AuthMethods authMethods, SSHClientOptions options);
+  virtual ~SSHClient();
+
+  SSHClient(SSHClient const&) = delete;
+  SSHClient& operator=(SSHClient const&) = delete;
+  SSHClient(SSHClient&&) = delete;
+  SSHClient& operator=(SSHClient&&) = delete;
+
+  // Runs the line with POSIX sh semantics whatever the login shell; returns
+  // exit status, standard output and standard error. A command killed by a
+  // signal reports 128 + the signal number.
+  virtual ExecuteCommandResult executeCommand(ExecuteCommand command);
+
+  // Performs every transfer of the command or throws SSHError(Transfer, ...).
+  virtual void copyFiles(CopyFilesCommand command);
+
+  virtual void setKeepaliveInterval(std::chrono::seconds interval);
+  [[nodiscard]] virtual std::chrono::seconds getKeepaliveInterval() const;
+
+ protected:
+  // For test doubles that override every virtual operation: no connection.
+  SSHClient();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace foundation::sshclient

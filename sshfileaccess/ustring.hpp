@@ -1,0 +1,7 @@
+#pragma once
+
+#include "platform/i18n/ustring.hpp"
+
+namespace nimbal::remoteaccess::sshfileaccess {
+using fl::ustring;
+}  // namespace nimbal::remoteaccess::sshfileaccess
