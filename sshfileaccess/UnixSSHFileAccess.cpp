@@ -1,0 +1,279 @@
+#include "sshfileaccess/UnixSSHFileAccess.hpp"
+
+#include <boost/date_time/posix_time/conversion.hpp>
+#include <boost/lexical_cast.hpp>
+#include <ctime>
+#include <initializer_list>
+#include <string_view>
+
+#include "platform/filesystem/Path.hpp"
+#include "sshfileaccess/FileAccessException.hpp"
+#include "sshfileaccess/Utils.hpp"
+
+namespace nimbal::remoteaccess::sshfileaccess {
+
+namespace fsd = fl::filesystem::detail;
+
+namespace {
+
+// The packing test works on 32-bit signed lengths.
+std::int32_t length32(std::size_t length) { return static_cast<std::int32_t>(static_cast<std::uint32_t>(length)); }
+
+// Pieces of a command line, one blank between neighbours and nowhere else.
+ustring joined(std::initializer_list<std::u16string_view> pieces) {
+  ustring line;
+  for (auto piece = pieces.begin(); piece != pieces.end(); ++piece) {
+    if (piece != pieces.begin()) line.push_back(u' ');
+    line.append(*piece);
+  }
+  return line;
+}
+
+template <class Result, class Single>
+std::vector<Result> eachPath(std::vector<ustring> const& paths, Single single) {
+  std::vector<Result> results;
+  results.reserve(paths.size());
+  for (auto const& path : paths) results.push_back(single(path));
+  return results;
+}
+
+// "<size> <seconds since the epoch> <name>"; the name may hold blanks.
+FileInfo parseStatLine(ustring const& line) {
+  const std::size_t s1 = line.find(u' ');
+  const std::size_t s2 = s1 == ustring::npos ? ustring::npos : line.find(u' ', s1 + 1);
+  if (s2 == ustring::npos || s2 + 1 == line.size()) {
+    throw FileAccessException(std::string("Failed to parse output of stat"), FileAccessException::Code::RemoteError);
+  }
+  FileInfo info;
+  info.size = boost::lexical_cast<unsigned long long>(line.substr(0, s1));
+  const auto seconds = boost::lexical_cast<long>(line.substr(s1 + 1, s2 - s1 - 1));
+  info.lastWriteTime = boost::posix_time::from_time_t(static_cast<std::time_t>(seconds));
+  info.path = line.substr(s2 + 1);
+  return info;
+}
+
+ustring finalName(ustring const& path) {
+  if (path.empty()) return {};
+  return fsd::make_generic_form(fsd::extract_filename(fsd::make_native_form(path, true)));
+}
+
+}  // namespace
+
+// ---- CommandBatcher ----------------------------------------------------------------
+
+CommandBatcher::CommandBatcher(ustring prefix, ustring suffix, ustring separator)
+    : prefix_(std::move(prefix)),
+      suffix_(std::move(suffix)),
+      separator_(std::move(separator)),
+      line_(ucharStringstream()) {}
+
+CommandBatcher CommandBatcher::pathList(ustring prefix, ustring suffix) {
+  return {std::move(prefix), std::move(suffix), u" "};
+}
+
+CommandBatcher CommandBatcher::commandChain() { return {{}, {}, u" && "}; }
+
+void CommandBatcher::add(ustring const& item) {
+  const std::int32_t needed = length32(separator_.size() + item.size() + suffix_.size());
+  if (maxLength_ - lineLength() < needed) closeLine();
+  line_ << (lineLength() == 0 ? prefix_ : separator_) << item;
+}
+
+std::vector<ustring> CommandBatcher::finish() {
+  if (lineLength() != 0) closeLine();
+  return std::move(lines_);
+}
+
+std::int32_t CommandBatcher::lineLength() { return static_cast<std::int32_t>(line_.tellp()); }
+
+void CommandBatcher::closeLine() {
+  line_ << suffix_;
+  lines_.push_back(line_.str());
+  line_.str(ustring());
+}
+
+// ---- construction ----------------------------------------------------------------
+
+UnixSSHFileAccess::UnixSSHFileAccess(ustring host, int port, AuthMethods authMethods)
+    : SSHFileAccess(std::move(host), port, std::move(authMethods)) {}
+
+UnixSSHFileAccess::UnixSSHFileAccess(std::unique_ptr<foundation::sshclient::SSHClient> client)
+    : SSHFileAccess(std::move(client)) {}
+
+UnixSSHFileAccess::UnixSSHFileAccess(UnixSSHFileAccess&& other) noexcept = default;
+UnixSSHFileAccess& UnixSSHFileAccess::operator=(UnixSSHFileAccess&& other) noexcept = default;
+UnixSSHFileAccess::~UnixSSHFileAccess() = default;
+
+// ---- queries -----------------------------------------------------------------------
+
+bool UnixSSHFileAccess::runTestCmd(ustring const& flag, ustring path) {
+  const ustring out = executeExpectNoError(joined({u"test", flag, quoted(path), u"&& echo 1"})).getStdout();
+  return !out.empty() && out.front() == u'1';
+}
+
+bool UnixSSHFileAccess::exists(ustring const& path) { return runTestCmd(u"-e", path); }
+
+std::vector<bool> UnixSSHFileAccess::exists(PathList const& paths) {
+  return eachPath<bool>(paths, [this](ustring const& path) { return exists(path); });
+}
+
+bool UnixSSHFileAccess::isFile(ustring const& path) { return runTestCmd(u"-f", path); }
+
+std::vector<bool> UnixSSHFileAccess::isFile(PathList const& paths) {
+  return eachPath<bool>(paths, [this](ustring const& path) { return isFile(path); });
+}
+
+bool UnixSSHFileAccess::isDir(ustring const& path) { return runTestCmd(u"-d", path); }
+
+std::vector<bool> UnixSSHFileAccess::isDir(PathList const& paths) {
+  return eachPath<bool>(paths, [this](ustring const& path) { return isDir(path); });
+}
+
+ustring UnixSSHFileAccess::parent(ustring const& path) {
+  const ustring native = path.empty() ? ustring() : fsd::make_native_form(path, true);
+  ustring parentPath = fsd::extract_parent_path(native);
+  if (!parentPath.empty()) parentPath = fsd::make_native_form(parentPath, true);
+  return fsd::make_generic_form(parentPath);
+}
+
+std::vector<ustring> UnixSSHFileAccess::parent(PathList const& paths) {
+  return eachPath<ustring>(paths, [this](ustring const& path) { return parent(path); });
+}
+
+void UnixSSHFileAccess::list(ustring const& path, std::vector<ustring>& out) {
+  const std::vector<ustring> names = split(execute(joined({u"ls -1", quoted(path)})).getStdout());
+  const ustring prefix = !path.empty() && path.back() == u'/' ? path : path + u'/';
+  for (auto const& name : names) out.push_back(prefix + name);
+}
+
+std::vector<ustring> UnixSSHFileAccess::list(ustring const& path) {
+  std::vector<ustring> out;
+  list(path, out);
+  return out;
+}
+
+std::vector<ustring> UnixSSHFileAccess::list(PathList const& paths) {
+  std::vector<ustring> out;
+  for (auto const& path : paths) list(path, out);
+  return out;
+}
+
+std::vector<ustring> UnixSSHFileAccess::listRecursively(ustring const& path) { return listRecursively(PathList{path}); }
+
+std::vector<ustring> UnixSSHFileAccess::listRecursively(PathList const& paths) {
+  CommandBatcher batcher = CommandBatcher::pathList(u"find ", u" -type f");
+  for (auto const& path : paths) batcher.add(quoted(path));
+  std::vector<ustring> files;
+  for (auto const& result : execute(batcher.finish())) {
+    for (auto& line : split(result.getStdout())) files.push_back(std::move(line));
+  }
+  return files;
+}
+
+// ---- file information ----------------------------------------------------------------
+
+std::optional<FileInfo> UnixSSHFileAccess::getFileInfo(ustring const& path) {
+  return getFileInfo(PathList{path}).at(0);
+}
+
+std::vector<std::optional<FileInfo>> UnixSSHFileAccess::getFileInfo(PathList const& paths) {
+  CommandBatcher batcher = CommandBatcher::pathList(u"stat -c '%s %Y %n' ", {});
+  for (auto const& path : paths) batcher.add(quoted(path));
+  std::vector<FileInfo> records;
+  for (auto const& result : execute(batcher.finish())) {
+    for (auto const& line : split(result.getStdout())) records.push_back(parseStatLine(line));
+  }
+
+  // stat prints its lines in the order of its operands, so one forward merge
+  // pairs them; a path without a line (missing, unreadable) gets nothing.
+  std::vector<std::optional<FileInfo>> infos;
+  infos.reserve(paths.size());
+  auto record = records.begin();
+  for (auto const& path : paths) {
+    if (record != records.end() && record->path == path) {
+      infos.emplace_back(std::move(*record));
+      ++record;
+    } else {
+      infos.emplace_back();
+    }
+  }
+  return infos;
+}
+
+// ---- mutations -------------------------------------------------------------------------
+
+void UnixSSHFileAccess::runPathListCommand(ustring prefix, PathList const& paths) {
+  CommandBatcher batcher = CommandBatcher::pathList(std::move(prefix), {});
+  for (auto const& path : paths) batcher.add(quoted(path));
+  executeExpectNoError(batcher.finish());
+}
+
+void UnixSSHFileAccess::runCommandChain(ustring const& commandWord, PathPairs const& pairs) {
+  CommandBatcher batcher = CommandBatcher::commandChain();
+  for (auto const& [source, destination] : pairs)
+    batcher.add(joined({commandWord, quoted(source), quoted(destination)}));
+  executeExpectNoError(batcher.finish());
+}
+
+void UnixSSHFileAccess::copy(ustring const& source, ustring const& destination) {
+  copy(PathPairs{{source, destination}});
+}
+
+void UnixSSHFileAccess::copy(PathPairs const& pairs) {
+  PathList destinations;
+  destinations.reserve(pairs.size());
+  for (auto const& pair : pairs) destinations.push_back(pair.second);
+  makeDir(parent(destinations));
+  runCommandChain(u"cp -r", pairs);
+}
+
+void UnixSSHFileAccess::touch(ustring const& path) { touch(PathList{path}); }
+
+void UnixSSHFileAccess::touch(PathList const& paths) { runPathListCommand(u"touch ", paths); }
+
+void UnixSSHFileAccess::remove(ustring const& path) { remove(PathList{path}); }
+
+void UnixSSHFileAccess::remove(PathList const& paths) { runPathListCommand(u"rm -rf ", paths); }
+
+void UnixSSHFileAccess::makeDir(ustring const& path) { makeDir(PathList{path}); }
+
+void UnixSSHFileAccess::makeDir(PathList const& paths) { runPathListCommand(u"mkdir -p ", paths); }
+
+void UnixSSHFileAccess::move(ustring const& source, ustring const& destination) {
+  move(PathPairs{{source, destination}});
+}
+
+// Unlike copy, no destination folders are made: a move into a missing folder fails.
+void UnixSSHFileAccess::move(PathPairs const& pairs) { runCommandChain(u"mv", pairs); }
+
+// ---- archives --------------------------------------------------------------------------
+
+// Packing from the source's parent keeps the folders above the source out of
+// the archive.
+void UnixSSHFileAccess::pack(ustring const& source, ustring const& archivePath, ustring const& packCommand) {
+  executeExpectNoError(
+      joined({u"cd", quoted(parent(source)), packCommand, quoted(archivePath), quoted(finalName(source))}));
+}
+
+void UnixSSHFileAccess::tar(ustring const& source, ustring const& archivePath) {
+  pack(source, archivePath, u"&& tar -cf");
+}
+
+void UnixSSHFileAccess::zip(ustring const& source, ustring const& archivePath) {
+  pack(source, archivePath, u"&& zip -r");
+}
+
+// Judged by the exit status alone: extraction may warn and still succeed.
+void UnixSSHFileAccess::untar(ustring const& archivePath, ustring const& destinationFolder) {
+  const ExecuteCommandResult result =
+      execute(joined({u"cd", quoted(destinationFolder), u"&& tar -xf", quoted(archivePath)}));
+  if (result.getExitcode() != 0) {
+    throw FileAccessException(result.getStderr(), FileAccessException::Code::RemoteError);
+  }
+}
+
+void UnixSSHFileAccess::unzip(ustring const& archivePath, ustring const& destinationFolder) {
+  executeExpectNoError(joined({u"unzip", quoted(archivePath), u"-d", quoted(destinationFolder)}));
+}
+
+}  // namespace nimbal::remoteaccess::sshfileaccess
