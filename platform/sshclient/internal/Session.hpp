@@ -1,0 +1,155 @@
+#pragma once
+// One connected, authenticated SSH connection and its channels: the layer on
+// which command execution, the persistent shell and file transfers are built.
+//
+// Driving I/O
+// -----------
+// After construction the ssh_session is in NON-BLOCKING mode and must stay so
+// (never call ssh_set_blocking): every libssh call returns at once (SSH_AGAIN,
+// 0 bytes, ...) and Session::wait() is the one place that sleeps. wait() sends
+// the keep-alives and throws SSHError(ConnectionLost) when the server stays
+// silent, so a loop of this shape can never hang:
+//
+//   Channel channel(session);
+//   channel.requestExec("cat");
+//   for (;;) {
+//     bool progressed = input.consume(channel.write(input.rest()));  // takes what the window allows
+//     progressed |= channel.read(out, Stream::Stdout) > 0;
+//     progressed |= channel.read(err, Stream::Stderr) > 0;
+//     if (channel.finished()) break;
+//     if (!progressed) session.wait();
+//   }
+//
+// - Read stdout and stderr in the same loop, each until it yields nothing. The
+//   server stops sending on BOTH streams once the channel window is used up,
+//   so reading one stream to its end before the other can deadlock.
+// - Channel::write() takes what the peer's window allows and queues it in
+//   libssh's output buffer; it never waits. Queued bytes are flushed by wait()
+//   (it polls for writability while output is pending) and by later libssh
+//   calls. A window adjust from the server arrives as input: after wait()
+//   returns, try the write again. writeAll() is the waiting form.
+// - wait() only polls; it never consumes channel data. After it returns, call
+//   a reading libssh operation (Channel::read, or the pending open/request
+//   call again), otherwise the next wait() returns at once.
+// - Raw libssh use (raw()) is fine inside such a loop as long as the calls
+//   are non-blocking ones; anything that could block must go through wait().
+//
+// Keep-alive: while wait() sleeps, it sends keepalive@openssh.com (a global
+// request with want-reply) after each keep-alive interval in which nothing
+// arrived from the server. Any byte from the server counts as the answer; an
+// interval that ends with a keep-alive outstanding and no byte received is
+// unanswered, and the third unanswered interval in a row fails the session
+// with ConnectionLost. An idle-but-alive server is thus detected as dead
+// between 3 and 4 intervals after its last byte and never sooner. An interval
+// of zero disables keep-alives.
+//
+// Errors: every failure is an SSHError thrown through fail(), whose message
+// is "user@host:port: cause". A session that threw ConnectionLost is dead;
+// after other kinds (e.g. Channel) it stays usable.
+//
+// Thread-safety: one thread at a time per session and its channels.
+
+#include <libssh/libssh.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/sshclient/SSHClient.hpp"
+
+namespace foundation::sshclient::internal {
+
+class Session {
+ public:
+  // Connects and authenticates. `host` is UTF-8; port <= 0 means the port of
+  // ~/.ssh/config, else 22. Throws SSHError (Connect, Timeout, HostKeyUnknown,
+  // HostKeyChanged, Authentication).
+  Session(std::string host, int port, AuthMethods const& authMethods, SSHClientOptions const& options);
+  ~Session();
+
+  Session(Session const&) = delete;
+  Session& operator=(Session const&) = delete;
+  Session(Session&&) = delete;
+  Session& operator=(Session&&) = delete;
+
+  [[nodiscard]] ssh_session raw() const noexcept;
+
+  // "user@host:port" of the connection, for messages.
+  [[nodiscard]] std::string const& describe() const noexcept;
+
+  // Throws SSHError(kind, "user@host:port: " + cause): the one throw helper
+  // of the client.
+  [[noreturn]] void fail(SSHError::Kind kind, std::string const& cause) const;
+
+  // libssh's text for the last error on this session ("" when none).
+  [[nodiscard]] std::string libraryError() const;
+
+  // Sleeps until the server sent something, pending output could be flushed,
+  // or `timeout` passed (returns false only then). Sends keep-alives and
+  // throws SSHError(ConnectionLost) as described above.
+  static constexpr std::chrono::milliseconds kForever{-1};
+  bool wait(std::chrono::milliseconds timeout = kForever);
+
+  [[nodiscard]] std::chrono::seconds keepaliveInterval() const noexcept;
+  void setKeepaliveInterval(std::chrono::seconds interval) noexcept;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+enum class Stream { Stdout = 0, Stderr = 1 };
+
+// An open session channel ("session" type). Closes and frees it on
+// destruction. Must not outlive its Session. Failures throw SSHError(Channel)
+// or, when the connection is gone, SSHError(ConnectionLost).
+class Channel {
+ public:
+  // Opens the channel, waiting through Session::wait().
+  explicit Channel(Session& session);
+  ~Channel();
+
+  Channel(Channel&& other) noexcept;
+  Channel& operator=(Channel&&) = delete;
+  Channel(Channel const&) = delete;
+  Channel& operator=(Channel const&) = delete;
+
+  [[nodiscard]] ssh_channel raw() const noexcept;
+  [[nodiscard]] Session& session() const noexcept;
+
+  // Each waits for the server's answer; a refusal throws SSHError(Channel).
+  void requestExec(std::string const& command);
+  void requestShell();  // no pty: a plain byte stream
+  void requestSubsystem(std::string const& subsystem);
+
+  // Queues as much of `data` as the peer's window allows; returns how much.
+  std::size_t write(std::string_view data);
+  // Queues all of `data`, waiting for window space, and flushes it.
+  void writeAll(std::string_view data);
+  // Tells the server there is no more input (idempotent).
+  void sendEof();
+
+  // Reads what has already arrived on `stream`, at most `size` bytes; 0 when
+  // nothing is there (yet, or any more: see finished()).
+  std::size_t read(void* buffer, std::size_t size, Stream stream);
+  // Appends everything that has already arrived on `stream` to `out`.
+  std::size_t read(std::string& out, Stream stream);
+
+  // The server closed the channel and everything it sent has been read.
+  [[nodiscard]] bool finished() const;
+  // The server sent end-of-file (no more data on either stream).
+  [[nodiscard]] bool remoteEof() const;
+
+  // The command's exit status once the server reported it; a command killed
+  // by a signal reports 128 + the signal number.
+  [[nodiscard]] std::optional<int> exitStatus() const noexcept;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace foundation::sshclient::internal
