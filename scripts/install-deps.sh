@@ -11,7 +11,7 @@ packages=(
   libboost-system-dev libboost-thread-dev libboost-filesystem-dev
   libfmt-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
   # test server and remote tools
-  openssh-server openssh-client tar zip unzip findutils coreutils
+  openssh-server openssh-client csh tar zip unzip findutils coreutils
   # benchmark peers and report
   rsync python3 python3-paramiko python3-asyncssh gnuplot-nox
 )
