@@ -26,9 +26,9 @@
 namespace nimbal::remoteaccess::sshfileaccess {
 
 struct FileInfo {
-  ustring path;                               // as the caller passed it (remote: as stat printed it)
-  std::uint64_t size = 0;                     // bytes
-  boost::posix_time::ptime lastWriteTime;     // UTC, whole seconds
+  ustring path;                            // as the caller passed it (remote: as stat printed it)
+  std::uint64_t size = 0;                  // bytes
+  boost::posix_time::ptime lastWriteTime;  // UTC, whole seconds
 };
 
 class SSHFA_EXPORT FileAccessInterface {

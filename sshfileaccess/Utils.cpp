@@ -106,7 +106,8 @@ void addPathsToVector(std::vector<ustring>& paths, ustring const& directory, std
 }
 
 Logger& getLogger() {
-  static const std::unique_ptr<Logger> logger = nimbal::logging::createChannelLogger("nimbal::remoteaccess::sshfileaccess");
+  static const std::unique_ptr<Logger> logger =
+      nimbal::logging::createChannelLogger("nimbal::remoteaccess::sshfileaccess");
   return *logger;
 }
 

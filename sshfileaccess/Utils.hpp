@@ -18,7 +18,7 @@ namespace nimbal::remoteaccess::sshfileaccess {
 using Logger = foundation::log::basic_diagnostic_logger<char>;
 
 // Severities the library writes.
-inline constexpr Logger::severity_type kTraceSeverity = 4;         // commands and transfers
+inline constexpr Logger::severity_type kTraceSeverity = 4;            // commands and transfers
 inline constexpr Logger::severity_type kSwallowedErrorSeverity = 16;  // a failure that was not thrown
 
 // ---- text conversion -----------------------------------------------------------

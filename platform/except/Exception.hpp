@@ -80,8 +80,6 @@ class SSHFA_EXPORT RuntimeError : public Exception<IInternalException, std::exce
 };
 
 // The one way platform layers report failures.
-[[noreturn]] inline void throwRuntimeError(std::string utf8Message) {
-  throw RuntimeError(std::move(utf8Message));
-}
+[[noreturn]] inline void throwRuntimeError(std::string utf8Message) { throw RuntimeError(std::move(utf8Message)); }
 
 }  // namespace foundation::core::except

@@ -69,9 +69,9 @@ std::vector<std::string> echoThroughShell(std::vector<std::string> const& names)
 
 TEST(Quoted, ShellSeesExactlyTheOriginalBytes) {
   const std::vector<std::string> fixed = {
-      "plain",   "with blank", "it's",      "''",   "back\\slash", "$HOME",         "`id`", "$(id)",
-      "new\nline", "-n",       "--",        "*",    "a;b|c&d",     "\xC3\xA9t\xC3\xA9", "\xFF\xFE", "tab\there",
-      "",          "!",        "\"dq\"",    "~",    "#comment",    "a\r\nb",
+      "plain",  "with blank", "it's",     "''",      "back\\slash",       "$HOME",    "`id`",      "$(id)", "new\nline",
+      "-n",     "--",         "*",        "a;b|c&d", "\xC3\xA9t\xC3\xA9", "\xFF\xFE", "tab\there", "",      "!",
+      "\"dq\"", "~",          "#comment", "a\r\nb",
   };
   EXPECT_EQ(echoThroughShell(fixed), fixed);
 }
@@ -90,10 +90,18 @@ TEST(Quoted, ShellSeesExactlyTheOriginalBytesForRandomNames) {
       const int n = len(rng);
       for (int j = 0; j < n; ++j) {
         switch (kind(rng)) {
-          case 0: name.push_back(special[pick(rng)]); break;
-          case 1: name.push_back(static_cast<char>(any(rng))); break;
-          case 2: name += "\xE2\x82\xAC"; break;
-          default: name.push_back(static_cast<char>('a' + j % 26)); break;
+          case 0:
+            name.push_back(special[pick(rng)]);
+            break;
+          case 1:
+            name.push_back(static_cast<char>(any(rng)));
+            break;
+          case 2:
+            name += "\xE2\x82\xAC";
+            break;
+          default:
+            name.push_back(static_cast<char>('a' + j % 26));
+            break;
         }
       }
       names.push_back(name);
@@ -133,9 +141,7 @@ TEST(Split, RunsOfLineFeedsGiveEmptyElements) {
   EXPECT_EQ(split(u"a\n\n\nb"), (std::vector<ustring>{u"a", u"", u"", u"b"}));
 }
 
-TEST(Split, CarriageReturnsInsideStay) {
-  EXPECT_EQ(split(u"a\r\nb\r\n"), (std::vector<ustring>{u"a\r", u"b"}));
-}
+TEST(Split, CarriageReturnsInsideStay) { EXPECT_EQ(split(u"a\r\nb\r\n"), (std::vector<ustring>{u"a\r", u"b"})); }
 
 TEST(Split, BlanksAreKept) { EXPECT_EQ(split(u" a \n b "), (std::vector<ustring>{u" a ", u" b "})); }
 
@@ -182,8 +188,7 @@ TEST(FormatCopiedPaths, TwoListsMatchThePairForm) {
 }
 
 TEST(FormatCopiedPaths, ExtraDestinationsAreIgnored) {
-  EXPECT_EQ(formatCopiedPaths(std::vector<ustring>{u"a"}, std::vector<ustring>{u"b", u"x", u"y"}),
-            "\"a\" -> \"b\"\t");
+  EXPECT_EQ(formatCopiedPaths(std::vector<ustring>{u"a"}, std::vector<ustring>{u"b", u"x", u"y"}), "\"a\" -> \"b\"\t");
 }
 
 TEST(MakeCopyVector, NoNamesGiveNoPairs) { EXPECT_TRUE(makeCopyVector(u"s", u"d", {}).empty()); }
