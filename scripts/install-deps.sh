@@ -9,7 +9,7 @@ packages=(
   # libraries
   libssh-dev libarchive-dev libboost-dev libboost-log-dev libboost-date-time-dev
   libboost-system-dev libboost-thread-dev libboost-filesystem-dev
-  libfmt-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libfmt-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   # test server and remote tools
   openssh-server openssh-client csh tar zip unzip findutils coreutils
   # benchmark peers and report
