@@ -1,6 +1,6 @@
 #include "platform/filesystem/Path.hpp"
 
-#include "platform/i18n/i18n.hpp"
+#include "platform/filesystem/FileSystem.hpp"
 
 namespace fl::filesystem::detail {
 namespace {
@@ -49,7 +49,7 @@ ustring extract_filename(ustring const& path) {
 }
 
 std::string make_native_access_form_with_cleanup_i18n(ustring const& path) {
-  return fl::i18n::ustring_to_utf8(make_native_form(path, true));
+  return native_bytes(make_native_form(path, true));
 }
 
 }  // namespace fl::filesystem::detail

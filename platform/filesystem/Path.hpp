@@ -2,7 +2,7 @@
 // Path-string functions of the file-system layer (fl::filesystem::detail),
 // with POSIX rules: '/' is the only separator, a leading '/' is the root.
 // They work on text only and never touch the file system. No state; they
-// throw only std::bad_alloc.
+// throw only std::bad_alloc, except where stated.
 
 #include <string>
 
@@ -28,7 +28,8 @@ SSHFA_EXPORT ustring extract_parent_path(ustring const& path);
 SSHFA_EXPORT ustring extract_filename(ustring const& path);
 
 // The byte form used to open a file: the lossless UTF-8 of the path, with
-// the same clean-up as make_native_form(path, true).
+// the same clean-up as make_native_form(path, true). Throws
+// foundation::core::except::RuntimeError for a path holding a NUL character.
 SSHFA_EXPORT std::string make_native_access_form_with_cleanup_i18n(ustring const& path);
 
 }  // namespace fl::filesystem::detail
