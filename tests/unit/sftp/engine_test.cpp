@@ -1,0 +1,620 @@
+#include "platform/sshclient/internal/sftp/Engine.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/i18n/i18n.hpp"
+#include "tests/unit/sftp/FakeServer.hpp"
+#include "tests/unit/sftp/SftpServerProcess.hpp"
+#include "tests/unit/sftp/TransferFiles.hpp"
+
+namespace foundation::sshclient::internal::sftp {
+namespace {
+
+namespace fs = std::filesystem;
+using sshfa::testing::Body;
+using sshfa::testing::FakeServer;
+using sshfa::testing::listNames;
+using sshfa::testing::randomBytes;
+using sshfa::testing::readFile;
+using sshfa::testing::RecordingTransport;
+using sshfa::testing::Request;
+using sshfa::testing::ScratchDir;
+using sshfa::testing::SftpServerProcess;
+using sshfa::testing::writeFile;
+
+constexpr char const* kPeer = "tester@local:0";
+constexpr std::uint32_t kServerMaxLength = 261120;  // OpenSSH's sftp-server
+
+struct Pair {
+  fs::path source;
+  fs::path destination;
+};
+
+bool isTemporary(std::string const& name) { return name.find(".sshfa-") != std::string::npos; }
+
+std::string quotedPath(fs::path const& path) { return "'" + path.string() + "'"; }
+
+class EngineTest : public ::testing::TestWithParam<TransferDirection> {
+ protected:
+  void SetUp() override {
+    fs::create_directory(src());
+    fs::create_directory(dst());
+  }
+
+  [[nodiscard]] bool upload() const { return GetParam() == TransferDirection::LocalToRemote; }
+  [[nodiscard]] fs::path src() const { return scratch_ / "src"; }
+  [[nodiscard]] fs::path dst() const { return scratch_ / "dst"; }
+
+  [[nodiscard]] CopyFilesCommand commandFor(std::vector<Pair> const& pairs) const {
+    std::vector<FileLocations> items;
+    for (auto const& p : pairs) {
+      auto const source = fl::i18n::utf8_to_ustring(p.source.string());
+      auto const destination = fl::i18n::utf8_to_ustring(p.destination.string());
+      items.push_back(upload() ? FileLocations{source, destination} : FileLocations{destination, source});
+    }
+    return CopyFilesCommand(std::move(items), GetParam(), TransferProtocol::SFTP, 0744);
+  }
+
+  // Runs the pairs through a fresh sftp-server started with `serverArguments`.
+  void copy(std::vector<Pair> const& pairs, EngineOptions const& options = {}, ProgressCallback const& progress = {},
+            std::vector<std::string> const& serverArguments = {}) {
+    server_.emplace(serverArguments);
+    recorder_.emplace(*server_);
+    transfer(*recorder_, kPeer, commandFor(pairs), progress, options);
+  }
+
+  // The message of the SSHError that copy() throws, with its kind checked.
+  std::string failureOf(std::vector<Pair> const& pairs, SSHError::Kind kind = SSHError::Kind::Transfer,
+                        EngineOptions const& options = {}, ProgressCallback const& progress = {}) {
+    try {
+      copy(pairs, options, progress);
+    } catch (SSHError const& e) {
+      EXPECT_EQ(e.kind(), kind) << e.what();
+      return e.what();
+    }
+    return "no error";
+  }
+
+  [[nodiscard]] std::string prefix(Pair const& p) const {
+    if (upload()) {
+      return "cannot upload " + quotedPath(p.source) + " to " + quotedPath(p.destination) + " on " + kPeer + ": ";
+    }
+    return "cannot download " + quotedPath(p.source) + " from " + kPeer + " to " + quotedPath(p.destination) + ": ";
+  }
+
+  [[nodiscard]] std::string noSuchFile() const { return upload() ? "No such file or directory" : "No such file"; }
+
+  // Writes `contents` as src/<name> and returns the pair to dst/<name>.
+  Pair source(std::string const& name, std::string const& contents) {
+    writeFile(src() / name, contents);
+    return {src() / name, dst() / name};
+  }
+
+  ScratchDir scratch_;
+  std::optional<SftpServerProcess> server_;
+  std::optional<RecordingTransport> recorder_;
+};
+
+std::string directionName(::testing::TestParamInfo<TransferDirection> const& direction) {
+  return direction.param == TransferDirection::LocalToRemote ? "Upload" : "Download";
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, EngineTest,
+                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
+                         directionName);
+
+TEST_P(EngineTest, SizesAroundEveryBoundary) {
+  std::vector<std::size_t> const sizes{
+      0, 1, 32767, 32768, 32769, kServerMaxLength, kServerMaxLength + 1, 1048576, 10 * 1048576 + 3};
+  std::vector<Pair> pairs;
+  std::vector<std::string> contents;
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < sizes.size(); ++i) {
+    contents.push_back(randomBytes(sizes[i], i));
+    names.push_back("f" + std::to_string(sizes[i]));
+    pairs.push_back(source(names.back(), contents.back()));
+  }
+  copy(pairs);
+  for (std::size_t i = 0; i < sizes.size(); ++i) {
+    EXPECT_TRUE(readFile(dst() / names[i]) == contents[i]) << names[i];
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(listNames(dst()), names);
+}
+
+TEST_P(EngineTest, ChunksFollowTheServerLimits) {
+  copy({source("big", randomBytes(3 * kServerMaxLength + 5, 1))});
+  auto const lengths = recorder_->lengthsOf(upload() ? PacketType::Write : PacketType::Read);
+  EXPECT_EQ(lengths, (std::vector<std::uint32_t>{kServerMaxLength, kServerMaxLength, kServerMaxLength, 5}));
+}
+
+TEST_P(EngineTest, WithoutLimitsChunksAre32KiB) {
+  auto const contents = randomBytes(100000, 2);
+  copy({source("f", contents)}, {}, {}, {"-P", "limits"});
+  EXPECT_TRUE(readFile(dst() / "f") == contents);
+  auto const lengths = recorder_->lengthsOf(upload() ? PacketType::Write : PacketType::Read);
+  EXPECT_EQ(lengths, (std::vector<std::uint32_t>{32768, 32768, 32768, 1696}));
+}
+
+TEST_P(EngineTest, TinyChunksWithinAByteWindow) {
+  EngineOptions options;
+  options.chunkSize = 7;
+  options.windowBytes = 50;
+  std::vector<Pair> pairs;
+  std::vector<std::string> contents;
+  for (int i = 0; i < 3; ++i) {
+    contents.push_back(randomBytes(1000 + static_cast<std::size_t>(i), static_cast<std::uint64_t>(i)));
+    pairs.push_back(source("f" + std::to_string(i), contents.back()));
+  }
+  copy(pairs, options);
+  for (std::size_t i = 0; i < pairs.size(); ++i) EXPECT_TRUE(readFile(pairs[i].destination) == contents[i]);
+  auto const type = upload() ? PacketType::Write : PacketType::Read;
+  auto const lengths = recorder_->lengthsOf(type);
+  EXPECT_EQ(*std::max_element(lengths.begin(), lengths.end()), 7U);
+  // The window holds 50 bytes: 8 requests of 7, never more.
+  EXPECT_LE(recorder_->maxInFlight[type], 8U);
+  EXPECT_GE(recorder_->maxInFlight[type], 2U);
+}
+
+TEST_P(EngineTest, ManySmallFilesAreOpenedWhileOthersAreInFlight) {
+  std::vector<Pair> pairs;
+  std::vector<std::string> contents;
+  for (int i = 0; i < 2000; ++i) {
+    contents.push_back(randomBytes(static_cast<std::size_t>(i * 37 % 4097), static_cast<std::uint64_t>(i)));
+    pairs.push_back(source("small" + std::to_string(i), contents.back()));
+  }
+  copy(pairs);
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    ASSERT_TRUE(readFile(pairs[i].destination) == contents[i]) << pairs[i].destination;
+  }
+  EXPECT_EQ(listNames(dst()).size(), pairs.size());
+  EXPECT_GE(recorder_->maxInFlight[PacketType::Open], 32U);
+}
+
+TEST_P(EngineTest, OverwritesAnExistingDestination) {
+  auto const pair = source("f", "new contents");
+  writeFile(pair.destination, "old contents, longer than the new ones");
+  copy({pair});
+  EXPECT_EQ(readFile(pair.destination), "new contents");
+  EXPECT_EQ(listNames(dst()), std::vector<std::string>{"f"});
+}
+
+TEST_P(EngineTest, OverwritesWithoutPosixRename) {
+  auto const pair = source("f", "new contents");
+  writeFile(pair.destination, "old contents");
+  auto const fresh = source("g", "fresh");
+  EngineOptions options;
+  options.usePosixRename = false;
+  copy({pair, fresh}, options);
+  EXPECT_EQ(readFile(pair.destination), "new contents");
+  EXPECT_EQ(readFile(fresh.destination), "fresh");
+  EXPECT_EQ(listNames(dst()), (std::vector<std::string>{"f", "g"}));
+}
+
+TEST_P(EngineTest, FilesNamedLikeTemporariesAreLeftAlone) {
+  auto const pair = source("f", "contents");
+  writeFile(dst() / ".f.sshfa-00000000", "stranger 1");
+  writeFile(dst() / ".f.sshfa-", "stranger 2");
+  copy({pair});
+  EXPECT_EQ(readFile(pair.destination), "contents");
+  EXPECT_EQ(readFile(dst() / ".f.sshfa-00000000"), "stranger 1");
+  EXPECT_EQ(readFile(dst() / ".f.sshfa-"), "stranger 2");
+  EXPECT_EQ(listNames(dst()).size(), 3U);
+}
+
+TEST_P(EngineTest, OddNames) {
+  std::vector<std::string> const names{
+      "with blank", "it's", "new\nline", std::string("bad\xff\xfeutf8"), "-dash", std::string(250, 'L')};
+  std::vector<Pair> pairs;
+  for (auto const& name : names) pairs.push_back(source(name, "contents of " + name));
+  copy(pairs);
+  for (auto const& name : names) EXPECT_EQ(readFile(dst() / name), "contents of " + name);
+  auto sorted = names;
+  std::sort(sorted.begin(), sorted.end());
+  EXPECT_EQ(listNames(dst()), sorted);
+}
+
+TEST_P(EngineTest, CreatedFilesGetTheCommandMode) {
+  auto const pair = source("f", "x");
+  auto const old = ::umask(022);
+  copy({pair}, {}, {}, {"-u", "022"});
+  ::umask(old);
+  EXPECT_EQ(sshfa::testing::permissionsOf(pair.destination), 0744U);
+}
+
+TEST_P(EngineTest, TheCreatorsUmaskNarrowsTheMode) {
+  auto const pair = source("f", "x");
+  auto const old = ::umask(077);
+  copy({pair}, {}, {}, {"-u", "077"});
+  ::umask(old);
+  EXPECT_EQ(sshfa::testing::permissionsOf(pair.destination), 0700U);
+}
+
+TEST_P(EngineTest, MissingSourceAmongGoodOnes) {
+  std::vector<Pair> pairs{source("a", "A"), source("b", "B"), {src() / "missing", dst() / "missing"}, source("c", "C")};
+  EXPECT_EQ(failureOf(pairs), prefix(pairs[2]) + "cannot open " + quotedPath(pairs[2].source) + ": " + noSuchFile());
+  EXPECT_EQ(readFile(dst() / "a"), "A");
+  EXPECT_EQ(readFile(dst() / "b"), "B");
+  for (auto const& name : listNames(dst())) EXPECT_FALSE(isTemporary(name)) << name;
+  EXPECT_FALSE(fs::exists(dst() / "missing"));
+}
+
+TEST_P(EngineTest, TheFirstFailureInCommandOrderIsReported) {
+  std::vector<Pair> pairs{source("a", "A"), {src() / "gone1", dst() / "gone1"}, {src() / "gone2", dst() / "gone2"}};
+  auto const message = failureOf(pairs);
+  EXPECT_TRUE(message.starts_with(prefix(pairs[1]))) << message;
+  EXPECT_EQ(readFile(dst() / "a"), "A");
+}
+
+TEST_P(EngineTest, DestinationFolderMissing) {
+  writeFile(src() / "f", "x");
+  Pair const pair{src() / "f", dst() / "nope" / "f"};
+  EXPECT_EQ(failureOf({pair}), prefix(pair) + "destination folder " + quotedPath(dst() / "nope") + " does not exist");
+  EXPECT_TRUE(listNames(dst()).empty());
+}
+
+TEST_P(EngineTest, SourceIsAFolder) {
+  fs::create_directory(src() / "dir");
+  Pair const pair{src() / "dir", dst() / "dir"};
+  EXPECT_EQ(failureOf({pair}), prefix(pair) + quotedPath(pair.source) + " is a folder");
+  EXPECT_TRUE(listNames(dst()).empty());
+}
+
+TEST_P(EngineTest, DestinationIsAFolder) {
+  auto const pair = source("f", "x");
+  fs::create_directory(pair.destination);
+  auto const message = failureOf({pair});
+  EXPECT_TRUE(message.starts_with(prefix(pair) + "cannot replace " + quotedPath(pair.destination) + ": ")) << message;
+  EXPECT_EQ(listNames(dst()), std::vector<std::string>{"f"});
+  EXPECT_TRUE(fs::is_directory(pair.destination));
+}
+
+TEST_P(EngineTest, PermissionDenied) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root is never denied";
+  auto const pair = source("f", "x");
+  fs::permissions(dst(), fs::perms::owner_read | fs::perms::owner_exec);
+  auto const message = failureOf({pair});
+  EXPECT_TRUE(message.starts_with(prefix(pair) + "cannot create '" + dst().string() + "/.f.sshfa-")) << message;
+  EXPECT_TRUE(message.ends_with("': Permission denied")) << message;
+}
+
+TEST_P(EngineTest, FullDiskKeepsTheOldDestination) {
+  auto const pair = source("f", randomBytes(3 * 1048576, 3));
+  writeFile(pair.destination, "old");
+  // A file size limit fails writes the way a full disk does; the server
+  // process inherits it.
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit old{};
+  ::getrlimit(RLIMIT_FSIZE, &old);
+  rlimit limited = old;
+  limited.rlim_cur = 1048576;
+  ::setrlimit(RLIMIT_FSIZE, &limited);
+  auto const message = failureOf({pair});
+  ::setrlimit(RLIMIT_FSIZE, &old);
+  EXPECT_TRUE(message.starts_with(prefix(pair) + "cannot write '" + dst().string() + "/.f.sshfa-")) << message;
+  EXPECT_TRUE(message.ends_with(upload() ? "': Failure" : "': File too large")) << message;
+  EXPECT_EQ(readFile(pair.destination), "old");
+  EXPECT_EQ(listNames(dst()), std::vector<std::string>{"f"});
+}
+
+TEST_P(EngineTest, ServerKilledMidTransfer) {
+  auto const pair = source("big", randomBytes(64 * 1048576, 4));
+  writeFile(pair.destination, "old");
+  EngineOptions options;
+  options.progressInterval = std::chrono::milliseconds(0);
+  auto const message = failureOf({pair}, SSHError::Kind::ConnectionLost, options, [&](TransferProgress const& p) {
+    if (p.bytesDone > 0) server_->kill();
+  });
+  EXPECT_EQ(message, prefix(pair) + "connection lost");
+  EXPECT_EQ(readFile(pair.destination), "old");
+  // Only the remote side may keep a temporary: there was no one left to remove it.
+  if (!upload()) {
+    EXPECT_EQ(listNames(dst()), std::vector<std::string>{"big"});
+  }
+}
+
+TEST_P(EngineTest, AThrowingProgressCallbackCancelsCleanly) {
+  auto const pair = source("big", randomBytes(16 * 1048576, 5));
+  auto const other = source("other", "x");
+  EngineOptions options;
+  options.progressInterval = std::chrono::milliseconds(0);
+  options.chunkSize = 4096;
+  try {
+    copy({pair, other}, options, [](TransferProgress const&) { throw std::runtime_error("stop"); });
+    FAIL() << "no exception";
+  } catch (std::runtime_error const& e) {
+    EXPECT_STREQ(e.what(), "stop");
+  }
+  EXPECT_TRUE(listNames(dst()).empty());
+}
+
+TEST_P(EngineTest, ProgressIsReportedUpToTheTotal) {
+  std::vector<Pair> pairs;
+  std::uint64_t total = 0;
+  for (int i = 0; i < 5; ++i) {
+    pairs.push_back(source("f" + std::to_string(i), randomBytes(300000, static_cast<std::uint64_t>(i))));
+    total += 300000;
+  }
+  EngineOptions options;
+  options.progressInterval = std::chrono::milliseconds(0);
+  std::vector<TransferProgress> reports;
+  copy(pairs, options, [&](TransferProgress const& p) { reports.push_back(p); });
+  ASSERT_GE(reports.size(), 2U);
+  for (std::size_t i = 1; i < reports.size(); ++i) {
+    EXPECT_GE(reports[i].bytesDone, reports[i - 1].bytesDone);
+    EXPECT_GE(reports[i].filesDone, reports[i - 1].filesDone);
+    EXPECT_LE(reports[i].bytesDone, reports[i].bytesTotal);
+    EXPECT_EQ(reports[i].filesTotal, 5U);
+  }
+  EXPECT_EQ(reports.back().bytesDone, total);
+  EXPECT_EQ(reports.back().bytesTotal, total);
+  EXPECT_EQ(reports.back().filesDone, 5U);
+  EXPECT_EQ(reports.front().currentFile, fl::i18n::utf8_to_ustring(pairs[0].source.string()));
+}
+
+TEST_P(EngineTest, ProgressIsThrottled) {
+  std::vector<Pair> pairs;
+  for (int i = 0; i < 50; ++i) pairs.push_back(source("f" + std::to_string(i), randomBytes(100000, 1)));
+  int calls = 0;
+  auto const started = std::chrono::steady_clock::now();
+  copy(pairs, {}, [&](TransferProgress const&) { ++calls; });
+  auto const elapsed = std::chrono::steady_clock::now() - started;
+  // One report per 250 ms at most, and the final one.
+  EXPECT_GE(calls, 1);
+  EXPECT_LE(calls, 1 + elapsed / std::chrono::milliseconds(250));
+}
+
+TEST_P(EngineTest, AnEmptyCommandSendsNothing) {
+  copy({});
+  EXPECT_TRUE(recorder_->requests.empty());
+}
+
+TEST_P(EngineTest, HugeSparseFile) {
+  if (std::getenv("SSHFA_LONG_TESTS") == nullptr) GTEST_SKIP() << "set SSHFA_LONG_TESTS=1 to run";
+  // On disk: the copy is not sparse, and 5 GiB do not belong in memory.
+  ScratchDir const disk(fs::temp_directory_path());
+  Pair const pair{disk / "sparse", disk / "copy"};
+  writeFile(pair.source, "head");
+  std::uint64_t const size = 5ULL * 1024 * 1024 * 1024 + 17;
+  fs::resize_file(pair.source, size);
+  {
+    std::fstream out(pair.source, std::ios::in | std::ios::out | std::ios::binary);
+    out.seekp(static_cast<std::streamoff>(size - 4));
+    out.write("tail", 4);
+  }
+  copy({pair});
+  EXPECT_EQ(fs::file_size(pair.destination), size);
+  std::ifstream a(pair.source, std::ios::binary);
+  std::ifstream b(pair.destination, std::ios::binary);
+  std::vector<char> x(1 << 20);
+  std::vector<char> y(1 << 20);
+  while (a.read(x.data(), static_cast<std::streamsize>(x.size())), a.gcount() > 0) {
+    b.read(y.data(), static_cast<std::streamsize>(y.size()));
+    ASSERT_EQ(a.gcount(), b.gcount());
+    ASSERT_TRUE(std::equal(x.begin(), x.begin() + a.gcount(), y.begin()));
+  }
+}
+
+// ---- against scripted servers ------------------------------------------------------
+
+// Serves one file "/file" for download; the test shapes the answers.
+struct ScriptedDownload {
+  std::string contents;
+  std::optional<std::uint64_t> statSize;  // what STAT claims
+  std::uint32_t maxData = UINT32_MAX;     // longest DATA reply
+  std::uint32_t limitsRead = 0;           // 0: no limits extension
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> reads;
+
+  void operator()(Request const& r, std::vector<Bytes>& out) {
+    switch (r.type) {
+      case PacketType::Init: {
+        Body version(PacketType::Version);
+        version.u32(3);
+        if (limitsRead > 0) version.str("limits@openssh.com").str("1");
+        out.push_back(version.framed());
+        break;
+      }
+      case PacketType::Extended:
+        out.push_back(
+            Body(PacketType::ExtendedReply).u32(r.id).u64(1 << 20).u64(limitsRead).u64(limitsRead).u64(64).framed());
+        break;
+      case PacketType::Stat: {
+        Body attrs(PacketType::Attrs);
+        attrs.u32(r.id);
+        if (statSize) {
+          attrs.u32(attrflags::kSize | attrflags::kPermissions).u64(*statSize).u32(0100644);
+        } else {
+          attrs.u32(0);
+        }
+        out.push_back(attrs.framed());
+        break;
+      }
+      case PacketType::Open:
+        out.push_back(Body(PacketType::Handle).u32(r.id).str("H").framed());
+        break;
+      case PacketType::Read: {
+        auto const [offset, length] = r.offsetAndLength();
+        reads.emplace_back(offset, length);
+        if (offset >= contents.size()) {
+          out.push_back(sshfa::testing::status(r.id, StatusCode::Eof).framed());
+          break;
+        }
+        auto const n = std::min<std::uint64_t>({length, maxData, contents.size() - offset});
+        out.push_back(Body(PacketType::Data).u32(r.id).str(contents.substr(offset, n)).framed());
+        break;
+      }
+      default:
+        out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+    }
+  }
+};
+
+class ScriptedTest : public ::testing::Test {
+ protected:
+  CopyFilesCommand download(std::string const& name = "f") {
+    return CopyFilesCommand({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / name).string()), u"/file"}},
+                            TransferDirection::RemoteToLocal, TransferProtocol::SFTP, 0744);
+  }
+  std::string failureOf(FakeServer& server, CopyFilesCommand const& command, EngineOptions const& options = {}) {
+    try {
+      transfer(server, kPeer, command, {}, options);
+    } catch (SSHError const& e) {
+      EXPECT_EQ(e.kind(), SSHError::Kind::Transfer);
+      return e.what();
+    }
+    return "no error";
+  }
+  std::string downloadPrefix() const {
+    return "cannot download '/file' from tester@local:0 to '" + (scratch_ / "f").string() + "': ";
+  }
+
+  ScratchDir scratch_;
+};
+
+TEST_F(ScriptedTest, RepliesInAnyOrderAndShortReads) {
+  ScriptedDownload script;
+  script.contents = randomBytes(100000, 9);
+  script.statSize = script.contents.size();
+  script.maxData = 700;
+  script.limitsRead = 1000;
+  FakeServer server(std::ref(script));
+  server.reverseBatches = true;
+  transfer(server, kPeer, download(), {}, {});
+  EXPECT_TRUE(readFile(scratch_ / "f") == script.contents);
+  // Every short answer was followed by a request for the rest.
+  EXPECT_EQ(script.reads[0], (std::pair<std::uint64_t, std::uint32_t>{0, 1000}));
+  EXPECT_NE(std::find(script.reads.begin(), script.reads.end(), std::pair<std::uint64_t, std::uint32_t>{700, 300}),
+            script.reads.end());
+}
+
+TEST_F(ScriptedTest, AFileThatShrankEndsAtTheEndOfFile) {
+  ScriptedDownload script;
+  script.contents = "only this";
+  script.statSize = 100000;
+  FakeServer server(std::ref(script));
+  transfer(server, kPeer, download(), {}, {});
+  EXPECT_EQ(readFile(scratch_ / "f"), "only this");
+}
+
+TEST_F(ScriptedTest, AnUnknownSizeIsReadUntilTheEndOfFile) {
+  ScriptedDownload script;
+  script.contents = randomBytes(200000, 10);
+  FakeServer server(std::ref(script));
+  transfer(server, kPeer, download(), {}, {});
+  EXPECT_TRUE(readFile(scratch_ / "f") == script.contents);
+}
+
+TEST_F(ScriptedTest, MalformedReplyRemovesTheTemporary) {
+  ScriptedDownload script;
+  script.statSize = 10;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    if (r.type == PacketType::Open) {
+      out.push_back(Body(PacketType::Handle).u32(r.id).str("H").u8(0).framed());
+    } else {
+      script(r, out);
+    }
+  });
+  EXPECT_EQ(failureOf(server, download()), downloadPrefix() + "malformed SFTP reply: 1 unexpected bytes after HANDLE");
+  EXPECT_TRUE(listNames(scratch_.path()).empty());
+}
+
+TEST_F(ScriptedTest, ReplyToAnUnknownRequest) {
+  ScriptedDownload script;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    if (r.type == PacketType::Stat) {
+      out.push_back(sshfa::testing::status(r.id + 1000, StatusCode::Ok).framed());
+    } else {
+      script(r, out);
+    }
+  });
+  EXPECT_EQ(failureOf(server, download()), downloadPrefix() + "malformed SFTP reply: reply to unknown request 1000");
+  EXPECT_TRUE(listNames(scratch_.path()).empty());
+}
+
+TEST_F(ScriptedTest, DataLongerThanRequested) {
+  ScriptedDownload script;
+  script.statSize = 4;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    if (r.type == PacketType::Read) {
+      out.push_back(Body(PacketType::Data).u32(r.id).str("12345").framed());
+    } else {
+      script(r, out);
+    }
+  });
+  EXPECT_EQ(failureOf(server, download()),
+            downloadPrefix() + "malformed SFTP reply: DATA reply of 5 bytes to a READ of 4");
+}
+
+TEST_F(ScriptedTest, WrongProtocolVersion) {
+  FakeServer server(
+      [](Request const&, std::vector<Bytes>& out) { out.push_back(Body(PacketType::Version).u32(4).framed()); });
+  EXPECT_EQ(failureOf(server, download()),
+            "SFTP session with tester@local:0: malformed SFTP reply: the server speaks SFTP version 4, not 3");
+}
+
+TEST_F(ScriptedTest, AFailedUploadClosesAndRemovesItsTemporary) {
+  writeFile(scratch_ / "local", randomBytes(100, 1));
+  std::vector<Request> seen;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    seen.push_back(r);
+    if (r.type == PacketType::Init) {
+      out.push_back(Body(PacketType::Version).u32(3).framed());
+    } else if (r.type == PacketType::Open) {
+      out.push_back(Body(PacketType::Handle).u32(r.id).str("H").framed());
+    } else if (r.type == PacketType::Write) {
+      out.push_back(Body(PacketType::Status).u32(r.id).u32(4).str("Disk quota exceeded").str("").framed());
+    } else {
+      out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+    }
+  });
+  CopyFilesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "local").string()), u"/r/f"}},
+                                 TransferDirection::LocalToRemote, TransferProtocol::SFTP, 0744);
+  auto const message = failureOf(server, command);
+  EXPECT_TRUE(message.starts_with("cannot upload '" + (scratch_ / "local").string() +
+                                  "' to '/r/f' on tester@local:0: cannot write '/r/.f.sshfa-"))
+      << message;
+  EXPECT_TRUE(message.ends_with("': Failure (Disk quota exceeded)")) << message;
+  ASSERT_EQ(seen.size(), 5U);
+  EXPECT_EQ(seen[1].type, PacketType::Open);
+  EXPECT_EQ(seen[3].type, PacketType::Close);
+  EXPECT_EQ(seen[4].type, PacketType::Remove);
+  EXPECT_EQ(seen[4].firstString(), seen[1].firstString());
+}
+
+TEST_F(ScriptedTest, ATakenTemporaryNameIsRetriedAndNeverRemoved) {
+  writeFile(scratch_ / "local", "x");
+  std::vector<Request> seen;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    seen.push_back(r);
+    if (r.type == PacketType::Init) {
+      out.push_back(Body(PacketType::Version).u32(3).str("posix-rename@openssh.com").str("1").framed());
+    } else if (r.type == PacketType::Open &&
+               std::count_if(seen.begin(), seen.end(), [](auto const& s) { return s.type == PacketType::Open; }) == 1) {
+      out.push_back(sshfa::testing::status(r.id, StatusCode::Failure).framed());
+    } else if (r.type == PacketType::Open) {
+      out.push_back(Body(PacketType::Handle).u32(r.id).str("H").framed());
+    } else {
+      out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+    }
+  });
+  CopyFilesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "local").string()), u"/r/f"}},
+                                 TransferDirection::LocalToRemote, TransferProtocol::SFTP, 0744);
+  transfer(server, kPeer, command, {}, {});
+  std::vector<PacketType> types;
+  for (auto const& r : seen) types.push_back(r.type);
+  EXPECT_EQ(types, (std::vector<PacketType>{PacketType::Init, PacketType::Open, PacketType::Open, PacketType::Write,
+                                            PacketType::Close, PacketType::Extended}));
+  EXPECT_NE(seen[1].firstString(), seen[2].firstString());
+}
+
+}  // namespace
+}  // namespace foundation::sshclient::internal::sftp
