@@ -1,0 +1,67 @@
+#include "sshfileaccess/FileAccess.hpp"
+
+#include "sshfileaccess/Utils.hpp"
+
+namespace nimbal::remoteaccess::sshfileaccess {
+
+namespace {
+
+using foundation::sshclient::TransferDirection;
+
+// Lists every pair's source on `sourceSide`, maps each listed file to its
+// destination by cutting the source's length off the front, makes every
+// destination folder on `destinationSide`, logs the list and hands all files
+// to one transfer.
+void transfer(FileAccessInterface& sourceSide, FileAccessInterface& destinationSide, UnixSSHFileAccess& remote,
+              TransferDirection direction, FileAccessInterface::PathPairs const& pairs) {
+  std::vector<ustring> sources;
+  std::vector<ustring> destinations;
+  for (auto const& [source, destination] : pairs) {
+    const std::size_t cut = source.size();
+    std::vector<ustring> listed = sourceSide.listRecursively(source);
+    for (auto const& path : listed) destinations.push_back(destination + path.substr(cut));
+    sources.insert(sources.end(), std::make_move_iterator(listed.begin()), std::make_move_iterator(listed.end()));
+  }
+  destinationSide.makeDir(destinationSide.parent(destinations));
+  logRecord(kTraceSeverity, [&] { return "Copying " + formatCopiedPaths(sources, destinations); });
+  remote.copy(direction, sources, destinations);
+}
+
+}  // namespace
+
+FileAccess::FileAccess(ustring host, int port, AuthMethods authMethods)
+    : local_(std::make_unique<LocalFileAccess>()),
+      remote_(std::make_unique<UnixSSHFileAccess>(std::move(host), port, std::move(authMethods))) {}
+
+FileAccess::FileAccess(std::unique_ptr<foundation::sshclient::SSHClient> client)
+    : local_(std::make_unique<LocalFileAccess>()), remote_(std::make_unique<UnixSSHFileAccess>(std::move(client))) {}
+
+FileAccess::FileAccess(FileAccess&& other) noexcept = default;
+FileAccess& FileAccess::operator=(FileAccess&& other) noexcept = default;
+FileAccess::~FileAccess() = default;
+
+void FileAccess::localToRemoteCopy(ustring const& source, ustring const& destination) {
+  localToRemoteCopy(PathPairs{{source, destination}});
+}
+
+void FileAccess::localToRemoteCopy(PathPairs const& pairs) {
+  transfer(*local_, *remote_, *remote_, TransferDirection::LocalToRemote, pairs);
+}
+
+void FileAccess::remoteToLocalCopy(ustring const& source, ustring const& destination) {
+  remoteToLocalCopy(PathPairs{{source, destination}});
+}
+
+void FileAccess::remoteToLocalCopy(PathPairs const& pairs) {
+  transfer(*remote_, *local_, *remote_, TransferDirection::RemoteToLocal, pairs);
+}
+
+FileAccess::ExecuteCommandResult FileAccess::remoteExecute(ustring command) {
+  return remote_->execute(std::move(command));
+}
+
+void FileAccess::setKeepaliveInterval(std::chrono::seconds interval) { remote_->setKeepaliveInterval(interval); }
+
+std::chrono::seconds FileAccess::getKeepaliveInterval() const { return remote_->getKeepaliveInterval(); }
+
+}  // namespace nimbal::remoteaccess::sshfileaccess

@@ -1,0 +1,65 @@
+#pragma once
+// The one object a caller holds to work on two machines at once: it owns a
+// LocalFileAccess and a UnixSSHFileAccess (which owns the SSH connection),
+// hands them out for single-side work, and copies files and folder trees
+// between them in either direction.
+//
+// Move-only. A moved-from object has no backends (local() and remote() give
+// null) and may only be destroyed or assigned to. Nothing here catches
+// anything: exceptions of the backends and of the SSH client pass through,
+// and a transfer that fails part-way is not rolled back. One object must not
+// be used from two threads at once.
+
+#include <chrono>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "sshfileaccess/LocalFileAccess.hpp"
+#include "sshfileaccess/UnixSSHFileAccess.hpp"
+
+namespace nimbal::remoteaccess::sshfileaccess {
+
+class SSHFA_EXPORT FileAccess {
+ public:
+  using AuthMethods = foundation::sshclient::AuthMethods;
+  using ExecuteCommandResult = foundation::sshclient::ExecuteCommandResult;
+  using PathPairs = FileAccessInterface::PathPairs;
+
+  // Connects; if that fails, nothing is left behind and the client's
+  // exception propagates.
+  FileAccess(ustring host, int port, AuthMethods authMethods);
+  // Takes over a client the caller built (with its own options, or a double).
+  explicit FileAccess(std::unique_ptr<foundation::sshclient::SSHClient> client);
+  FileAccess(FileAccess&& other) noexcept;
+  FileAccess& operator=(FileAccess&& other) noexcept;
+  FileAccess(FileAccess const&) = delete;
+  FileAccess& operator=(FileAccess const&) = delete;
+  ~FileAccess();
+
+  [[nodiscard]] LocalFileAccess* local() noexcept { return local_.get(); }
+  [[nodiscard]] UnixSSHFileAccess* remote() noexcept { return remote_.get(); }
+
+  // Copies a file to exactly `destination`, or every regular file below a
+  // folder to `destination` + the part of its path after `source` (cut by
+  // length: end both with a separator or neither). Destination folders are
+  // made first; empty folders are not reproduced; a missing source copies
+  // nothing.
+  void localToRemoteCopy(ustring const& source, ustring const& destination);
+  void localToRemoteCopy(PathPairs const& pairs);
+  void remoteToLocalCopy(ustring const& source, ustring const& destination);
+  void remoteToLocalCopy(PathPairs const& pairs);
+
+  // Runs a command on the remote host; a non-zero exit status is no error.
+  ExecuteCommandResult remoteExecute(ustring command);
+
+  void setKeepaliveInterval(std::chrono::seconds interval);
+  [[nodiscard]] std::chrono::seconds getKeepaliveInterval() const;
+
+ private:
+  // Declaration order matters: remote_ is destroyed (connection closed) first.
+  std::unique_ptr<LocalFileAccess> local_;
+  std::unique_ptr<UnixSSHFileAccess> remote_;
+};
+
+}  // namespace nimbal::remoteaccess::sshfileaccess
