@@ -33,6 +33,9 @@ namespace foundation::sshclient {
 using fl::ustring;
 
 // ---- authentication methods (tried in the caller's order) -------------------
+// An empty user means the User of the SSH configuration, else the local login
+// name. A method whose user differs from the previous one's is tried on a new
+// connection (servers refuse a change of user within one).
 
 struct PasswordAuth {
   std::string user;
@@ -41,6 +44,8 @@ struct PasswordAuth {
 
 struct IdentityFileAuth {
   std::string user;
+  // Empty: the IdentityFile entries of the SSH configuration, else the
+  // default keys ~/.ssh/id_*.
   std::string privateKeyFile;
   std::optional<std::string> passphrase;  // for an encrypted key
 };
@@ -147,6 +152,9 @@ struct SSHClientOptions {
   // Read ~/.ssh/config (HostName, User, Port, IdentityFile, ProxyJump as far
   // as libssh supports them).
   bool readSshConfig = true;
+  // Read this file instead of ~/.ssh/config and /etc/ssh/ssh_config (like
+  // ssh -F); only with readSshConfig.
+  std::string sshConfigFile;
   // Cipher preference list ("aes128-gcm@openssh.com,..."). Empty: the user's
   // configuration, else aes128-gcm@openssh.com first.
   std::string ciphers;

@@ -49,13 +49,16 @@ class TestSshd {
   [[nodiscard]] std::filesystem::path const& directory() const noexcept;
 
   // knownHostsFiles = { knownHostsFile() }, strict host key policy, no
-  // ~/.ssh/config, 5 s connect timeout; everything else default.
+  // ~/.ssh/config, 10 s connect timeout; everything else default.
   [[nodiscard]] foundation::sshclient::SSHClientOptions options() const;
   // { IdentityFileAuth{ user(), identityFile() } }
   [[nodiscard]] foundation::sshclient::AuthMethods auth() const;
   [[nodiscard]] std::unique_ptr<foundation::sshclient::SSHClient> connect() const;
   [[nodiscard]] std::unique_ptr<foundation::sshclient::SSHClient> connect(
       foundation::sshclient::SSHClientOptions const& options) const;
+
+  // Adds the public key in `publicKeyFile` to the keys accepted for every account.
+  void authorizeKey(std::string const& publicKeyFile) const;
 
   // A fresh empty folder (mode 0755), removed at process exit.
   static std::filesystem::path makeTempDir();

@@ -28,9 +28,11 @@
 //   (it polls for writability while output is pending) and by later libssh
 //   calls. A window adjust from the server arrives as input: after wait()
 //   returns, try the write again. writeAll() is the waiting form.
-// - wait() only polls; it never consumes channel data. After it returns, call
-//   a reading libssh operation (Channel::read, or the pending open/request
-//   call again), otherwise the next wait() returns at once.
+// - wait() processes what arrived (channel data lands in the channel's
+//   buffers, replies complete pending requests, exit statuses are recorded),
+//   so after it returns, Channel::read and the pending non-blocking call find
+//   the news. (Channel reads alone stop pulling packets off the socket once
+//   the channel has seen end-of-file; wait() does not.)
 // - Raw libssh use (raw()) is fine inside such a loop as long as the calls
 //   are non-blocking ones; anything that could block must go through wait().
 //
@@ -97,6 +99,10 @@ class Session {
   void setKeepaliveInterval(std::chrono::seconds interval) noexcept;
 
  private:
+  friend class Channel;
+  // Bytes reached a channel without passing through wait().
+  void noteServerActivity() noexcept;
+
   class Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -1,0 +1,53 @@
+#include "platform/sshclient/SSHClient.hpp"
+
+#include "platform/i18n/i18n.hpp"
+#include "platform/sshclient/internal/ExecChannelRunner.hpp"
+#include "platform/sshclient/internal/Session.hpp"
+#include "platform/sshclient/internal/Transfer.hpp"
+
+namespace foundation::sshclient {
+
+namespace {
+
+// Every mode runs on exec channels until the persistent shell runner exists.
+std::unique_ptr<internal::CommandRunner> makeRunner(internal::Session& session, CommandMode /*mode*/) {
+  return std::make_unique<internal::ExecChannelRunner>(session);
+}
+
+}  // namespace
+
+class SSHClient::Impl {
+ public:
+  Impl(ustring const& host, int port, AuthMethods const& authMethods, SSHClientOptions options)
+      : options_(std::move(options)),
+        session_(fl::i18n::ustring_to_utf8(host), port, authMethods, options_),
+        runner_(makeRunner(session_, options_.commandMode)) {}
+
+  SSHClientOptions options_;
+  internal::Session session_;
+  std::unique_ptr<internal::CommandRunner> runner_;
+};
+
+SSHClient::SSHClient(ustring host, int port, AuthMethods authMethods)
+    : SSHClient(std::move(host), port, std::move(authMethods), SSHClientOptions{}) {}
+
+SSHClient::SSHClient(ustring host, int port, AuthMethods authMethods, SSHClientOptions options)
+    : impl_(std::make_unique<Impl>(host, port, authMethods, std::move(options))) {}
+
+SSHClient::SSHClient() = default;
+SSHClient::~SSHClient() = default;
+
+ExecuteCommandResult SSHClient::executeCommand(ExecuteCommand command) {
+  internal::CommandOutput output = impl_->runner_->run(fl::i18n::ustring_to_utf8(command.getCommand()));
+  return {output.exitStatus, fl::i18n::utf8_to_ustring(output.out), fl::i18n::utf8_to_ustring(output.err)};
+}
+
+void SSHClient::copyFiles(CopyFilesCommand command) {
+  internal::transferFiles(impl_->session_, command, impl_->options_.progress);
+}
+
+void SSHClient::setKeepaliveInterval(std::chrono::seconds interval) { impl_->session_.setKeepaliveInterval(interval); }
+
+std::chrono::seconds SSHClient::getKeepaliveInterval() const { return impl_->session_.keepaliveInterval(); }
+
+}  // namespace foundation::sshclient

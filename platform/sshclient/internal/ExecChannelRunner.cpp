@@ -1,0 +1,33 @@
+#include "platform/sshclient/internal/ExecChannelRunner.hpp"
+
+#include <string_view>
+
+namespace foundation::sshclient::internal {
+
+CommandOutput ExecChannelRunner::run(std::string const& command) {
+  Channel channel(session_);
+  channel.requestExec(kExecWrapper);
+  CommandOutput result;
+  std::string_view input = command;
+  // Output is read while the input is still being sent: a large command text
+  // and a chatty command must not wait on each other.
+  for (;;) {
+    bool progressed = false;
+    if (!input.empty()) {
+      std::size_t const written = channel.write(input);
+      input.remove_prefix(written);
+      progressed = written > 0;
+    }
+    if (input.empty()) channel.sendEof();
+    progressed |= channel.read(result.out, Stream::Stdout) > 0;
+    progressed |= channel.read(result.err, Stream::Stderr) > 0;
+    if (channel.finished()) break;
+    if (!progressed) session_.wait();
+  }
+  std::optional<int> const status = channel.exitStatus();
+  if (!status) session_.fail(SSHError::Kind::Channel, "the server ended the command without reporting its exit status");
+  result.exitStatus = *status;
+  return result;
+}
+
+}  // namespace foundation::sshclient::internal

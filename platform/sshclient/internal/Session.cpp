@@ -1,0 +1,630 @@
+#include "platform/sshclient/internal/Session.hpp"
+
+#include <libssh/callbacks.h>
+#include <libssh/server.h>  // ssh_send_keepalive
+#include <poll.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <type_traits>
+#include <utility>
+
+namespace foundation::sshclient::internal {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Preferred when neither the caller nor the SSH configuration names ciphers:
+// AES-GCM is the fastest choice with AES-NI and keeps large transfers cheap.
+constexpr char const* kDefaultCiphers =
+    "aes128-gcm@openssh.com,chacha20-poly1305@openssh.com,aes256-gcm@openssh.com,aes128-ctr,aes192-ctr,aes256-ctr";
+
+// An unanswered keep-alive interval is one that ends with a keep-alive
+// outstanding and nothing heard from the server.
+constexpr int kMaxUnansweredIntervals = 3;
+
+struct SessionDeleter {
+  void operator()(ssh_session session) const noexcept {
+    if (ssh_is_connected(session) != 0) ssh_disconnect(session);
+    ssh_free(session);
+  }
+};
+using SessionPtr = std::unique_ptr<std::remove_pointer_t<ssh_session>, SessionDeleter>;
+
+struct EventDeleter {
+  void operator()(ssh_event event) const noexcept { ssh_event_free(event); }
+};
+using EventPtr = std::unique_ptr<std::remove_pointer_t<ssh_event>, EventDeleter>;
+
+struct KeyDeleter {
+  void operator()(ssh_key key) const noexcept { ssh_key_free(key); }
+};
+using KeyPtr = std::unique_ptr<std::remove_pointer_t<ssh_key>, KeyDeleter>;
+
+std::string homeDirectory() {
+  if (char const* home = std::getenv("HOME"); home != nullptr && *home != '\0') return home;
+  if (passwd const* entry = getpwuid(getuid()); entry != nullptr && entry->pw_dir != nullptr) return entry->pw_dir;
+  return "/";
+}
+
+std::vector<std::string> knownHostsFilesOf(SSHClientOptions const& options) {
+  if (!options.knownHostsFiles.empty()) return options.knownHostsFiles;
+  return {homeDirectory() + "/.ssh/known_hosts", "/etc/ssh/ssh_known_hosts"};
+}
+
+std::string userOf(AuthMethod const& method) {
+  return std::visit([](auto const& m) { return m.user; }, method);
+}
+
+// "host" for port 22, "[host]:port" otherwise: the known_hosts spelling.
+std::string knownHostsName(std::string const& host, unsigned port) {
+  return port == 22 ? host : "[" + host + "]:" + std::to_string(port);
+}
+
+std::string joined(std::vector<std::string> const& parts, char const* separator) {
+  std::string text;
+  for (auto const& part : parts) {
+    if (!text.empty()) text += separator;
+    text += part;
+  }
+  return text;
+}
+
+std::string offeredMethods(int methods) {
+  auto const mask = static_cast<unsigned>(methods);
+  std::vector<std::string> names;
+  if ((mask & SSH_AUTH_METHOD_PUBLICKEY) != 0) names.emplace_back("publickey");
+  if ((mask & SSH_AUTH_METHOD_PASSWORD) != 0) names.emplace_back("password");
+  if ((mask & SSH_AUTH_METHOD_INTERACTIVE) != 0) names.emplace_back("keyboard-interactive");
+  if ((mask & SSH_AUTH_METHOD_HOSTBASED) != 0) names.emplace_back("hostbased");
+  if ((mask & SSH_AUTH_METHOD_GSSAPI_MIC) != 0) names.emplace_back("gssapi-with-mic");
+  return names.empty() ? std::string("none") : joined(names, ", ");
+}
+
+// Signal names as sshd reports them in exit-signal (without "SIG").
+int signalNumber(char const* name) {
+  static constexpr std::pair<char const*, int> kSignals[] = {
+      {"ABRT", SIGABRT}, {"ALRM", SIGALRM}, {"FPE", SIGFPE},   {"HUP", SIGHUP},       {"ILL", SIGILL},
+      {"INT", SIGINT},   {"KILL", SIGKILL}, {"PIPE", SIGPIPE}, {"QUIT", SIGQUIT},     {"SEGV", SIGSEGV},
+      {"TERM", SIGTERM}, {"USR1", SIGUSR1}, {"USR2", SIGUSR2}, {"BUS", SIGBUS},       {"SYS", SIGSYS},
+      {"TRAP", SIGTRAP}, {"XCPU", SIGXCPU}, {"XFSZ", SIGXFSZ}, {"VTALRM", SIGVTALRM}, {"PROF", SIGPROF},
+  };
+  for (auto const& [signalName, number] : kSignals) {
+    if (name != nullptr && std::strcmp(name, signalName) == 0) return number;
+  }
+  return 0;
+}
+
+}  // namespace
+
+// ---- Session ---------------------------------------------------------------------
+
+class Session::Impl {
+ public:
+  SessionPtr session;
+  // Processes whatever arrived: channel reads stop pulling packets off the
+  // socket once a channel has seen end-of-file, so wait() does it.
+  EventPtr event;
+  std::string host;  // as the caller named it
+  std::string user;
+  unsigned port = 0;
+  std::string description;
+  std::chrono::seconds keepalive{30};
+
+  // Keep-alive bookkeeping, see the header.
+  Clock::time_point nextProbe;
+  bool probeOutstanding = false;
+  int unanswered = 0;
+
+  [[noreturn]] void fail(SSHError::Kind kind, std::string const& cause) const {
+    throw SSHError(kind, description + ": " + cause);
+  }
+
+  [[nodiscard]] std::string libraryError() const {
+    return session ? std::string(ssh_get_error(session.get())) : std::string();
+  }
+
+  void heard() {
+    probeOutstanding = false;
+    unanswered = 0;
+    nextProbe = Clock::now() + keepalive;
+  }
+
+  void open(std::string const& requestedUser, int requestedPort, SSHClientOptions const& options);
+  void verifyHostKey(SSHClientOptions const& options, std::vector<std::string> const& files);
+  bool authenticate(AuthMethod const& method, std::vector<std::string>& attempts);
+  int authenticateKeyboardInteractive(KeyboardInteractiveAuth const& method);
+  std::string publicKeyAttempt(IdentityFileAuth const& method, int& rc);
+  std::string agentAttempt(AgentAuth const& method, int& rc);
+
+  void setOption(ssh_options_e option, void const* value, char const* what) const {
+    if (ssh_options_set(session.get(), option, value) < 0) {
+      fail(SSHError::Kind::Connect, std::string("invalid ") + what + ": " + libraryError());
+    }
+  }
+};
+
+void Session::Impl::open(std::string const& requestedUser, int requestedPort, SSHClientOptions const& options) {
+  session.reset();
+  user = requestedUser;
+  port = requestedPort > 0 ? static_cast<unsigned>(requestedPort) : 22;
+  description = (user.empty() ? std::string() : user + "@") + host + ":" + std::to_string(port);
+
+  session.reset(ssh_new());
+  if (!session) fail(SSHError::Kind::Connect, "out of memory");
+
+  std::vector<std::string> const files = knownHostsFilesOf(options);
+  int const off = 0;
+  int const on = 1;
+  long const timeout = static_cast<long>(std::max<std::chrono::seconds::rep>(options.connectTimeout.count(), 1));
+  unsigned const explicitPort = port;
+
+  setOption(SSH_OPTIONS_HOST, host.c_str(), "host name");
+  if (requestedPort > 0) setOption(SSH_OPTIONS_PORT, &explicitPort, "port");
+  if (!user.empty()) setOption(SSH_OPTIONS_USER, user.c_str(), "user name");
+  setOption(SSH_OPTIONS_CIPHERS_C_S, kDefaultCiphers, "cipher list");
+  setOption(SSH_OPTIONS_CIPHERS_S_C, kDefaultCiphers, "cipher list");
+  setOption(SSH_OPTIONS_PROCESS_CONFIG, &off, "option");
+  if (options.readSshConfig) {
+    char const* file = options.sshConfigFile.empty() ? nullptr : options.sshConfigFile.c_str();
+    if (ssh_options_parse_config(session.get(), file) < 0) {
+      fail(SSHError::Kind::Connect, "cannot read the SSH configuration: " + libraryError());
+    }
+  }
+  // The caller's explicit values win over the configuration.
+  if (requestedPort > 0) setOption(SSH_OPTIONS_PORT, &explicitPort, "port");
+  if (!user.empty()) setOption(SSH_OPTIONS_USER, user.c_str(), "user name");
+  if (!options.ciphers.empty()) {
+    setOption(SSH_OPTIONS_CIPHERS_C_S, options.ciphers.c_str(), "cipher list");
+    setOption(SSH_OPTIONS_CIPHERS_S_C, options.ciphers.c_str(), "cipher list");
+  }
+  // Host key algorithms are negotiated from what these two files know.
+  setOption(SSH_OPTIONS_KNOWNHOSTS, files.front().c_str(), "known_hosts file");
+  setOption(SSH_OPTIONS_GLOBAL_KNOWNHOSTS, files.size() > 1 ? files[1].c_str() : files.front().c_str(),
+            "known_hosts file");
+  setOption(SSH_OPTIONS_TIMEOUT, &timeout, "timeout");
+  // Without it every request/reply pair stalls on delayed ACKs (~40 ms).
+  setOption(SSH_OPTIONS_NODELAY, &on, "option");
+
+  if (char* configured = nullptr; ssh_options_get(session.get(), SSH_OPTIONS_USER, &configured) == SSH_OK) {
+    user = configured;
+    ssh_string_free_char(configured);
+  }
+  ssh_options_get_port(session.get(), &port);
+  description = user + "@" + host + ":" + std::to_string(port);
+
+  ssh_set_blocking(session.get(), 1);
+  auto const started = Clock::now();
+  if (ssh_connect(session.get()) != SSH_OK) {
+    std::string const cause = libraryError();
+    bool const timedOut = Clock::now() - started >= options.connectTimeout ||
+                          cause.find("Timeout") != std::string::npos || cause.find("timed out") != std::string::npos;
+    if (timedOut) {
+      fail(SSHError::Kind::Timeout,
+           "cannot connect: no answer within " + std::to_string(options.connectTimeout.count()) + " s (" + cause + ")");
+    }
+    fail(SSHError::Kind::Connect, "cannot connect: " + cause);
+  }
+  verifyHostKey(options, files);
+}
+
+void Session::Impl::verifyHostKey(SSHClientOptions const& options, std::vector<std::string> const& files) {
+  ssh_key rawKey = nullptr;
+  if (ssh_get_server_publickey(session.get(), &rawKey) != SSH_OK) {
+    fail(SSHError::Kind::Connect, "the server sent no host key: " + libraryError());
+  }
+  KeyPtr const key(rawKey);
+  std::string const keyType = ssh_key_type_to_char(ssh_key_type(key.get()));
+  std::string fingerprint;
+  unsigned char* hash = nullptr;
+  std::size_t hashLength = 0;
+  if (ssh_get_publickey_hash(key.get(), SSH_PUBLICKEY_HASH_SHA256, &hash, &hashLength) == SSH_OK) {
+    char* text = ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, hashLength);
+    if (text != nullptr) fingerprint = text;
+    ssh_string_free_char(text);
+    ssh_clean_pubkey_hash(&hash);
+  }
+
+  char* resolved = nullptr;
+  std::string hostName = host;
+  if (ssh_options_get(session.get(), SSH_OPTIONS_HOST, &resolved) == SSH_OK) {
+    hostName = resolved;
+    ssh_string_free_char(resolved);
+  }
+  std::string const entryName = knownHostsName(hostName, port);
+
+  // Like ssh: a matching entry in any file accepts; otherwise an entry with
+  // another key (of any type) in any file means the key changed.
+  std::string changedIn;
+  for (auto const& file : files) {
+    setOption(SSH_OPTIONS_KNOWNHOSTS, file.c_str(), "known_hosts file");
+    setOption(SSH_OPTIONS_GLOBAL_KNOWNHOSTS, file.c_str(), "known_hosts file");
+    switch (ssh_session_is_known_server(session.get())) {
+      case SSH_KNOWN_HOSTS_OK:
+        return;
+      case SSH_KNOWN_HOSTS_CHANGED:
+      case SSH_KNOWN_HOSTS_OTHER:
+        if (changedIn.empty()) changedIn = file;
+        break;
+      case SSH_KNOWN_HOSTS_ERROR:
+        fail(SSHError::Kind::HostKeyUnknown, "cannot check the host key against '" + file + "': " + libraryError());
+      case SSH_KNOWN_HOSTS_UNKNOWN:
+      case SSH_KNOWN_HOSTS_NOT_FOUND:
+        break;
+    }
+  }
+  std::string const offered = keyType + " key " + fingerprint;
+  if (!changedIn.empty()) {
+    fail(SSHError::Kind::HostKeyChanged,
+         "the host key of " + entryName + " has CHANGED: the server offers the " + offered +
+             ", which does not match the entry in '" + changedIn +
+             "'. Someone could be intercepting the connection; if the change is expected, remove the old entry "
+             "with \"ssh-keygen -R '" +
+             entryName + "' -f '" + changedIn + "'\" and connect again");
+  }
+  if (options.hostKeyPolicy == HostKeyPolicy::AcceptNew) {
+    setOption(SSH_OPTIONS_KNOWNHOSTS, files.front().c_str(), "known_hosts file");
+    if (ssh_session_update_known_hosts(session.get()) != SSH_OK) {
+      fail(SSHError::Kind::HostKeyUnknown,
+           "cannot add the host key of " + entryName + " to '" + files.front() + "': " + libraryError());
+    }
+    return;
+  }
+  std::string const keyscan =
+      port == 22 ? "ssh-keyscan " + hostName : "ssh-keyscan -p " + std::to_string(port) + " " + hostName;
+  fail(SSHError::Kind::HostKeyUnknown, "the host key of " + entryName + " (" + offered +
+                                           ") is unknown: it is in none of " + joined(files, ", ") +
+                                           ". After checking the fingerprint, add it with \"" + keyscan + " >> " +
+                                           files.front() + "\", or connect once with the host key policy AcceptNew");
+}
+
+std::string Session::Impl::publicKeyAttempt(IdentityFileAuth const& method, int& rc) {
+  char const* passphrase = method.passphrase ? method.passphrase->c_str() : nullptr;
+  if (method.privateKeyFile.empty()) {
+    rc = ssh_userauth_publickey_auto(session.get(), nullptr, passphrase);
+    return "publickey with the configured identity files";
+  }
+  std::string const name = "publickey with '" + method.privateKeyFile + "'";
+  ssh_key rawKey = nullptr;
+  int const imported =
+      ssh_pki_import_privkey_file(method.privateKeyFile.c_str(), passphrase, nullptr, nullptr, &rawKey);
+  if (imported == SSH_EOF) {
+    rc = SSH_AUTH_DENIED;
+    return name + " (cannot read the file: " + std::strerror(errno) + ")";
+  }
+  if (imported != SSH_OK) {
+    rc = SSH_AUTH_DENIED;
+    return name + (method.passphrase ? " (wrong passphrase, or not a private key)"
+                                     : " (no passphrase given for an encrypted key, or not a private key)");
+  }
+  KeyPtr const key(rawKey);
+  rc = ssh_userauth_publickey(session.get(), nullptr, key.get());
+  return name;
+}
+
+std::string Session::Impl::agentAttempt(AgentAuth const& method, int& rc) {
+  std::string socket;
+  if (method.agentSocket) {
+    socket = *method.agentSocket;
+  } else if (char const* fromEnvironment = std::getenv("SSH_AUTH_SOCK"); fromEnvironment != nullptr) {
+    socket = fromEnvironment;
+  }
+  if (socket.empty()) {
+    rc = SSH_AUTH_DENIED;
+    return "agent (no agent: SSH_AUTH_SOCK is not set)";
+  }
+  setOption(SSH_OPTIONS_IDENTITY_AGENT, socket.c_str(), "agent socket");
+  rc = ssh_userauth_agent(session.get(), nullptr);
+  return "agent at '" + socket + "'";
+}
+
+int Session::Impl::authenticateKeyboardInteractive(KeyboardInteractiveAuth const& method) {
+  // A server asks a bounded number of rounds; more means a loop we must end.
+  constexpr int kMaxRounds = 32;
+  int rc = ssh_userauth_kbdint(session.get(), nullptr, nullptr);
+  for (int round = 0; rc == SSH_AUTH_INFO && round < kMaxRounds; ++round) {
+    ssh_session const s = session.get();
+    int const count = ssh_userauth_kbdint_getnprompts(s);
+    std::vector<KeyboardInteractivePrompt> prompts;
+    for (int i = 0; i < count; ++i) {
+      char echo = 0;
+      char const* text = ssh_userauth_kbdint_getprompt(s, static_cast<unsigned>(i), &echo);
+      prompts.push_back({text != nullptr ? text : "", echo != 0});
+    }
+    char const* name = ssh_userauth_kbdint_getname(s);
+    char const* instruction = ssh_userauth_kbdint_getinstruction(s);
+    std::vector<std::string> answers;
+    if (method.respond)
+      answers = method.respond(name != nullptr ? name : "", instruction != nullptr ? instruction : "", prompts);
+    if (answers.size() != prompts.size()) return SSH_AUTH_DENIED;
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+      if (ssh_userauth_kbdint_setanswer(s, static_cast<unsigned>(i), answers[i].c_str()) < 0) return SSH_AUTH_ERROR;
+    }
+    rc = ssh_userauth_kbdint(s, nullptr, nullptr);
+  }
+  return rc == SSH_AUTH_INFO ? SSH_AUTH_DENIED : rc;
+}
+
+bool Session::Impl::authenticate(AuthMethod const& method, std::vector<std::string>& attempts) {
+  int rc = SSH_AUTH_DENIED;
+  std::string name;
+  if (auto const* password = std::get_if<PasswordAuth>(&method)) {
+    name = "password";
+    rc = ssh_userauth_password(session.get(), nullptr, password->password.c_str());
+  } else if (auto const* identity = std::get_if<IdentityFileAuth>(&method)) {
+    name = publicKeyAttempt(*identity, rc);
+  } else if (auto const* agent = std::get_if<AgentAuth>(&method)) {
+    name = agentAttempt(*agent, rc);
+  } else if (auto const* interactive = std::get_if<KeyboardInteractiveAuth>(&method)) {
+    name = "keyboard-interactive";
+    rc = authenticateKeyboardInteractive(*interactive);
+  }
+  switch (rc) {
+    case SSH_AUTH_SUCCESS:
+      return true;
+    case SSH_AUTH_PARTIAL:
+      attempts.push_back(name + " (accepted, but the server asks for more)");
+      return false;
+    case SSH_AUTH_ERROR:
+      if (ssh_is_connected(session.get()) == 0) {
+        fail(SSHError::Kind::ConnectionLost, "connection lost during authentication: " + libraryError());
+      }
+      attempts.push_back(name + " (" + libraryError() + ")");
+      return false;
+    default:
+      attempts.push_back(name.back() == ')' ? name : name + " (refused)");
+      return false;
+  }
+}
+
+Session::Session(std::string host, int port, AuthMethods const& authMethods, SSHClientOptions const& options)
+    : impl_(std::make_unique<Impl>()) {
+  Impl& impl = *impl_;
+  impl.host = std::move(host);
+  impl.keepalive = options.keepaliveInterval;
+
+  std::vector<std::string> attempts;
+  bool authenticated = false;
+  std::string connectedAs;
+  int offered = 0;
+  auto connectAs = [&](std::string const& user) {
+    impl.open(user, port, options);
+    connectedAs = user;
+    // "none" both asks the server which methods it offers and logs in when
+    // it needs no authentication at all.
+    authenticated = ssh_userauth_none(impl.session.get(), nullptr) == SSH_AUTH_SUCCESS;
+    offered = ssh_userauth_list(impl.session.get(), nullptr);
+  };
+  for (auto const& method : authMethods) {
+    std::string const user = userOf(method);
+    if (!impl.session || user != connectedAs) connectAs(user);
+    if (authenticated) break;
+    authenticated = impl.authenticate(method, attempts);
+    if (authenticated) break;
+    offered = ssh_userauth_list(impl.session.get(), nullptr);
+  }
+  if (!impl.session) connectAs("");
+  if (!authenticated) {
+    fail(SSHError::Kind::Authentication,
+         "authentication failed; tried: " + (attempts.empty() ? std::string("no method") : joined(attempts, ", ")) +
+             "; the server offers: " + offeredMethods(offered));
+  }
+  ssh_set_blocking(impl.session.get(), 0);
+  impl.event.reset(ssh_event_new());
+  if (!impl.event || ssh_event_add_session(impl.event.get(), impl.session.get()) != SSH_OK) {
+    fail(SSHError::Kind::Connect, "cannot set up the event loop: " + libraryError());
+  }
+  impl.heard();
+}
+
+Session::~Session() = default;
+
+ssh_session Session::raw() const noexcept { return impl_->session.get(); }
+std::string const& Session::describe() const noexcept { return impl_->description; }
+void Session::fail(SSHError::Kind kind, std::string const& cause) const { impl_->fail(kind, cause); }
+std::string Session::libraryError() const { return impl_->libraryError(); }
+std::chrono::seconds Session::keepaliveInterval() const noexcept { return impl_->keepalive; }
+
+void Session::setKeepaliveInterval(std::chrono::seconds interval) noexcept {
+  impl_->keepalive = interval;
+  impl_->heard();
+}
+
+void Session::noteServerActivity() noexcept { impl_->heard(); }
+
+bool Session::wait(std::chrono::milliseconds timeout) {
+  Impl& impl = *impl_;
+  ssh_session const session = impl.session.get();
+  if (ssh_is_connected(session) == 0) impl.fail(SSHError::Kind::ConnectionLost, "connection lost: " + libraryError());
+  bool const keepalives = impl.keepalive.count() > 0;
+  auto const deadline = timeout.count() < 0 ? Clock::time_point::max() : Clock::now() + timeout;
+  for (;;) {
+    auto now = Clock::now();
+    if (keepalives && now >= impl.nextProbe) {
+      if (impl.probeOutstanding && ++impl.unanswered >= kMaxUnansweredIntervals) {
+        impl.fail(SSHError::Kind::ConnectionLost,
+                  "connection lost: the server did not answer " + std::to_string(kMaxUnansweredIntervals) +
+                      " keep-alive messages sent " + std::to_string(impl.keepalive.count()) + " s apart");
+      }
+      // libssh keeps one global request in flight: a call whose earlier
+      // request was answered only collects that answer, so the second call
+      // makes sure a new keep-alive goes out.
+      ssh_send_keepalive(session);
+      ssh_send_keepalive(session);
+      impl.probeOutstanding = true;
+      impl.nextProbe = now + impl.keepalive;
+    }
+    auto wakeUp = std::min(deadline, keepalives ? impl.nextProbe : Clock::time_point::max());
+    int pollTimeout = -1;
+    if (wakeUp != Clock::time_point::max()) {
+      auto const left = std::chrono::ceil<std::chrono::milliseconds>(wakeUp - now).count();
+      pollTimeout = static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
+    }
+    pollfd descriptor{ssh_get_fd(session), POLLIN, 0};
+    if ((ssh_get_poll_flags(session) & SSH_WRITE_PENDING) != 0) descriptor.events |= POLLOUT;
+    int const ready = poll(&descriptor, 1, pollTimeout);
+    if (ready < 0 && errno != EINTR) {
+      impl.fail(SSHError::Kind::ConnectionLost, std::string("cannot wait for the server: ") + std::strerror(errno));
+    }
+    if (ready > 0) {
+      if ((descriptor.revents & POLLIN) != 0) impl.heard();
+      ssh_event_dopoll(impl.event.get(), 0);
+      if (ssh_is_connected(session) == 0) {
+        impl.fail(SSHError::Kind::ConnectionLost, "connection lost: " + libraryError());
+      }
+      return true;
+    }
+    now = Clock::now();
+    if (now >= deadline) return false;
+  }
+}
+
+// ---- Channel -----------------------------------------------------------------------
+
+struct Channel::State {
+  Session* session = nullptr;
+  ssh_channel channel = nullptr;
+  ssh_channel_callbacks_struct callbacks{};
+  std::optional<int> exitStatus;
+  bool eofSent = false;
+
+  [[noreturn]] void fail(std::string const& what) const {
+    if (ssh_is_connected(session->raw()) == 0) {
+      session->fail(SSHError::Kind::ConnectionLost, "connection lost: " + session->libraryError());
+    }
+    session->fail(SSHError::Kind::Channel, what + ": " + session->libraryError());
+  }
+
+  // Repeats a non-blocking libssh request until it is answered.
+  template <class Request>
+  void complete(Request request, std::string const& what) {
+    for (;;) {
+      int const rc = request();
+      if (rc == SSH_OK) return;
+      if (rc != SSH_AGAIN) fail(what);
+      session->wait();
+    }
+  }
+};
+
+namespace {
+
+void onExitStatus(ssh_session, ssh_channel, int status, void* userdata) {
+  static_cast<std::optional<int>*>(userdata)->emplace(status);
+}
+
+void onExitSignal(ssh_session, ssh_channel, char const* signal, int, char const*, char const*, void* userdata) {
+  // A shell reports a command killed by signal N as 128 + N; so do we.
+  static_cast<std::optional<int>*>(userdata)->emplace(128 + signalNumber(signal));
+}
+
+}  // namespace
+
+Channel::Channel(Session& session) : state_(std::make_unique<State>()) {
+  State& state = *state_;
+  state.session = &session;
+  state.channel = ssh_channel_new(session.raw());
+  if (state.channel == nullptr) state.fail("cannot create a channel");
+  ssh_callbacks_init(&state.callbacks);
+  state.callbacks.userdata = &state.exitStatus;
+  state.callbacks.channel_exit_status_function = onExitStatus;
+  state.callbacks.channel_exit_signal_function = onExitSignal;
+  ssh_set_channel_callbacks(state.channel, &state.callbacks);
+  state.complete([&] { return ssh_channel_open_session(state.channel); }, "cannot open a session channel");
+}
+
+Channel::~Channel() {
+  if (!state_) return;
+  ssh_remove_channel_callbacks(state_->channel, &state_->callbacks);
+  if (ssh_is_connected(state_->session->raw()) != 0 && ssh_channel_is_open(state_->channel) != 0) {
+    ssh_channel_close(state_->channel);
+  }
+  ssh_channel_free(state_->channel);
+}
+
+Channel::Channel(Channel&& other) noexcept = default;
+
+ssh_channel Channel::raw() const noexcept { return state_->channel; }
+Session& Channel::session() const noexcept { return *state_->session; }
+
+void Channel::requestExec(std::string const& command) {
+  state_->complete([&] { return ssh_channel_request_exec(state_->channel, command.c_str()); },
+                   "the server refused to run a command");
+}
+
+void Channel::requestShell() {
+  state_->complete([&] { return ssh_channel_request_shell(state_->channel); }, "the server refused to start a shell");
+}
+
+void Channel::requestSubsystem(std::string const& subsystem) {
+  state_->complete([&] { return ssh_channel_request_subsystem(state_->channel, subsystem.c_str()); },
+                   "the server refused the subsystem '" + subsystem + "'");
+}
+
+std::size_t Channel::write(std::string_view data) {
+  // One call queues at most this much, so the output buffer stays bounded.
+  constexpr std::size_t kMaxChunk = std::size_t{1} << 20;
+  if (data.empty()) return 0;
+  int const written =
+      ssh_channel_write(state_->channel, data.data(), static_cast<std::uint32_t>(std::min(data.size(), kMaxChunk)));
+  if (written < 0) state_->fail("cannot send data to the server");
+  if (written == 0 && ssh_channel_is_closed(state_->channel) != 0) state_->fail("the server closed the channel");
+  return static_cast<std::size_t>(written);
+}
+
+void Channel::writeAll(std::string_view data) {
+  while (!data.empty()) {
+    std::size_t const written = write(data);
+    data.remove_prefix(written);
+    if (written == 0) state_->session->wait();
+  }
+  while ((ssh_get_poll_flags(state_->session->raw()) & SSH_WRITE_PENDING) != 0) state_->session->wait();
+}
+
+void Channel::sendEof() {
+  if (state_->eofSent) return;
+  if (ssh_channel_send_eof(state_->channel) == SSH_ERROR) state_->fail("cannot send end-of-file");
+  state_->eofSent = true;
+}
+
+std::size_t Channel::read(void* buffer, std::size_t size, Stream stream) {
+  int const n = ssh_channel_read_nonblocking(
+      state_->channel, buffer, static_cast<std::uint32_t>(std::min<std::size_t>(size, std::numeric_limits<int>::max())),
+      stream == Stream::Stderr ? 1 : 0);
+  if (n == SSH_EOF) return 0;
+  if (n < 0) state_->fail("cannot read from the server");
+  if (n > 0) state_->session->noteServerActivity();
+  return static_cast<std::size_t>(n);
+}
+
+std::size_t Channel::read(std::string& out, Stream stream) {
+  constexpr std::size_t kChunk = 64 * 1024;
+  std::size_t total = 0;
+  for (;;) {
+    std::size_t const before = out.size();
+    out.resize(before + kChunk);
+    std::size_t const n = read(out.data() + before, kChunk, stream);
+    out.resize(before + n);
+    total += n;
+    if (n == 0) return total;
+  }
+}
+
+bool Channel::finished() const {
+  ssh_channel const channel = state_->channel;
+  if (ssh_is_connected(state_->session->raw()) == 0) state_->fail("connection lost");
+  return ssh_channel_is_closed(channel) != 0 && ssh_channel_poll(channel, 0) <= 0 && ssh_channel_poll(channel, 1) <= 0;
+}
+
+bool Channel::remoteEof() const { return ssh_channel_is_eof(state_->channel) != 0; }
+
+std::optional<int> Channel::exitStatus() const noexcept { return state_->exitStatus; }
+
+}  // namespace foundation::sshclient::internal
