@@ -72,10 +72,13 @@ std::string messageOf(::archive* a) {
   return text != nullptr ? text : "unknown archive error";
 }
 
-// Opening reports a plain errno beside the text, which names only the file.
+// A failed open names only the file; the OS reason is in the errno beside it.
+// The library reports a bad format as EILSEQ and bad use as EINVAL; those
+// are not OS reasons.
 std::string openMessageOf(::archive* a) {
   const int err = archive_errno(a);
-  return err > 0 ? messageOf(a) + ": " + osText(err) : messageOf(a);
+  const bool osReason = err > 0 && err != EILSEQ && err != EINVAL;
+  return osReason ? messageOf(a) + ": " + osText(err) : messageOf(a);
 }
 
 constexpr std::size_t kBlockSize = 64 * 1024;

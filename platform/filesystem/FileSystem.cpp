@@ -123,7 +123,11 @@ void copyEntry(stdfs::path const& from, stdfs::path const& to, copy_option optio
         ec = errorCode(EISDIR);
         break;
       }
-      stdfs::create_directory(to, from, ec);
+      // An existing folder receives the entries; anything else there is in the way.
+      if (!stdfs::create_directory(to, from, ec) && !ec && !stdfs::is_directory(to, ec) && !ec) {
+        ec = errorCode(EEXIST);
+      }
+      if (ec) break;
       for (stdfs::directory_iterator it(from, ec), end; !ec && it != end; it.increment(ec)) {
         copyEntry(it->path(), to / it->path().filename(), options);
       }
