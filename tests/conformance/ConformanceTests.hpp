@@ -1,0 +1,81 @@
+#pragma once
+// One suite of file-operation tests that every FileAccessInterface
+// implementation must pass. A test binary instantiates it with a factory of
+// its backend:
+//
+//   INSTANTIATE_TEST_SUITE_P(Local, ConformanceTest,
+//                            ::testing::Values(BackendFactory{"Local", makeLocalBackend}), backendName);
+//
+// and compiles ConformanceTests.cpp beside it. The backend gives the
+// operations under test, a fresh folder per test, and a way to set up and
+// inspect fixtures on its side without the operations under test. Where the
+// backends differ by design, the backend states its own answer.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sshfileaccess/FileAccessException.hpp"
+#include "sshfileaccess/FileAccessInterface.hpp"
+
+namespace sshfa::testing::conformance {
+
+using nimbal::remoteaccess::sshfileaccess::FileAccessException;
+using nimbal::remoteaccess::sshfileaccess::FileAccessInterface;
+using nimbal::remoteaccess::sshfileaccess::ustring;
+
+class Backend {
+ public:
+  virtual ~Backend() = default;
+
+  virtual FileAccessInterface& access() = 0;
+  // A fresh empty folder for one test: absolute, no trailing '/'.
+  virtual ustring root() = 0;
+
+  // Fixtures, set up and inspected directly on the backend's side.
+  virtual void writeFile(ustring const& path, std::string const& bytes) = 0;  // makes the folders above
+  [[nodiscard]] virtual std::string readFile(ustring const& path) = 0;
+  virtual void makeFolder(ustring const& path) = 0;  // and the folders above
+  [[nodiscard]] virtual bool present(ustring const& path) = 0;
+  virtual void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) = 0;
+
+  // Where the backends differ by design.
+  [[nodiscard]] virtual FileAccessException::Code errorCode() const = 0;
+  [[nodiscard]] virtual bool listShowsHiddenEntries() const = 0;
+  // What list() answers for a regular file.
+  [[nodiscard]] virtual std::vector<ustring> listOfFile(ustring const& file) const = 0;
+  [[nodiscard]] virtual bool untarCreatesMissingDestination() const = 0;
+  [[nodiscard]] virtual bool unzipCreatesMissingDestination() const = 0;
+
+ protected:
+  Backend() = default;
+  Backend(Backend const&) = default;
+  Backend& operator=(Backend const&) = default;
+};
+
+struct BackendFactory {
+  std::string name;
+  std::function<std::unique_ptr<Backend>()> make;
+};
+
+inline std::string backendName(::testing::TestParamInfo<BackendFactory> const& info) { return info.param.name; }
+
+class ConformanceTest : public ::testing::TestWithParam<BackendFactory> {
+ protected:
+  void SetUp() override;
+
+  FileAccessInterface& fa() { return backend_->access(); }
+  Backend& side() { return *backend_; }
+  // The path of `relative` (UTF-8) inside the test's folder.
+  [[nodiscard]] ustring at(std::string const& relative) const;
+
+ private:
+  std::unique_ptr<Backend> backend_;
+  ustring root_;
+};
+
+}  // namespace sshfa::testing::conformance
