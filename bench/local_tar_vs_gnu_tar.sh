@@ -25,6 +25,6 @@ echo "GNU tar:"
 start=$(date +%s.%N)
 tar -C "$(dirname "$tree")" -cf "$archive" "$(basename "$tree")"
 end=$(date +%s.%N)
-echo "  $(echo "$end - $start" | bc) s for $(stat -c %s "$archive") bytes"
+echo "  $(awk "BEGIN { print $end - $start }") s for $(stat -c %s "$archive") bytes"
 echo "local backend tar:"
 SSHFA_BENCH_TAR_TREE=$tree "$build/bench/local_bench" --benchmark_filter=localTar
