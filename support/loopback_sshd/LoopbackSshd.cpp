@@ -191,12 +191,16 @@ void LoopbackSshd::writeConfig() const {
   // The folder may lie below a world-writable /tmp.
   config += "StrictModes no\n";
   config += "LogLevel VERBOSE\n";
+  config += "UseDNS no\n";
   config += "PrintMotd no\n";
   config += "PrintLastLog no\n";
   config += "X11Forwarding no\n";
   config += "MaxStartups 64\n";
   config += "MaxSessions 64\n";
   config += "Subsystem sftp internal-sftp\n";
+  // bash sources ~/.bashrc for sshd's commands only at shell level 1; that
+  // can cost far more than the command itself.
+  config += "SetEnv SHLVL=1\n";
   writeFile(dir / "sshd_config", config, fs::perms::owner_read | fs::perms::owner_write);
   writeFile(knownHostsFile_, "[" + host_ + "]:" + std::to_string(port_) + " " + hostPublicKey_ + "\n",
             fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);

@@ -1,13 +1,8 @@
 #include "tests/support/TestSshd.hpp"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <pwd.h>
-#include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,11 +17,9 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "platform/i18n/i18n.hpp"
-
-extern char** environ;
+#include "support/loopback_sshd/LoopbackSshd.hpp"
 
 namespace sshfa::testing {
 
@@ -35,7 +28,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char const* kSshd = "/usr/sbin/sshd";
 constexpr char const* kLoopback = "127.0.0.1";
 
 std::string readFile(fs::path const& path) {
@@ -45,50 +37,13 @@ std::string readFile(fs::path const& path) {
   return text.str();
 }
 
-void writeFile(fs::path const& path, std::string const& text, fs::perms mode) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-  fs::permissions(path, mode);
-}
-
 std::string shellQuoted(std::string const& text) {
   std::string out = "'";
   for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return out + "'";
 }
 
-std::string currentUser() {
-  passwd const* entry = getpwuid(geteuid());
-  if (entry == nullptr) throw std::runtime_error("TestSshd: the current user has no passwd entry");
-  return entry->pw_name;
-}
-
 bool isRoot() { return geteuid() == 0; }
-
-int freePort() {
-  int const fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    if (fd >= 0) close(fd);
-    throw std::runtime_error(std::string("TestSshd: no free port: ") + std::strerror(errno));
-  }
-  close(fd);
-  return ntohs(address.sin_port);
-}
-
-bool acceptsConnections(int port) {
-  int const fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool const ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  if (fd >= 0) close(fd);
-  return ok;
-}
 
 fs::path makeDirectory(char const* prefix) {
   std::string pattern = (fs::temp_directory_path() / (std::string(prefix) + ".XXXXXX")).string();
@@ -206,13 +161,7 @@ void installLogPrinter() {
 class TestSshd::Impl {
  public:
   fs::path dir;
-  int port = 0;
-  pid_t pid = -1;
-  std::string user = currentUser();
-  std::string identity;
-  std::string knownHosts;
-  std::string hostKey;
-  std::string logFile;
+  std::unique_ptr<loopback::LoopbackSshd> sshd;
   ServerLog serverLog;
   std::optional<Account> passwordAccount;
   std::optional<Account> cshAccount;
@@ -222,7 +171,6 @@ class TestSshd::Impl {
   Impl(Impl const&) = delete;
   Impl& operator=(Impl const&) = delete;
 
-  void start(std::string const& extraConfig);
   void stop();
   void signalConnections(int signal) const;
   [[nodiscard]] std::vector<pid_t> connectionPids() const;
@@ -230,110 +178,26 @@ class TestSshd::Impl {
 
 TestSshd::Impl::Impl(std::string const& extraConfig) {
   dir = makeDirectory("sshfa-sshd");
-  identity = (dir / "id_ed25519").string();
-  knownHosts = (dir / "known_hosts").string();
-  logFile = (dir / "sshd.log").string();
-  shell("ssh-keygen -q -t ed25519 -N '' -C sshfa-test-host -f " + shellQuoted((dir / "host_ed25519_key").string()));
-  shell("ssh-keygen -q -t ed25519 -N '' -C sshfa-test-client -f " + shellQuoted(identity));
-  writeFile(dir / "authorized_keys", readFile(identity + ".pub"),
-            fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
-  std::istringstream publicKey(readFile((dir / "host_ed25519_key.pub").string()));
-  std::string type;
-  std::string blob;
-  publicKey >> type >> blob;
-  hostKey = type + " " + blob;
-  if (isRoot() && !fs::exists("/run/sshd")) fs::create_directories("/run/sshd");
-
-  // Another process may take the port between choosing and binding it.
-  for (int attempt = 0;; ++attempt) {
-    try {
-      start(extraConfig);
-      break;
-    } catch (std::exception const&) {
-      stop();
-      if (attempt == 4 || readFile(logFile).find("Address already in use") == std::string::npos) throw;
-    }
+  std::string config = extraConfig + "\nPermitRootLogin yes\n";
+  // Password checks need PAM, which needs root.
+  if (isRoot()) {
+    config += "UsePAM yes\nPasswordAuthentication yes\nKbdInteractiveAuthentication yes\n";
+  } else {
+    config += "UsePAM no\nPasswordAuthentication no\nKbdInteractiveAuthentication no\n";
   }
-  serverLog.file = logFile;
-  serverLog.port = port;
+  sshd =
+      std::make_unique<loopback::LoopbackSshd>(loopback::LoopbackSshd::Settings{dir, config, std::chrono::seconds(20)});
+  serverLog.file = sshd->logFile().string();
+  serverLog.port = sshd->port();
   liveLogs().insert(&serverLog);
   installLogPrinter();
 }
 
-void TestSshd::Impl::start(std::string const& extraConfig) {
-  port = freePort();
-  std::string const d = dir.string();
-  std::ostringstream config;
-  config << "Port " << port << "\n"
-         << "ListenAddress " << kLoopback << "\n"
-         << "HostKey " << d << "/host_ed25519_key\n"
-         << "PidFile " << d << "/sshd.pid\n"
-         << "AuthorizedKeysFile " << d << "/authorized_keys\n"
-         << "StrictModes no\n"
-         << "UseDNS no\n"
-         << "PrintMotd no\n"
-         << "PrintLastLog no\n"
-         << "LogLevel VERBOSE\n"
-         << "MaxStartups 100:30:200\n"
-         << "MaxSessions 50\n"
-         << "PermitRootLogin yes\n"
-         << "PubkeyAuthentication yes\n"
-         << "Subsystem sftp internal-sftp\n"
-         // bash sources ~/.bashrc for sshd's commands only at shell level 1;
-         // that can cost far more than the command itself.
-         << "SetEnv SHLVL=1\n";
-  // Password checks need PAM, which needs root.
-  if (isRoot()) {
-    config << "UsePAM yes\nPasswordAuthentication yes\nKbdInteractiveAuthentication yes\n";
-  } else {
-    config << "UsePAM no\nPasswordAuthentication no\nKbdInteractiveAuthentication no\n";
-  }
-  config << extraConfig << "\n";
-  writeFile(dir / "sshd_config", config.str(), fs::perms::owner_read | fs::perms::owner_write);
-  writeFile(knownHosts, "[" + std::string(kLoopback) + "]:" + std::to_string(port) + " " + hostKey + "\n",
-            fs::perms::owner_read | fs::perms::owner_write);
-
-  std::string const configFile = d + "/sshd_config";
-  std::vector<std::string> arguments = {kSshd, "-D", "-f", configFile, "-E", logFile};
-  std::vector<char*> argv;
-  for (auto& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  if (int const rc = posix_spawn(&pid, kSshd, nullptr, nullptr, argv.data(), environ); rc != 0) {
-    pid = -1;
-    throw std::runtime_error(std::string("TestSshd: cannot start ") + kSshd + ": " + std::strerror(rc));
-  }
-
-  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  std::string lastError = "it does not accept connections";
-  while (std::chrono::steady_clock::now() < deadline) {
-    int status = 0;
-    if (waitpid(pid, &status, WNOHANG) == pid) {
-      pid = -1;
-      throw std::runtime_error("TestSshd: sshd exited at start; its log:\n" + readFile(logFile));
-    }
-    if (acceptsConnections(port)) {
-      try {
-        ssh::SSHClient probe(fl::i18n::utf8_to_ustring(kLoopback), port,
-                             {ssh::IdentityFileAuth{user, identity, std::nullopt}}, clientOptions(knownHosts));
-        return;
-      } catch (std::exception const& error) {
-        lastError = error.what();
-      }
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  throw std::runtime_error("TestSshd: sshd on port " + std::to_string(port) + " refuses logins (" + lastError +
-                           "); its log:\n" + readFile(logFile));
-}
-
 void TestSshd::Impl::stop() {
-  if (pid <= 0) return;
+  if (!sshd->running()) return;
   signalConnections(SIGCONT);
   signalConnections(SIGKILL);
-  kill(pid, SIGTERM);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  pid = -1;
+  sshd->stop();
 }
 
 TestSshd::Impl::~Impl() {
@@ -350,9 +214,9 @@ TestSshd::Impl::~Impl() {
 
 std::vector<pid_t> TestSshd::Impl::connectionPids() const {
   std::vector<pid_t> found;
-  if (pid <= 0) return found;
+  if (!sshd->running()) return found;
   auto const parents = parentsOfAllProcesses();
-  std::set<pid_t> tree{pid};
+  std::set<pid_t> tree{sshd->pid()};
   // Parents precede children in pid order only by chance, so iterate to a fixpoint.
   for (bool grew = true; grew;) {
     grew = false;
@@ -384,21 +248,21 @@ std::string const& TestSshd::host() const noexcept {
   static std::string const loopback = kLoopback;
   return loopback;
 }
-int TestSshd::port() const noexcept { return impl_->port; }
-std::string const& TestSshd::user() const noexcept { return impl_->user; }
-std::string const& TestSshd::identityFile() const noexcept { return impl_->identity; }
-std::string const& TestSshd::knownHostsFile() const noexcept { return impl_->knownHosts; }
-std::string const& TestSshd::hostPublicKey() const noexcept { return impl_->hostKey; }
+int TestSshd::port() const noexcept { return impl_->sshd->port(); }
+std::string const& TestSshd::user() const noexcept { return impl_->sshd->user(); }
+std::string const& TestSshd::identityFile() const noexcept { return impl_->sshd->identityFile(); }
+std::string const& TestSshd::knownHostsFile() const noexcept { return impl_->sshd->knownHostsFile(); }
+std::string const& TestSshd::hostPublicKey() const noexcept { return impl_->sshd->hostPublicKey(); }
 fs::path const& TestSshd::directory() const noexcept { return impl_->dir; }
 
-ssh::SSHClientOptions TestSshd::options() const { return clientOptions(impl_->knownHosts); }
+ssh::SSHClientOptions TestSshd::options() const { return clientOptions(knownHostsFile()); }
 
-ssh::AuthMethods TestSshd::auth() const { return {ssh::IdentityFileAuth{impl_->user, impl_->identity, std::nullopt}}; }
+ssh::AuthMethods TestSshd::auth() const { return {ssh::IdentityFileAuth{user(), identityFile(), std::nullopt}}; }
 
 std::unique_ptr<ssh::SSHClient> TestSshd::connect() const { return connect(options()); }
 
 std::unique_ptr<ssh::SSHClient> TestSshd::connect(ssh::SSHClientOptions const& options) const {
-  return std::make_unique<ssh::SSHClient>(fl::i18n::utf8_to_ustring(kLoopback), impl_->port, auth(), options);
+  return std::make_unique<ssh::SSHClient>(fl::i18n::utf8_to_ustring(kLoopback), port(), auth(), options);
 }
 
 void TestSshd::authorizeKey(std::string const& publicKeyFile) const {
@@ -411,7 +275,7 @@ fs::path TestSshd::makeTempDir() {
   return dir;
 }
 
-std::string TestSshd::log() const { return readFile(impl_->logFile); }
+std::string TestSshd::log() const { return impl_->sshd->log(); }
 
 std::vector<pid_t> TestSshd::connectionPids() const { return impl_->connectionPids(); }
 void TestSshd::stopConnections() const { impl_->signalConnections(SIGSTOP); }

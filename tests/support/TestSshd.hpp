@@ -31,7 +31,7 @@ namespace sshfa::testing {
 
 class TestSshd {
  public:
-  // extraConfig: lines appended to the generated sshd_config.
+  // extraConfig: sshd_config lines; they take precedence over the generated ones.
   explicit TestSshd(std::string const& extraConfig = {});
   ~TestSshd();
   TestSshd(TestSshd const&) = delete;
