@@ -2,6 +2,8 @@
 
 #include <libssh/callbacks.h>
 #include <libssh/server.h>  // ssh_send_keepalive
+#include <linux/tcp.h>      // tcp_info with tcpi_bytes_received
+#include <netinet/in.h>
 #include <poll.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -9,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -102,6 +105,18 @@ int signalNumber(char const* name) {
   return 0;
 }
 
+// The kernel's count of bytes received on a TCP socket; nullopt for other
+// transports (a ProxyCommand pipe) and kernels before 4.1.
+std::optional<std::uint64_t> bytesReceived(int fd) {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
+      length < offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received) {
+    return std::nullopt;
+  }
+  return info.tcpi_bytes_received;
+}
+
 }  // namespace
 
 // ---- Session ---------------------------------------------------------------------
@@ -122,6 +137,7 @@ class Session::Impl {
   Clock::time_point nextProbe;
   bool probeOutstanding = false;
   int unanswered = 0;
+  std::optional<std::uint64_t> bytesAtProbe;
 
   [[noreturn]] void fail(SSHError::Kind kind, std::string const& cause) const {
     throw SSHError(kind, description + ": " + cause);
@@ -448,14 +464,21 @@ bool Session::wait(std::chrono::milliseconds timeout) {
   for (;;) {
     auto now = Clock::now();
     if (keepalives && now >= impl.nextProbe) {
-      if (impl.probeOutstanding && ++impl.unanswered >= kMaxUnansweredIntervals) {
+      // libssh may take the answer off the socket before poll() sees it
+      // (any libssh call reads what is there), so the kernel's byte count
+      // is the reliable witness where there is one.
+      auto const received = bytesReceived(ssh_get_fd(session));
+      bool const answered = received && impl.bytesAtProbe && *received != *impl.bytesAtProbe;
+      if (impl.probeOutstanding && !answered && ++impl.unanswered >= kMaxUnansweredIntervals) {
         impl.fail(SSHError::Kind::ConnectionLost,
                   "connection lost: the server did not answer " + std::to_string(kMaxUnansweredIntervals) +
                       " keep-alive messages sent " + std::to_string(impl.keepalive.count()) + " s apart");
       }
+      if (answered) impl.unanswered = 0;
       // libssh keeps one global request in flight: a call whose earlier
       // request was answered only collects that answer, so the second call
       // makes sure a new keep-alive goes out.
+      impl.bytesAtProbe = received;
       ssh_send_keepalive(session);
       ssh_send_keepalive(session);
       impl.probeOutstanding = true;

@@ -38,12 +38,14 @@
 //
 // Keep-alive: while wait() sleeps, it sends keepalive@openssh.com (a global
 // request with want-reply) after each keep-alive interval in which nothing
-// arrived from the server. Any byte from the server counts as the answer; an
-// interval that ends with a keep-alive outstanding and no byte received is
-// unanswered, and the third unanswered interval in a row fails the session
-// with ConnectionLost. An idle-but-alive server is thus detected as dead
-// between 3 and 4 intervals after its last byte and never sooner. An interval
-// of zero disables keep-alives.
+// arrived from the server. Any byte from the server counts as the answer: the
+// kernel's count of received bytes (TCP_INFO) is the witness, since libssh
+// may take the reply off the socket inside any call; over a non-TCP transport
+// (ProxyCommand) only what wait() itself sees counts. An interval that ends
+// with a keep-alive outstanding and no byte received is unanswered, and the
+// third unanswered interval in a row fails the session with ConnectionLost:
+// a silent server is given up 3 to 4 intervals after its last byte, an
+// idle-but-alive one never. An interval of zero disables keep-alives.
 //
 // Errors: every failure is an SSHError thrown through fail(), whose message
 // is "user@host:port: cause". A session that threw ConnectionLost is dead;
