@@ -124,7 +124,9 @@ void LocalFileAccess::list(ustring const& path, std::vector<ustring>& out) {
   }
   if (type != fs::file_status::directory_file) return;
   fs::upath_directory_iterator it;
-  if (!path.empty()) it = fs::upath_directory_iterator(fs::detail::make_native_form(path, true), 0, false);
+  if (!path.empty()) {
+    it = fs::upath_directory_iterator(fs::detail::make_native_form(path, true), fs::report_open_errors, false);
+  }
   for (const fs::upath_directory_iterator end; it != end; ++it) {
     if (it->file_name() == u"." || it->file_name() == u"..") continue;
     out.push_back(genericFullPath(*it));
