@@ -1,0 +1,39 @@
+#pragma once
+// The tool's commands once the side (local or remote) is chosen. Each writes
+// its answer to standard output — plain, one entry per line, or JSON — and
+// returns the exit status; failures of the library propagate as exceptions.
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sshfileaccess/FileAccess.hpp"
+#include "tools/sshfa/Progress.hpp"
+
+namespace sshfa::cli {
+
+// A command line that parsed but makes no sense (exit status 2).
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct FileCommand {
+  std::string name;  // exists, isfile, isdir, parent, ls, stat, touch, rm, mkdir, cp, mv, tar, untar, zip, unzip
+  std::vector<std::string> args;
+  bool recursive = false;  // ls -R
+  bool json = false;
+};
+
+bool isFileCommand(std::string const& name);
+int runFileCommand(nimbal::remoteaccess::sshfileaccess::FileAccessInterface& side, FileCommand const& command);
+
+// put (upload) and get: pairs of source and destination.
+int runTransfer(nimbal::remoteaccess::sshfileaccess::FileAccess& access, ProgressRouter& progress, bool upload,
+                std::vector<std::string> const& args, bool json);
+
+// exec: the words joined by blanks, run by the remote shell; its output goes
+// to ours and its exit status becomes ours.
+int runExec(nimbal::remoteaccess::sshfileaccess::FileAccess& access, std::vector<std::string> const& words, bool json);
+
+}  // namespace sshfa::cli

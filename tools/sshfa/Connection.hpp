@@ -1,0 +1,43 @@
+#pragma once
+// From the tool's connection options to a connected FileAccess: the SSH
+// client's options, the authentication methods in the order they are tried,
+// and the questions asked on the terminal (passphrase of an encrypted key,
+// keyboard-interactive prompts), never echoed.
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "sshfileaccess/FileAccess.hpp"
+#include "tools/sshfa/Progress.hpp"
+
+namespace sshfa::cli {
+
+struct ConnectionSettings {
+  std::string host;  // a name, an address, a ~/.ssh/config alias; "user@host" also works
+  int port = 0;      // 0: from the SSH configuration, else 22
+  std::string user;  // empty: from the SSH configuration, else the login name
+  std::string identityFile;
+  bool agent = false;
+  bool passwordFromStdin = false;
+  std::string knownHostsFile;  // empty: ~/.ssh/known_hosts, /etc/ssh/ssh_known_hosts
+  bool acceptNewHostKey = false;
+  std::chrono::seconds keepalive{0};       // 0: the client's default
+  std::chrono::seconds connectTimeout{0};  // 0: the client's default
+  bool readSshConfig = true;
+  std::string sshConfigFile;  // instead of ~/.ssh/config
+  bool batch = false;         // never ask on the terminal
+};
+
+// Connects. Throws foundation::sshclient::SSHError from the client, and
+// std::runtime_error when a password was asked for on standard input and
+// none came.
+std::unique_ptr<nimbal::remoteaccess::sshfileaccess::FileAccess> connect(ConnectionSettings settings,
+                                                                         ProgressRouter& progress);
+
+// Whether the private key file is protected by a passphrase (PEM with
+// "ENCRYPTED", or an OpenSSH key whose cipher is not "none"). False when the
+// file cannot be read: the client then reports the problem.
+bool isEncryptedKeyFile(std::string const& path);
+
+}  // namespace sshfa::cli

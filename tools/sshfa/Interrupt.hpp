@@ -1,0 +1,33 @@
+#pragma once
+// Ctrl-C and SIGTERM for work that must clean up after itself (transfers,
+// the demo). While an InterruptGuard lives, the first SIGINT or SIGTERM only
+// sets a flag that the work polls (throwIfInterrupted); a second one ends the
+// process at once, for the case that the work is stuck. Outside a guard the
+// signals keep their default action. One guard at a time.
+
+#include <stdexcept>
+
+namespace sshfa::cli {
+
+class Interrupted : public std::runtime_error {
+ public:
+  explicit Interrupted(int signalNumber);
+  [[nodiscard]] int signalNumber() const noexcept { return signal_; }
+
+ private:
+  int signal_;
+};
+
+class InterruptGuard {
+ public:
+  InterruptGuard();
+  ~InterruptGuard();
+  InterruptGuard(InterruptGuard const&) = delete;
+  InterruptGuard& operator=(InterruptGuard const&) = delete;
+};
+
+// The signal received under the current guard, or 0.
+int pendingInterrupt() noexcept;
+void throwIfInterrupted();
+
+}  // namespace sshfa::cli

@@ -1,0 +1,60 @@
+#pragma once
+// Progress of a transfer on standard error: a one-line bar (percentage,
+// bytes, rate, files, ETA) redrawn in place when standard error is a
+// terminal, and a summary afterwards.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/sshclient/SSHClient.hpp"
+
+namespace sshfa::cli {
+
+struct TransferTotals {
+  std::size_t files = 0;
+  std::uint64_t bytes = 0;
+  double seconds = 0;
+};
+
+class TransferReporter {
+ public:
+  explicit TransferReporter(bool drawBar);
+  ~TransferReporter();
+  TransferReporter(TransferReporter const&) = delete;
+  TransferReporter& operator=(TransferReporter const&) = delete;
+
+  // Throws Interrupted when a Ctrl-C is pending, so that the transfer winds
+  // down cleanly.
+  void update(foundation::sshclient::TransferProgress const& progress);
+  // Removes the bar and returns what was transferred.
+  TransferTotals finish();
+
+ private:
+  void draw();
+
+  bool drawBar_;
+  bool drawn_ = false;
+  std::chrono::steady_clock::time_point start_;
+  foundation::sshclient::TransferProgress last_;
+};
+
+// Routes the SSH client's progress callback (fixed when the client is built)
+// to whichever reporter is current; none by default.
+class ProgressRouter {
+ public:
+  [[nodiscard]] std::function<void(foundation::sshclient::TransferProgress const&)> callback();
+  void setReporter(TransferReporter* reporter) noexcept { *current_ = reporter; }
+
+ private:
+  std::shared_ptr<TransferReporter*> current_ = std::make_shared<TransferReporter*>(nullptr);
+};
+
+std::string formatBytes(std::uint64_t bytes);
+std::string formatRate(std::uint64_t bytes, double seconds);
+// "300 files, 3.1 MiB in 0.42 s (7.4 MiB/s)"
+std::string describeTotals(TransferTotals const& totals);
+
+}  // namespace sshfa::cli

@@ -1,0 +1,11 @@
+#pragma once
+// -v: the library's trace (severity 4: commands and transfers) and its
+// reports of swallowed failures (severity 16) on standard error, one line per
+// record, escaped when standard error is a terminal.
+
+namespace sshfa::cli {
+
+// Enables both severities and adds the sink; call once.
+void enableTrace();
+
+}  // namespace sshfa::cli

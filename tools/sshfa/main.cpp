@@ -1,0 +1,3 @@
+#include "tools/sshfa/Cli.hpp"
+
+int main(int argc, char** argv) { return sshfa::cli::run(argc, argv); }
