@@ -6,7 +6,8 @@ namespace foundation::sshclient::internal {
 
 CommandOutput ExecChannelRunner::run(std::string const& command) {
   Channel channel(session_);
-  channel.requestExec(kExecWrapper);
+  // The command text follows the request without waiting for its answer.
+  channel.requestExec(kExecWrapper, Channel::Answer::Later);
   CommandOutput result;
   std::string_view input = command;
   // Output is read while the input is still being sent: a large command text
@@ -21,7 +22,13 @@ CommandOutput ExecChannelRunner::run(std::string const& command) {
     if (input.empty()) channel.sendEof();
     progressed |= channel.read(result.out, Stream::Stdout) > 0;
     progressed |= channel.read(result.err, Stream::Stderr) > 0;
-    if (channel.finished()) break;
+    bool const started = channel.requestAnswered();
+    if (channel.finished()) {
+      if (!started && !channel.requestAnswered()) {
+        session_.fail(SSHError::Kind::Channel, "the server closed the channel without answering the command request");
+      }
+      break;
+    }
     if (!progressed) session_.wait();
   }
   std::optional<int> const status = channel.exitStatus();

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -132,6 +133,7 @@ class Session::Impl {
   unsigned port = 0;
   std::string description;
   std::chrono::seconds keepalive{30};
+  std::chrono::seconds connectTimeout{30};
 
   // Keep-alive bookkeeping, see the header.
   Clock::time_point nextProbe;
@@ -159,6 +161,18 @@ class Session::Impl {
   int authenticateKeyboardInteractive(KeyboardInteractiveAuth const& method);
   std::string publicKeyAttempt(IdentityFileAuth const& method, int& rc);
   std::string agentAttempt(AgentAuth const& method, int& rc);
+
+  // An authentication step that got no answer in time, or lost the
+  // connection, ends the attempt: no other method could fare better.
+  void failIfStalled(int rc, std::string const& step) const {
+    if (rc == SSH_AUTH_AGAIN) {
+      fail(SSHError::Kind::Timeout, "the server did not answer the authentication (" + step + ") within " +
+                                        std::to_string(connectTimeout.count()) + " s");
+    }
+    if (rc == SSH_AUTH_ERROR && ssh_is_connected(session.get()) == 0) {
+      fail(SSHError::Kind::ConnectionLost, "connection lost during authentication: " + libraryError());
+    }
+  }
 
   void setOption(ssh_options_e option, void const* value, char const* what) const {
     if (ssh_options_set(session.get(), option, value) < 0) {
@@ -388,10 +402,9 @@ bool Session::Impl::authenticate(AuthMethod const& method, std::vector<std::stri
     case SSH_AUTH_PARTIAL:
       attempts.push_back(name + " (accepted, but the server asks for more)");
       return false;
+    case SSH_AUTH_AGAIN:
     case SSH_AUTH_ERROR:
-      if (ssh_is_connected(session.get()) == 0) {
-        fail(SSHError::Kind::ConnectionLost, "connection lost during authentication: " + libraryError());
-      }
+      failIfStalled(rc, name);
       attempts.push_back(name + " (" + libraryError() + ")");
       return false;
     default:
@@ -405,6 +418,7 @@ Session::Session(std::string host, int port, AuthMethods const& authMethods, SSH
   Impl& impl = *impl_;
   impl.host = std::move(host);
   impl.keepalive = options.keepaliveInterval;
+  impl.connectTimeout = options.connectTimeout;
 
   std::vector<std::string> attempts;
   bool authenticated = false;
@@ -415,7 +429,9 @@ Session::Session(std::string host, int port, AuthMethods const& authMethods, SSH
     connectedAs = user;
     // "none" both asks the server which methods it offers and logs in when
     // it needs no authentication at all.
-    authenticated = ssh_userauth_none(impl.session.get(), nullptr) == SSH_AUTH_SUCCESS;
+    int const rc = ssh_userauth_none(impl.session.get(), nullptr);
+    impl.failIfStalled(rc, "none");
+    authenticated = rc == SSH_AUTH_SUCCESS;
     offered = ssh_userauth_list(impl.session.get(), nullptr);
   };
   for (auto const& method : authMethods) {
@@ -525,14 +541,29 @@ struct Channel::State {
     session->fail(SSHError::Kind::Channel, what + ": " + session->libraryError());
   }
 
-  // Repeats a non-blocking libssh request until it is answered.
-  template <class Request>
-  void complete(Request request, std::string const& what) {
-    for (;;) {
-      int const rc = request();
-      if (rc == SSH_OK) return;
-      if (rc != SSH_AGAIN) fail(what);
-      session->wait();
+  // The request sent last, repeated until the server answers it.
+  std::function<int()> pending;
+  std::string pendingWhat;
+
+  void start(std::function<int()> request, std::string what) {
+    pending = std::move(request);
+    pendingWhat = std::move(what);
+    answered();
+  }
+
+  bool answered() {
+    if (!pending) return true;
+    int const rc = pending();
+    if (rc == SSH_AGAIN) return false;
+    pending = nullptr;
+    if (rc != SSH_OK) fail(pendingWhat);
+    return true;
+  }
+
+  void request(std::function<int()> request, std::string what, Channel::Answer answer) {
+    start(std::move(request), std::move(what));
+    if (answer == Channel::Answer::Wait) {
+      while (!answered()) session->wait();
     }
   }
 };
@@ -560,7 +591,8 @@ Channel::Channel(Session& session) : state_(std::make_unique<State>()) {
   state.callbacks.channel_exit_status_function = onExitStatus;
   state.callbacks.channel_exit_signal_function = onExitSignal;
   ssh_set_channel_callbacks(state.channel, &state.callbacks);
-  state.complete([&] { return ssh_channel_open_session(state.channel); }, "cannot open a session channel");
+  state.request([channel = state.channel] { return ssh_channel_open_session(channel); },
+                "cannot open a session channel", Answer::Wait);
 }
 
 Channel::~Channel() {
@@ -577,19 +609,23 @@ Channel::Channel(Channel&& other) noexcept = default;
 ssh_channel Channel::raw() const noexcept { return state_->channel; }
 Session& Channel::session() const noexcept { return *state_->session; }
 
-void Channel::requestExec(std::string const& command) {
-  state_->complete([&] { return ssh_channel_request_exec(state_->channel, command.c_str()); },
-                   "the server refused to run a command");
+void Channel::requestExec(std::string const& command, Answer answer) {
+  state_->request([channel = state_->channel, command] { return ssh_channel_request_exec(channel, command.c_str()); },
+                  "the server refused to run a command", answer);
 }
 
-void Channel::requestShell() {
-  state_->complete([&] { return ssh_channel_request_shell(state_->channel); }, "the server refused to start a shell");
+void Channel::requestShell(Answer answer) {
+  state_->request([channel = state_->channel] { return ssh_channel_request_shell(channel); },
+                  "the server refused to start a shell", answer);
 }
 
-void Channel::requestSubsystem(std::string const& subsystem) {
-  state_->complete([&] { return ssh_channel_request_subsystem(state_->channel, subsystem.c_str()); },
-                   "the server refused the subsystem '" + subsystem + "'");
+void Channel::requestSubsystem(std::string const& subsystem, Answer answer) {
+  state_->request(
+      [channel = state_->channel, subsystem] { return ssh_channel_request_subsystem(channel, subsystem.c_str()); },
+      "the server refused the subsystem '" + subsystem + "'", answer);
 }
+
+bool Channel::requestAnswered() { return state_->answered(); }
 
 std::size_t Channel::write(std::string_view data) {
   // One call queues at most this much, so the output buffer stays bounded.

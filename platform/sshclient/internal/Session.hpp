@@ -128,10 +128,18 @@ class Channel {
   [[nodiscard]] ssh_channel raw() const noexcept;
   [[nodiscard]] Session& session() const noexcept;
 
-  // Each waits for the server's answer; a refusal throws SSHError(Channel).
-  void requestExec(std::string const& command);
-  void requestShell();  // no pty: a plain byte stream
-  void requestSubsystem(std::string const& subsystem);
+  // Ask the server to run a command, start a shell (no pty: a plain byte
+  // stream) or start a subsystem. Answer::Wait waits for the answer (a
+  // refusal throws SSHError(Channel)). Answer::Later returns at once, so
+  // that input can follow without waiting a round trip; requestAnswered()
+  // then reports the answer.
+  enum class Answer { Wait, Later };
+  void requestExec(std::string const& command, Answer answer = Answer::Wait);
+  void requestShell(Answer answer = Answer::Wait);
+  void requestSubsystem(std::string const& subsystem, Answer answer = Answer::Wait);
+  // True once the last request was accepted (at once after Answer::Wait);
+  // throws SSHError(Channel) when the server refused it.
+  bool requestAnswered();
 
   // Queues as much of `data` as the peer's window allows; returns how much.
   std::size_t write(std::string_view data);

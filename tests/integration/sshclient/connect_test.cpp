@@ -202,6 +202,34 @@ TEST(Authentication, KeyboardInteractiveWithAWrongAnswerFails) {
       << error->what();
 }
 
+TEST(Authentication, ServerThatStopsAnsweringDuringAuthenticationTimesOut) {
+  TestSshd server;
+  auto account = server.passwordAccount();
+  if (!account) GTEST_SKIP() << TestSshd::accountsUnavailableReason();
+  auto options = server.options();
+  options.connectTimeout = std::chrono::seconds(1);
+  auto const start = std::chrono::steady_clock::now();
+  auto const error = catchSSHError([&] {
+    ssh::SSHClient client(
+        u(server.host()), server.port(),
+        {ssh::KeyboardInteractiveAuth{
+             account->user,
+             [&](std::string const&, std::string const&, std::vector<ssh::KeyboardInteractivePrompt> const& prompts) {
+               server.stopConnections();
+               return std::vector<std::string>(prompts.size(), account->password);
+             }},
+         ssh::PasswordAuth{account->user, account->password}},
+        options);
+  });
+  server.continueConnections();
+  EXPECT_LT(secondsSince(start), 4.0);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::Timeout);
+  EXPECT_EQ(std::string(error->what()),
+            prefixOf(server, account->user) +
+                "the server did not answer the authentication (keyboard-interactive) within 1 s");
+}
+
 // An ssh-agent of the test's own, on a socket in a fresh folder.
 class Agent {
  public:
