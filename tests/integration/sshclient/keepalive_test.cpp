@@ -107,6 +107,22 @@ void waitFor(foundation::sshclient::internal::Session& session, std::chrono::mil
   }
 }
 
+TEST(Keepalive, WritingToADroppedConnectionIsAnErrorNotASignal) {
+  TestSshd server;
+  foundation::sshclient::internal::Session session(server.host(), server.port(), server.auth(), server.options());
+  foundation::sshclient::internal::Channel channel(session);
+  channel.requestExec("cat >/dev/null");
+  server.killConnections();
+  std::this_thread::sleep_for(200ms);
+  std::string const data(4 << 20, 'x');
+  auto const error = catchSSHError([&] {
+    channel.writeAll(data);
+    channel.writeAll(data);
+  });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::ConnectionLost);
+}
+
 TEST(Keepalive, WaitReturnsFalseAfterItsTimeoutWhenNothingHappens) {
   auto& server = TestSshd::instance();
   foundation::sshclient::internal::Session session(server.host(), server.port(), server.auth(), server.options());
