@@ -590,6 +590,29 @@ TEST_F(ScriptedTest, AFailedUploadClosesAndRemovesItsTemporary) {
   EXPECT_EQ(seen[4].firstString(), seen[1].firstString());
 }
 
+TEST_F(ScriptedTest, FilesThatAllCompleteAtOnceMakeRoomForTheNext) {
+  std::vector<FileLocations> items;
+  for (int i = 0; i < 300; ++i) {
+    auto const name = "local" + std::to_string(i);
+    writeFile(scratch_ / name, "x");
+    items.push_back({fl::i18n::utf8_to_ustring((scratch_ / name).string()), u"/r/" + fl::i18n::utf8_to_ustring(name)});
+  }
+  std::size_t renames = 0;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    if (r.type == PacketType::Init) {
+      out.push_back(Body(PacketType::Version).u32(3).str("posix-rename@openssh.com").str("1").framed());
+    } else if (r.type == PacketType::Open) {
+      out.push_back(Body(PacketType::Handle).u32(r.id).str("H").framed());
+    } else {
+      renames += r.type == PacketType::Extended ? 1U : 0U;
+      out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+    }
+  });
+  transfer(server, kPeer,
+           CopyFilesCommand(std::move(items), TransferDirection::LocalToRemote, TransferProtocol::SFTP, 0744), {}, {});
+  EXPECT_EQ(renames, 300U);
+}
+
 TEST_F(ScriptedTest, ATakenTemporaryNameIsRetriedAndNeverRemoved) {
   writeFile(scratch_ / "local", "x");
   std::vector<Request> seen;

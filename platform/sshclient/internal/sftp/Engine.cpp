@@ -304,6 +304,9 @@ void Engine::run() {
   try {
     handshake();
     for (;;) {
+      // Files finished by the last replies make room for new ones, and files
+      // that failed as they started must not look busy.
+      reap();
       startJobs();
       issueData();
       reap();
