@@ -39,9 +39,14 @@ std::string toolPath() {
   return SSHFA_BUILT_TOOL;
 }
 
+std::string examplesDirectory() {
+  if (char const* built = std::getenv("SSHFA_EXAMPLES_DIR"); built != nullptr && *built != '\0') return built;
+  return SSHFA_BUILT_EXAMPLES;
+}
+
 ToolProcess::ToolProcess(std::vector<std::string> const& args, ToolOptions options)
     : options_(std::move(options)), deadline_(std::chrono::steady_clock::now() + options_.timeout) {
-  std::vector<std::string> argvStrings{toolPath()};
+  std::vector<std::string> argvStrings{options_.program.empty() ? toolPath() : options_.program};
   argvStrings.insert(argvStrings.end(), args.begin(), args.end());
   std::vector<std::string> envStrings;
   for (char** entry = environ; *entry != nullptr; ++entry) envStrings.emplace_back(*entry);

@@ -23,13 +23,17 @@ struct ToolResult {
 };
 
 struct ToolOptions {
-  std::string input;  // written to standard input, which is then closed
+  std::string program;  // another program to run instead of sshfa
+  std::string input;    // written to standard input, which is then closed
   bool terminal = false;
   std::vector<std::string> environment;  // extra NAME=value entries
   std::chrono::seconds timeout{180};
 };
 
 std::string toolPath();
+// The folder of the example programs: $SSHFA_EXAMPLES_DIR when set (built
+// against an installed package), else the one built with the tests.
+std::string examplesDirectory();
 
 class ToolProcess {
  public:

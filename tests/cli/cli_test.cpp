@@ -142,6 +142,9 @@ TEST_F(CliTest, HelpForTheToolAndEveryCommand) {
     EXPECT_THAT(help.out, HasSubstr("Usage: sshfa " + command)) << command;
   }
   EXPECT_THAT(runTool({"ls", "--help"}).out, HasSubstr("-R,--recursive"));
+  auto const version = runTool({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_THAT(version.out, ::testing::MatchesRegex("sshfa [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
 TEST_F(CliTest, UsageErrorsExitWithTwo) {
@@ -593,6 +596,43 @@ TEST_F(CliTest, KeyboardInteractivePromptsOnTheTerminal) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr(account->user + "\n"));
   EXPECT_EQ(result.out.find(account->password), std::string::npos);
+}
+
+// ---- the examples --------------------------------------------------------------------
+
+class ExamplesTest : public CliTest {
+ protected:
+  static ToolResult runExample(std::string const& name, std::vector<std::string> const& extra) {
+    std::vector<std::string> args{server().host(), std::to_string(server().port()), server().user(),
+                                  server().identityFile(), server().knownHostsFile()};
+    args.insert(args.end(), extra.begin(), extra.end());
+    ToolOptions options;
+    options.program = examplesDirectory() + "/" + name;
+    return runTool(args, options);
+  }
+};
+
+TEST_F(ExamplesTest, CopyTreeUpAndBack) {
+  writeFile(at("tree/a.txt"), "alpha");
+  writeFile(at("tree/sub/b c.txt"), "beta beta");
+  auto const result = runExample("copy_tree", {at("tree"), at("remote/tree")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "2 files: 2 on the remote host, 2 back\nall sizes match\n");
+  EXPECT_EQ(filesBelow(at("remote/tree")), filesBelow(at("tree")));
+  EXPECT_EQ(filesBelow(at("tree.back")), filesBelow(at("tree")));
+}
+
+TEST_F(ExamplesTest, StatManyPathsInOneCall) {
+  writeFile(at("one"), "1");
+  setModificationTime(at("one"), 1614834367);
+  writeFile(at("three"), "333");
+  setModificationTime(at("three"), 0);
+  auto const result = runExample("stat_many", {at("one"), at("two"), at("three")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "           1  2021-03-04T05:06:07Z  " + at("one") + "\n" +
+                            "           -  missing               " + at("two") + "\n" +
+                            "           3  1970-01-01T00:00:00Z  " + at("three") + "\n" + "3 paths, 1 missing\n");
+  EXPECT_EQ(runExample("stat_many", {}).status, kUsage);
 }
 
 // ---- the demo --------------------------------------------------------------------------

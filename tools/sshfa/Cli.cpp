@@ -208,6 +208,7 @@ std::vector<char*> splitOffExecWords(CLI::App const& app, int argc, char** argv,
 int run(int argc, char** argv) {
   Invocation inv;
   CLI::App app{"Files on this machine and on one remote Unix host over SSH.", "sshfa"};
+  app.set_version_flag("--version", "sshfa " SSHFA_VERSION);
   app.require_subcommand(1);
   // Options of the tool may also follow the command: sshfa ls -H host /tmp
   app.fallthrough();

@@ -72,15 +72,17 @@ void TransferReporter::draw() {
       fmt::format(" {} / {}  {}  {}/{} files  ETA {}", formatBytes(last_.bytesDone), formatBytes(total),
                   formatRate(last_.bytesDone, elapsed), last_.filesDone, last_.filesTotal, eta);
   std::string const head = fmt::format("{:3.0f}% ", fraction * 100.0);
-  int const columns = terminalColumns(STDERR_FILENO);
-  int const barWidth = columns - 1 - static_cast<int>(head.size() + tail.size()) - 2;
+  // Room is left at the end for the terminal's "^C", so that it cannot wrap
+  // the line and leave a stale bar behind.
+  int const columns = terminalColumns(STDERR_FILENO) - 3;
+  int const barWidth = columns - static_cast<int>(head.size() + tail.size()) - 2;
   std::string line = head;
   if (barWidth >= 10) {
     auto const filled = static_cast<std::size_t>(fraction * barWidth);
     line += "[" + std::string(filled, '#') + std::string(static_cast<std::size_t>(barWidth) - filled, '.') + "]";
   }
   line += tail;
-  if (static_cast<int>(line.size()) >= columns) line.resize(static_cast<std::size_t>(std::max(columns - 1, 0)));
+  if (static_cast<int>(line.size()) > columns) line.resize(static_cast<std::size_t>(std::max(columns, 0)));
   writeStderr("\r" + line + "\x1b[K");
   drawn_ = true;
 }

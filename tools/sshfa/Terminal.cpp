@@ -53,7 +53,6 @@ bool canPrompt() { return Tty().fd() >= 0; }
 std::optional<std::string> promptOnTerminal(std::string const& prompt, bool echo) {
   Tty tty;
   if (tty.fd() < 0) return std::nullopt;
-  tty.write(prompt);
 
   struct sigaction restore {};
   restore.sa_handler = restoreEchoAndDie;
@@ -69,8 +68,11 @@ std::optional<std::string> promptOnTerminal(std::string const& prompt, bool echo
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ECHONL;
     gEchoOff = 1;
+    // Discards what was typed ahead; the prompt comes after, so that nothing
+    // typed in answer to it is lost.
     ::tcsetattr(tty.fd(), TCSAFLUSH, &quiet);
   }
+  tty.write(prompt);
 
   std::string line;
   bool complete = false;
