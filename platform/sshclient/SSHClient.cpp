@@ -3,15 +3,16 @@
 #include "platform/i18n/i18n.hpp"
 #include "platform/sshclient/internal/ExecChannelRunner.hpp"
 #include "platform/sshclient/internal/Session.hpp"
+#include "platform/sshclient/internal/ShellChannelRunner.hpp"
 #include "platform/sshclient/internal/Transfer.hpp"
 
 namespace foundation::sshclient {
 
 namespace {
 
-// Every mode runs on exec channels until the persistent shell runner exists.
-std::unique_ptr<internal::CommandRunner> makeRunner(internal::Session& session, CommandMode /*mode*/) {
-  return std::make_unique<internal::ExecChannelRunner>(session);
+std::unique_ptr<internal::CommandRunner> makeRunner(internal::Session& session, CommandMode mode) {
+  if (mode == CommandMode::ExecChannel) return std::make_unique<internal::ExecChannelRunner>(session);
+  return std::make_unique<internal::ShellChannelRunner>(session);
 }
 
 }  // namespace

@@ -1,0 +1,288 @@
+#include "platform/sshclient/internal/ShellChannelRunner.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cstdint>
+#include <random>
+#include <string_view>
+#include <utility>
+
+namespace foundation::sshclient::internal {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Parsed identically by sh, bash, csh, tcsh and fish. Started this way, sh
+// names itself "sh" in $0 and in its messages, as under the exec wrapper.
+constexpr char const* kShellCommand = "exec sh";
+
+// Each cat is given 2^kCatRounds pairs of pipes, so a shell serves that many
+// commands; the runner then starts a new one.
+constexpr int kCatRounds = 13;
+constexpr std::size_t kCommandsPerShell = std::size_t{1} << kCatRounds;
+
+// Once the shell process has ended, how long its helpers may take to close
+// the channel, delivering what is still in the pipes.
+constexpr std::chrono::seconds kCloseGrace{2};
+
+// The longest status text after a marker: "255", or "-" for "not run".
+constexpr std::size_t kMaxStatusText = 3;
+
+std::string shellQuoted(std::string_view text) {
+  std::string quoted;
+  quoted.reserve(text.size() + 2);
+  quoted += '\'';
+  for (char const c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  quoted += '\'';
+  return quoted;
+}
+
+bool endsWith(std::string_view text, std::string_view suffix) {
+  return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
+}
+
+// Where the last line of `text` - `marker`, a short status text, "\n" -
+// starts; nullopt while it has not fully arrived.
+std::optional<std::size_t> markerLine(std::string_view text, std::string_view marker) {
+  if (text.empty() || text.back() != '\n') return std::nullopt;
+  std::size_t const longest = marker.size() + kMaxStatusText + 1;
+  std::size_t const at = text.find(marker, text.size() > longest ? text.size() - longest : 0);
+  if (at == std::string_view::npos) return std::nullopt;
+  return at;
+}
+
+// The start-up script. It creates the private folder with the pipes (o/O
+// for standard output and its marker, e/E for standard error, l to watch the
+// shell's life) and a supervisor, detached so that $! stays unset in the
+// shell. The supervisor starts the two cats and waits on l: a line there
+// means a cat has ended, so the shell can no longer deliver results and is
+// killed; end-of-file means the shell has gone (it holds l open on fd 9), so
+// the cats are stopped and the folder is removed. Errors of the helpers go
+// to /dev/null; cat copies standard error through fd 3. The last two lines
+// announce readiness with `ready` and the folder's path.
+std::string startupScript(std::string const& folderName, std::string const& ready) {
+  return "(set +s) 2>/dev/null && set +s\n"  // $- without "s", as under sh -c
+         "d=${TMPDIR:-/tmp}/" +
+         folderName +
+         "\n"
+         "(umask 077 && mkdir \"$d\" && cd \"$d\" && mkfifo o O e E l) || exit\n"
+         "a='o O' b='e E' n=0\n"
+         "while [ \"$n\" -lt " +
+         std::to_string(kCatRounds) +
+         " ]; do a=\"$a $a\" b=\"$b $b\" n=$((n+1)); done\n"
+         "( (cd \"$d\" || exit\n"
+         "  { cat $a </dev/null 3>&- & echo \"$!\" >1; wait \"$!\"; echo >l; } &\n"
+         "  { cat $b </dev/null >&3 3>&- & echo \"$!\" >2; wait \"$!\"; echo >l; } &\n"
+         "  IFS= read -r x && kill -KILL $$\n"
+         "  read -r p <1; read -r q <2; kill \"$p\" \"$q\"; cd / && rm -rf \"$d\") <\"$d/l\" 3>&2 2>/dev/null & )\n"
+         "exec 9>\"$d/l\"\n"
+         "printf '%s%s\\n' " +
+         ready +
+         " \"$d\"\n"
+         "printf '%s\\n' " +
+         ready +
+         " >&2\n"
+         "unset a b d n\n";
+}
+
+}  // namespace
+
+// One running shell with its channel.
+class ShellChannelRunner::Shell {
+ public:
+  // Starts the shell; throws SSHError(Channel) with what it said when it
+  // does not come up.
+  explicit Shell(Session& session);
+
+  // The shell is alive, nothing unexpected is waiting on the channel and the
+  // cats have rounds left.
+  bool ready();
+
+  struct Outcome {
+    std::optional<CommandOutput> output;  // set when the command completed
+    bool started = true;                  // false: provably never started
+  };
+  Outcome run(std::string const& command);
+
+  // Why the shell is gone, for messages.
+  [[nodiscard]] std::string describeEnd() const;
+
+ private:
+  // Sends `input` while collecting both streams until `done()` holds (true)
+  // or the shell and its helpers are gone (then the result of a last done()).
+  template <class Done>
+  bool exchange(std::string_view input, std::string& out, std::string& err, Done const& done);
+
+  std::string randomMarker();
+
+  Session& session_;
+  Channel channel_;
+  std::random_device random_;
+  // What the login shell printed before sh started; an exec channel shows it
+  // in front of every command's output, and so do we.
+  std::string preambleOut_;
+  std::string preambleErr_;
+  // The fixed parts of a command line around the command text and the marker.
+  std::string check_;
+  std::string redirections_;
+  std::string statusPipe_;
+  std::string markerPipe_;
+  std::size_t commandsLeft_ = kCommandsPerShell;
+};
+
+ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_(session) {
+  channel_.requestExec(kShellCommand);
+  std::string const ready = randomMarker();
+  std::string out;
+  std::string err;
+  std::optional<std::size_t> readyAt;
+  bool const started = exchange(startupScript("sshfa-shell." + randomMarker(), ready), out, err, [&] {
+    if (!endsWith(err, ready + "\n") || out.empty() || out.back() != '\n') return false;
+    std::size_t const at = out.rfind(ready);
+    if (at == std::string::npos) return false;
+    readyAt = at;
+    return true;
+  });
+  if (!started) {
+    std::string said = err;
+    while (!said.empty() && (said.back() == '\n' || said.back() == '\r')) said.pop_back();
+    session_.fail(SSHError::Kind::Channel,
+                  "cannot start a shell on the server" + (said.empty() ? std::string() : ": " + said));
+  }
+  preambleOut_ = out.substr(0, *readyAt);
+  preambleErr_ = err.substr(0, err.size() - ready.size() - 1);
+  std::string const folder = out.substr(*readyAt + ready.size(), out.size() - 1 - *readyAt - ready.size());
+  auto const pipe = [&](char name) { return shellQuoted(folder + "/" + name); };
+  check_ = "if [ -p " + pipe('o') + " ] && [ -p " + pipe('O') + " ] && [ -p " + pipe('e') + " ] && [ -p " + pipe('E') +
+           " ]; then (exec 9>&-; eval ";
+  redirections_ = " </dev/null) </dev/null >" + pipe('o') + " 2>" + pipe('e') + "; { printf '%s%d\\n' ";
+  statusPipe_ = " \"$?\" >" + pipe('O') + " && printf '%s\\n' ";
+  markerPipe_ = " >" + pipe('E') + "; } 2>/dev/null || exit; else printf '%s-\\n' ";
+}
+
+std::string ShellChannelRunner::Shell::randomMarker() {
+  // 128 bits; the fixed prefix keeps it a plain word for sh.
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string marker = "sshfa";
+  for (int word = 0; word < 4; ++word) {
+    auto bits = static_cast<std::uint32_t>(random_());
+    for (int digit = 0; digit < 8; ++digit, bits >>= 4) marker += kDigits[bits & 0xFU];
+  }
+  return marker;
+}
+
+template <class Done>
+bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& out, std::string& err, Done const& done) {
+  std::optional<Clock::time_point> giveUpAt;
+  for (;;) {
+    bool progressed = false;
+    if (!input.empty()) {
+      std::size_t const written = channel_.write(input);
+      input.remove_prefix(written);
+      progressed = written > 0;
+    }
+    bool const received = channel_.read(out, Stream::Stdout) + channel_.read(err, Stream::Stderr) > 0;
+    if (received && done()) return true;
+    if (channel_.finished()) return done();
+    if (!giveUpAt && channel_.exitStatus()) giveUpAt = Clock::now() + kCloseGrace;
+    if (giveUpAt && Clock::now() >= *giveUpAt) return done();
+    if (progressed || received) continue;
+    if (giveUpAt) {
+      auto const left = std::chrono::ceil<std::chrono::milliseconds>(*giveUpAt - Clock::now());
+      session_.wait(std::max(left, std::chrono::milliseconds(1)));
+    } else {
+      session_.wait();
+    }
+  }
+}
+
+bool ShellChannelRunner::Shell::ready() {
+  if (commandsLeft_ == 0 || channel_.exitStatus() || channel_.remoteEof() || channel_.finished()) return false;
+  std::string stray;
+  return channel_.read(stray, Stream::Stdout) + channel_.read(stray, Stream::Stderr) == 0;
+}
+
+ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string const& command) {
+  --commandsLeft_;
+  // The exec wrapper reads the text through "$(cat)", which drops trailing
+  // line feeds.
+  std::string_view text = command;
+  while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  std::string const marker = randomMarker();
+  std::string const line = check_ + shellQuoted(text) + redirections_ + marker + statusPipe_ + marker + markerPipe_ +
+                           marker + "; exit; fi\n";
+
+  std::string out;
+  std::string err;
+  std::optional<std::size_t> outAt;
+  bool const completed = exchange(line, out, err, [&] {
+    outAt = markerLine(out, marker);
+    if (!outAt) return false;
+    return out.compare(*outAt + marker.size(), 2, "-\n") == 0 || endsWith(err, marker + "\n");
+  });
+  if (!completed) return {};
+  std::string_view const status(out.data() + *outAt + marker.size(), out.size() - 1 - *outAt - marker.size());
+  if (status == "-") return {std::nullopt, false};
+  CommandOutput result;
+  auto const [end, error] = std::from_chars(status.data(), status.data() + status.size(), result.exitStatus);
+  if (error != std::errc() || end != status.data() + status.size()) {
+    session_.fail(SSHError::Kind::Channel, "the shell on the server reported an unreadable exit status");
+  }
+  out.resize(*outAt);
+  err.resize(err.size() - marker.size() - 1);
+  result.out = preambleOut_.empty() ? std::move(out) : preambleOut_ + out;
+  result.err = preambleErr_.empty() ? std::move(err) : preambleErr_ + err;
+  return {std::move(result), true};
+}
+
+std::string ShellChannelRunner::Shell::describeEnd() const {
+  std::optional<int> const status = channel_.exitStatus();
+  if (!status) return "the server closed its channel";
+  if (*status > 128) return "it was killed by signal " + std::to_string(*status - 128);
+  return "it exited with status " + std::to_string(*status);
+}
+
+ShellChannelRunner::ShellChannelRunner(Session& session) : session_(session) {}
+
+ShellChannelRunner::~ShellChannelRunner() = default;
+
+CommandOutput ShellChannelRunner::run(std::string const& command) {
+  if (fallback_) return fallback_->run(command);
+  for (bool retried = false;; retried = true) {
+    if (shell_ && !shell_->ready()) shell_.reset();
+    if (!shell_) {
+      try {
+        shell_ = std::make_unique<Shell>(session_);
+      } catch (SSHError const& error) {
+        if (error.kind() != SSHError::Kind::Channel) throw;
+        fallback_.emplace(session_);
+        return fallback_->run(command);
+      }
+    }
+    Shell::Outcome outcome;
+    try {
+      outcome = shell_->run(command);
+    } catch (...) {
+      shell_.reset();
+      throw;
+    }
+    if (outcome.output) return std::move(*outcome.output);
+    std::string const cause =
+        outcome.started ? "the shell on the server ended while running the command (" + shell_->describeEnd() +
+                              "); its result is lost"
+                        : std::string("the shell on the server lost its private pipes and could not run the command");
+    shell_.reset();
+    if (!outcome.started && !retried) continue;
+    session_.fail(SSHError::Kind::Channel, cause);
+  }
+}
+
+}  // namespace foundation::sshclient::internal

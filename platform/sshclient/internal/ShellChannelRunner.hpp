@@ -1,0 +1,51 @@
+#pragma once
+// Runs every command inside one long-lived sh on its own channel, opened on
+// first use, and returns what an exec channel would have returned for it.
+//
+// The channel runs "exec sh", whose script arrives on its standard input: a
+// start-up part, then one line per command. Each line evaluates the command
+// text in a subshell, the way ExecChannelRunner's wrapper does
+// (eval TEXT </dev/null), so variables, cd, umask, traps, set -e and aliases
+// die with the subshell and parse errors read as they do there.
+//
+// Where a command's output ends: its standard output and error go to two
+// named pipes in a private folder, read by two cat processes that live as
+// long as the shell and copy into the channel. cat moves past a pipe only
+// when every process holding it has closed it, like sshd with an exec
+// channel's pipes, so a background job that still writes is waited for. Then
+// the shell writes a random 128-bit marker (and the exit status) through the
+// same cats, after all of the command's bytes.
+//
+// If the shell dies while a command runs (the command killed it, the server
+// closed the channel), run() throws SSHError(Channel) and the next command
+// gets a fresh shell; a command that provably never started is run on a
+// fresh shell instead. When no shell can be started at all (no writable
+// temporary folder, a restricted account), the runner falls back to exec
+// channels for the rest of the session.
+
+#include <memory>
+#include <optional>
+
+#include "platform/sshclient/internal/CommandRunner.hpp"
+#include "platform/sshclient/internal/ExecChannelRunner.hpp"
+#include "platform/sshclient/internal/Session.hpp"
+
+namespace foundation::sshclient::internal {
+
+class ShellChannelRunner final : public CommandRunner {
+ public:
+  explicit ShellChannelRunner(Session& session);
+  ~ShellChannelRunner() override;
+  ShellChannelRunner(ShellChannelRunner const&) = delete;
+  ShellChannelRunner& operator=(ShellChannelRunner const&) = delete;
+
+  CommandOutput run(std::string const& command) override;
+
+ private:
+  class Shell;
+  Session& session_;
+  std::unique_ptr<Shell> shell_;
+  std::optional<ExecChannelRunner> fallback_;
+};
+
+}  // namespace foundation::sshclient::internal
