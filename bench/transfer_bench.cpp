@@ -9,6 +9,7 @@
 // the median of them is reported, with each tool's time divided by ours.
 //
 // Usage: transfer_bench [--runs N] [--big-mib N] [--files N] [--only big|small]
+//                       [--tools ours,sftp,...]   (names as printed; ours is always run)
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -85,6 +86,7 @@ struct Options {
   std::size_t bigMiB = 1024;
   int files = 10000;
   std::string only;
+  std::string tools;  // comma-separated names; empty: all
 };
 
 class Bench {
@@ -192,6 +194,9 @@ class Bench {
     std::map<std::string, std::vector<double>> samples;
     for (int run = 0; run < options_.runs; ++run) {
       for (auto const& [name, action] : tools) {
+        if (name != "ours" && !options_.tools.empty() && options_.tools.find("," + name + ",") == std::string::npos) {
+          continue;
+        }
         clean();
         auto const start = Clock::now();
         action();
@@ -265,8 +270,12 @@ int main(int argc, char** argv) {
       options.files = std::stoi(value);
     } else if (flag == "--only") {
       options.only = value;
+    } else if (flag == "--tools") {
+      options.tools = "," + value + ",";
     } else {
-      std::fprintf(stderr, "usage: %s [--runs N] [--big-mib N] [--files N] [--only big|small]\n", argv[0]);
+      std::fprintf(stderr,
+                   "usage: %s [--runs N] [--big-mib N] [--files N] [--only big|small] [--tools ours,sftp,...]\n",
+                   argv[0]);
       return 2;
     }
   }

@@ -287,6 +287,25 @@ TEST_P(EngineTest, PermissionDenied) {
   EXPECT_TRUE(message.ends_with("': Permission denied")) << message;
 }
 
+TEST_P(EngineTest, TheServerRefusingAccess) {
+  auto const pair = source("f", "x");
+  writeFile(pair.destination, "old");
+  std::string message = "no error";
+  try {
+    copy({pair}, {}, {}, {"-P", "open"});
+  } catch (SSHError const& e) {
+    message = e.what();
+  }
+  if (upload()) {
+    EXPECT_TRUE(message.starts_with(prefix(pair) + "cannot create '" + dst().string() + "/.f.sshfa-")) << message;
+    EXPECT_TRUE(message.ends_with("': Permission denied")) << message;
+  } else {
+    EXPECT_EQ(message, prefix(pair) + "cannot open " + quotedPath(pair.source) + ": Permission denied");
+  }
+  EXPECT_EQ(readFile(pair.destination), "old");
+  EXPECT_EQ(listNames(dst()), std::vector<std::string>{"f"});
+}
+
 TEST_P(EngineTest, FullDiskKeepsTheOldDestination) {
   auto const pair = source("f", randomBytes(3 * 1048576, 3));
   writeFile(pair.destination, "old");

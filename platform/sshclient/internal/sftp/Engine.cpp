@@ -29,6 +29,9 @@ constexpr std::uint32_t kMaxChunk = 1024U * 1024U;
 constexpr std::size_t kIoBlock = 1024U * 1024U;
 // Requests are not queued beyond this many unsent bytes.
 constexpr std::size_t kOutboundLimit = 1024U * 1024U;
+// Room offered to each receive: large replies arrive in few calls, and a
+// partial packet is seldom moved to make room.
+constexpr std::size_t kReceiveRoom = 512U * 1024U;
 // Received bytes handled per turn before sending again.
 constexpr std::size_t kReceiveBatch = 1024U * 1024U;
 // Exclusive creation of a temporary name can collide with a stranger's file.
@@ -143,7 +146,7 @@ class Connection {
     }
     std::size_t received = 0;
     while (received < kReceiveBatch) {
-      auto const n = transport_.receive(in_.writable(64U * 1024U));
+      auto const n = transport_.receive(in_.writable(kReceiveRoom));
       if (n == 0) break;
       in_.commit(n);
       received += n;
@@ -642,8 +645,8 @@ void Engine::issueWrites(Job& job) {
     auto const length =
         static_cast<std::uint32_t>(std::min<std::uint64_t>({chunk_, job.size - job.next, job.block.end() - job.next}));
     auto const id = track(&job, Op::Write, job.next, length);
-    auto const space = connection_.writer().write(id, job.handle, job.next, length);
-    std::memcpy(space.data(), job.block.bytes.data() + (job.next - job.block.offset), length);
+    connection_.writer().write(id, job.handle, job.next,
+                               ByteView(job.block.bytes).subspan(job.next - job.block.offset, length));
     job.next += length;
     ++job.dataInFlight;
     inFlight_ += length;

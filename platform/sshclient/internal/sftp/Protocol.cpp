@@ -227,16 +227,13 @@ void PacketWriter::read(std::uint32_t id, std::string_view handle, std::uint64_t
   end(start);
 }
 
-std::span<std::uint8_t> PacketWriter::write(std::uint32_t id, std::string_view handle, std::uint64_t offset,
-                                            std::uint32_t length) {
+void PacketWriter::write(std::uint32_t id, std::string_view handle, std::uint64_t offset, ByteView data) {
   auto const start = begin(PacketType::Write, id);
   putString(handle);
   putU64(offset);
-  putU32(length);
-  auto const dataStart = out_.size();
-  out_.resize(dataStart + length);
+  putU32(static_cast<std::uint32_t>(data.size()));
+  out_.insert(out_.end(), data.begin(), data.end());
   end(start);
-  return std::span<std::uint8_t>(out_).subspan(dataStart, length);
 }
 
 void PacketWriter::lstat(std::uint32_t id, std::string_view path) {

@@ -188,9 +188,7 @@ class PacketWriter {
   void open(std::uint32_t id, std::string_view path, std::uint32_t flags, Attributes const& attributes);
   void close(std::uint32_t id, std::string_view handle);
   void read(std::uint32_t id, std::string_view handle, std::uint64_t offset, std::uint32_t length);
-  // Writes the WRITE header for `length` data bytes and returns the space for
-  // them, which the caller fills before the buffer is touched again.
-  std::span<std::uint8_t> write(std::uint32_t id, std::string_view handle, std::uint64_t offset, std::uint32_t length);
+  void write(std::uint32_t id, std::string_view handle, std::uint64_t offset, ByteView data);
   void lstat(std::uint32_t id, std::string_view path);
   void stat(std::uint32_t id, std::string_view path);
   void fstat(std::uint32_t id, std::string_view handle);
