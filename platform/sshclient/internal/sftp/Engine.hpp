@@ -51,7 +51,7 @@ struct EngineOptions {
   // File data sent or requested and not yet acknowledged.
   std::uint64_t windowBytes = 8U * 1024U * 1024U;
   // Files open at once (also bounded by the server's handle limit).
-  std::size_t maxOpenFiles = 64;
+  std::size_t maxOpenFiles = 128;
   // Bytes per READ/WRITE; unset: the server's limits, else 32 KiB.
   std::optional<std::uint32_t> chunkSize;
   // Off: always the plain-rename path, as with a server without the extension.
