@@ -272,6 +272,8 @@ void UnixSSHFileAccess::untar(ustring const& archivePath, ustring const& destina
   }
 }
 
+// No "cd" here: a relative archive path is read from the login folder, and
+// "-d" makes a missing destination itself.
 void UnixSSHFileAccess::unzip(ustring const& archivePath, ustring const& destinationFolder) {
   executeExpectNoError(joined({u"unzip", quoted(archivePath), u"-d", quoted(destinationFolder)}));
 }

@@ -162,11 +162,11 @@ TEST_F(LineFeedName, ArchivesRoundTripIt) {
   EXPECT_EQ(hostRead(at(u"out/src\nd/f\ng")), u"payload");
 }
 
-// Relative paths: the commands run in the login folder, and a final name that
-// begins with '-' reaches tar as an option word.
-using RelativePaths = RemoteHostTest;
+// The final name of a packed source is passed to tar relative to its parent,
+// so a name that begins with '-' reaches tar as an option word.
+using OptionLikeNames = RemoteHostTest;
 
-TEST_F(RelativePaths, ArchiveOfAFinalNameThatLooksLikeAnOptionFailsWithTarsMessage) {
+TEST_F(OptionLikeNames, ArchiveOfAFinalNameThatLooksLikeAnOptionFailsWithTarsMessage) {
   hostMakeDir(at(u"-rf"));
   const std::string message = remoteErrorOf([&] { remote_->tar(at(u"-rf"), at(u"x.tar")); });
   EXPECT_THAT(message, ::testing::StartsWith("tar: "));

@@ -363,5 +363,38 @@ TEST_F(Archives, UnzipOverAnExistingFileFailsWithoutInput) {
   EXPECT_TRUE(remote_->isFile(at(u"out/src/f")));
 }
 
+// Commands run in the login folder: a source without a folder part is packed
+// from there (its parent is empty, and "cd ''" stays put), unzip reads a
+// relative archive path from there, and untar reads it from the destination.
+class RelativePaths : public RemoteHostTest {
+ protected:
+  void SetUp() override {
+    RemoteHostTest::SetUp();
+    inHome_ = u"sshfa-remote-test-" + dir_.substr(dir_.rfind(u'/') + 1);
+  }
+  void TearDown() override { remote_->remove(Paths{inHome_, inHome_ + u".zip"}); }
+  ustring inHome_;
+};
+
+TEST_F(RelativePaths, PackingASourceWithoutFolderPartWorksFromTheLoginFolder) {
+  remote_->makeDir(inHome_ + u"/sub");
+  remote_->touch(inHome_ + u"/sub/f");
+  EXPECT_EQ(remote_->parent(inHome_), u"");
+  remote_->tar(inHome_, at(u"home.tar"));
+  EXPECT_EQ(run(u"tar -tf " + hostWord(at(u"home.tar")) + u" | sort"),
+            inHome_ + u"/\n" + inHome_ + u"/sub/\n" + inHome_ + u"/sub/f\n");
+
+  remote_->zip(inHome_, inHome_ + u".zip");
+  remote_->unzip(inHome_ + u".zip", at(u"unzipped"));
+  EXPECT_TRUE(hostIsFile(at(u"unzipped/" + inHome_ + u"/sub/f")));
+
+  remote_->makeDir(at(u"untarred"));
+  remote_->untar(u"../home.tar", at(u"untarred"));
+  EXPECT_TRUE(hostIsFile(at(u"untarred/" + inHome_ + u"/sub/f")));
+
+  EXPECT_TRUE(remote_->isDir(inHome_));
+  EXPECT_THAT(remote_->list(inHome_), ElementsAre(inHome_ + u"/sub"));
+}
+
 }  // namespace
 }  // namespace sshfa::testing
