@@ -15,6 +15,11 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
+TEST(Construction, TheHostConstructorPassesTheClientsExceptionThrough) {
+  // Nothing listens on port 1.
+  EXPECT_THROW(UnixSSHFileAccess(u"127.0.0.1", 1, TestSshd::instance().auth()), foundation::sshclient::SSHError);
+}
+
 using Queries = RemoteHostTest;
 
 TEST_F(Queries, ExistsOfAMissingPathIsFalse) {

@@ -219,6 +219,19 @@ TEST_F(Queries, ListRecursivelyOfAPathLongerThanTheLimitSendsTheSuffixAloneFirst
   EXPECT_THAT(sent(), ElementsAre(u" -type f", u"find '" + longPath + u"' -type f"));
 }
 
+// ---- ownership -------------------------------------------------------------------------
+
+TEST_F(Queries, MovingHandsTheClientOver) {
+  UnixSSHFileAccess moved(std::move(*remote_));
+  reply(u"1\n");
+  EXPECT_TRUE(moved.exists(ustring(u"/m")));
+  UnixSSHFileAccess assigned(std::make_unique<sshfa::testing::RecordingSSHClient>());
+  assigned = std::move(moved);
+  reply(u"");
+  EXPECT_FALSE(assigned.isDir(ustring(u"/m")));
+  EXPECT_THAT(sent(), ElementsAre(u"test -e '/m' && echo 1", u"test -d '/m' && echo 1"));
+}
+
 // ---- virtual dispatch between single and list forms ------------------------------
 
 class OverridingSingles : public UnixSSHFileAccess {
