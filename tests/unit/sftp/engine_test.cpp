@@ -272,10 +272,16 @@ TEST_P(EngineTest, SourceIsAFolder) {
 TEST_P(EngineTest, DestinationIsAFolder) {
   auto const pair = source("f", "x");
   fs::create_directory(pair.destination);
-  auto const message = failureOf({pair});
-  EXPECT_TRUE(message.starts_with(prefix(pair) + "cannot replace " + quotedPath(pair.destination) + ": ")) << message;
-  EXPECT_EQ(listNames(dst()), std::vector<std::string>{"f"});
-  EXPECT_TRUE(fs::is_directory(pair.destination));
+  writeFile(pair.destination / "inside", "kept");
+  for (bool const posixRename : {true, false}) {
+    EngineOptions options;
+    options.usePosixRename = posixRename;
+    EXPECT_EQ(failureOf({pair}, SSHError::Kind::Transfer, options),
+              prefix(pair) + "cannot replace " + quotedPath(pair.destination) +
+                  (upload() ? ": it is a folder" : ": Is a directory"));
+    EXPECT_EQ(listNames(dst()), std::vector<std::string>{"f"});
+    EXPECT_EQ(readFile(pair.destination / "inside"), "kept");
+  }
 }
 
 TEST_P(EngineTest, PermissionDenied) {

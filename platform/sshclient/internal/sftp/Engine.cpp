@@ -34,6 +34,8 @@ constexpr std::size_t kOutboundLimit = 1024U * 1024U;
 constexpr std::size_t kReceiveRoom = 512U * 1024U;
 // Received bytes handled per turn before sending again.
 constexpr std::size_t kReceiveBatch = 1024U * 1024U;
+// Files started before the server has stated its handle limit.
+constexpr std::size_t kFilesBeforeLimits = 8;
 // Exclusive creation of a temporary name can collide with a stranger's file.
 constexpr int kTempAttempts = 4;
 // Keeps temporary names within NAME_MAX.
@@ -171,6 +173,7 @@ enum class Op {
   Close,
   Rename,
   PosixRename,
+  Inspect,
   MoveAside,
   MoveIn,
   Cleanup,
@@ -185,7 +188,9 @@ struct Job {
   std::string temp;         // temporary beside the destination, once created
   std::string opening;      // temporary name being created
   std::string aside;        // the old destination while it is moved aside
-  std::string handle;       // remote handle while open
+  std::string renameError;  // why the destination could not simply be replaced
+  bool plainRename = false;
+  std::string handle;  // remote handle while open
   UniqueFd fd;
   FileBlock block;
   std::uint64_t size = 0;
@@ -228,6 +233,7 @@ class Engine {
  private:
   // ---- driving
   void handshake();
+  void adopt(Limits const& limits);
   void startJobs();
   void issueData();
   void onPacket(ByteView packet);
@@ -258,6 +264,7 @@ class Engine {
   void finishUpload(Job& job);
   void onUploadClose(Job& job, Reply const& reply);
   void onRename(Job& job, Op op, Reply const& reply);
+  void onInspect(Job& job, Reply const& reply);
 
   // ---- downloads
   void startDownload(Job& job);
@@ -280,7 +287,6 @@ class Engine {
   bool versionReceived_ = false;
   bool limitsPending_ = false;
   bool posixRename_ = false;
-  Limits limits_;
   std::uint32_t chunk_ = kDefaultChunk;
   std::size_t ioBlock_ = kIoBlock;
   std::size_t maxOpenFiles_ = 1;
@@ -342,22 +348,29 @@ void Engine::run() {
   }
 }
 
+// The server's limits are asked for, but not waited for: the first files
+// open meanwhile, and their data waits for the chunk size.
 void Engine::handshake() {
   connection_.writer().init();
   while (!versionReceived_) connection_.pump([this](ByteView packet) { onPacket(packet); });
   if (limitsPending_) {
     connection_.writer().limits(track(nullptr, Op::Limits));
-    while (limitsPending_) connection_.pump([this](ByteView packet) { onPacket(packet); });
+    maxOpenFiles_ = std::min(kFilesBeforeLimits, std::max<std::size_t>(1, options_.maxOpenFiles));
+  } else {
+    adopt(Limits{});
   }
+}
 
-  auto const stated = upload_ ? limits_.maxWriteLength : limits_.maxReadLength;
+void Engine::adopt(Limits const& limits) {
+  limitsPending_ = false;
+  auto const stated = upload_ ? limits.maxWriteLength : limits.maxReadLength;
   std::uint64_t chunk = stated > 0 ? std::min<std::uint64_t>(stated, kMaxChunk) : kDefaultChunk;
-  if (limits_.maxPacketLength > 2048) chunk = std::min<std::uint64_t>(chunk, limits_.maxPacketLength - 1024);
-  chunk_ = options_.chunkSize.value_or(static_cast<std::uint32_t>(chunk));
+  if (limits.maxPacketLength > 2048) chunk = std::min<std::uint64_t>(chunk, limits.maxPacketLength - 1024);
+  chunk_ = std::max<std::uint32_t>(1, options_.chunkSize.value_or(static_cast<std::uint32_t>(chunk)));
   ioBlock_ = chunk_ * ((kIoBlock + chunk_ - 1) / chunk_);
   maxOpenFiles_ = std::max<std::size_t>(1, options_.maxOpenFiles);
-  if (limits_.maxOpenHandles > 0) {
-    maxOpenFiles_ = std::min<std::size_t>(maxOpenFiles_, std::max<std::uint64_t>(1, limits_.maxOpenHandles / 2));
+  if (limits.maxOpenHandles > 0) {
+    maxOpenFiles_ = std::min<std::size_t>(maxOpenFiles_, std::max<std::uint64_t>(1, limits.maxOpenHandles / 2));
   }
 }
 
@@ -387,6 +400,7 @@ void Engine::startJobs() {
 }
 
 void Engine::issueData() {
+  if (limitsPending_) return;
   for (auto& job : jobs_) {
     if (inFlight_ >= options_.windowBytes || connection_.queued() >= kOutboundLimit) return;
     if (job->phase != Job::Phase::Transferring || job->failed) continue;
@@ -421,8 +435,7 @@ void Engine::onPacket(ByteView packet) {
 
 void Engine::dispatch(Pending const& pending, Reply const& reply) {
   if (pending.op == Op::Limits) {
-    if (reply.type == PacketType::ExtendedReply) limits_ = decodeLimits(reply.data);
-    limitsPending_ = false;
+    adopt(reply.type == PacketType::ExtendedReply ? decodeLimits(reply.data) : Limits{});
     return;
   }
   auto& job = *pending.job;
@@ -445,6 +458,9 @@ void Engine::dispatch(Pending const& pending, Reply const& reply) {
       break;
     case Op::Close:
       onUploadClose(job, reply);
+      break;
+    case Op::Inspect:
+      onInspect(job, reply);
       break;
     case Op::Rename:
     case Op::PosixRename:
@@ -691,22 +707,22 @@ void Engine::onUploadClose(Job& job, Reply const& reply) {
   }
 }
 
-// Replacing the destination. Without posix-rename, RENAME refuses an existing
-// target; then the old file moves aside, the new one in, and the old one goes.
+// Replacing the destination. A generic failure is looked into: a folder in
+// the way is named as such, and a plain RENAME (without posix-rename) refuses
+// any existing target, so an old regular file moves aside, the new one in,
+// and the old one goes.
 void Engine::onRename(Job& job, Op op, Reply const& reply) {
   if (job.failed) return;
   if (reply.type != PacketType::Status) throw ProtocolError("unexpected reply to RENAME");
-  auto const failure = [&] {
-    fail(job, "cannot replace " + quoted(job.destination) + ": " + describeStatus(reply.status, reply.message));
-  };
   if (reply.status != StatusCode::Ok) {
-    if (op == Op::Rename && reply.status == StatusCode::Failure) {
-      job.aside = tempNameFor(job.destination);
-      connection_.writer().rename(track(&job, Op::MoveAside), job.destination, job.aside);
+    job.renameError = describeStatus(reply.status, reply.message);
+    if ((op == Op::Rename || op == Op::PosixRename) && reply.status == StatusCode::Failure) {
+      job.plainRename = op == Op::Rename;
+      connection_.writer().lstat(track(&job, Op::Inspect), job.destination);
       return;
     }
     if (op == Op::MoveAside) job.aside.clear();
-    return failure();
+    return fail(job, "cannot replace " + quoted(job.destination) + ": " + job.renameError);
   }
   if (op == Op::MoveAside) {
     connection_.writer().rename(track(&job, Op::MoveIn), job.temp, job.destination);
@@ -714,6 +730,19 @@ void Engine::onRename(Job& job, Op op, Reply const& reply) {
   }
   if (op == Op::MoveIn) connection_.writer().remove(track(&job, Op::Cleanup), std::exchange(job.aside, {}));
   complete(job);
+}
+
+void Engine::onInspect(Job& job, Reply const& reply) {
+  if (job.failed) return;
+  if (reply.type == PacketType::Attrs && reply.attributes.isDirectory()) {
+    return fail(job, "cannot replace " + quoted(job.destination) + ": it is a folder");
+  }
+  bool const regular = reply.type == PacketType::Attrs && reply.attributes.permissions &&
+                       (*reply.attributes.permissions & modebits::kTypeMask) == modebits::kRegular;
+  if (!job.plainRename || !regular)
+    return fail(job, "cannot replace " + quoted(job.destination) + ": " + job.renameError);
+  job.aside = tempNameFor(job.destination);
+  connection_.writer().rename(track(&job, Op::MoveAside), job.destination, job.aside);
 }
 
 // ---- downloads -----------------------------------------------------------------
