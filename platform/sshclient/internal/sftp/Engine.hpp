@@ -12,7 +12,9 @@
 // destination only once complete, so an existing destination is either
 // untouched or wholly replaced. Remote renames use posix-rename@openssh.com
 // when the server offers it, else a plain rename and, where that refuses to
-// replace, a move-aside-and-back sequence.
+// replace an existing regular file, a move-aside-and-back sequence (a short
+// window in which the destination name is absent). A folder in the
+// destination's place is never replaced.
 //
 // Created files get the command's mode (usually 0744), narrowed by the umask
 // of whoever creates them: the remote sftp-server's for uploads, this
