@@ -211,6 +211,14 @@ TEST_P(EngineTest, FilesNamedLikeTemporariesAreLeftAlone) {
   EXPECT_EQ(listNames(dst()).size(), 3U);
 }
 
+TEST_P(EngineTest, OfTwoItemsWithOneDestinationTheLaterStays) {
+  auto const big = source("big", randomBytes(4 * 1048576, 6));
+  auto const small = source("small", "the later one");
+  copy({{big.source, dst() / "same"}, {small.source, dst() / "same"}, source("other", "x")});
+  EXPECT_EQ(readFile(dst() / "same"), "the later one");
+  EXPECT_EQ(listNames(dst()), (std::vector<std::string>{"other", "same"}));
+}
+
 TEST_P(EngineTest, OddNames) {
   std::vector<std::string> const names{
       "with blank", "it's", "new\nline", std::string("bad\xff\xfeutf8"), "-dash", std::string(250, 'L')};
@@ -530,6 +538,22 @@ TEST_F(ScriptedTest, AFileThatShrankEndsAtTheEndOfFile) {
   EXPECT_EQ(readFile(scratch_ / "f"), "only this");
 }
 
+TEST_F(ScriptedTest, FilesOpenWhileTheLimitsAreAskedFor) {
+  ScriptedDownload script;
+  script.contents = "abc";
+  script.statSize = 3;
+  script.limitsRead = 1000;
+  std::vector<PacketType> types;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    types.push_back(r.type);
+    script(r, out);
+  });
+  transfer(server, kPeer, download(), {}, {});
+  EXPECT_EQ(types, (std::vector<PacketType>{PacketType::Init, PacketType::Extended, PacketType::Stat, PacketType::Open,
+                                            PacketType::Read, PacketType::Close}));
+  EXPECT_EQ(readFile(scratch_ / "f"), "abc");
+}
+
 TEST_F(ScriptedTest, AnUnknownSizeIsReadUntilTheEndOfFile) {
   ScriptedDownload script;
   script.contents = randomBytes(200000, 10);
@@ -636,6 +660,54 @@ TEST_F(ScriptedTest, FilesThatAllCompleteAtOnceMakeRoomForTheNext) {
   transfer(server, kPeer,
            CopyFilesCommand(std::move(items), TransferDirection::LocalToRemote, TransferProtocol::SFTP, 0744), {}, {});
   EXPECT_EQ(renames, 300U);
+}
+
+// Strings of a request body in order (what follows them is not read).
+std::vector<std::string> stringsOf(Bytes const& body, std::size_t count, std::size_t skipAfterFirst = 0) {
+  std::vector<std::string> strings;
+  std::size_t at = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    auto const length = (std::uint32_t{body[at]} << 24U) | (std::uint32_t{body[at + 1]} << 16U) |
+                        (std::uint32_t{body[at + 2]} << 8U) | body[at + 3];
+    strings.emplace_back(body.begin() + static_cast<long>(at + 4), body.begin() + static_cast<long>(at + 4 + length));
+    at += 4 + length + (i == 0 ? skipAfterFirst : 0);
+  }
+  return strings;
+}
+
+TEST_F(ScriptedTest, OfTwoUploadsToOnePlaceTheLaterStaysEvenWhenTheEarlierIsDelayed) {
+  writeFile(scratch_ / "earlier", "earlier");
+  writeFile(scratch_ / "later", "later");
+  std::map<std::string, std::string> pathOfHandle;
+  std::map<std::string, std::string> contentsOfPath;
+  std::string lastRenamed;
+  int opens = 0;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    if (r.type == PacketType::Init) {
+      out.push_back(Body(PacketType::Version).u32(3).str("posix-rename@openssh.com").str("1").framed());
+    } else if (r.type == PacketType::Open && ++opens == 1) {
+      // The first temporary name is taken: the earlier file needs a second try.
+      out.push_back(sshfa::testing::status(r.id, StatusCode::Failure).framed());
+    } else if (r.type == PacketType::Open) {
+      auto const handle = "H" + std::to_string(opens);
+      pathOfHandle[handle] = r.firstString();
+      out.push_back(Body(PacketType::Handle).u32(r.id).str(handle).framed());
+    } else {
+      if (r.type == PacketType::Write) {
+        auto const strings = stringsOf(r.body, 2, 8);
+        contentsOfPath[pathOfHandle[strings[0]]] = strings[1];
+      }
+      if (r.type == PacketType::Extended) lastRenamed = stringsOf(r.body, 3)[1];
+      out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+    }
+  });
+  std::vector<FileLocations> items;
+  for (auto const* name : {"earlier", "later"}) {
+    items.push_back({fl::i18n::utf8_to_ustring((scratch_ / name).string()), u"/r/same"});
+  }
+  transfer(server, kPeer,
+           CopyFilesCommand(std::move(items), TransferDirection::LocalToRemote, TransferProtocol::SFTP, 0744), {}, {});
+  EXPECT_EQ(contentsOfPath[lastRenamed], "later");
 }
 
 TEST_F(ScriptedTest, ATakenTemporaryNameIsRetriedAndNeverRemoved) {

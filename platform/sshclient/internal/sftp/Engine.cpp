@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -294,6 +295,9 @@ class Engine {
   std::uint32_t nextId_ = 0;
   std::unordered_map<std::uint32_t, Pending> pending_;
   std::vector<std::unique_ptr<Job>> jobs_;
+  // Destinations of unfinished files: a later item to the same place waits,
+  // so that it is the one that stays.
+  std::unordered_multiset<std::string> busyDestinations_;
   std::size_t nextItem_ = 0;
   std::uint64_t inFlight_ = 0;
   bool stopping_ = false;
@@ -389,11 +393,14 @@ void Engine::startJobs() {
   auto const& items = command_.getItems();
   while (!stopping_ && nextItem_ < items.size() && jobs_.size() < maxOpenFiles_ &&
          connection_.queued() < kOutboundLimit) {
+    auto const& item = items[nextItem_];
+    auto destination = fl::i18n::ustring_to_utf8(upload_ ? item.remotePath : item.localPath);
+    if (busyDestinations_.contains(destination)) return;
     auto job = std::make_unique<Job>();
     job->index = nextItem_++;
-    auto const& item = items[job->index];
     job->source = fl::i18n::ustring_to_utf8(upload_ ? item.localPath : item.remotePath);
-    job->destination = fl::i18n::ustring_to_utf8(upload_ ? item.remotePath : item.localPath);
+    job->destination = std::move(destination);
+    busyDestinations_.insert(job->destination);
     jobs_.push_back(std::move(job));
     start(*jobs_.back());
   }
@@ -537,6 +544,7 @@ void Engine::discardTemp(Job& job) {
 void Engine::fail(Job& job, std::string const& cause) {
   if (job.failed || job.phase == Job::Phase::Done) return;
   job.failed = true;
+  busyDestinations_.erase(busyDestinations_.find(job.destination));
   stopping_ = true;
   if (!cancelled_) failures_.emplace_back(job.index, describeItem(job) + cause);
   job.fd.reset();
@@ -552,6 +560,7 @@ void Engine::fail(Job& job, std::string const& cause) {
 }
 
 void Engine::complete(Job& job) {
+  busyDestinations_.erase(busyDestinations_.find(job.destination));
   job.temp.clear();
   job.phase = Job::Phase::Done;
   ++filesDone_;
