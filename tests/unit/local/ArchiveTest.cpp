@@ -17,23 +17,6 @@ using namespace sshfa::testing::local;
 
 namespace {
 
-template <class Call>
-std::string messageOf(Call&& call) {
-  try {
-    call();
-  } catch (RuntimeError const& e) {
-    return e.what();
-  }
-  ADD_FAILURE() << "no RuntimeError";
-  return {};
-}
-
-std::vector<std::string> bytesOf(std::vector<ustring> const& texts) {
-  std::vector<std::string> out;
-  for (auto const& t : texts) out.push_back(b(t));
-  return out;
-}
-
 std::string uniqueName(std::string const& stem) {
   std::random_device random;
   return stem + "-" + std::to_string(random()) + "-" + std::to_string(::getpid());

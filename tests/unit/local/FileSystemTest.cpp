@@ -24,17 +24,6 @@ fs::file_status::bits_type typeOf(fs::file_status const& status) {
   return status.bits() & fs::file_status::file_type_mask;
 }
 
-template <class Call>
-std::string messageOf(Call&& call) {
-  try {
-    call();
-  } catch (RuntimeError const& e) {
-    return e.what();
-  }
-  ADD_FAILURE() << "no RuntimeError";
-  return {};
-}
-
 std::vector<ustring> namesOf(fs::upath_directory_iterator it) {
   std::vector<ustring> names;
   for (const fs::upath_directory_iterator end; it != end; ++it) names.push_back(it->file_name());

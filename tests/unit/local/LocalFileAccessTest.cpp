@@ -62,12 +62,6 @@ std::string layerErrorOf(Call&& call) {
   return {};
 }
 
-std::vector<std::string> bytesOf(std::vector<ustring> const& texts) {
-  std::vector<std::string> out;
-  for (auto const& t : texts) out.push_back(b(t));
-  return out;
-}
-
 std::set<std::string> setOf(std::vector<ustring> const& texts) {
   const auto bytes = bytesOf(texts);
   return {bytes.begin(), bytes.end()};

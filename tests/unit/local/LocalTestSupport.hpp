@@ -17,6 +17,11 @@
 #include <string>
 #include <system_error>
 
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "platform/except/Exception.hpp"
 #include "platform/i18n/i18n.hpp"
 #include "platform/i18n/ustring.hpp"
 
@@ -26,6 +31,25 @@ using fl::ustring;
 
 inline ustring u(std::string const& bytes) { return fl::i18n::utf8_to_ustring(bytes); }
 inline std::string b(ustring const& text) { return fl::i18n::ustring_to_utf8(text); }
+
+// The message of the platform layer's own exception thrown by `call`.
+template <class Call>
+std::string messageOf(Call&& call) {
+  try {
+    call();
+  } catch (foundation::core::except::RuntimeError const& e) {
+    return e.what();
+  }
+  ADD_FAILURE() << "no RuntimeError";
+  return {};
+}
+
+inline std::vector<std::string> bytesOf(std::vector<ustring> const& texts) {
+  std::vector<std::string> out;
+  out.reserve(texts.size());
+  for (auto const& t : texts) out.push_back(b(t));
+  return out;
+}
 
 [[noreturn]] inline void failErrno(std::string const& what) {
   throw std::system_error(errno, std::generic_category(), what);
