@@ -100,6 +100,8 @@ class Bench {
     fs::create_directories(base_ / "dst");
     sshfa::loopback::LoopbackSshd::Settings settings;
     settings.directory = base_ / "sshd";
+    // A production server's default, rather than the test server's chatty log.
+    settings.extraConfig = "LogLevel INFO\n";
     sshd_ = std::make_unique<sshfa::loopback::LoopbackSshd>(settings);
     auto const common = std::string(" -F /dev/null -o BatchMode=yes -o Compression=no -o Ciphers=") + kCipher +
                         " -o UserKnownHostsFile=" + shellQuoted(sshd_->knownHostsFile()) +
@@ -218,6 +220,8 @@ class Bench {
     options.knownHostsFiles = {sshd_->knownHostsFile()};
     options.readSshConfig = false;
     options.ciphers = kCipher;
+    // One exec channel for the mkdir, as a fresh ssh would use.
+    options.commandMode = ssh::CommandMode::ExecChannel;
     ssh::SSHClient client(fl::i18n::utf8_to_ustring(sshd_->host()), sshd_->port(),
                           {ssh::IdentityFileAuth{sshd_->user(), sshd_->identityFile(), std::nullopt}}, options);
     if (!folder.empty()) {

@@ -105,13 +105,21 @@ std::int64_t fullIo(Call call, std::size_t length) {
 // A window of one file's bytes held in memory: read ahead for uploads,
 // written behind for downloads.
 struct FileBlock {
-  std::vector<std::uint8_t> bytes;
+  std::unique_ptr<std::uint8_t[]> bytes;  // uninitialised: always written before read
+  std::size_t capacity = 0;
   std::uint64_t offset = 0;
   std::size_t length = 0;
 
   [[nodiscard]] std::uint64_t end() const noexcept { return offset + length; }
+  [[nodiscard]] std::uint8_t* data() const noexcept { return bytes.get(); }
+  void reserve(std::size_t size) {
+    if (capacity >= size) return;
+    bytes = std::make_unique_for_overwrite<std::uint8_t[]>(size);
+    capacity = size;
+  }
   void release() {
-    std::vector<std::uint8_t>().swap(bytes);
+    bytes.reset();
+    capacity = 0;
     length = 0;
   }
 };
@@ -643,8 +651,8 @@ void Engine::onUploadOpen(Job& job, Reply const& reply) {
 bool Engine::readAhead(Job& job) {
   if (job.next < job.block.end() && job.next >= job.block.offset) return true;
   auto const wanted = static_cast<std::size_t>(std::min<std::uint64_t>(ioBlock_, job.size - job.next));
-  if (job.block.bytes.size() < wanted) job.block.bytes.resize(wanted);
-  auto* const data = job.block.bytes.data();
+  job.block.reserve(wanted);
+  auto* const data = job.block.data();
   auto const offset = job.next;
   auto const fd = job.fd.get();
   auto const got = fullIo(
@@ -671,7 +679,7 @@ void Engine::issueWrites(Job& job) {
         static_cast<std::uint32_t>(std::min<std::uint64_t>({chunk_, job.size - job.next, job.block.end() - job.next}));
     auto const id = track(&job, Op::Write, job.next, length);
     connection_.writer().write(id, job.handle, job.next,
-                               ByteView(job.block.bytes).subspan(job.next - job.block.offset, length));
+                               ByteView(job.block.data() + (job.next - job.block.offset), length));
     job.next += length;
     ++job.dataInFlight;
     inFlight_ += length;
@@ -842,24 +850,21 @@ void Engine::onRead(Job& job, Pending const& pending, Reply const& reply) {
 
 bool Engine::writeBehind(Job& job, std::uint64_t offset, ByteView data) {
   auto& block = job.block;
-  if (block.length > 0 && (offset != block.end() || block.length + data.size() > block.bytes.size())) {
+  if (block.length > 0 && (offset != block.end() || block.length + data.size() > block.capacity)) {
     if (!flush(job)) return false;
   }
   if (block.length == 0) {
     block.offset = offset;
-    if (block.bytes.empty()) {
-      block.bytes.resize(static_cast<std::size_t>(std::min<std::uint64_t>(ioBlock_, job.size)));
-    }
-    if (block.bytes.size() < data.size()) block.bytes.resize(data.size());
+    block.reserve(std::max(data.size(), static_cast<std::size_t>(std::min<std::uint64_t>(ioBlock_, job.size))));
   }
-  std::memcpy(block.bytes.data() + block.length, data.data(), data.size());
+  std::memcpy(block.data() + block.length, data.data(), data.size());
   block.length += data.size();
-  return block.length < block.bytes.size() || flush(job);
+  return block.length < block.capacity || flush(job);
 }
 
 bool Engine::flush(Job& job) {
   auto& block = job.block;
-  auto const* const data = block.bytes.data();
+  auto const* const data = block.data();
   auto const fd = job.fd.get();
   auto const done = fullIo(
       [&](std::size_t written) {
