@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -115,6 +116,14 @@ ssh::SSHClientOptions clientOptions(std::string const& knownHosts) {
   options.hostKeyPolicy = ssh::HostKeyPolicy::Strict;
   options.readSshConfig = false;
   options.connectTimeout = std::chrono::seconds(10);
+  // Lets CTest run the same remote tests over both ways of running commands.
+  if (char const* mode = std::getenv("SSHFA_TEST_COMMAND_MODE"); mode != nullptr) {
+    if (std::strcmp(mode, "exec") != 0 && std::strcmp(mode, "shell") != 0) {
+      throw std::runtime_error("SSHFA_TEST_COMMAND_MODE must be exec or shell, not '" + std::string(mode) + "'");
+    }
+    options.commandMode =
+        std::strcmp(mode, "exec") == 0 ? ssh::CommandMode::ExecChannel : ssh::CommandMode::PersistentShell;
+  }
   return options;
 }
 

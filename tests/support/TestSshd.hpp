@@ -49,7 +49,8 @@ class TestSshd {
   [[nodiscard]] std::filesystem::path const& directory() const noexcept;
 
   // knownHostsFiles = { knownHostsFile() }, strict host key policy, no
-  // ~/.ssh/config, 10 s connect timeout; everything else default.
+  // ~/.ssh/config, 10 s connect timeout; the command mode named by
+  // SSHFA_TEST_COMMAND_MODE (exec or shell) when set; everything else default.
   [[nodiscard]] foundation::sshclient::SSHClientOptions options() const;
   // { IdentityFileAuth{ user(), identityFile() } }
   [[nodiscard]] foundation::sshclient::AuthMethods auth() const;

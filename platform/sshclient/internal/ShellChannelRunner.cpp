@@ -1,5 +1,7 @@
 #include "platform/sshclient/internal/ShellChannelRunner.hpp"
 
+#include <libssh/callbacks.h>
+
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -18,10 +20,11 @@ using Clock = std::chrono::steady_clock;
 // names itself "sh" in $0 and in its messages, as under the exec wrapper.
 constexpr char const* kShellCommand = "exec sh";
 
-// Each cat is given 2^kCatRounds pairs of pipes, so a shell serves that many
-// commands; the runner then starts a new one.
-constexpr int kCatRounds = 13;
-constexpr std::size_t kCommandsPerShell = std::size_t{1} << kCatRounds;
+// Each cat is given 2^kCatRounds pairs of pipes. A cat that has run out ends
+// its shell, so the runner moves to a new shell one command earlier: the
+// last marker would race with the end.
+constexpr int kCatRounds = 12;
+constexpr std::size_t kCommandsPerShell = (std::size_t{1} << kCatRounds) - 1;
 
 // Once the shell process has ended, how long its helpers may take to close
 // the channel, delivering what is still in the pipes.
@@ -62,12 +65,15 @@ std::optional<std::size_t> markerLine(std::string_view text, std::string_view ma
 // The start-up script. It creates the private folder with the pipes (o/O
 // for standard output and its marker, e/E for standard error, l to watch the
 // shell's life) and a supervisor, detached so that $! stays unset in the
-// shell. The supervisor starts the two cats and waits on l: a line there
-// means a cat has ended, so the shell can no longer deliver results and is
-// killed; end-of-file means the shell has gone (it holds l open on fd 9), so
+// shell. The supervisor starts the two cats, each under a watcher that sends
+// the cat's pid over l and, once the cat has ended, an empty line. A third
+// line means the shell can no longer deliver results, so it is killed;
+// end-of-file on l means the shell has gone (it holds l open on fd 9), so
 // the cats are stopped and the folder is removed. Errors of the helpers go
-// to /dev/null; cat copies standard error through fd 3. The last two lines
-// announce readiness with `ready` and the folder's path.
+// to /dev/null; cat copies standard error through fd 3. The last lines
+// announce readiness with `ready` and the folder's path, then silence the
+// shell's own standard error: a command killed by a signal must not earn a
+// "Killed" from it, which an exec channel never shows.
 std::string startupScript(std::string const& folderName, std::string const& ready) {
   return "(set +s) 2>/dev/null && set +s\n"  // $- without "s", as under sh -c
          "d=${TMPDIR:-/tmp}/" +
@@ -79,10 +85,10 @@ std::string startupScript(std::string const& folderName, std::string const& read
          std::to_string(kCatRounds) +
          " ]; do a=\"$a $a\" b=\"$b $b\" n=$((n+1)); done\n"
          "( (cd \"$d\" || exit\n"
-         "  { cat $a </dev/null 3>&- & echo \"$!\" >1; wait \"$!\"; echo >l; } &\n"
-         "  { cat $b </dev/null >&3 3>&- & echo \"$!\" >2; wait \"$!\"; echo >l; } &\n"
-         "  IFS= read -r x && kill -KILL $$\n"
-         "  read -r p <1; read -r q <2; kill \"$p\" \"$q\"; cd / && rm -rf \"$d\") <\"$d/l\" 3>&2 2>/dev/null & )\n"
+         "  { cat $a </dev/null 3>&- & echo \"$!\" >l; wait \"$!\"; echo >l; } &\n"
+         "  { cat $b </dev/null >&3 3>&- & echo \"$!\" >l; wait \"$!\"; echo >l; } &\n"
+         "  read -r p; read -r q; read -r x && kill -KILL $$\n"
+         "  kill \"$p\" \"$q\"; cd / && rm -rf \"$d\") <\"$d/l\" 3>&2 2>/dev/null & )\n"
          "exec 9>\"$d/l\"\n"
          "printf '%s%s\\n' " +
          ready +
@@ -90,8 +96,35 @@ std::string startupScript(std::string const& folderName, std::string const& read
          "printf '%s\\n' " +
          ready +
          " >&2\n"
-         "unset a b d n\n";
+         "unset a b d n\n"
+         "exec 2>/dev/null\n";
 }
+
+// Notes, for as long as it lives, that libssh has taken in data, end-of-file
+// or close for a channel, wherever that happened (in a read, in
+// Channel::finished(), in a write). The data stays in libssh's buffers for
+// Channel::read. A loop must not sleep on the socket while such news waits.
+class ArrivalWatch {
+ public:
+  ArrivalWatch(ssh_channel channel, bool& arrived) : channel_(channel) {
+    ssh_callbacks_init(&callbacks_);
+    callbacks_.userdata = &arrived;
+    callbacks_.channel_data_function = [](ssh_session, ssh_channel, void*, std::uint32_t, int, void* flag) {
+      *static_cast<bool*>(flag) = true;
+      return 0;
+    };
+    callbacks_.channel_eof_function = [](ssh_session, ssh_channel, void* flag) { *static_cast<bool*>(flag) = true; };
+    callbacks_.channel_close_function = [](ssh_session, ssh_channel, void* flag) { *static_cast<bool*>(flag) = true; };
+    ssh_add_channel_callbacks(channel_, &callbacks_);
+  }
+  ~ArrivalWatch() { ssh_remove_channel_callbacks(channel_, &callbacks_); }
+  ArrivalWatch(ArrivalWatch const&) = delete;
+  ArrivalWatch& operator=(ArrivalWatch const&) = delete;
+
+ private:
+  ssh_channel channel_;
+  ssh_channel_callbacks_struct callbacks_{};
+};
 
 }  // namespace
 
@@ -125,6 +158,8 @@ class ShellChannelRunner::Shell {
 
   Session& session_;
   Channel channel_;
+  bool arrived_ = false;
+  ArrivalWatch watch_{channel_.raw(), arrived_};
   std::random_device random_;
   // What the login shell printed before sh started; an exec channel shows it
   // in front of every command's output, and so do we.
@@ -163,9 +198,9 @@ ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_
   auto const pipe = [&](char name) { return shellQuoted(folder + "/" + name); };
   check_ = "if [ -p " + pipe('o') + " ] && [ -p " + pipe('O') + " ] && [ -p " + pipe('e') + " ] && [ -p " + pipe('E') +
            " ]; then (exec 9>&-; eval ";
-  redirections_ = " </dev/null) </dev/null >" + pipe('o') + " 2>" + pipe('e') + "; { printf '%s%d\\n' ";
+  redirections_ = " </dev/null) </dev/null >" + pipe('o') + " 2>" + pipe('e') + "; printf '%s%d\\n' ";
   statusPipe_ = " \"$?\" >" + pipe('O') + " && printf '%s\\n' ";
-  markerPipe_ = " >" + pipe('E') + "; } 2>/dev/null || exit; else printf '%s-\\n' ";
+  markerPipe_ = " >" + pipe('E') + " || exit; else printf '%s-\\n' ";
 }
 
 std::string ShellChannelRunner::Shell::randomMarker() {
@@ -183,6 +218,7 @@ template <class Done>
 bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& out, std::string& err, Done const& done) {
   std::optional<Clock::time_point> giveUpAt;
   for (;;) {
+    arrived_ = false;
     bool progressed = false;
     if (!input.empty()) {
       std::size_t const written = channel_.write(input);
@@ -194,7 +230,7 @@ bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& ou
     if (channel_.finished()) return done();
     if (!giveUpAt && channel_.exitStatus()) giveUpAt = Clock::now() + kCloseGrace;
     if (giveUpAt && Clock::now() >= *giveUpAt) return done();
-    if (progressed || received) continue;
+    if (progressed || received || arrived_) continue;
     if (giveUpAt) {
       auto const left = std::chrono::ceil<std::chrono::milliseconds>(*giveUpAt - Clock::now());
       session_.wait(std::max(left, std::chrono::milliseconds(1)));
@@ -205,9 +241,10 @@ bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& ou
 }
 
 bool ShellChannelRunner::Shell::ready() {
-  if (commandsLeft_ == 0 || channel_.exitStatus() || channel_.remoteEof() || channel_.finished()) return false;
+  // Reading first takes in whatever news has arrived (an exit status, EOF).
   std::string stray;
-  return channel_.read(stray, Stream::Stdout) + channel_.read(stray, Stream::Stderr) == 0;
+  if (channel_.read(stray, Stream::Stdout) + channel_.read(stray, Stream::Stderr) > 0) return false;
+  return commandsLeft_ > 0 && !channel_.exitStatus() && !channel_.remoteEof() && !channel_.finished();
 }
 
 ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string const& command) {

@@ -1,0 +1,284 @@
+// The persistent shell over its life: nothing one command does reaches the
+// next, a shell that dies is reported and replaced, a stopped server is
+// given up like on exec channels, and a host where no shell can start still
+// runs commands.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/integration/shell/ShellTestHelpers.hpp"
+
+namespace sshfa::testing {
+namespace {
+
+using Kind = ssh::SSHError::Kind;
+using namespace std::chrono_literals;
+
+// ---- state does not leak ------------------------------------------------------
+
+struct Leak {
+  std::string name;
+  ustring change;  // a command that changes the shell's state
+  ustring probe;   // a command whose result would show the change
+};
+
+void PrintTo(Leak const& leak, std::ostream* os) { *os << leak.name; }
+
+std::vector<Leak> leaks() {
+  return {
+      {"WorkingFolder", u"cd /tmp", u"pwd"},
+      {"Variable", u"leaked=yes", u"echo \"[${leaked-}]\""},
+      {"ExportedVariable", u"export LEAKED=yes", u"echo \"[${LEAKED-}]\"; env | grep -c LEAKED"},
+      {"Readonly", u"readonly ro=1", u"ro=2; echo \"$ro\""},
+      {"Unset", u"unset HOME PATH", u"echo \"[$HOME]\"; ls -d /"},
+      {"Path", u"PATH=/nonexistent", u"ls -d /"},
+      {"Ifs", u"IFS=:", u"set -- $(echo a b); echo $#"},
+      {"SetE", u"set -e", u"false; echo still running"},
+      {"SetU", u"set -u", u"echo \"[$not_set]\""},
+      {"SetX", u"set -x", u"echo quiet"},
+      {"NoGlob", u"set -f", u"echo /bi?"},
+      {"NoClobber", u"set -C", u"f=$(mktemp); echo a >\"$f\"; echo b >\"$f\"; cat \"$f\"; rm \"$f\""},
+      {"PositionalParameters", u"set -- a b c", u"echo $#"},
+      {"Umask", u"umask 077", u"umask"},
+      {"Ulimit", u"ulimit -n 32", u"ulimit -n"},
+      {"ExitTrap", u"trap 'echo trapped' EXIT", u"true"},
+      {"SignalTrap", u"trap 'echo int' INT", u"trap"},
+      {"Alias", u"alias ll='echo aliased'", u"ll"},
+      {"Function", u"f() { echo function; }", u"f"},
+      {"HashedCommand", u"hash ls", u"hash"},
+      {"Stdout", u"exec >/dev/null", u"echo visible"},
+      {"Stderr", u"exec 2>/dev/null", u"echo visible >&2"},
+      {"Stdin", u"exec </etc/passwd", u"cat | wc -c"},
+      {"ExtraDescriptor", u"exec 7>/dev/null", u"ls /proc/self/fd"},
+      {"BackgroundJob", u"sleep 0.5 &", u"echo \"[$!]\"; jobs; wait; echo $?"},
+      {"LastStatus", u"false", u"echo $?"},
+      {"Shift", u"set -- a b; shift", u"echo $#"},
+      {"Getopts", u"set -- -a; getopts a o", u"echo \"$OPTIND\""},
+  };
+}
+
+class StateDoesNotLeak : public ::testing::TestWithParam<Leak> {
+ protected:
+  static void SetUpTestSuite() { client_ = connectIn(ssh::CommandMode::PersistentShell); }
+  static void TearDownTestSuite() { client_.reset(); }
+  static std::unique_ptr<ssh::SSHClient> client_;
+};
+
+std::unique_ptr<ssh::SSHClient> StateDoesNotLeak::client_;
+
+TEST_P(StateDoesNotLeak, ProbeAnswersAsBeforeTheChange) {
+  Leak const& leak = GetParam();
+  auto const before = run(*client_, leak.probe);
+  run(*client_, leak.change);
+  auto const after = run(*client_, leak.probe);
+  EXPECT_EQ(after.getExitcode(), before.getExitcode());
+  EXPECT_TRUE(sameText(after.getStdout(), before.getStdout())) << "stdout";
+  EXPECT_TRUE(sameText(after.getStderr(), before.getStderr())) << "stderr";
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, StateDoesNotLeak, ::testing::ValuesIn(leaks()),
+                         [](::testing::TestParamInfo<Leak> const& param) { return param.param.name; });
+
+// ---- one command's output stays with it -----------------------------------------
+
+TEST(PersistentShell, OutputOfALingeringBackgroundJobBelongsToItsCommand) {
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  auto const first = run(*client, u"(sleep 0.3; echo late; echo late-err >&2) & echo early");
+  EXPECT_EQ(first.getStdout(), u"early\nlate\n");
+  EXPECT_EQ(first.getStderr(), u"late-err\n");
+  auto const second = run(*client, u"echo next");
+  EXPECT_EQ(second.getStdout(), u"next\n");
+  EXPECT_EQ(second.getStderr(), u"");
+}
+
+TEST(PersistentShell, AJobThatLetGoOfTheStreamsIsNotWaitedFor) {
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  auto const start = std::chrono::steady_clock::now();
+  EXPECT_EQ(run(*client, u"sleep 5 >/dev/null 2>&1 </dev/null & echo started").getStdout(), u"started\n");
+  EXPECT_EQ(run(*client, u"echo next").getStdout(), u"next\n");
+  EXPECT_LT(secondsSince(start), 4.0);
+}
+
+TEST(PersistentShell, ManyCommandsOnOneConnectionOutlastTheHelpersRounds) {
+  // More commands than one shell serves: the runner moves to a new shell.
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  for (int i = 0; i < 4200; ++i) {
+    auto const result = run(*client, u"echo " + u(std::to_string(i)));
+    ASSERT_EQ(result.getStdout(), u(std::to_string(i) + "\n"));
+  }
+}
+
+// ---- a shell that dies ----------------------------------------------------------
+
+// The folder of the shell's pipes, from the shell's descriptor 9.
+constexpr char16_t const* kPipeFolder = u"\"$(dirname \"$(readlink /proc/$$/fd/9)\")\"";
+
+TEST(PersistentShell, ACommandThatKillsTheShellFailsAndTheNextOneRuns) {
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  ASSERT_EQ(run(*client, u"echo warm").getStdout(), u"warm\n");
+  for (char16_t const* killer : {u"kill -9 $$", u"echo before; kill -KILL $$; echo after", u"kill -TERM $$; sleep 1"}) {
+    SCOPED_TRACE(utf8(killer));
+    auto const error = catchSSHError([&] { run(*client, killer); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind(), Kind::Channel);
+    EXPECT_NE(std::string(error->what()).find("the shell on the server ended while running the command"),
+              std::string::npos)
+        << error->what();
+    EXPECT_EQ(run(*client, u"echo alive").getStdout(), u"alive\n");
+  }
+}
+
+TEST(PersistentShell, TheErrorNamesTheSignal) {
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  auto const& server = TestSshd::instance();
+  auto const error = catchSSHError([&] { run(*client, u"kill -9 $$"); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(std::string(error->what()), server.user() + "@" + server.host() + ":" + std::to_string(server.port()) +
+                                            ": the shell on the server ended while running the command (it was "
+                                            "killed by signal 9); its result is lost");
+}
+
+TEST(PersistentShell, KillingTheCopyingProcessesFailsTheCommandAndTheNextOneRuns) {
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  // -s 0: only processes of this shell's session, not other clients' helpers.
+  auto const error = catchSSHError([&] { run(*client, u"pkill -KILL -x -s 0 cat; echo after"); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::Channel);
+  EXPECT_EQ(run(*client, u"echo alive").getStdout(), u"alive\n");
+}
+
+TEST(PersistentShell, PipesRemovedWhileACommandRunsFailItAndTheNextOneRuns) {
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  auto const folder = run(*client, u"echo " + ustring(kPipeFolder)).getStdout();
+  ASSERT_NE(folder, u"\n");
+  auto const error = catchSSHError([&] { run(*client, u"rm -rf " + ustring(kPipeFolder) + u"; echo after"); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::Channel);
+  EXPECT_EQ(run(*client, u"echo alive").getStdout(), u"alive\n");
+}
+
+TEST(PersistentShell, PipesRemovedBetweenCommandsGoUnnoticed) {
+  // A command that never started is run on a fresh shell.
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  run(*client, u"(sleep 0.2; rm -rf " + ustring(kPipeFolder) + u") >/dev/null 2>&1 &");
+  std::this_thread::sleep_for(600ms);
+  auto const result = run(*client, u"echo alive");
+  EXPECT_EQ(result.getExitcode(), 0);
+  EXPECT_EQ(result.getStdout(), u"alive\n");
+}
+
+TEST(PersistentShell, AShellKilledBetweenCommandsIsReplacedQuietly) {
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  auto other = connectIn(ssh::CommandMode::ExecChannel);
+  auto const pid = run(*client, u"echo $$").getStdout();
+  run(*other, u"kill -9 " + pid);
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(run(*client, u"echo alive").getStdout(), u"alive\n");
+  EXPECT_NE(run(*client, u"echo $$").getStdout(), pid);
+}
+
+TEST(PersistentShell, TheShellCleansUpWhenTheClientGoes) {
+  auto observer = connectIn(ssh::CommandMode::ExecChannel);
+  ustring folder;
+  ustring pid;
+  {
+    auto client = connectIn(ssh::CommandMode::PersistentShell);
+    folder = run(*client, u"printf %s " + ustring(kPipeFolder)).getStdout();
+    pid = run(*client, u"printf %s $$").getStdout();
+    ASSERT_EQ(run(*observer, u"test -p '" + folder + u"/o' && echo there").getStdout(), u"there\n");
+  }
+  auto const deadline = std::chrono::steady_clock::now() + 5s;
+  ustring state;
+  do {
+    std::this_thread::sleep_for(50ms);
+    state = run(*observer, u"test -e '" + folder + u"' && echo folder; kill -0 " + pid + u" 2>/dev/null && echo shell")
+                .getStdout();
+  } while (!state.empty() && std::chrono::steady_clock::now() < deadline);
+  EXPECT_EQ(state, u"");
+}
+
+// ---- dead connections and hosts without a usable shell --------------------------
+
+TEST(PersistentShell, StoppedServerFailsARunningCommandWithinAboutThreeIntervals) {
+  TestSshd server;
+  auto options = optionsFor(server, ssh::CommandMode::PersistentShell);
+  options.keepaliveInterval = 1s;
+  auto client = server.connect(options);
+  ASSERT_EQ(run(*client, u"echo ready").getStdout(), u"ready\n");
+  std::optional<ssh::SSHError> error;
+  auto const start = std::chrono::steady_clock::now();
+  {
+    std::thread stopper([&] {
+      std::this_thread::sleep_for(300ms);
+      server.stopConnections();
+    });
+    error = catchSSHError([&] { run(*client, u"sleep 60"); });
+    stopper.join();
+  }
+  double const elapsed = secondsSince(start);
+  server.continueConnections();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::ConnectionLost);
+  EXPECT_GE(elapsed, 3.0);
+  EXPECT_LT(elapsed, 7.0);
+}
+
+TEST(PersistentShell, StoppedServerFailsTheFirstCommand) {
+  TestSshd server;
+  auto options = optionsFor(server, ssh::CommandMode::PersistentShell);
+  options.keepaliveInterval = 1s;
+  auto client = server.connect(options);
+  server.stopConnections();
+  auto const start = std::chrono::steady_clock::now();
+  auto const error = catchSSHError([&] { run(*client, u"true"); });
+  double const elapsed = secondsSince(start);
+  server.continueConnections();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::ConnectionLost);
+  EXPECT_LT(elapsed, 6.0);
+}
+
+TEST(PersistentShell, AQuietCommandLongerThanThreeIntervalsSucceeds) {
+  auto options = optionsFor(TestSshd::instance(), ssh::CommandMode::PersistentShell);
+  options.keepaliveInterval = 1s;
+  auto client = TestSshd::instance().connect(options);
+  auto const result = run(*client, u"sleep 4.5; echo done");
+  EXPECT_EQ(result.getExitcode(), 0);
+  EXPECT_EQ(result.getStdout(), u"done\n");
+}
+
+TEST(PersistentShell, WithoutAWritableTemporaryFolderCommandsRunOnExecChannels) {
+  TestSshd server("SetEnv TMPDIR=/nonexistent/folder\n");
+  auto client = server.connect(optionsFor(server, ssh::CommandMode::PersistentShell));
+  for (int i = 0; i < 2; ++i) {
+    auto const result = run(*client, u"echo \"$TMPDIR\"; echo err >&2; exit 3");
+    EXPECT_EQ(result.getExitcode(), 3);
+    EXPECT_EQ(result.getStdout(), u"/nonexistent/folder\n");
+    EXPECT_EQ(result.getStderr(), u"err\n");
+  }
+}
+
+TEST(PersistentShell, WhatTheServerPrintsBeforeTheCommandPrecedesEveryResultAsOnExecChannels) {
+  // Like a login script that talks: the server runs every command line
+  // after printing to both streams.
+  TestSshd server("ForceCommand echo banner; echo warning >&2; eval \"$SSH_ORIGINAL_COMMAND\"\n");
+  auto exec = server.connect(optionsFor(server, ssh::CommandMode::ExecChannel));
+  auto shell = server.connect(optionsFor(server, ssh::CommandMode::PersistentShell));
+  for (char16_t const* command : {u"echo one", u"printf two >&2; exit 2"}) {
+    SCOPED_TRACE(utf8(command));
+    auto const viaExec = run(*exec, command);
+    auto const viaShell = run(*shell, command);
+    EXPECT_EQ(viaExec.getStdout().substr(0, 7), u"banner\n");
+    EXPECT_EQ(viaExec.getStderr().substr(0, 8), u"warning\n");
+    EXPECT_EQ(viaShell.getExitcode(), viaExec.getExitcode());
+    EXPECT_EQ(viaShell.getStdout(), viaExec.getStdout());
+    EXPECT_EQ(viaShell.getStderr(), viaExec.getStderr());
+  }
+}
+
+}  // namespace
+}  // namespace sshfa::testing
