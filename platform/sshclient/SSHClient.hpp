@@ -203,7 +203,13 @@ class SSHFA_EXPORT SSHClient {
   // signal reports 128 + the signal number.
   virtual ExecuteCommandResult executeCommand(ExecuteCommand command);
 
-  // Performs every transfer of the command or throws SSHError(Transfer, ...).
+  // Performs every transfer of the command over SFTP, each file written to a
+  // temporary name and renamed into place when complete; or throws
+  // SSHError(Transfer) naming the first failed file and the cause
+  // (ConnectionLost/Timeout when the connection itself failed). Files
+  // completed before a failure stay; an existing destination is replaced only
+  // by a complete file. Created files get the command's mode less the
+  // creator's umask.
   virtual void copyFiles(CopyFilesCommand command);
 
   virtual void setKeepaliveInterval(std::chrono::seconds interval);
