@@ -20,6 +20,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/cli/ToolProcess.hpp"
@@ -686,6 +687,23 @@ TEST_F(DemoTest, CleansUpWhenInterrupted) {
     EXPECT_FALSE(processAlive(pid));
     EXPECT_TRUE(fs::is_empty(dir_)) << fs::directory_iterator(dir_)->path();
   }
+}
+
+TEST_F(DemoTest, LeavesNothingBehindWhenKilled) {
+  ToolProcess tool({"demo", "--files", "2000"}, demoOptions());
+  ASSERT_TRUE(tool.waitForOutput("[3/9] ", std::chrono::seconds(60))) << tool.outputSoFar();
+  pid_t const pid = serverPid(tool.outputSoFar());
+  tool.signal(SIGKILL);
+  auto const result = tool.finish();
+  EXPECT_EQ(result.status, 128 + SIGKILL);
+  ASSERT_GT(pid, 0) << result.out;
+  // The server dies with the tool; the scratch folder goes a moment later.
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while ((processAlive(pid) || !fs::is_empty(dir_)) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_FALSE(processAlive(pid));
+  EXPECT_TRUE(fs::is_empty(dir_));
 }
 
 }  // namespace

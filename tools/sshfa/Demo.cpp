@@ -1,6 +1,8 @@
 #include "tools/sshfa/Demo.hpp"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <spawn.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +28,8 @@
 #include "tools/sshfa/Progress.hpp"
 #include "tools/sshfa/Text.hpp"
 
+extern char** environ;
+
 namespace sshfa::cli {
 namespace {
 
@@ -44,24 +48,57 @@ void print(std::string const& text) {
   std::fflush(stdout);
 }
 
-// The demo's scratch space; removed with everything in it.
+// The demo's scratch space; removed with everything in it, by this object
+// or, should this process end without unwinding (a second Ctrl-C, SIGKILL),
+// by a watcher: a shell in a session of its own that waits for the end of a
+// pipe only this process can write to. (The server dies with this process.)
 class ScratchFolder {
  public:
   ScratchFolder() {
     std::string pattern = (fs::temp_directory_path() / "sshfa-demo-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot create a temporary folder");
     path_ = pattern;
+    startWatcher();
   }
   ~ScratchFolder() {
     std::error_code ignored;
     fs::remove_all(path_, ignored);
+    if (watcherPipe_ >= 0) ::close(watcherPipe_);
   }
   ScratchFolder(ScratchFolder const&) = delete;
   ScratchFolder& operator=(ScratchFolder const&) = delete;
   [[nodiscard]] fs::path const& path() const noexcept { return path_; }
 
  private:
+  void startWatcher() {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return;  // cleanup then rests on this object alone
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[0], 0);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    std::string const script = "read _; rm -rf -- \"$0\"";
+    std::string const folder = path_.string();
+    char const* argv[] = {"sh", "-c", script.c_str(), folder.c_str(), nullptr};
+    pid_t pid = 0;
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): posix_spawn's signature
+    int const rc = ::posix_spawn(&pid, "/bin/sh", &actions, &attributes, const_cast<char* const*>(argv), environ);
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(fds[0]);
+    if (rc == 0) {
+      watcherPipe_ = fds[1];
+    } else {
+      ::close(fds[1]);
+    }
+  }
+
   fs::path path_;
+  int watcherPipe_ = -1;
 };
 
 class Tour {
@@ -131,8 +168,11 @@ TreeFacts buildTree(fs::path const& root, int files) {
     std::ofstream(root / folder / name, std::ios::binary).write(content.data(), static_cast<std::streamsize>(size));
     ++facts.files;
     facts.bytes += size;
-    if (pattern != 0 && sampledPatterns.insert(pattern).second)
+    // Samples from the three folders whose names are awkward too.
+    bool const awkwardFolder = index % std::size(kFolders) == 5 + pattern % 3;
+    if (pattern != 0 && awkwardFolder && sampledPatterns.insert(pattern).second) {
       facts.awkward.push_back(fmt::format("{}/{}", folder, name));
+    }
   }
   return facts;
 }

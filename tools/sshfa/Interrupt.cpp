@@ -1,6 +1,7 @@
 #include "tools/sshfa/Interrupt.hpp"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -19,6 +20,8 @@ extern "C" void noteInterrupt(int signalNumber) {
     return;
   }
   gPending = signalNumber;
+  static constexpr char kNotice[] = "\nsshfa: stopping after the current step (a second signal quits at once)\n";
+  [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, kNotice, sizeof kNotice - 1);
 }
 
 }  // namespace
