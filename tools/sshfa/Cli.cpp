@@ -1,6 +1,5 @@
 #include "tools/sshfa/Cli.hpp"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>

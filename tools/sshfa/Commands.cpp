@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <cstdio>
 #include <functional>
