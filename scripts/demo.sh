@@ -16,7 +16,7 @@ else
   scripts/install-deps.sh || { echo "install the packages above, then run again" >&2; exit 1; }
 fi
 
-# Warnings stop the test build (scripts/test.sh), not a demo.
+# Warnings are errors in the test build (scripts/test.sh), not in the demo.
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSSHFA_WERROR=OFF \
   -DSSHFA_BUILD_TOOLS=ON -DSSHFA_BUILD_TESTS=OFF -DSSHFA_BUILD_BENCHMARKS=OFF
 cmake --build "$build_dir" --target sshfa -j "$(nproc)"

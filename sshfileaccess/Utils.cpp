@@ -72,7 +72,9 @@ std::basic_stringstream<char16_t> ucharStringstream() {
 }
 
 std::string formatCopiedPaths(ustring const& source, ustring const& destination) {
-  return "\"" + ustr2str(source) + "\" -> \"" + ustr2str(destination) + "\"";
+  std::string out(1, '"');
+  out.append(ustr2str(source)).append("\" -> \"").append(ustr2str(destination)).append(1, '"');
+  return out;
 }
 
 std::string formatCopiedPaths(std::vector<std::pair<ustring, ustring>> const& pairs) {

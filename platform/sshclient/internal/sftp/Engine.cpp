@@ -44,7 +44,12 @@ constexpr std::size_t kTempBaseLength = 200;
 
 std::string errnoText(int error) { return std::generic_category().message(error); }
 
-std::string quoted(std::string_view path) { return "'" + std::string(path) + "'"; }
+std::string quoted(std::string_view path) {
+  std::string out;
+  out.reserve(path.size() + 2);
+  out.append(1, '\'').append(path).append(1, '\'');
+  return out;
+}
 
 // The folder part of a path, for messages.
 std::string folderOf(std::string const& path) {
