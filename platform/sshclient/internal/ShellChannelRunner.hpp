@@ -4,9 +4,10 @@
 //
 // The channel runs "exec sh", whose script arrives on its standard input: a
 // start-up part, then one line per command. Each line evaluates the command
-// text in a subshell, the way ExecChannelRunner's wrapper does
-// (eval TEXT </dev/null), so variables, cd, umask, traps, set -e and aliases
-// die with the subshell and parse errors read as they do there.
+// text in a subshell the way ExecChannelRunner's wrapper does
+// (eval TEXT </dev/null), so variables, cd, umask, ulimit, traps, set -e,
+// aliases and descriptors die with the subshell, and parse errors, $0 and
+// exit statuses read as they do there.
 //
 // Where a command's output ends: its standard output and error go to two
 // named pipes in a private folder, read by two cat processes that live as
@@ -16,12 +17,15 @@
 // the shell writes a random 128-bit marker (and the exit status) through the
 // same cats, after all of the command's bytes.
 //
-// If the shell dies while a command runs (the command killed it, the server
-// closed the channel), run() throws SSHError(Channel) and the next command
-// gets a fresh shell; a command that provably never started is run on a
-// fresh shell instead. When no shell can be started at all (no writable
-// temporary folder, a restricted account), the runner falls back to exec
-// channels for the rest of the session.
+// What cannot be the same: $$ names the long-lived shell, so a command that
+// kills $$ kills it; the pipes show under /proc/self/fd as the folder's
+// files. If the shell dies while a command runs (killed, its pipes removed,
+// the server closed the channel), run() throws SSHError(Channel) and the
+// next command gets a fresh shell; a command that provably never started is
+// run on a fresh shell instead. When no shell can be started at all (no
+// writable temporary folder, a restricted account), the runner falls back to
+// exec channels for the rest of the session. The shell's channel stays open
+// for the life of the connection.
 
 #include <memory>
 #include <optional>

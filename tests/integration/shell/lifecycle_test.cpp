@@ -132,6 +132,19 @@ TEST(PersistentShell, ACommandThatKillsTheShellFailsAndTheNextOneRuns) {
   }
 }
 
+TEST(PersistentShell, KillingDollarDollarIsTheOneDeliberateDifference) {
+  // On an exec channel $$ is the command's own shell; here it is the
+  // long-lived one, whose death loses the result.
+  auto exec = connectIn(ssh::CommandMode::ExecChannel);
+  auto shell = connectIn(ssh::CommandMode::PersistentShell);
+  auto const viaExec = run(*exec, u"echo before; kill -9 $$; echo after");
+  EXPECT_EQ(viaExec.getExitcode(), 137);
+  EXPECT_EQ(viaExec.getStdout(), u"before\n");
+  auto const error = catchSSHError([&] { run(*shell, u"echo before; kill -9 $$; echo after"); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::Channel);
+}
+
 TEST(PersistentShell, TheErrorNamesTheSignal) {
   auto client = connectIn(ssh::CommandMode::PersistentShell);
   auto const& server = TestSshd::instance();
