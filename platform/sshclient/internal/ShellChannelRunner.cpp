@@ -69,7 +69,8 @@ std::optional<std::size_t> markerLine(std::string_view text, std::string_view ma
 // the cat's pid over l and, once the cat has ended, an empty line. A third
 // line means the shell can no longer deliver results, so it is killed;
 // end-of-file on l means the shell has gone (it holds l open on fd 9), so
-// the cats are stopped and the folder is removed. Errors of the helpers go
+// the cats are stopped and, once their watchers have said so over l, the
+// folder is removed. Errors of the helpers go
 // to /dev/null; cat copies standard error through fd 3. The last lines
 // announce readiness with `ready` and the folder's path, then silence the
 // shell's own standard error: a command killed by a signal must not earn a
@@ -88,7 +89,7 @@ std::string startupScript(std::string const& folderName, std::string const& read
          "  { cat $a </dev/null 3>&- & echo \"$!\" >l; wait \"$!\"; echo >l; } &\n"
          "  { cat $b </dev/null >&3 3>&- & echo \"$!\" >l; wait \"$!\"; echo >l; } &\n"
          "  read -r p; read -r q; read -r x && kill -KILL $$\n"
-         "  kill \"$p\" \"$q\"; cd / && rm -rf \"$d\") <\"$d/l\" 3>&2 2>/dev/null & )\n"
+         "  kill \"$p\" \"$q\"; wait; cd / && rm -rf \"$d\") <\"$d/l\" 3>&2 2>/dev/null & )\n"
          "exec 9>\"$d/l\"\n"
          "printf '%s%s\\n' " +
          ready +
