@@ -10,9 +10,12 @@ CommandOutput ExecChannelRunner::run(std::string const& command) {
   channel.requestExec(kExecWrapper, Channel::Answer::Later);
   CommandOutput result;
   std::string_view input = command;
+  bool arrived = false;
+  ArrivalWatch const watch(channel.raw(), arrived);
   // Output is read while the input is still being sent: a large command text
   // and a chatty command must not wait on each other.
   for (;;) {
+    arrived = false;
     bool progressed = false;
     if (!input.empty()) {
       std::size_t const written = channel.write(input);
@@ -29,7 +32,7 @@ CommandOutput ExecChannelRunner::run(std::string const& command) {
       }
       break;
     }
-    if (!progressed) session_.wait();
+    if (!progressed && !arrived) session_.wait();
   }
   std::optional<int> const status = channel.exitStatus();
   if (!status) session_.fail(SSHError::Kind::Channel, "the server ended the command without reporting its exit status");

@@ -686,4 +686,18 @@ bool Channel::remoteEof() const { return ssh_channel_is_eof(state_->channel) != 
 
 std::optional<int> Channel::exitStatus() const noexcept { return state_->exitStatus; }
 
+ArrivalWatch::ArrivalWatch(ssh_channel channel, bool& arrived) : channel_(channel) {
+  ssh_callbacks_init(&callbacks_);
+  callbacks_.userdata = &arrived;
+  callbacks_.channel_data_function = [](ssh_session, ssh_channel, void*, std::uint32_t, int, void* flag) {
+    *static_cast<bool*>(flag) = true;
+    return 0;  // consume nothing: the data stays for Channel::read
+  };
+  callbacks_.channel_eof_function = [](ssh_session, ssh_channel, void* flag) { *static_cast<bool*>(flag) = true; };
+  callbacks_.channel_close_function = [](ssh_session, ssh_channel, void* flag) { *static_cast<bool*>(flag) = true; };
+  ssh_add_channel_callbacks(channel_, &callbacks_);
+}
+
+ArrivalWatch::~ArrivalWatch() { ssh_remove_channel_callbacks(channel_, &callbacks_); }
+
 }  // namespace foundation::sshclient::internal

@@ -53,6 +53,7 @@
 //
 // Thread-safety: one thread at a time per session and its channels.
 
+#include <libssh/callbacks.h>
 #include <libssh/libssh.h>
 
 #include <chrono>
@@ -166,6 +167,24 @@ class Channel {
  private:
   struct State;
   std::unique_ptr<State> state_;
+};
+
+// Notes, for as long as it lives, that libssh has taken in data, end-of-file
+// or close for a channel, wherever that happened (in a read, in
+// Channel::finished(), in a write). The data stays in libssh's buffers for
+// Channel::read. A loop must not sleep on the socket while such news waits:
+// clear the flag before a round of reads, and wait only when no read made
+// progress and the flag is still clear.
+class ArrivalWatch {
+ public:
+  ArrivalWatch(ssh_channel channel, bool& arrived);
+  ~ArrivalWatch();
+  ArrivalWatch(ArrivalWatch const&) = delete;
+  ArrivalWatch& operator=(ArrivalWatch const&) = delete;
+
+ private:
+  ssh_channel channel_;
+  ssh_channel_callbacks_struct callbacks_{};
 };
 
 }  // namespace foundation::sshclient::internal

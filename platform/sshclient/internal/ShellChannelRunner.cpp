@@ -1,7 +1,5 @@
 #include "platform/sshclient/internal/ShellChannelRunner.hpp"
 
-#include <libssh/callbacks.h>
-
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -100,32 +98,6 @@ std::string startupScript(std::string const& folderName, std::string const& read
          "unset a b d n\n"
          "exec 2>/dev/null\n";
 }
-
-// Notes, for as long as it lives, that libssh has taken in data, end-of-file
-// or close for a channel, wherever that happened (in a read, in
-// Channel::finished(), in a write). The data stays in libssh's buffers for
-// Channel::read. A loop must not sleep on the socket while such news waits.
-class ArrivalWatch {
- public:
-  ArrivalWatch(ssh_channel channel, bool& arrived) : channel_(channel) {
-    ssh_callbacks_init(&callbacks_);
-    callbacks_.userdata = &arrived;
-    callbacks_.channel_data_function = [](ssh_session, ssh_channel, void*, std::uint32_t, int, void* flag) {
-      *static_cast<bool*>(flag) = true;
-      return 0;
-    };
-    callbacks_.channel_eof_function = [](ssh_session, ssh_channel, void* flag) { *static_cast<bool*>(flag) = true; };
-    callbacks_.channel_close_function = [](ssh_session, ssh_channel, void* flag) { *static_cast<bool*>(flag) = true; };
-    ssh_add_channel_callbacks(channel_, &callbacks_);
-  }
-  ~ArrivalWatch() { ssh_remove_channel_callbacks(channel_, &callbacks_); }
-  ArrivalWatch(ArrivalWatch const&) = delete;
-  ArrivalWatch& operator=(ArrivalWatch const&) = delete;
-
- private:
-  ssh_channel channel_;
-  ssh_channel_callbacks_struct callbacks_{};
-};
 
 }  // namespace
 
