@@ -22,5 +22,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/sshfileaccessConfigVersio
 install(FILES ${PROJECT_BINARY_DIR}/sshfileaccessConfig.cmake
   ${PROJECT_BINARY_DIR}/sshfileaccessConfigVersion.cmake DESTINATION ${SSHFA_CMAKE_DIR})
 
+# Relative to the .pc file, so the package can be installed under any prefix.
+file(RELATIVE_PATH SSHFA_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/sshfileaccess.pc.in ${PROJECT_BINARY_DIR}/sshfileaccess.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sshfileaccess.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
