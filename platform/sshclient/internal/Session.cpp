@@ -695,6 +695,11 @@ ArrivalWatch::ArrivalWatch(ssh_channel channel, bool& arrived) : channel_(channe
   };
   callbacks_.channel_eof_function = [](ssh_session, ssh_channel, void* flag) { *static_cast<bool*>(flag) = true; };
   callbacks_.channel_close_function = [](ssh_session, ssh_channel, void* flag) { *static_cast<bool*>(flag) = true; };
+  // Queued output may go out now: a writer must try again before sleeping.
+  callbacks_.channel_write_wontblock_function = [](ssh_session, ssh_channel, std::uint32_t, void* flag) {
+    *static_cast<bool*>(flag) = true;
+    return 0;
+  };
   ssh_add_channel_callbacks(channel_, &callbacks_);
 }
 

@@ -169,9 +169,9 @@ class Channel {
   std::unique_ptr<State> state_;
 };
 
-// Notes, for as long as it lives, that libssh has taken in data, end-of-file
-// or close for a channel, wherever that happened (in a read, in
-// Channel::finished(), in a write). The data stays in libssh's buffers for
+// Notes, for as long as it lives, that libssh has taken in data, end-of-file,
+// close or new window space for a channel, wherever that happened (in a read,
+// in Channel::finished(), in a write). The data stays in libssh's buffers for
 // Channel::read. A loop must not sleep on the socket while such news waits:
 // clear the flag before a round of reads, and wait only when no read made
 // progress and the flag is still clear.

@@ -49,11 +49,18 @@ class ChannelTransport final : public sftp::Transport {
     return 0;
   }
 
-  void wait(bool /*wantSend*/) override { session_.wait(); }
+  // Replies or window space that libssh took in during the last send or
+  // receive would not wake a sleep on the socket: go round once more instead.
+  void wait(bool /*wantSend*/) override {
+    if (!arrived_) session_.wait();
+    arrived_ = false;
+  }
 
  private:
   Session& session_;
   Channel channel_;
+  bool arrived_ = false;
+  ArrivalWatch watch_{channel_.raw(), arrived_};
   std::string diagnostics_;
   bool accepted_ = false;
 };
