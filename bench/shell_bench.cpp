@@ -25,66 +25,24 @@
 #include <string>
 #include <vector>
 
+#include "bench/LatencySupport.hpp"
 #include "platform/i18n/i18n.hpp"
 #include "platform/sshclient/SSHClient.hpp"
 #include "sshfileaccess/UnixSSHFileAccess.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
 
-extern char** environ;
-
 namespace {
 
 namespace ssh = foundation::sshclient;
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 using nimbal::remoteaccess::sshfileaccess::UnixSSHFileAccess;
+using sshfa::bench::Clock;
+using sshfa::bench::measure;
+using sshfa::bench::report;
+using sshfa::bench::runProgram;
+using sshfa::bench::Summary;
 
 constexpr char const* kCommand = "test -e '/tmp' && echo 1";
-
-struct Summary {
-  double p10;
-  double median;
-  double p90;
-};
-
-Summary measure(int repetitions, std::function<void()> const& action) {
-  for (int i = 0; i < std::max(1, repetitions / 20); ++i) action();  // warm-up
-  std::vector<double> samples;
-  samples.reserve(static_cast<std::size_t>(repetitions));
-  for (int i = 0; i < repetitions; ++i) {
-    auto const start = Clock::now();
-    action();
-    samples.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-  }
-  std::sort(samples.begin(), samples.end());
-  auto at = [&](double fraction) {
-    return samples[static_cast<std::size_t>(fraction * static_cast<double>(samples.size() - 1))];
-  };
-  return {at(0.1), at(0.5), at(0.9)};
-}
-
-void report(char const* what, Summary const& s) {
-  std::printf("%-44s median %8.3f ms   p10 %8.3f   p90 %8.3f\n", what, s.median, s.p10, s.p90);
-}
-
-// Runs a program with no shell, standard streams on /dev/null; throws when
-// it fails.
-void runProgram(std::vector<std::string> arguments) {
-  std::vector<char*> argv;
-  for (auto& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  int const rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) throw std::runtime_error("cannot run " + arguments.front());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(arguments.front() + " failed");
-}
 
 void check(ssh::SSHClient& client) {
   auto const result = client.executeCommand(ssh::ExecuteCommand(fl::i18n::utf8_to_ustring(kCommand)));

@@ -22,62 +22,22 @@
 #include <string>
 #include <vector>
 
+#include "bench/LatencySupport.hpp"
 #include "platform/i18n/i18n.hpp"
 #include "platform/sshclient/SSHClient.hpp"
 #include "platform/sshclient/internal/ExecChannelRunner.hpp"
 #include "platform/sshclient/internal/Session.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
 
-extern char** environ;
-
 namespace {
 
 namespace ssh = foundation::sshclient;
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-
-struct Summary {
-  double p10;
-  double median;
-  double p90;
-};
-
-Summary measure(int repetitions, std::function<void()> const& action) {
-  action();  // warm-up
-  std::vector<double> samples;
-  for (int i = 0; i < repetitions; ++i) {
-    auto const start = Clock::now();
-    action();
-    samples.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-  }
-  std::sort(samples.begin(), samples.end());
-  auto at = [&](double fraction) {
-    return samples[static_cast<std::size_t>(fraction * static_cast<double>(samples.size() - 1))];
-  };
-  return {at(0.1), at(0.5), at(0.9)};
-}
-
-void report(char const* what, Summary const& s) {
-  std::printf("%-52s median %8.3f ms   p10 %8.3f   p90 %8.3f\n", what, s.median, s.p10, s.p90);
-}
-
-// Runs a program with no shell, output discarded; throws when it fails.
-void run(std::vector<std::string> arguments) {
-  std::vector<char*> argv;
-  for (auto& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  int const rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) throw std::runtime_error("cannot run " + arguments.front());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(arguments.front() + " failed");
-}
+using sshfa::bench::Clock;
+using sshfa::bench::measure;
+using sshfa::bench::report;
+using sshfa::bench::runProgram;
+using sshfa::bench::Summary;
 
 // One exec channel running `line` as the server's command line, no input.
 void execDirect(ssh::internal::Session& session, std::string const& line) {
@@ -140,15 +100,15 @@ int main(int argc, char** argv) {
       return arguments;
     };
     report("ssh host true (fresh connection each time)", measure(connections, [&] {
-             run(sshCommand({target, "true"}));
+             runProgram(sshCommand({target, "true"}));
            }));
 
     std::string const control = (dir / "control.sock").string();
-    run(sshCommand({"-o", "ControlMaster=yes", "-o", "ControlPersist=yes", "-S", control, "-fN", target}));
+    runProgram(sshCommand({"-o", "ControlMaster=yes", "-o", "ControlPersist=yes", "-S", control, "-fN", target}));
     report("ssh -S control host true (ControlMaster connection)", measure(repetitions, [&] {
-             run(sshCommand({"-S", control, target, "true"}));
+             runProgram(sshCommand({"-S", control, target, "true"}));
            }));
-    run(sshCommand({"-S", control, "-O", "exit", target}));
+    runProgram(sshCommand({"-S", control, "-O", "exit", target}));
   } catch (std::exception const& error) {
     std::cerr << "ssh_exec_bench: " << error.what() << "\n";
     fs::remove_all(dir);
