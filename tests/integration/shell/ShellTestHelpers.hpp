@@ -12,15 +12,12 @@
 
 #include "platform/i18n/i18n.hpp"
 #include "platform/sshclient/SSHClient.hpp"
+#include "tests/support/SshTestHelpers.hpp"
 #include "tests/support/TestSshd.hpp"
 
 namespace sshfa::testing {
 
-namespace ssh = foundation::sshclient;
 using fl::ustring;
-
-inline ustring u(std::string const& utf8) { return fl::i18n::utf8_to_ustring(utf8); }
-inline std::string utf8(ustring const& text) { return fl::i18n::ustring_to_utf8(text); }
 
 inline ssh::SSHClientOptions optionsFor(TestSshd const& server, ssh::CommandMode mode) {
   auto options = server.options();
@@ -62,25 +59,6 @@ inline ::testing::AssertionResult sameText(ustring const& actual, ustring const&
   return ::testing::AssertionFailure() << "lengths " << actual.size() << " and " << expected.size()
                                        << ", first difference at " << at << ":\n  actual:   \"" << excerpt(actual, from)
                                        << "\"\n  expected: \"" << excerpt(expected, from) << "\"";
-}
-
-// Runs `action`, which must throw SSHError; returns it.
-template <class Action>
-std::optional<ssh::SSHError> catchSSHError(Action&& action) {
-  try {
-    action();
-  } catch (ssh::SSHError const& error) {
-    return error;
-  } catch (std::exception const& error) {
-    ADD_FAILURE() << "expected SSHError, got: " << error.what();
-    return std::nullopt;
-  }
-  ADD_FAILURE() << "expected SSHError, nothing was thrown";
-  return std::nullopt;
-}
-
-inline double secondsSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 }  // namespace sshfa::testing

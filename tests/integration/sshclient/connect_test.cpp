@@ -13,7 +13,7 @@
 #include <sstream>
 
 #include "platform/sshclient/internal/Session.hpp"
-#include "tests/integration/sshclient/SshTestHelpers.hpp"
+#include "tests/support/SshTestHelpers.hpp"
 
 namespace sshfa::testing {
 namespace {

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "tests/integration/sshclient/SshTestHelpers.hpp"
+#include "tests/support/SshTestHelpers.hpp"
 
 namespace sshfa::testing {
 namespace {

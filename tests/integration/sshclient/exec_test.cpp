@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "tests/integration/sshclient/SshTestHelpers.hpp"
+#include "tests/support/SshTestHelpers.hpp"
 
 namespace sshfa::testing {
 namespace {

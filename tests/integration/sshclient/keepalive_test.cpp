@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "platform/sshclient/internal/Session.hpp"
-#include "tests/integration/sshclient/SshTestHelpers.hpp"
+#include "tests/support/SshTestHelpers.hpp"
 
 namespace sshfa::testing {
 namespace {
