@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/integration/sshclient/SshTestHelpers.hpp"
+#include "tests/support/SshTestHelpers.hpp"
 #include "tests/unit/sftp/TransferFiles.hpp"
 
 namespace sshfa::testing {
