@@ -21,6 +21,7 @@
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/FileAccessInterface.hpp"
+#include "tests/unit/local/LocalTestSupport.hpp"
 
 namespace sshfa::testing::conformance {
 
@@ -55,6 +56,34 @@ class Backend {
   Backend() = default;
   Backend(Backend const&) = default;
   Backend& operator=(Backend const&) = default;
+};
+
+namespace local = sshfa::testing::local;
+
+// A backend whose files live on this machine (the local one, and the remote
+// one over the loopback sshd): fixtures are set up with plain local calls in
+// a fresh temporary folder, and the operations under test go through
+// `Access`.
+template <class Access>
+class ThisMachineBackend : public Backend {
+ public:
+  FileAccessInterface& access() override { return access_; }
+  ustring root() override { return local::u(dir_.path()); }
+
+  void writeFile(ustring const& path, std::string const& bytes) override { local::writeBytes(local::b(path), bytes); }
+  std::string readFile(ustring const& path) override { return local::readBytes(local::b(path)); }
+  void makeFolder(ustring const& path) override { local::makeFolders(local::b(path)); }
+  bool present(ustring const& path) override { return local::present(local::b(path)); }
+  void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) override {
+    local::setModificationTime(local::b(path), secondsSinceEpoch, nanoseconds);
+  }
+
+ protected:
+  explicit ThisMachineBackend(Access access) : access_(std::move(access)) {}
+
+ private:
+  local::TempDir dir_;
+  Access access_;
 };
 
 struct BackendFactory {

@@ -14,20 +14,10 @@ namespace sshfa::testing::conformance {
 namespace {
 
 using nimbal::remoteaccess::sshfileaccess::UnixSSHFileAccess;
-namespace local = sshfa::testing::local;
 
-class RemoteBackend : public Backend {
+class RemoteBackend : public ThisMachineBackend<UnixSSHFileAccess> {
  public:
-  FileAccessInterface& access() override { return access_; }
-  ustring root() override { return local::u(dir_.path()); }
-
-  void writeFile(ustring const& path, std::string const& bytes) override { local::writeBytes(local::b(path), bytes); }
-  std::string readFile(ustring const& path) override { return local::readBytes(local::b(path)); }
-  void makeFolder(ustring const& path) override { local::makeFolders(local::b(path)); }
-  bool present(ustring const& path) override { return local::present(local::b(path)); }
-  void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) override {
-    local::setModificationTime(local::b(path), secondsSinceEpoch, nanoseconds);
-  }
+  RemoteBackend() : ThisMachineBackend(UnixSSHFileAccess(TestSshd::instance().connect())) {}
 
   FileAccessException::Code errorCode() const override { return FileAccessException::Code::RemoteError; }
   // "ls -1" leaves out names that begin with a dot.
@@ -38,10 +28,6 @@ class RemoteBackend : public Backend {
   // "cd" into a missing folder fails before tar runs; "unzip -d" creates it.
   bool untarCreatesMissingDestination() const override { return false; }
   bool unzipCreatesMissingDestination() const override { return true; }
-
- private:
-  local::TempDir dir_;
-  UnixSSHFileAccess access_{TestSshd::instance().connect()};
 };
 
 INSTANTIATE_TEST_SUITE_P(Remote, ConformanceTest,
