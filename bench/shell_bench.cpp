@@ -3,6 +3,7 @@
 // on 127.0.0.1; and UnixSSHFileAccess::exists over 1,000 paths in both modes.
 //
 // Usage: shell_bench [commands]   (default 2000 per row)
+// A row for a command that needs a subshell shows what the fork costs.
 // Prints the median and the 10th/90th percentiles, the ratios, and whether
 // the targets are met: <= 0.3 ms per command in the shell, >= 10x faster
 // than exec channels, >= 40x faster than ssh with a ControlMaster, and
@@ -43,10 +44,12 @@ using sshfa::bench::runProgram;
 using sshfa::bench::Summary;
 
 constexpr char const* kCommand = "test -e '/tmp' && echo 1";
+// The same answer from a command the shell must run in a subshell.
+constexpr char const* kSubshellCommand = "cd / && test -e tmp && echo 1";
 
-void check(ssh::SSHClient& client) {
-  auto const result = client.executeCommand(ssh::ExecuteCommand(fl::i18n::utf8_to_ustring(kCommand)));
-  if (result.getStdout() != u"1\n") throw std::runtime_error("unexpected answer to the benchmark command");
+void check(ssh::SSHClient& client, char const* command = kCommand) {
+  auto const result = client.executeCommand(ssh::ExecuteCommand(fl::i18n::utf8_to_ustring(command)));
+  if (result.getStdout() != u"1\n") throw std::runtime_error("unexpected answer to a benchmark command");
 }
 
 char const* verdict(bool met) { return met ? "met" : "NOT met"; }
@@ -76,6 +79,8 @@ int main(int argc, char** argv) {
     auto exec = connect(ssh::CommandMode::ExecChannel);
     Summary const viaShell = measure(repetitions, [&] { check(*shell); });
     report("SSHClient, persistent shell", viaShell);
+    report("SSHClient, persistent shell, in a subshell",
+           measure(repetitions, [&] { check(*shell, kSubshellCommand); }));
     Summary const viaExec = measure(repetitions / 4, [&] { check(*exec); });
     report("SSHClient, exec channel per command", viaExec);
 

@@ -1,5 +1,7 @@
 #include "platform/sshclient/internal/ShellChannelRunner.hpp"
 
+#include "platform/sshclient/internal/StateFreeCommand.hpp"
+
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -70,8 +72,9 @@ std::optional<std::size_t> markerLine(std::string_view text, std::string_view ma
 // the cats are stopped and, once their watchers have said so over l, the
 // folder is removed. Errors of the helpers go
 // to /dev/null; cat copies standard error through fd 3. The last lines
-// announce readiness with `ready` and the folder's path, then silence the
-// shell's own standard error: a command killed by a signal must not earn a
+// announce readiness with `ready` and the folder's path, then keep the
+// channel's standard error on fd 8 for commands evaluated in the shell itself
+// and silence the shell's own: a command killed by a signal must not earn a
 // "Killed" from it, which an exec channel never shows.
 std::string startupScript(std::string const& folderName, std::string const& ready) {
   return "(set +s) 2>/dev/null && set +s\n"  // $- without "s", as under sh -c
@@ -96,7 +99,7 @@ std::string startupScript(std::string const& folderName, std::string const& read
          ready +
          " >&2\n"
          "unset a b d n\n"
-         "exec 2>/dev/null\n";
+         "exec 8>&2 2>/dev/null\n";
 }
 
 }  // namespace
@@ -170,7 +173,7 @@ ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_
   std::string const folder = out.substr(*readyAt + ready.size(), out.size() - 1 - *readyAt - ready.size());
   auto const pipe = [&](char name) { return shellQuoted(folder + "/" + name); };
   check_ = "if [ -p " + pipe('o') + " ] && [ -p " + pipe('O') + " ] && [ -p " + pipe('e') + " ] && [ -p " + pipe('E') +
-           " ]; then (exec 9>&-; eval ";
+           " ]; then (exec 8>&- 9>&-; eval ";
   redirections_ = " </dev/null) </dev/null >" + pipe('o') + " 2>" + pipe('e') + "; printf '%s%d\\n' ";
   statusPipe_ = " \"$?\" >" + pipe('O') + " && printf '%s\\n' ";
   markerPipe_ = " >" + pipe('E') + " || exit; else printf '%s-\\n' ";
@@ -221,14 +224,22 @@ bool ShellChannelRunner::Shell::ready() {
 }
 
 ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string const& command) {
-  --commandsLeft_;
   // The exec wrapper reads the text through "$(cat)", which drops trailing
   // line feeds.
   std::string_view text = command;
   while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
   std::string const marker = randomMarker();
-  std::string const line = check_ + shellQuoted(text) + redirections_ + marker + statusPipe_ + marker + markerPipe_ +
-                           marker + "; exit; fi\n";
+  std::string line;
+  if (isStateFreeCommand(text)) {
+    // Output written by the shell itself cannot linger after the marker, so
+    // it goes to the channel directly, and the cats keep their rounds.
+    line = "{ eval " + shellQuoted(text) + "; } 2>&8; printf '%s%d\\n' " + marker + " \"$?\" && printf '%s\\n' " +
+           marker + " >&8 || exit\n";
+  } else {
+    --commandsLeft_;
+    line = check_ + shellQuoted(text) + redirections_ + marker + statusPipe_ + marker + markerPipe_ + marker +
+           "; exit; fi\n";
+  }
 
   std::string out;
   std::string err;

@@ -7,7 +7,9 @@
 // text in a subshell the way ExecChannelRunner's wrapper does
 // (eval TEXT </dev/null), so variables, cd, umask, ulimit, traps, set -e,
 // aliases and descriptors die with the subshell, and parse errors, $0 and
-// exit statuses read as they do there.
+// exit statuses read as they do there. A list of builtins that cannot change
+// the shell (see StateFreeCommand.hpp) is evaluated by the shell itself,
+// without the fork, which is most of a command's cost.
 //
 // Where a command's output ends: its standard output and error go to two
 // named pipes in a private folder, read by two cat processes that live as

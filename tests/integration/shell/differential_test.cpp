@@ -222,6 +222,24 @@ std::vector<Case> cases() {
        u"sshfa0123456789abcdef0123456789abcdef-\n"},
       {"OutputIsAStatusDigit", u"printf '0\\n'; printf '\\n' >&2", 0, u"0\n"},
 
+      // Lists of builtins that the shell evaluates without a subshell.
+      {"QueryOfAnExistingPath", u"test -e '/tmp' && echo 1", 0, u"1\n"},
+      {"QueryOfAMissingPath", u"test -e '/nonexistent' && echo 1", 1, u""},
+      {"QueryOfAFolderAsFile", u"test -f '/tmp' && echo 1", 1, u""},
+      {"QueryWithAnApostropheAndANewline", u"test -d '/no/it'\\''s\nhere' && echo 1", 1, u""},
+      {"BracketTest", u"[ -d /tmp ] && echo yes || echo no", 0, u"yes\n"},
+      {"BracketWithoutItsClosingBracket", u"[ -e /tmp", 2, u""},
+      {"TestOfABadNumber", u"test 1 -eq a", 2, u""},
+      {"TestWithTooManyArguments", u"test a b c d", 2, u""},
+      {"PrintfOfABadNumber", u"printf '%d\\n' x", 1},
+      {"PrintfOfABadConversion", u"printf '%z'", 2},
+      {"EchoWithEscapes", u"echo 'a\\tb\\c' after", 0, u"a\tb"},
+      {"EscapedSpecialCharacters", u"echo \\$HOME \\* \\' \\;", 0, u"$HOME * ' ;\n"},
+      {"ErrorsInTheMiddleOfAList", u"echo a; test 1 -eq x; echo b; false || echo c; printf '%d' y", 1, u"a\nb\nc\n0"},
+      {"ColonAndTrailingSemicolon", u": 'ignored $(x)' && echo ok;", 0, u"ok\n"},
+      {"ListWithoutBlanks", u"true&&false||echo x", 0, u"x\n"},
+      {"MegabyteFromPrintf", u"printf '%01048576d' 0", 0},
+
       // Size.
       {"CommandLineOf32768CodeUnits", line32768(), 0},
       {"CommandOfOneMegabyte", u"printf '%s' '" + ustring(1u << 20, u'x') + u"' | wc -c", 0, u"1048576\n"},

@@ -107,9 +107,20 @@ TEST(PersistentShell, ManyCommandsOnOneConnectionOutlastTheHelpersRounds) {
   // More commands than one shell serves: the runner moves to a new shell.
   auto client = connectIn(ssh::CommandMode::PersistentShell);
   for (int i = 0; i < 4200; ++i) {
-    auto const result = run(*client, u"echo " + u(std::to_string(i)));
+    auto const result = run(*client, u"echo \"" + u(std::to_string(i)) + u"\"");
     ASSERT_EQ(result.getStdout(), u(std::to_string(i) + "\n"));
   }
+}
+
+TEST(PersistentShell, ListsOfBuiltinsDoNotUseUpTheShell) {
+  // Evaluated by the shell itself, they leave the helpers' rounds alone.
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  ustring const pid = run(*client, u"echo \"$$\"").getStdout();
+  for (int i = 0; i < 4200; ++i) {
+    auto const result = run(*client, u"test -e '/tmp' && echo " + u(std::to_string(i)));
+    ASSERT_EQ(result.getStdout(), u(std::to_string(i) + "\n"));
+  }
+  EXPECT_EQ(run(*client, u"echo \"$$\"").getStdout(), pid);
 }
 
 // ---- a shell that dies ----------------------------------------------------------
