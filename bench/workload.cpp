@@ -1,0 +1,107 @@
+// One timed library workload against a host, for scripts/bench.sh: the same
+// command line and the same one-line JSON answer as the Python peers in
+// bench/peers, so the script treats every library alike.
+//
+// Usage: workload --host H --port P --user U --key FILE --known-hosts FILE OP [ARG]
+//   connect         FileAccess constructor (work: the first command, which
+//                   starts the persistent shell)
+//   stat LIST       getFileInfo over the paths in LIST (one per line), one call
+//   exists LIST     exists over the paths in LIST, one call
+//   walk DIR        listRecursively of DIR
+// Prints {"connect": s, "work": s, "count": n}; exit status 1 and a message on
+// standard error on failure.
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "platform/i18n/i18n.hpp"
+#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/FileAccess.hpp"
+
+namespace {
+
+namespace ssh = foundation::sshclient;
+using nimbal::remoteaccess::sshfileaccess::FileAccess;
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+std::vector<fl::ustring> readPaths(std::string const& listFile) {
+  std::ifstream in(listFile);
+  if (!in) throw std::runtime_error("cannot open '" + listFile + "'");
+  std::vector<fl::ustring> paths;
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty()) paths.push_back(fl::i18n::utf8_to_ustring(line));
+  }
+  return paths;
+}
+
+// How many answers of a workload count as handled.
+long countWork(FileAccess& access, std::string const& op, std::string const& arg) {
+  auto& remote = *access.remote();
+  if (op == "connect") {
+    remote.exists(fl::ustring(u"/"));
+    return 0;
+  }
+  if (op == "stat") {
+    auto const infos = remote.getFileInfo(readPaths(arg));
+    if (std::any_of(infos.begin(), infos.end(), [](auto const& info) { return !info; })) {
+      throw std::runtime_error("a path of '" + arg + "' has no size and time");
+    }
+    return static_cast<long>(infos.size());
+  }
+  if (op == "exists") {
+    auto const answers = remote.exists(readPaths(arg));
+    return static_cast<long>(std::count(answers.begin(), answers.end(), true));
+  }
+  if (op == "walk") return static_cast<long>(remote.listRecursively(fl::i18n::utf8_to_ustring(arg)).size());
+  throw std::runtime_error("unknown workload '" + op + "'");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    std::map<std::string, std::string> options;
+    std::vector<std::string> rest;
+    for (int i = 1; i < argc; ++i) {
+      std::string const word = argv[i];
+      if (word.starts_with("--") && i + 1 < argc) {
+        options[word.substr(2)] = argv[++i];
+      } else {
+        rest.push_back(word);
+      }
+    }
+    for (char const* needed : {"host", "port", "user", "key", "known-hosts"}) {
+      if (!options.contains(needed)) throw std::runtime_error(std::string("missing --") + needed);
+    }
+    if (rest.empty() || rest.size() > 2) throw std::runtime_error("expected OP [ARG]");
+    ssh::SSHClientOptions clientOptions;
+    clientOptions.knownHostsFiles = {options["known-hosts"]};
+    clientOptions.readSshConfig = false;
+    clientOptions.ciphers = "aes128-gcm@openssh.com";
+
+    auto const start = Clock::now();
+    FileAccess access(std::make_unique<ssh::SSHClient>(
+        fl::i18n::utf8_to_ustring(options["host"]), std::stoi(options["port"]),
+        ssh::AuthMethods{ssh::IdentityFileAuth{options["user"], options["key"], std::nullopt}}, clientOptions));
+    double const connect = secondsSince(start);
+    auto const workStart = Clock::now();
+    long const count = countWork(access, rest[0], rest.size() > 1 ? rest[1] : std::string());
+    double const work = secondsSince(workStart);
+    std::printf("{\"connect\": %.6f, \"work\": %.6f, \"count\": %ld}\n", connect, work, count);
+    return 0;
+  } catch (std::exception const& error) {
+    std::cerr << "workload: " << error.what() << "\n";
+    return 1;
+  }
+}

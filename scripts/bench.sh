@@ -1,0 +1,366 @@
+#!/usr/bin/env bash
+# Measures sshfa side by side with OpenSSH's tools, rsync, paramiko and
+# asyncssh on a private sshd on 127.0.0.1, with the workloads on tmpfs, and
+# writes bench/results/<date>.md with a chart per workload.
+#
+# Every tool runs the same workload in turn (A B C A B C ...): one warm-up
+# round, which is also checked for a correct result, then SSHFA_BENCH_RUNS
+# counted rounds (default 5). Every connection uses aes128-gcm@openssh.com
+# where the client can (the report lists what each negotiated).
+#   scripts/bench.sh [WORKLOAD ...]   upload-1g download-1g upload-10k
+#                                     download-10k stat-10k exists-1000
+#                                     list-100k connect (default: all)
+#   BUILD_DIR         build folder (default: build-bench)
+#   SSHFA_BENCH_RUNS  counted rounds (default 5)
+#   SSHFA_BENCH_OUT   report folder (default: bench/results)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+
+build_dir=${BUILD_DIR:-build-bench}
+runs=${SSHFA_BENCH_RUNS:-5}
+out_dir=${SSHFA_BENCH_OUT:-bench/results}
+python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
+all_workloads="upload-1g download-1g upload-10k download-10k stat-10k exists-1000 list-100k connect"
+workloads=${*:-$all_workloads}
+for w in $workloads; do
+  case " $all_workloads " in *" $w "*) ;; *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;; esac
+done
+
+if [ "$(id -u)" -eq 0 ]; then
+  scripts/install-deps.sh
+else
+  scripts/install-deps.sh || { echo "install the packages above, then run again" >&2; exit 1; }
+fi
+cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSSHFA_WERROR=OFF \
+  -DSSHFA_BUILD_TOOLS=ON -DSSHFA_BUILD_TESTS=OFF -DSSHFA_BUILD_BENCHMARKS=ON >/dev/null
+cmake --build "$build_dir" --target sshfa workload -j "$(nproc)"
+sshfa_bin=$root/$build_dir/tools/sshfa/sshfa
+workload_bin=$root/$build_dir/bench/workload
+
+# ---- a private sshd on tmpfs -------------------------------------------------
+[ "$(stat -f -c %T /dev/shm)" = tmpfs ] || { echo "bench.sh: /dev/shm is not a tmpfs" >&2; exit 1; }
+work=$(mktemp -d /dev/shm/sshfa-bench.XXXXXX)
+sshd_pid=
+cleanup() {
+  [ -z "$sshd_pid" ] || kill "$sshd_pid" 2>/dev/null || true
+  ssh -F "$work/ssh_config" -O exit bench >/dev/null 2>&1 || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+user=$(id -un)
+ssh-keygen -q -t ed25519 -N '' -f "$work/host_key"
+ssh-keygen -q -t ed25519 -N '' -f "$work/user_key"
+cp "$work/user_key.pub" "$work/authorized_keys"
+port=$($python -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+sftp_server=/usr/lib/openssh/sftp-server
+# aes128-ctr only for a client without GCM (paramiko); every other client asks for GCM.
+cat >"$work/sshd_config" <<EOF
+ListenAddress 127.0.0.1
+Port $port
+HostKey $work/host_key
+PidFile $work/sshd.pid
+AuthorizedKeysFile $work/authorized_keys
+StrictModes no
+UsePAM no
+PasswordAuthentication no
+KbdInteractiveAuthentication no
+PermitRootLogin prohibit-password
+AllowUsers $user
+Ciphers aes128-gcm@openssh.com,aes128-ctr
+Compression no
+MaxSessions 100
+MaxStartups 100
+LogLevel DEBUG1
+Subsystem sftp $sftp_server
+EOF
+# A log file, not -e: with -e, debug lines of a session reach its standard error.
+/usr/sbin/sshd -D -E "$work/sshd.log" -f "$work/sshd_config" &
+sshd_pid=$!
+echo "[127.0.0.1]:$port $(cut -d' ' -f1,2 "$work/host_key.pub")" >"$work/known_hosts"
+cat >"$work/ssh_config" <<EOF
+Host bench
+  HostName 127.0.0.1
+  Port $port
+  User $user
+  IdentityFile $work/user_key
+  IdentitiesOnly yes
+  UserKnownHostsFile $work/known_hosts
+  StrictHostKeyChecking yes
+  BatchMode yes
+  Ciphers aes128-gcm@openssh.com
+  Compression no
+  ControlPath $work/control.sock
+EOF
+: >"$work/empty_config"
+for _ in $(seq 100); do
+  ssh -F "$work/ssh_config" -o ControlPath=none bench true 2>/dev/null && break
+  sleep 0.1
+done
+ssh -F "$work/ssh_config" -o ControlMaster=yes -o ControlPersist=yes -fN bench
+
+ssh_cfg=(-F "$work/ssh_config")
+sshfa_cmd=("$sshfa_bin" --host 127.0.0.1 --port "$port" --user "$user" --identity "$work/user_key"
+  --known-hosts "$work/known_hosts" --ssh-config "$work/empty_config" --batch)
+lib_args=(--host 127.0.0.1 --port "$port" --user "$user" --key "$work/user_key" --known-hosts "$work/known_hosts")
+paramiko_cmd=("$python" "$root/bench/peers/paramiko_peer.py" "${lib_args[@]}")
+asyncssh_cmd=("$python" "$root/bench/peers/asyncssh_peer.py" "${lib_args[@]}")
+ours_cmd=("$workload_bin" "${lib_args[@]}")
+
+local_dir=$work/local
+remote_dir=$work/remote  # the sshd's side; the same machine, another folder
+mkdir -p "$local_dir" "$remote_dir"
+results=$work/results.tsv
+: >"$results"
+
+# ---- timing ----------------------------------------------------------------
+# A step is a shell function. Its time: the wall time of the whole step, or,
+# when the step leaves a number in $work/seconds (a library's own timing of
+# the work alone), that number.
+declare -A ciphers
+run_step() {  # workload tool round function
+  local workload=$1 tool=$2 round=$3 fn=$4 log_lines start end seconds
+  log_lines=$(wc -l <"$work/sshd.log")
+  rm -f "$work/seconds"
+  start=$EPOCHREALTIME
+  if ! "$fn" >"$work/step.out" 2>"$work/step.err"; then
+    echo "bench.sh: $workload/$tool failed:" >&2
+    cat "$work/step.err" >&2
+    exit 1
+  fi
+  end=$EPOCHREALTIME
+  if [ -s "$work/seconds" ]; then
+    seconds=$(cat "$work/seconds")
+  else
+    seconds=$($python -c "print(f'{$end - $start:.6f}')")
+  fi
+  if [ "$round" -eq 0 ]; then
+    local seen
+    seen=$(tail -n +"$((log_lines + 1))" "$work/sshd.log" | sed -n 's/.*kex: client->server cipher: \([^ ]*\).*/\1/p' |
+      sort -u | paste -sd, -)
+    ciphers[$tool]=${seen:-none}
+  else
+    printf '%s\t%s\t%s\t%s\n' "$workload" "$tool" "$round" "$seconds" >>"$results"
+  fi
+}
+
+# Takes the "work" (or another) field of a library's JSON answer as the step's time.
+library_time() {  # field command...
+  local field=$1
+  shift
+  "$@" >"$work/answer.json"
+  $python -c "import json,sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])" "$work/answer.json" "$field" \
+    >"$work/seconds"
+}
+
+# Runs the tools of one workload interleaved; `prepare` runs before every step
+# (untimed), `verify` after each tool's warm-up.
+run_workload() {  # workload prepare verify tool:function ...
+  local workload=$1 prepare=$2 verify=$3 round pair
+  shift 3
+  echo "== $workload" >&2
+  for round in $(seq 0 "$runs"); do
+    for pair in "$@"; do
+      "$prepare"
+      run_step "$workload" "${pair%%:*}" "$round" "${pair#*:}"
+      if [ "$round" -eq 0 ]; then
+        "$verify" || { echo "bench.sh: $workload/${pair%%:*} gave a wrong result" >&2; exit 1; }
+      fi
+    done
+  done
+}
+
+# ---- workloads -------------------------------------------------------------
+# One file of 1 GiB, incompressible.
+big_local=$local_dir/big.bin
+big_remote=$remote_dir/big.bin
+big_up=$remote_dir/big-up.bin
+big_down=$local_dir/big-down.bin
+make_big() { [ -f "$big_local" ] || { head -c 1073741824 /dev/urandom >"$big_local" && cp "$big_local" "$big_remote"; }; }
+reset_big_up() { rm -f "$big_up"; }
+reset_big_down() { rm -f "$big_down"; }
+check_big_up() { cmp -s "$big_local" "$big_up"; }
+check_big_down() { cmp -s "$big_remote" "$big_down"; }
+
+up_sshfa() { "${sshfa_cmd[@]}" put "$big_local" "$big_up"; }
+up_sftp() { echo "put $big_local $big_up" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+up_scp() { scp "${ssh_cfg[@]}" -o ControlPath=none "$big_local" "bench:$big_up"; }
+up_rsync() { rsync -e "ssh -F $work/ssh_config -o ControlPath=none" "$big_local" "bench:$big_up"; }
+up_cat() { ssh "${ssh_cfg[@]}" -o ControlPath=none bench "cat >'$big_up'" <"$big_local"; }
+up_paramiko() { "${paramiko_cmd[@]}" put "$big_local" "$big_up"; }
+up_asyncssh() { "${asyncssh_cmd[@]}" put "$big_local" "$big_up"; }
+down_sshfa() { "${sshfa_cmd[@]}" get "$big_remote" "$big_down"; }
+down_sftp() { echo "get $big_remote $big_down" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+down_scp() { scp "${ssh_cfg[@]}" -o ControlPath=none "bench:$big_remote" "$big_down"; }
+down_rsync() { rsync -e "ssh -F $work/ssh_config -o ControlPath=none" "bench:$big_remote" "$big_down"; }
+down_cat() { ssh "${ssh_cfg[@]}" -o ControlPath=none bench "cat '$big_remote'" >"$big_down"; }
+down_paramiko() { "${paramiko_cmd[@]}" get "$big_remote" "$big_down"; }
+down_asyncssh() { "${asyncssh_cmd[@]}" get "$big_remote" "$big_down"; }
+
+# 10,000 files of 1-4 KiB in 100 folders.
+tree_local=$local_dir/tree
+tree_remote=$remote_dir/tree
+tree_up=$remote_dir/tree-up
+tree_down=$local_dir/tree-down
+make_tree() {
+  [ -d "$tree_local" ] && return
+  $python - "$tree_local" <<'EOF'
+import os, random, sys
+random.seed(1)
+for d in range(100):
+    folder = os.path.join(sys.argv[1], f"dir{d:03d}")
+    os.makedirs(folder)
+    for f in range(100):
+        with open(os.path.join(folder, f"file{f:03d}.dat"), "wb") as out:
+            out.write(os.urandom(random.randint(1024, 4096)))
+EOF
+  cp -r "$tree_local" "$tree_remote"
+}
+reset_tree_up() { rm -rf "$tree_up"; }
+reset_tree_down() { rm -rf "$tree_down"; }
+check_tree_up() { diff -r "$tree_local" "$tree_up" >/dev/null; }
+check_tree_down() { diff -r "$tree_remote" "$tree_down" >/dev/null; }
+
+tup_sshfa() { "${sshfa_cmd[@]}" put "$tree_local/" "$tree_up/"; }
+tup_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "$tree_local" "bench:$tree_up"; }
+tup_sftp() { echo "put -r $tree_local $tree_up" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+tup_rsync() { rsync -a -e "ssh -F $work/ssh_config -o ControlPath=none" "$tree_local/" "bench:$tree_up/"; }
+tup_tar() {
+  tar -C "$tree_local" -cf - . |
+    ssh "${ssh_cfg[@]}" -o ControlPath=none bench "mkdir -p '$tree_up' && tar -C '$tree_up' -xf -"
+}
+tup_paramiko() { "${paramiko_cmd[@]}" put-tree "$tree_local" "$tree_up"; }
+tup_asyncssh() { "${asyncssh_cmd[@]}" put-tree "$tree_local" "$tree_up"; }
+tdown_sshfa() { "${sshfa_cmd[@]}" get "$tree_remote/" "$tree_down/"; }
+tdown_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "bench:$tree_remote" "$tree_down"; }
+tdown_sftp() { echo "get -r $tree_remote $tree_down" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+tdown_rsync() { rsync -a -e "ssh -F $work/ssh_config -o ControlPath=none" "bench:$tree_remote/" "$tree_down/"; }
+tdown_tar() {
+  mkdir -p "$tree_down"
+  ssh "${ssh_cfg[@]}" -o ControlPath=none bench "tar -C '$tree_remote' -cf - ." | tar -C "$tree_down" -xf -
+}
+tdown_paramiko() { "${paramiko_cmd[@]}" get-tree "$tree_remote" "$tree_down"; }
+tdown_asyncssh() { "${asyncssh_cmd[@]}" get-tree "$tree_remote" "$tree_down"; }
+
+# Queries. The ssh rows go over the ControlMaster connection, so that they
+# too leave connection set-up out.
+nothing() { :; }
+stat_list=$work/stat-10k.list
+exists_list=$work/exists-1000.list
+make_lists() {
+  find "$tree_remote" -type f | sort >"$stat_list"
+  head -n 500 "$stat_list" | while read -r p; do printf '%s\n%s.missing\n' "$p" "$p"; done >"$exists_list"
+}
+check_stat() { [ "$(grep -o '"count": [0-9]*' "$work/step.out" 2>/dev/null)" = '"count": 10000' ] || [ "$(wc -l <"$work/step.out")" -eq 10000 ]; }
+check_exists() { [ "$(grep -o '"count": [0-9]*' "$work/step.out" 2>/dev/null)" = '"count": 500' ] || [ "$(grep -c . "$work/step.out")" -eq 500 ]; }
+
+stat_sshfa() { library_time work "${ours_cmd[@]}" stat "$stat_list"; cat "$work/answer.json"; }
+stat_paramiko() { library_time work "${paramiko_cmd[@]}" stat "$stat_list"; cat "$work/answer.json"; }
+stat_asyncssh() { library_time work "${asyncssh_cmd[@]}" stat "$stat_list"; cat "$work/answer.json"; }
+stat_ssh() { ssh "${ssh_cfg[@]}" bench "xargs -d '\n' stat -c '%s %Y'" <"$stat_list"; }
+exists_sshfa() { library_time work "${ours_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+exists_paramiko() { library_time work "${paramiko_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+exists_ssh() {
+  local p
+  while read -r p; do
+    if ssh "${ssh_cfg[@]}" bench "test -e '$p'" </dev/null; then echo 1; fi
+  done <"$exists_list"
+}
+
+# 100,000 empty files in 100 folders.
+wide_remote=$remote_dir/wide
+make_wide() {
+  [ -d "$wide_remote" ] && return
+  $python - "$wide_remote" <<'EOF'
+import os, sys
+for d in range(100):
+    folder = os.path.join(sys.argv[1], f"dir{d:03d}")
+    os.makedirs(folder)
+    for f in range(1000):
+        open(os.path.join(folder, f"f{f:04d}"), "wb").close()
+EOF
+}
+check_walk() { [ "$(grep -o '"count": [0-9]*' "$work/step.out" 2>/dev/null)" = '"count": 100000' ] || [ "$(wc -l <"$work/step.out")" -eq 100000 ]; }
+walk_sshfa() { library_time work "${ours_cmd[@]}" walk "$wide_remote"; cat "$work/answer.json"; }
+walk_paramiko() { library_time work "${paramiko_cmd[@]}" walk "$wide_remote"; cat "$work/answer.json"; }
+walk_asyncssh() { library_time work "${asyncssh_cmd[@]}" walk "$wide_remote"; cat "$work/answer.json"; }
+walk_ssh() { ssh "${ssh_cfg[@]}" bench "find '$wide_remote' -type f"; }
+
+connect_sshfa() { library_time connect "${ours_cmd[@]}" connect; }
+connect_sshfa_first() {
+  "${ours_cmd[@]}" connect >"$work/answer.json"
+  $python -c "import json,sys; a = json.load(open(sys.argv[1])); print(a['connect'] + a['work'])" \
+    "$work/answer.json" >"$work/seconds"
+}
+connect_ssh() { ssh "${ssh_cfg[@]}" -o ControlPath=none bench true; }
+connect_paramiko() { library_time connect "${paramiko_cmd[@]}" connect; }
+connect_asyncssh() { library_time connect "${asyncssh_cmd[@]}" connect; }
+
+# ---- run ---------------------------------------------------------------------
+for w in $workloads; do
+  case $w in
+  upload-1g)
+    make_big
+    run_workload "$w" reset_big_up check_big_up sshfa:up_sshfa sftp:up_sftp scp:up_scp rsync:up_rsync \
+      cat-over-ssh:up_cat paramiko:up_paramiko asyncssh:up_asyncssh
+    ;;
+  download-1g)
+    make_big
+    run_workload "$w" reset_big_down check_big_down sshfa:down_sshfa sftp:down_sftp scp:down_scp \
+      rsync:down_rsync cat-over-ssh:down_cat paramiko:down_paramiko asyncssh:down_asyncssh
+    ;;
+  upload-10k)
+    make_tree
+    run_workload "$w" reset_tree_up check_tree_up sshfa:tup_sshfa scp-r:tup_scp sftp-r:tup_sftp \
+      rsync-a:tup_rsync tar-pipe:tup_tar paramiko:tup_paramiko asyncssh:tup_asyncssh
+    ;;
+  download-10k)
+    make_tree
+    run_workload "$w" reset_tree_down check_tree_down sshfa:tdown_sshfa scp-r:tdown_scp sftp-r:tdown_sftp \
+      rsync-a:tdown_rsync tar-pipe:tdown_tar paramiko:tdown_paramiko asyncssh:tdown_asyncssh
+    ;;
+  stat-10k)
+    make_tree
+    make_lists
+    run_workload "$w" nothing check_stat sshfa:stat_sshfa paramiko:stat_paramiko asyncssh:stat_asyncssh \
+      ssh-stat:stat_ssh
+    ;;
+  exists-1000)
+    make_tree
+    make_lists
+    run_workload "$w" nothing check_exists sshfa:exists_sshfa paramiko:exists_paramiko \
+      ssh-controlmaster:exists_ssh
+    ;;
+  list-100k)
+    make_wide
+    run_workload "$w" nothing check_walk sshfa:walk_sshfa paramiko:walk_paramiko asyncssh:walk_asyncssh \
+      ssh-find:walk_ssh
+    ;;
+  connect)
+    run_workload "$w" nothing nothing sshfa:connect_sshfa sshfa-first-command:connect_sshfa_first \
+      ssh-true:connect_ssh paramiko:connect_paramiko asyncssh:connect_asyncssh
+    ;;
+  esac
+done
+
+# ---- report ------------------------------------------------------------------
+for tool in "${!ciphers[@]}"; do printf '%s\t%s\n' "$tool" "${ciphers[$tool]}"; done >"$work/ciphers.tsv"
+{
+  echo "cpu	$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)"
+  echo "cores	$(nproc)"
+  echo "memory	$(free -g | awk '/^Mem:/ {print $2 " GiB"}')"
+  echo "kernel	$(uname -r)"
+  echo "system	$(. /etc/os-release && echo "$PRETTY_NAME")"
+  echo "compiler	$(c++ --version | head -n 1)"
+  echo "openssh	$(ssh -V 2>&1)"
+  echo "libssh	$(dpkg-query -W -f '${Version}' libssh-dev 2>/dev/null)"
+  echo "rsync	$(rsync --version | head -n 1)"
+  echo "paramiko	$($python -c 'import paramiko; print(paramiko.__version__)')"
+  echo "asyncssh	$($python -W ignore -c 'import asyncssh; print(asyncssh.__version__)')"
+  echo "python	$($python --version 2>&1)"
+  echo "runs	$runs"
+  echo "sshfa	$(git -C "$root" rev-parse --short HEAD)"
+} >"$work/machine.tsv"
+mkdir -p "$out_dir"
+$python bench/report.py "$results" "$work/machine.tsv" "$work/ciphers.tsv" "$out_dir"
