@@ -82,26 +82,33 @@ def goals(medians):
     return rows
 
 
-def chart(workload, title, rows, png):
-    """A bar per tool: median, with the min-max spread as an error bar."""
+def chart(title, rows, png):
+    """A bar per tool: median, with the min-max spread as an error bar and the
+    median written above; a log scale when the bars differ too much to see."""
     data = png + ".dat"
     scale, unit = (1000, "ms") if max(r[1] for r in rows) < 1 else (1, "s")
     with open(data, "w", encoding="utf-8") as f:
         for i, (tool, median, low, high) in enumerate(rows):
-            f.write(f'{i} "{tool}" {median * scale} {low * scale} {high * scale}\n')
+            f.write(f'{i} "{tool}" {median * scale} {low * scale} {high * scale} "{seconds_text(median)}"\n')
+    lowest = min(r[1] for r in rows) * scale
+    highest = max(r[3] for r in rows) * scale
+    if highest / lowest > 30:
+        axis = f"set logscale y\nset yrange [{lowest / 3}:{highest * 4}]\nset ylabel \"{unit} (log scale)\""
+    else:
+        axis = f"set yrange [0:{highest * 1.15}]\nset ylabel \"{unit}\""
     script = f"""
 set terminal pngcairo size 900,480 font ",10"
 set output "{png}"
 set title "{title} (median, min-max; lower is better)"
-set ylabel "{unit}"
+{axis}
 set style fill solid 0.7
 set boxwidth 0.6
-set yrange [0:*]
 set xtics rotate by -30
 set grid ytics
 unset key
 plot "{data}" using 1:3:xtic(2) with boxes lc rgb "#4a7ebb", \\
-     "" using 1:3:4:5 with yerrorbars lc rgb "black" pt -1
+     "" using 1:3:4:5 with yerrorbars lc rgb "black" pt -1, \\
+     "" using 1:5:6 with labels offset 0,0.8
 """
     subprocess.run(["gnuplot"], input=script, text=True, check=True)
     os.remove(data)
@@ -155,7 +162,7 @@ def main():
                          f"| {ratio} |")
             rows.append((tool, med, min(v), max(v)))
         png = f"{date}-{workload}.png"
-        chart(workload, title, rows, os.path.join(out_dir, png))
+        chart(title, rows, os.path.join(out_dir, png))
         lines += ["", f"![{title}]({png})"]
 
     report = os.path.join(out_dir, f"{date}.md")

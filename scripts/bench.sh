@@ -73,6 +73,9 @@ Compression no
 MaxSessions 100
 MaxStartups 100
 LogLevel DEBUG1
+# bash reads ~/.bashrc for sshd's commands only at shell level 1: measure the
+# tools, not this account's start-up files.
+SetEnv SHLVL=1
 Subsystem sftp $sftp_server
 EOF
 # A log file, not -e: with -e, debug lines of a session reach its standard error.
@@ -363,4 +366,5 @@ for tool in "${!ciphers[@]}"; do printf '%s\t%s\n' "$tool" "${ciphers[$tool]}"; 
   echo "sshfa	$(git -C "$root" rev-parse --short HEAD)"
 } >"$work/machine.tsv"
 mkdir -p "$out_dir"
+cp "$results" "$out_dir/$(date +%F)-timings.tsv"
 $python bench/report.py "$results" "$work/machine.tsv" "$work/ciphers.tsv" "$out_dir"
