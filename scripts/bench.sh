@@ -13,6 +13,8 @@
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
 #   SSHFA_BENCH_OUT   report folder (default: bench/results)
+#   SSHFA_BENCH_SETTLE  seconds of rest before every step (default 0.5): the
+#                     kernel frees what the previous step removed meanwhile
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -20,6 +22,7 @@ root=$PWD
 build_dir=${BUILD_DIR:-build-bench}
 runs=${SSHFA_BENCH_RUNS:-5}
 out_dir=${SSHFA_BENCH_OUT:-bench/results}
+settle=${SSHFA_BENCH_SETTLE:-0.5}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
 all_workloads="upload-1g download-1g upload-10k download-10k stat-10k exists-1000 list-100k connect"
 workloads=${*:-$all_workloads}
@@ -166,6 +169,7 @@ run_workload() {  # workload prepare verify tool:function ...
   for round in $(seq 0 "$runs"); do
     for pair in "$@"; do
       "$prepare"
+      sleep "$settle"
       run_step "$workload" "${pair%%:*}" "$round" "${pair#*:}"
       if [ "$round" -eq 0 ]; then
         "$verify" || { echo "bench.sh: $workload/${pair%%:*} gave a wrong result" >&2; exit 1; }
