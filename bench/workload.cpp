@@ -93,11 +93,12 @@ int main(int argc, char** argv) {
         fl::i18n::utf8_to_ustring(options["host"]), std::stoi(options["port"]),
         ssh::AuthMethods{ssh::IdentityFileAuth{options["user"], options["key"], std::nullopt}}, clientOptions));
     double const connect = secondsSince(start);
-    auto workStart = Clock::now();
+    auto const firstStart = Clock::now();
     access.remote()->exists(fl::ustring(u"/"));
-    if (rest[0] != "connect") workStart = Clock::now();
+    double const first = secondsSince(firstStart);
+    auto const workStart = Clock::now();
     long const count = countWork(access, rest[0], rest.size() > 1 ? rest[1] : std::string());
-    double const work = secondsSince(workStart);
+    double const work = rest[0] == "connect" ? first : secondsSince(workStart);
     std::printf("{\"connect\": %.6f, \"work\": %.6f, \"count\": %ld}\n", connect, work, count);
     return 0;
   } catch (std::exception const& error) {
