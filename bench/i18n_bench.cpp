@@ -4,7 +4,7 @@
 #include <random>
 #include <string>
 
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 namespace {
 

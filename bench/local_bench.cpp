@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/i18n/i18n.hpp"
 #include "sshfileaccess/LocalFileAccess.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 namespace {
 

@@ -27,9 +27,9 @@
 #include <vector>
 
 #include "bench/LatencySupport.hpp"
-#include "platform/i18n/i18n.hpp"
-#include "platform/sshclient/SSHClient.hpp"
 #include "sshfileaccess/UnixSSHFileAccess.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
 
 namespace {

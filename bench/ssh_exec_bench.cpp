@@ -23,10 +23,10 @@
 #include <vector>
 
 #include "bench/LatencySupport.hpp"
-#include "platform/i18n/i18n.hpp"
-#include "platform/sshclient/SSHClient.hpp"
-#include "platform/sshclient/internal/ExecChannelRunner.hpp"
-#include "platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/internal/ExecChannelRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
 
 namespace {

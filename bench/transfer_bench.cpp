@@ -29,8 +29,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/i18n/i18n.hpp"
-#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
 
 extern char** environ;

@@ -24,9 +24,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/i18n/i18n.hpp"
-#include "platform/sshclient/SSHClient.hpp"
 #include "sshfileaccess/FileAccess.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
 namespace {
 

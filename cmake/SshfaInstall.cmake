@@ -6,13 +6,12 @@ install(TARGETS sshfileaccess EXPORT sshfileaccessTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-# Public headers keep their in-tree layout below include/sshfileaccess/;
-# folders named "internal" hold implementation headers and are not installed.
-foreach(dir sshfileaccess platform)
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir} DESTINATION ${SSHFA_HEADER_DIR}
-    FILES_MATCHING PATTERN "*.hpp" PATTERN "internal" EXCLUDE)
-endforeach()
-install(FILES ${PROJECT_BINARY_DIR}/include/sshfa/export.hpp DESTINATION ${SSHFA_HEADER_DIR}/sshfa)
+# Every public header below include/sshfileaccess/, the one root consumers
+# include from: the library's headers, platform/ and export.hpp. Folders named
+# "internal" hold implementation headers and are not installed.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/sshfileaccess/ ${PROJECT_SOURCE_DIR}/platform DESTINATION ${SSHFA_HEADER_DIR}
+  FILES_MATCHING PATTERN "*.hpp" PATTERN "internal" EXCLUDE)
+install(FILES ${PROJECT_BINARY_DIR}/include/sshfileaccess/export.hpp DESTINATION ${SSHFA_HEADER_DIR})
 
 install(EXPORT sshfileaccessTargets NAMESPACE nimbal:: DESTINATION ${SSHFA_CMAKE_DIR})
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/sshfileaccessConfig.cmake.in

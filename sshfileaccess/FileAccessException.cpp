@@ -1,6 +1,6 @@
 #include "sshfileaccess/FileAccessException.hpp"
 
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {
 

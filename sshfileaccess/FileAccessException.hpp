@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/except/Exception.hpp"
+#include "sshfileaccess/platform/except/Exception.hpp"
 #include "sshfileaccess/ustring.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {

@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-#include "sshfa/export.hpp"
+#include "sshfileaccess/export.hpp"
 #include "sshfileaccess/ustring.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {

@@ -8,11 +8,11 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/archive/Archive.hpp"
-#include "platform/filesystem/FileSystem.hpp"
-#include "platform/filesystem/Path.hpp"
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/Utils.hpp"
+#include "sshfileaccess/platform/archive/Archive.hpp"
+#include "sshfileaccess/platform/filesystem/FileSystem.hpp"
+#include "sshfileaccess/platform/filesystem/Path.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {
 namespace {

@@ -12,8 +12,8 @@
 #include <memory>
 #include <vector>
 
-#include "platform/sshclient/SSHClient.hpp"
 #include "sshfileaccess/FileAccessInterface.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {
 

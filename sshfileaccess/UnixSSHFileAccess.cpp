@@ -6,9 +6,9 @@
 #include <initializer_list>
 #include <string_view>
 
-#include "platform/filesystem/Path.hpp"
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/Utils.hpp"
+#include "sshfileaccess/platform/filesystem/Path.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {
 

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {
 

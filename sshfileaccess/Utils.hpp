@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/log/Logger.hpp"
+#include "sshfileaccess/platform/log/Logger.hpp"
 #include "sshfileaccess/ustring.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {

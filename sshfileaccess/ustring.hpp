@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/i18n/ustring.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {
 using fl::ustring;

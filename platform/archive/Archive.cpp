@@ -1,4 +1,4 @@
-#include "platform/archive/Archive.hpp"
+#include "sshfileaccess/platform/archive/Archive.hpp"
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -15,9 +15,9 @@
 #include <string>
 #include <system_error>
 
-#include "platform/except/Exception.hpp"
-#include "platform/filesystem/FileSystem.hpp"
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/except/Exception.hpp"
+#include "sshfileaccess/platform/filesystem/FileSystem.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 namespace velmar::io::archive::core {
 namespace {

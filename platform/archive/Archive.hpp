@@ -18,7 +18,7 @@
 
 #include <vector>
 
-#include "platform/i18n/ustring.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace velmar::io::archive::core {
 

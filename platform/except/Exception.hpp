@@ -15,9 +15,9 @@
 #include <exception>
 #include <string>
 
-#include "platform/i18n/i18n.hpp"
-#include "platform/i18n/ustring.hpp"
-#include "sshfa/export.hpp"
+#include "sshfileaccess/export.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace foundation::core::except {
 

@@ -1,4 +1,4 @@
-#include "platform/filesystem/FileSystem.hpp"
+#include "sshfileaccess/platform/filesystem/FileSystem.hpp"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,8 +14,8 @@
 #include <system_error>
 #include <vector>
 
-#include "platform/except/Exception.hpp"
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/except/Exception.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 namespace fl::filesystem {
 namespace {

@@ -28,7 +28,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/i18n/ustring.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace fl::filesystem {
 

@@ -1,6 +1,6 @@
-#include "platform/filesystem/Path.hpp"
+#include "sshfileaccess/platform/filesystem/Path.hpp"
 
-#include "platform/filesystem/FileSystem.hpp"
+#include "sshfileaccess/platform/filesystem/FileSystem.hpp"
 
 namespace fl::filesystem::detail {
 namespace {

@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "platform/i18n/ustring.hpp"
-#include "sshfa/export.hpp"
+#include "sshfileaccess/export.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace fl::filesystem::detail {
 

@@ -1,4 +1,4 @@
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 #include <cstdint>
 

@@ -15,8 +15,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/i18n/ustring.hpp"
-#include "sshfa/export.hpp"
+#include "sshfileaccess/export.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace fl::i18n {
 

@@ -1,4 +1,4 @@
-#include "platform/log/Logger.hpp"
+#include "sshfileaccess/platform/log/Logger.hpp"
 
 #include <boost/core/null_deleter.hpp>
 #include <boost/log/core.hpp>

@@ -17,7 +17,7 @@
 #include <string>
 #include <string_view>
 
-#include "sshfa/export.hpp"
+#include "sshfileaccess/export.hpp"
 
 namespace foundation::log {
 

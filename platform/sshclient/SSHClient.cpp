@@ -1,10 +1,10 @@
-#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
-#include "platform/i18n/i18n.hpp"
-#include "platform/sshclient/internal/ExecChannelRunner.hpp"
-#include "platform/sshclient/internal/Session.hpp"
-#include "platform/sshclient/internal/ShellChannelRunner.hpp"
-#include "platform/sshclient/internal/Transfer.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/internal/ExecChannelRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/ShellChannelRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Transfer.hpp"
 
 namespace foundation::sshclient {
 

@@ -25,8 +25,8 @@
 #include <variant>
 #include <vector>
 
-#include "platform/i18n/ustring.hpp"
-#include "sshfa/export.hpp"
+#include "sshfileaccess/export.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace foundation::sshclient {
 

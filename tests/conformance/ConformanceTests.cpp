@@ -5,7 +5,7 @@
 #include <set>
 #include <utility>
 
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 namespace sshfa::testing::conformance {
 

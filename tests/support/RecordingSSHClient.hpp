@@ -6,7 +6,7 @@
 #include <functional>
 #include <vector>
 
-#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
 namespace sshfa::testing {
 

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/i18n/i18n.hpp"
-#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 #include "tests/support/TestSshd.hpp"
 
 namespace sshfa::testing {

@@ -19,7 +19,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
 
 namespace sshfa::testing {

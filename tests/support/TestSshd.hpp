@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
 namespace sshfa::testing {
 

@@ -13,6 +13,7 @@
 #include "tools/sshfa/Interrupt.hpp"
 #include "tools/sshfa/Text.hpp"
 #include "tools/sshfa/Trace.hpp"
+#include "tools/sshfa/Transfer.hpp"
 
 namespace sshfa::cli {
 namespace {

@@ -9,9 +9,8 @@
 #include <functional>
 #include <map>
 
-#include "platform/i18n/i18n.hpp"
 #include "sshfileaccess/FileAccessException.hpp"
-#include "tools/sshfa/Interrupt.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "tools/sshfa/Text.hpp"
 
 namespace sshfa::cli {
@@ -22,11 +21,6 @@ using fl::ustring;
 using PathList = sfa::FileAccessInterface::PathList;
 using PathPairs = sfa::FileAccessInterface::PathPairs;
 
-void writeTo(std::FILE* stream, std::string const& text) {
-  std::fwrite(text.data(), 1, text.size(), stream);
-  std::fflush(stream);
-}
-
 std::string shown(ustring const& text) { return forStream(STDOUT_FILENO, text); }
 
 PathList toPaths(std::vector<std::string> const& args) {
@@ -34,18 +28,6 @@ PathList toPaths(std::vector<std::string> const& args) {
   paths.reserve(args.size());
   for (auto const& arg : args) paths.push_back(fl::i18n::utf8_to_ustring(arg));
   return paths;
-}
-
-PathPairs toPairs(std::string const& name, std::vector<std::string> const& args) {
-  if (args.empty() || args.size() % 2 != 0) {
-    throw UsageError(fmt::format("{} takes pairs: SOURCE DESTINATION [SOURCE DESTINATION ...]", name));
-  }
-  PathPairs pairs;
-  pairs.reserve(args.size() / 2);
-  for (std::size_t i = 0; i < args.size(); i += 2) {
-    pairs.emplace_back(fl::i18n::utf8_to_ustring(args[i]), fl::i18n::utf8_to_ustring(args[i + 1]));
-  }
-  return pairs;
 }
 
 // A JSON array with one element per line.
@@ -244,65 +226,29 @@ std::map<std::string, Handler> const& handlers() {
   return table;
 }
 
-// Clears the router's reporter however the transfer ends.
-class ReporterScope {
- public:
-  ReporterScope(ProgressRouter& router, TransferReporter& reporter) : router_(router) {
-    router_.setReporter(&reporter);
-  }
-  ~ReporterScope() { router_.setReporter(nullptr); }
-  ReporterScope(ReporterScope const&) = delete;
-  ReporterScope& operator=(ReporterScope const&) = delete;
-
- private:
-  ProgressRouter& router_;
-};
-
 }  // namespace
+
+void writeTo(std::FILE* stream, std::string const& text) {
+  std::fwrite(text.data(), 1, text.size(), stream);
+  std::fflush(stream);
+}
+
+sfa::FileAccessInterface::PathPairs toPairs(std::string const& name, std::vector<std::string> const& args) {
+  if (args.empty() || args.size() % 2 != 0) {
+    throw UsageError(fmt::format("{} takes pairs: SOURCE DESTINATION [SOURCE DESTINATION ...]", name));
+  }
+  PathPairs pairs;
+  pairs.reserve(args.size() / 2);
+  for (std::size_t i = 0; i < args.size(); i += 2) {
+    pairs.emplace_back(fl::i18n::utf8_to_ustring(args[i]), fl::i18n::utf8_to_ustring(args[i + 1]));
+  }
+  return pairs;
+}
 
 bool isFileCommand(std::string const& name) { return handlers().count(name) != 0; }
 
 int runFileCommand(sfa::FileAccessInterface& side, FileCommand const& command) {
   return handlers().at(command.name)(side, command);
-}
-
-int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload, std::vector<std::string> const& args,
-                bool json) {
-  PathPairs const pairs = toPairs(upload ? "put" : "get", args);
-  // The library copies nothing, silently, for a missing source; a user who
-  // typed the name wants to hear about it.
-  PathList sources;
-  sources.reserve(pairs.size());
-  for (auto const& pair : pairs) sources.push_back(pair.first);
-  sfa::FileAccessInterface& sourceSide = upload ? static_cast<sfa::FileAccessInterface&>(*access.local())
-                                                : static_cast<sfa::FileAccessInterface&>(*access.remote());
-  std::vector<bool> const present = sourceSide.exists(sources);
-  for (std::size_t i = 0; i < sources.size(); ++i) {
-    if (!present[i]) {
-      throw sfa::FileAccessException(
-          fmt::format("cannot copy '{}': No such file or directory", fl::i18n::ustring_to_utf8(sources[i])),
-          upload ? sfa::FileAccessException::Code::LocalError : sfa::FileAccessException::Code::RemoteError);
-    }
-  }
-
-  InterruptGuard const interruptible;
-  TransferReporter reporter(isTerminal(STDERR_FILENO));
-  {
-    ReporterScope const scope(progress, reporter);
-    if (upload) {
-      access.localToRemoteCopy(pairs);
-    } else {
-      access.remoteToLocalCopy(pairs);
-    }
-  }
-  TransferTotals const totals = reporter.finish();
-  if (json) {
-    writeTo(stdout, fmt::format("{{\"files\": {}, \"bytes\": {}, \"seconds\": {:.3f}}}\n", totals.files, totals.bytes,
-                                totals.seconds));
-  } else {
-    writeTo(stderr, fmt::format("{}: copied {}\n", upload ? "put" : "get", describeTotals(totals)));
-  }
-  return 0;
 }
 
 int runExec(sfa::FileAccess& access, std::vector<std::string> const& words, bool json) {

@@ -3,12 +3,12 @@
 // its answer to standard output — plain, one entry per line, or JSON — and
 // returns the exit status; failures of the library propagate as exceptions.
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "sshfileaccess/FileAccess.hpp"
-#include "tools/sshfa/Progress.hpp"
 
 namespace sshfa::cli {
 
@@ -26,11 +26,14 @@ struct FileCommand {
 };
 
 bool isFileCommand(std::string const& name);
+// Writes all of `text` and flushes, so that output and messages interleave
+// as they happen.
+void writeTo(std::FILE* stream, std::string const& text);
+// Operands SOURCE DESTINATION [SOURCE DESTINATION ...] of command `name`;
+// throws UsageError for an odd count or none.
+nimbal::remoteaccess::sshfileaccess::FileAccessInterface::PathPairs toPairs(std::string const& name,
+                                                                            std::vector<std::string> const& args);
 int runFileCommand(nimbal::remoteaccess::sshfileaccess::FileAccessInterface& side, FileCommand const& command);
-
-// put (upload) and get: pairs of source and destination.
-int runTransfer(nimbal::remoteaccess::sshfileaccess::FileAccess& access, ProgressRouter& progress, bool upload,
-                std::vector<std::string> const& args, bool json);
 
 // exec: the words joined by blanks, run by the remote shell; its output goes
 // to ours and its exit status becomes ours.

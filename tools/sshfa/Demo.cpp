@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
 #include "tools/sshfa/Connection.hpp"
 #include "tools/sshfa/Interrupt.hpp"

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
 namespace sshfa::cli {
 

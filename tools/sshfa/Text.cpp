@@ -5,7 +5,7 @@
 
 #include <array>
 
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 
 namespace sshfa::cli {
 namespace {

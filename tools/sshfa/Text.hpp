@@ -22,7 +22,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/i18n/ustring.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace sshfa::cli {
 

@@ -1,4 +1,4 @@
-#include "platform/sshclient/internal/ExecChannelRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/ExecChannelRunner.hpp"
 
 #include <string_view>
 

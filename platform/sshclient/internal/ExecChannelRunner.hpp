@@ -8,8 +8,8 @@
 // login shell (csh, fish, ...) only ever parses the fixed line, and the
 // command's own standard input is /dev/null.
 
-#include "platform/sshclient/internal/CommandRunner.hpp"
-#include "platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 
 namespace foundation::sshclient::internal {
 

@@ -1,4 +1,4 @@
-#include "platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 
 #include <libssh/callbacks.h>
 #include <libssh/server.h>  // ssh_send_keepalive

@@ -63,7 +63,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
 namespace foundation::sshclient::internal {
 

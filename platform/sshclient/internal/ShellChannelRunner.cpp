@@ -1,6 +1,6 @@
-#include "platform/sshclient/internal/ShellChannelRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/ShellChannelRunner.hpp"
 
-#include "platform/sshclient/internal/StateFreeCommand.hpp"
+#include "sshfileaccess/platform/sshclient/internal/StateFreeCommand.hpp"
 
 #include <algorithm>
 #include <charconv>

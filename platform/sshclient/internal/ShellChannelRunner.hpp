@@ -32,9 +32,9 @@
 #include <memory>
 #include <optional>
 
-#include "platform/sshclient/internal/CommandRunner.hpp"
-#include "platform/sshclient/internal/ExecChannelRunner.hpp"
-#include "platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/ExecChannelRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 
 namespace foundation::sshclient::internal {
 

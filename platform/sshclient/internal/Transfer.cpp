@@ -1,10 +1,10 @@
-#include "platform/sshclient/internal/Transfer.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Transfer.hpp"
 
 #include <string>
 #include <string_view>
 
-#include "platform/sshclient/internal/Session.hpp"
-#include "platform/sshclient/internal/sftp/Engine.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 
 namespace foundation::sshclient::internal {
 

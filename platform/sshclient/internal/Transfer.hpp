@@ -8,7 +8,7 @@
 
 #include <functional>
 
-#include "platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
 namespace foundation::sshclient::internal {
 

@@ -12,7 +12,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 #include "tests/support/SshTestHelpers.hpp"
 
 namespace sshfa::testing {

@@ -5,7 +5,7 @@
 
 #include <thread>
 
-#include "platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 #include "tests/support/SshTestHelpers.hpp"
 
 namespace sshfa::testing {

@@ -1,4 +1,4 @@
-#include "platform/log/Logger.hpp"
+#include "sshfileaccess/platform/log/Logger.hpp"
 
 #include <gtest/gtest.h>
 

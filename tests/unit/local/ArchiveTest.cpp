@@ -1,4 +1,4 @@
-#include "platform/archive/Archive.hpp"
+#include "sshfileaccess/platform/archive/Archive.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <random>
 
-#include "platform/except/Exception.hpp"
+#include "sshfileaccess/platform/except/Exception.hpp"
 #include "tests/unit/local/ArchiveTestSupport.hpp"
 #include "tests/unit/local/LocalTestSupport.hpp"
 

@@ -1,4 +1,4 @@
-#include "platform/filesystem/FileSystem.hpp"
+#include "sshfileaccess/platform/filesystem/FileSystem.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,8 +8,8 @@
 #include <set>
 #include <vector>
 
-#include "platform/except/Exception.hpp"
-#include "platform/filesystem/Path.hpp"
+#include "sshfileaccess/platform/except/Exception.hpp"
+#include "sshfileaccess/platform/filesystem/Path.hpp"
 #include "tests/unit/local/LocalTestSupport.hpp"
 
 namespace fs = fl::filesystem;

@@ -11,9 +11,9 @@
 #include <functional>
 #include <set>
 
-#include "platform/except/Exception.hpp"
-#include "platform/filesystem/FileSystem.hpp"
 #include "sshfileaccess/FileAccessException.hpp"
+#include "sshfileaccess/platform/except/Exception.hpp"
+#include "sshfileaccess/platform/filesystem/FileSystem.hpp"
 #include "tests/support/LogCapture.hpp"
 #include "tests/unit/local/ArchiveTestSupport.hpp"
 #include "tests/unit/local/LocalTestSupport.hpp"

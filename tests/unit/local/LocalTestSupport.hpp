@@ -21,9 +21,9 @@
 
 #include <vector>
 
-#include "platform/except/Exception.hpp"
-#include "platform/i18n/i18n.hpp"
-#include "platform/i18n/ustring.hpp"
+#include "sshfileaccess/platform/except/Exception.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/ustring.hpp"
 
 namespace sshfa::testing::local {
 

@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/sshclient/SSHClient.hpp"
-#include "platform/sshclient/internal/sftp/Protocol.hpp"
-#include "platform/sshclient/internal/sftp/Transport.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Protocol.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Transport.hpp"
 
 namespace sshfa::testing {
 

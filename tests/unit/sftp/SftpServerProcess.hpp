@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/sshclient/SSHClient.hpp"
-#include "platform/sshclient/internal/sftp/Transport.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Transport.hpp"
 
 extern char** environ;
 

@@ -1,4 +1,4 @@
-#include "platform/sshclient/internal/sftp/Engine.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "tests/unit/sftp/FakeServer.hpp"
 #include "tests/unit/sftp/SftpServerProcess.hpp"
 #include "tests/unit/sftp/TransferFiles.hpp"

@@ -1,4 +1,4 @@
-#include "platform/sshclient/internal/sftp/Protocol.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Protocol.hpp"
 
 #include <gtest/gtest.h>
 

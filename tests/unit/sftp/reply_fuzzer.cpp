@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/sshclient/internal/sftp/Protocol.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Protocol.hpp"
 
 using namespace foundation::sshclient::internal::sftp;
 

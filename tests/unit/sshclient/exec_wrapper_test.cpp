@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/sshclient/internal/ExecChannelRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/ExecChannelRunner.hpp"
 
 extern char** environ;
 

@@ -1,4 +1,4 @@
-#include "platform/sshclient/internal/StateFreeCommand.hpp"
+#include "sshfileaccess/platform/sshclient/internal/StateFreeCommand.hpp"
 
 #include <gtest/gtest.h>
 

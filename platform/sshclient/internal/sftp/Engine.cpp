@@ -1,4 +1,4 @@
-#include "platform/sshclient/internal/sftp/Engine.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/i18n/i18n.hpp"
-#include "platform/sshclient/internal/sftp/Protocol.hpp"
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Protocol.hpp"
 
 namespace foundation::sshclient::internal::sftp {
 

@@ -44,8 +44,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/sshclient/SSHClient.hpp"
-#include "platform/sshclient/internal/sftp/Transport.hpp"
+#include "sshfileaccess/platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Transport.hpp"
 
 namespace foundation::sshclient::internal::sftp {
 
