@@ -143,21 +143,50 @@ enum class CommandMode {
   ExecChannel,      // one exec channel per command
 };
 
+// Where the SSH configuration (ssh_config) has a say, the caller's explicit
+// values win: a non-empty field, a port > 0, a user named in the
+// authentication method. The fields with a default value of their own
+// (hostKeyPolicy, connectTimeout, keepaliveInterval) take the configuration's
+// value only while the caller leaves them at that default.
 struct SSHClientOptions {
-  // Empty: ~/.ssh/known_hosts, then /etc/ssh/ssh_known_hosts.
+  // known_hosts files, searched in order; a new key is added to the first.
+  // Empty: UserKnownHostsFile and GlobalKnownHostsFile of the configuration,
+  // else ~/.ssh/known_hosts, then /etc/ssh/ssh_known_hosts.
   std::vector<std::string> knownHostsFiles;
+  // Left at Strict, the configuration's StrictHostKeyChecking accept-new (or
+  // no, which is taken as accept-new: a changed key is always refused)
+  // makes it AcceptNew.
   HostKeyPolicy hostKeyPolicy = HostKeyPolicy::Strict;
+  // TCP connect and key exchange. Left at 30 s, the configuration's
+  // ConnectTimeout applies.
   std::chrono::seconds connectTimeout{30};
+  // Keep-alive interval while waiting on the server; 0 disables keep-alives.
+  // Left at 30 s, a positive ServerAliveInterval of the configuration applies.
   std::chrono::seconds keepaliveInterval{30};
-  // Read ~/.ssh/config (HostName, User, Port, IdentityFile, ProxyJump as far
-  // as libssh supports them).
+  // Read the SSH configuration: HostName, User, Port, IdentityFile,
+  // UserKnownHostsFile, GlobalKnownHostsFile, StrictHostKeyChecking,
+  // ProxyJump, ProxyCommand, Ciphers, ConnectTimeout, ServerAliveInterval.
+  // They are resolved by "ssh -G" (sshProgram) exactly as OpenSSH resolves
+  // them (Host and Match blocks, Include, tokens); where that program cannot
+  // be run, by libssh's own parser, which knows less (no Match, and no
+  // ProxyJump without ssh).
   bool readSshConfig = true;
   // Read this file instead of ~/.ssh/config and /etc/ssh/ssh_config (like
-  // ssh -F); only with readSshConfig.
+  // ssh -F); only with readSshConfig. A file that cannot be read is an
+  // SSHError(Connect) naming it.
   std::string sshConfigFile;
-  // Cipher preference list ("aes128-gcm@openssh.com,..."). Empty: the user's
-  // configuration, else aes128-gcm@openssh.com first.
+  // Cipher preference list ("aes128-gcm@openssh.com,..."). Empty: the
+  // configuration's Ciphers, else aes128-gcm@openssh.com first.
   std::string ciphers;
+  // Jump hosts "[user@]host[:port][,...]" to reach the host through (like
+  // ssh -J), in place of the configuration's ProxyJump. Each hop is reached
+  // by the ssh program with the same configuration file, which checks its
+  // host key; the host key of the destination is checked here.
+  std::string proxyJump;
+  // The OpenSSH client that resolves the configuration and reaches jump
+  // hosts: a path, or a name searched in PATH. Empty: never run it (libssh's
+  // parser only).
+  std::string sshProgram = "ssh";
   CommandMode commandMode = CommandMode::PersistentShell;
   // Called during copyFiles at most a few times a second.
   std::function<void(TransferProgress const&)> progress;
@@ -187,8 +216,8 @@ class SSHFA_EXPORT SSHError : public std::runtime_error {
 
 class SSHFA_EXPORT SSHClient {
  public:
-  // host: a name, an address or a ~/.ssh/config alias. port <= 0: the port
-  // from ~/.ssh/config, else 22.
+  // host: a name, an address or an alias of the SSH configuration.
+  // port <= 0: the configuration's Port, else 22.
   SSHClient(ustring host, int port, AuthMethods authMethods);
   SSHClient(ustring host, int port, AuthMethods authMethods, SSHClientOptions options);
   virtual ~SSHClient();

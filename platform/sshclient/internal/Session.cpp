@@ -1,5 +1,7 @@
 #include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 
+#include <fcntl.h>
+
 #include <libssh/callbacks.h>
 #include <libssh/server.h>  // ssh_send_keepalive
 #include <linux/tcp.h>      // tcp_info with tcpi_bytes_received
@@ -18,6 +20,8 @@
 #include <limits>
 #include <type_traits>
 #include <utility>
+
+#include "sshfileaccess/platform/sshclient/internal/SshConfig.hpp"
 
 namespace foundation::sshclient::internal {
 
@@ -52,14 +56,7 @@ struct KeyDeleter {
 };
 using KeyPtr = std::unique_ptr<std::remove_pointer_t<ssh_key>, KeyDeleter>;
 
-std::string homeDirectory() {
-  if (char const* home = std::getenv("HOME"); home != nullptr && *home != '\0') return home;
-  if (passwd const* entry = getpwuid(getuid()); entry != nullptr && entry->pw_dir != nullptr) return entry->pw_dir;
-  return "/";
-}
-
-std::vector<std::string> knownHostsFilesOf(SSHClientOptions const& options) {
-  if (!options.knownHostsFiles.empty()) return options.knownHostsFiles;
+std::vector<std::string> defaultKnownHostsFiles() {
   return {homeDirectory() + "/.ssh/known_hosts", "/etc/ssh/ssh_known_hosts"};
 }
 
@@ -134,6 +131,12 @@ class Session::Impl {
   std::string description;
   std::chrono::seconds keepalive{30};
   std::chrono::seconds connectTimeout{30};
+  // What the connection in hand was set up with (see configure()).
+  std::vector<std::string> knownHosts;
+  HostKeyPolicy hostKeyPolicy = HostKeyPolicy::Strict;
+  // The configuration's identity files as ssh resolved them; nullopt when
+  // libssh's parser chose them.
+  std::optional<std::vector<std::string>> identityFiles;
 
   // Keep-alive bookkeeping, see the header.
   Clock::time_point nextProbe;
@@ -156,7 +159,12 @@ class Session::Impl {
   }
 
   void open(std::string const& requestedUser, int requestedPort, SSHClientOptions const& options);
-  void verifyHostKey(SSHClientOptions const& options, std::vector<std::string> const& files);
+  void configure(std::string const& requestedUser, int requestedPort, SSHClientOptions const& options);
+  void applyResolved(ResolvedConfig const& resolved, std::string const& requestedUser, int requestedPort,
+                     SSHClientOptions const& options);
+  void parseWithLibssh(SSHClientOptions const& options);
+  void verifyHostKey();
+  std::string configuredKeysAttempt(IdentityFileAuth const& method, int& rc);
   bool authenticate(AuthMethod const& method, std::vector<std::string>& attempts);
   int authenticateKeyboardInteractive(KeyboardInteractiveAuth const& method);
   std::string publicKeyAttempt(IdentityFileAuth const& method, int& rc);
@@ -185,67 +193,142 @@ void Session::Impl::open(std::string const& requestedUser, int requestedPort, SS
   session.reset();
   user = requestedUser;
   port = requestedPort > 0 ? static_cast<unsigned>(requestedPort) : 22;
-  description = (user.empty() ? std::string() : user + "@") + host + ":" + std::to_string(port);
+  description = (user.empty() ? localUserName() : user) + "@" + host + ":" + std::to_string(port);
 
   session.reset(ssh_new());
   if (!session) fail(SSHError::Kind::Connect, "out of memory");
+  configure(requestedUser, requestedPort, options);
 
-  std::vector<std::string> const files = knownHostsFilesOf(options);
-  int const off = 0;
   int const on = 1;
-  long const timeout = static_cast<long>(std::max<std::chrono::seconds::rep>(options.connectTimeout.count(), 1));
-  unsigned const explicitPort = port;
-
-  setOption(SSH_OPTIONS_HOST, host.c_str(), "host name");
-  if (requestedPort > 0) setOption(SSH_OPTIONS_PORT, &explicitPort, "port");
-  if (!user.empty()) setOption(SSH_OPTIONS_USER, user.c_str(), "user name");
-  setOption(SSH_OPTIONS_CIPHERS_C_S, kDefaultCiphers, "cipher list");
-  setOption(SSH_OPTIONS_CIPHERS_S_C, kDefaultCiphers, "cipher list");
-  setOption(SSH_OPTIONS_PROCESS_CONFIG, &off, "option");
-  if (options.readSshConfig) {
-    char const* file = options.sshConfigFile.empty() ? nullptr : options.sshConfigFile.c_str();
-    if (ssh_options_parse_config(session.get(), file) < 0) {
-      fail(SSHError::Kind::Connect, "cannot read the SSH configuration: " + libraryError());
-    }
-  }
-  // The caller's explicit values win over the configuration.
-  if (requestedPort > 0) setOption(SSH_OPTIONS_PORT, &explicitPort, "port");
-  if (!user.empty()) setOption(SSH_OPTIONS_USER, user.c_str(), "user name");
-  if (!options.ciphers.empty()) {
-    setOption(SSH_OPTIONS_CIPHERS_C_S, options.ciphers.c_str(), "cipher list");
-    setOption(SSH_OPTIONS_CIPHERS_S_C, options.ciphers.c_str(), "cipher list");
-  }
+  long const timeout = static_cast<long>(std::max<std::chrono::seconds::rep>(connectTimeout.count(), 1));
   // Host key algorithms are negotiated from what these two files know.
-  setOption(SSH_OPTIONS_KNOWNHOSTS, files.front().c_str(), "known_hosts file");
-  setOption(SSH_OPTIONS_GLOBAL_KNOWNHOSTS, files.size() > 1 ? files[1].c_str() : files.front().c_str(),
+  setOption(SSH_OPTIONS_KNOWNHOSTS, knownHosts.front().c_str(), "known_hosts file");
+  setOption(SSH_OPTIONS_GLOBAL_KNOWNHOSTS, knownHosts.size() > 1 ? knownHosts[1].c_str() : knownHosts.front().c_str(),
             "known_hosts file");
   setOption(SSH_OPTIONS_TIMEOUT, &timeout, "timeout");
   // Without it every request/reply pair stalls on delayed ACKs (~40 ms).
   setOption(SSH_OPTIONS_NODELAY, &on, "option");
 
-  if (char* configured = nullptr; ssh_options_get(session.get(), SSH_OPTIONS_USER, &configured) == SSH_OK) {
-    user = configured;
-    ssh_string_free_char(configured);
-  }
-  ssh_options_get_port(session.get(), &port);
-  description = user + "@" + host + ":" + std::to_string(port);
-
   ssh_set_blocking(session.get(), 1);
   auto const started = Clock::now();
   if (ssh_connect(session.get()) != SSH_OK) {
     std::string const cause = libraryError();
-    bool const timedOut = Clock::now() - started >= options.connectTimeout ||
-                          cause.find("Timeout") != std::string::npos || cause.find("timed out") != std::string::npos;
+    bool const timedOut = Clock::now() - started >= connectTimeout || cause.find("Timeout") != std::string::npos ||
+                          cause.find("timed out") != std::string::npos;
     if (timedOut) {
       fail(SSHError::Kind::Timeout,
-           "cannot connect: no answer within " + std::to_string(options.connectTimeout.count()) + " s (" + cause + ")");
+           "cannot connect: no answer within " + std::to_string(connectTimeout.count()) + " s (" + cause + ")");
     }
     fail(SSHError::Kind::Connect, "cannot connect: " + cause);
   }
-  verifyHostKey(options, files);
+  verifyHostKey();
 }
 
-void Session::Impl::verifyHostKey(SSHClientOptions const& options, std::vector<std::string> const& files) {
+// Sets the session's options from the caller's and the SSH configuration's,
+// the caller's winning, and settles user, port and description.
+void Session::Impl::configure(std::string const& requestedUser, int requestedPort, SSHClientOptions const& options) {
+  int const off = 0;
+  unsigned const explicitPort = port;
+  knownHosts = options.knownHostsFiles;
+  hostKeyPolicy = options.hostKeyPolicy;
+  connectTimeout = options.connectTimeout;
+  keepalive = options.keepaliveInterval;
+  identityFiles.reset();
+
+  setOption(SSH_OPTIONS_HOST, host.c_str(), "host name");
+  if (requestedPort > 0) setOption(SSH_OPTIONS_PORT, &explicitPort, "port");
+  if (!requestedUser.empty()) setOption(SSH_OPTIONS_USER, requestedUser.c_str(), "user name");
+  setOption(SSH_OPTIONS_CIPHERS_C_S, kDefaultCiphers, "cipher list");
+  setOption(SSH_OPTIONS_CIPHERS_S_C, kDefaultCiphers, "cipher list");
+  setOption(SSH_OPTIONS_PROCESS_CONFIG, &off, "option");
+  std::optional<ResolvedConfig> resolved;
+  if (options.readSshConfig) {
+    if (!options.sshConfigFile.empty()) {
+      try {
+        requireReadableConfig(options.sshConfigFile);
+      } catch (SSHError const& error) {
+        fail(SSHError::Kind::Connect, error.what());
+      }
+    }
+    if (!options.sshProgram.empty()) {
+      try {
+        resolved = resolveSshConfig(
+            {host, requestedUser, requestedPort, options.proxyJump, options.sshConfigFile, options.sshProgram});
+      } catch (SSHError const& error) {
+        fail(SSHError::Kind::Connect, error.what());
+      }
+    }
+    if (resolved) {
+      applyResolved(*resolved, requestedUser, requestedPort, options);
+    } else {
+      parseWithLibssh(options);
+    }
+  } else if (!options.proxyJump.empty()) {
+    std::string const command = proxyCommandForJump(options.proxyJump, options.sshProgram, "/dev/null");
+    setOption(SSH_OPTIONS_PROXYCOMMAND, command.c_str(), "jump hosts");
+  }
+  // The caller's explicit values win over the configuration.
+  if (requestedPort > 0) setOption(SSH_OPTIONS_PORT, &explicitPort, "port");
+  if (!requestedUser.empty()) setOption(SSH_OPTIONS_USER, requestedUser.c_str(), "user name");
+  if (!options.ciphers.empty()) {
+    setOption(SSH_OPTIONS_CIPHERS_C_S, options.ciphers.c_str(), "cipher list");
+    setOption(SSH_OPTIONS_CIPHERS_S_C, options.ciphers.c_str(), "cipher list");
+  }
+  if (knownHosts.empty()) knownHosts = defaultKnownHostsFiles();
+
+  if (char* configured = nullptr; ssh_options_get(session.get(), SSH_OPTIONS_USER, &configured) == SSH_OK) {
+    user = configured;
+    ssh_string_free_char(configured);
+  }
+  // libssh leaves the user unset until it connects: it will be the login name.
+  if (user.empty()) user = localUserName();
+  ssh_options_get_port(session.get(), &port);
+  description = user + "@" + host + ":" + std::to_string(port);
+}
+
+void Session::Impl::applyResolved(ResolvedConfig const& resolved, std::string const& requestedUser, int requestedPort,
+                                  SSHClientOptions const& options) {
+  SSHClientOptions const defaults;
+  setOption(SSH_OPTIONS_HOST, resolved.hostName.c_str(), "host name");
+  unsigned const configuredPort = static_cast<unsigned>(resolved.port);
+  if (requestedPort <= 0) setOption(SSH_OPTIONS_PORT, &configuredPort, "port");
+  if (requestedUser.empty() && !resolved.user.empty()) setOption(SSH_OPTIONS_USER, resolved.user.c_str(), "user name");
+  if (!resolved.ciphers.empty()) {
+    setOption(SSH_OPTIONS_CIPHERS_C_S, resolved.ciphers.c_str(), "cipher list");
+    setOption(SSH_OPTIONS_CIPHERS_S_C, resolved.ciphers.c_str(), "cipher list");
+  }
+  if (!resolved.proxyJump.empty()) {
+    std::string const command = proxyCommandForJump(resolved.proxyJump, options.sshProgram, options.sshConfigFile);
+    setOption(SSH_OPTIONS_PROXYCOMMAND, command.c_str(), "jump hosts");
+  } else if (!resolved.proxyCommand.empty()) {
+    setOption(SSH_OPTIONS_PROXYCOMMAND, resolved.proxyCommand.c_str(), "ProxyCommand");
+  }
+  identityFiles = resolved.identityFiles;
+  if (knownHosts.empty()) knownHosts = resolved.knownHostsFiles;
+  if (hostKeyPolicy == defaults.hostKeyPolicy && resolved.hostKeyPolicy) hostKeyPolicy = *resolved.hostKeyPolicy;
+  if (connectTimeout == defaults.connectTimeout && resolved.connectTimeout) connectTimeout = *resolved.connectTimeout;
+  if (options.keepaliveInterval == defaults.keepaliveInterval && resolved.serverAliveInterval) {
+    keepalive = *resolved.serverAliveInterval;
+  }
+}
+
+void Session::Impl::parseWithLibssh(SSHClientOptions const& options) {
+  char const* file = options.sshConfigFile.empty() ? nullptr : options.sshConfigFile.c_str();
+  if (ssh_options_parse_config(session.get(), file) < 0) {
+    fail(SSHError::Kind::Connect, "cannot read the SSH configuration: " + libraryError());
+  }
+  if (!options.knownHostsFiles.empty()) return;
+  // A UserKnownHostsFile of the configuration comes first, unexpanded.
+  if (char* configured = nullptr; ssh_options_get(session.get(), SSH_OPTIONS_KNOWNHOSTS, &configured) == SSH_OK) {
+    ResolvedConfig names;
+    names.hostName = host;
+    knownHosts = {expandConfigPath(configured, names, host), "/etc/ssh/ssh_known_hosts"};
+    ssh_string_free_char(configured);
+  }
+}
+
+void Session::Impl::verifyHostKey() {
+  std::vector<std::string> const& files = knownHosts;
   ssh_key rawKey = nullptr;
   if (ssh_get_server_publickey(session.get(), &rawKey) != SSH_OK) {
     fail(SSHError::Kind::Connect, "the server sent no host key: " + libraryError());
@@ -299,7 +382,7 @@ void Session::Impl::verifyHostKey(SSHClientOptions const& options, std::vector<s
              "with \"ssh-keygen -R '" +
              entryName + "' -f '" + changedIn + "'\" and connect again");
   }
-  if (options.hostKeyPolicy == HostKeyPolicy::AcceptNew) {
+  if (hostKeyPolicy == HostKeyPolicy::AcceptNew) {
     setOption(SSH_OPTIONS_KNOWNHOSTS, files.front().c_str(), "known_hosts file");
     if (ssh_session_update_known_hosts(session.get()) != SSH_OK) {
       fail(SSHError::Kind::HostKeyUnknown,
@@ -318,6 +401,7 @@ void Session::Impl::verifyHostKey(SSHClientOptions const& options, std::vector<s
 std::string Session::Impl::publicKeyAttempt(IdentityFileAuth const& method, int& rc) {
   char const* passphrase = method.passphrase ? method.passphrase->c_str() : nullptr;
   if (method.privateKeyFile.empty()) {
+    if (identityFiles) return configuredKeysAttempt(method, rc);
     rc = ssh_userauth_publickey_auto(session.get(), nullptr, passphrase);
     return "publickey with the configured identity files";
   }
@@ -337,6 +421,34 @@ std::string Session::Impl::publicKeyAttempt(IdentityFileAuth const& method, int&
   KeyPtr const key(rawKey);
   rc = ssh_userauth_publickey(session.get(), nullptr, key.get());
   return name;
+}
+
+// Like ssh: the agent's keys, then each configured identity file that
+// exists, in order.
+std::string Session::Impl::configuredKeysAttempt(IdentityFileAuth const& method, int& rc) {
+  rc = SSH_AUTH_DENIED;
+  if (char const* socket = std::getenv("SSH_AUTH_SOCK"); socket != nullptr && *socket != '\0') {
+    rc = ssh_userauth_agent(session.get(), nullptr);
+    if (rc != SSH_AUTH_DENIED) return "publickey with the agent's keys";
+  }
+  char const* passphrase = method.passphrase ? method.passphrase->c_str() : nullptr;
+  std::vector<std::string> tried;
+  for (auto const& file : *identityFiles) {
+    if (::access(file.c_str(), R_OK) != 0) continue;
+    ssh_key rawKey = nullptr;
+    if (ssh_pki_import_privkey_file(file.c_str(), passphrase, nullptr, nullptr, &rawKey) != SSH_OK) {
+      tried.push_back("'" + file + "' (encrypted and no passphrase given, or not a private key)");
+      continue;
+    }
+    KeyPtr const key(rawKey);
+    tried.push_back("'" + file + "'");
+    rc = ssh_userauth_publickey(session.get(), nullptr, key.get());
+    if (rc != SSH_AUTH_DENIED) break;
+  }
+  if (tried.empty()) {
+    return "publickey (none of the configured identity files exists: " + joined(*identityFiles, ", ") + ")";
+  }
+  return "publickey with " + joined(tried, ", ");
 }
 
 std::string Session::Impl::agentAttempt(AgentAuth const& method, int& rc) {
