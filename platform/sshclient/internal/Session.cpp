@@ -137,6 +137,8 @@ class Session::Impl {
   // The configuration's identity files as ssh resolved them; nullopt when
   // libssh's parser chose them.
   std::optional<std::vector<std::string>> identityFiles;
+  // " through the jump hosts 'j1'" when a proxy carries the connection.
+  std::string route;
 
   // Keep-alive bookkeeping, see the header.
   Clock::time_point nextProbe;
@@ -219,7 +221,7 @@ void Session::Impl::open(std::string const& requestedUser, int requestedPort, SS
       fail(SSHError::Kind::Timeout,
            "cannot connect: no answer within " + std::to_string(connectTimeout.count()) + " s (" + cause + ")");
     }
-    fail(SSHError::Kind::Connect, "cannot connect: " + cause);
+    fail(SSHError::Kind::Connect, "cannot connect" + route + ": " + cause);
   }
   verifyHostKey();
 }
@@ -234,6 +236,7 @@ void Session::Impl::configure(std::string const& requestedUser, int requestedPor
   connectTimeout = options.connectTimeout;
   keepalive = options.keepaliveInterval;
   identityFiles.reset();
+  route.clear();
 
   setOption(SSH_OPTIONS_HOST, host.c_str(), "host name");
   if (requestedPort > 0) setOption(SSH_OPTIONS_PORT, &explicitPort, "port");
@@ -266,6 +269,7 @@ void Session::Impl::configure(std::string const& requestedUser, int requestedPor
   } else if (!options.proxyJump.empty()) {
     std::string const command = proxyCommandForJump(options.proxyJump, options.sshProgram, "/dev/null");
     setOption(SSH_OPTIONS_PROXYCOMMAND, command.c_str(), "jump hosts");
+    route = " through the jump hosts '" + options.proxyJump + "' (see ssh's messages)";
   }
   // The caller's explicit values win over the configuration.
   if (requestedPort > 0) setOption(SSH_OPTIONS_PORT, &explicitPort, "port");
@@ -300,8 +304,10 @@ void Session::Impl::applyResolved(ResolvedConfig const& resolved, std::string co
   if (!resolved.proxyJump.empty()) {
     std::string const command = proxyCommandForJump(resolved.proxyJump, options.sshProgram, options.sshConfigFile);
     setOption(SSH_OPTIONS_PROXYCOMMAND, command.c_str(), "jump hosts");
+    route = " through the jump hosts '" + resolved.proxyJump + "' (see ssh's messages)";
   } else if (!resolved.proxyCommand.empty()) {
     setOption(SSH_OPTIONS_PROXYCOMMAND, resolved.proxyCommand.c_str(), "ProxyCommand");
+    route = " through the ProxyCommand '" + resolved.proxyCommand + "'";
   }
   identityFiles = resolved.identityFiles;
   if (knownHosts.empty()) knownHosts = resolved.knownHostsFiles;

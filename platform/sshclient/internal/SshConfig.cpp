@@ -202,7 +202,9 @@ void requireReadableConfig(std::string const& file) {
   ::close(fd);
 }
 
-std::string expandConfigPath(std::string_view path, ResolvedConfig const& settings, std::string_view originalHost) {
+std::string expandConfigPath(std::string_view const original, ResolvedConfig const& settings,
+                             std::string_view originalHost) {
+  std::string_view path = original;
   std::string out;
   if (path == "~" || path.rfind("~/", 0) == 0) {
     out = homeDirectory();
@@ -213,7 +215,7 @@ std::string expandConfigPath(std::string_view path, ResolvedConfig const& settin
       out += path[i];
       continue;
     }
-    if (++i == path.size()) fail("the SSH configuration path '" + std::string(path) + "' ends with a lone %");
+    if (++i == path.size()) fail("the SSH configuration path '" + std::string(original) + "' ends with a lone %");
     switch (path[i]) {
       case '%':
         out += '%';
@@ -248,7 +250,7 @@ std::string expandConfigPath(std::string_view path, ResolvedConfig const& settin
         out += localUserName();
         break;
       default:
-        fail("the SSH configuration path '" + std::string(path) + "' has the token %" + path[i] +
+        fail("the SSH configuration path '" + std::string(original) + "' has the token %" + path[i] +
              ", which this client does not expand");
     }
   }
