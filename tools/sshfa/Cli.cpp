@@ -2,15 +2,22 @@
 
 #include <unistd.h>
 
+#include <fcntl.h>
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "tools/sshfa/Commands.hpp"
 #include "tools/sshfa/Connection.hpp"
 #include "tools/sshfa/Demo.hpp"
+#include "tools/sshfa/Generate.hpp"
 #include "tools/sshfa/Interrupt.hpp"
+#include "tools/sshfa/Messages.hpp"
+#include "tools/sshfa/RemoteOperand.hpp"
 #include "tools/sshfa/Text.hpp"
 #include "tools/sshfa/Trace.hpp"
 #include "tools/sshfa/Transfer.hpp"
@@ -34,18 +41,26 @@ that take paths take many and send them in few round trips:
 cp, mv, put and get take pairs: SOURCE DESTINATION [SOURCE DESTINATION ...].
 A folder is copied by put and get as the regular files below it; the
 destination names the copy itself, not a folder to copy into.
+put and get also take the remote side as [USER@]HOST:PATH, as scp does
+(sshfa put notes.txt box:/srv/notes.txt); HOST: alone is the login folder,
+and a local name with a colon is written ./a:b.
 
 Output is one entry per line; on a terminal, control characters and bytes
 that are not UTF-8 in names are shown escaped (\n, \x1b, \xff, \u202e).
 --json prints every answer as JSON; bytes that are not UTF-8 appear there as
-\udc80..\udcff (Python's surrogateescape convention).)";
+\udc80..\udcff (Python's surrogateescape convention). A failure prints
+{"error": MESSAGE, "exitCode": STATUS} on standard output as well.)";
 
 struct Invocation {
   ConnectionSettings connection;
   bool local = false;
   bool json = false;
   bool verbose = false;
+  bool quiet = false;
+  std::string generate;  // bash, zsh or man: print that file instead of running a command
   FileCommand file;
+  std::string firstOperand;  // of the commands that take two
+  std::string secondOperand;
   bool recursive = false;
   bool parents = false;
   std::vector<std::string> pairs;
@@ -53,18 +68,67 @@ struct Invocation {
   DemoSettings demo;
 };
 
+std::string lowered(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
 void say(std::string const& text) {
   std::string const line = "sshfa: " + forStream(STDERR_FILENO, text) + "\n";
   std::fwrite(line.data(), 1, line.size(), stderr);
   std::fflush(stderr);
 }
 
-std::string trimmedMessage(std::string message) {
-  while (!message.empty() && (message.back() == '\n' || message.back() == '\r' || message.back() == ' ')) {
-    message.pop_back();
+// Ends the command: the message and the hint on standard error (each line
+// prefixed) and, with --json, one object {"error": MESSAGE, "exitCode": ...}
+// on standard output.
+int failWith(bool json, int status, std::string const& message, std::string const& hint = {}) {
+  std::size_t start = 0;
+  while (start <= message.size()) {
+    std::size_t const end = std::min(message.find('\n', start), message.size());
+    say(message.substr(start, end - start));
+    start = end + 1;
   }
-  return message;
+  if (!hint.empty()) say(hint);
+  if (json) writeTo(stdout, fmt::format("{{\"error\": {}, \"exitCode\": {}}}\n", jsonString(message), status));
+  return status;
 }
+
+// Whether --json was asked for, read from the words themselves: a command
+// line that failed to parse has set nothing.
+bool wantsJson(std::vector<char*> const& args) {
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    if (std::string(args[i]) == "--") break;
+    if (std::string(args[i]) == "--json") return true;
+  }
+  return false;
+}
+
+// While it lives, standard error goes nowhere: -q silences what put and get
+// report on their way (progress, summary); failures are reported by the
+// caller after it has gone.
+class SilencedStderr {
+ public:
+  explicit SilencedStderr(bool active) {
+    if (!active) return;
+    std::fflush(stderr);
+    saved_ = ::dup(STDERR_FILENO);
+    int const null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (saved_ >= 0 && null >= 0) ::dup2(null, STDERR_FILENO);
+    if (null >= 0) ::close(null);
+  }
+  ~SilencedStderr() {
+    if (saved_ < 0) return;
+    std::fflush(stderr);
+    ::dup2(saved_, STDERR_FILENO);
+    ::close(saved_);
+  }
+  SilencedStderr(SilencedStderr const&) = delete;
+  SilencedStderr& operator=(SilencedStderr const&) = delete;
+
+ private:
+  int saved_ = -1;
+};
 
 bool isConnectionFailure(ssh::SSHError::Kind kind) {
   switch (kind) {
@@ -87,14 +151,13 @@ std::string hintFor(ssh::SSHError::Kind kind) {
   return kind == ssh::SSHError::Kind::HostKeyUnknown ? " [sshfa: --accept-new]" : std::string();
 }
 
-int interruptedStatus(int signalNumber) {
-  say("interrupted");
-  return 128 + signalNumber;
-}
+int interruptedStatus(bool json, int signalNumber) { return failWith(json, 128 + signalNumber, "interrupted"); }
 
 void addConnectionOptions(CLI::App& app, Invocation& inv) {
   auto* group = "Connection";
-  app.add_option("-H,--host", inv.connection.host, "Remote host: name, address or ~/.ssh/config alias ([USER@]HOST)")
+  app.add_option("-H,--host", inv.connection.host,
+                 "Remote host: name, address or ~/.ssh/config alias ([USER@]HOST); put and get also take "
+                 "HOST:PATH")
       ->group(group);
   app.add_option("-p,--port", inv.connection.port, "SSH port (default: from the SSH configuration, else 22)")
       ->check(CLI::Range(1, 65535))
@@ -123,7 +186,11 @@ void addConnectionOptions(CLI::App& app, Invocation& inv) {
          "Seconds to wait for the connection (default 30)")
       ->check(CLI::Range(1L, 3600L))
       ->group(group);
-  app.add_option("-F,--ssh-config", inv.connection.sshConfigFile, "SSH configuration file instead of ~/.ssh/config")
+  app.add_option("-F,--ssh-config", inv.connection.sshConfigFile,
+                 "SSH configuration file instead of ~/.ssh/config (resolved by ssh -G when ssh is installed)")
+      ->group(group);
+  app.add_option("-J,--jump", inv.connection.proxyJump,
+                 "Jump hosts to reach the host through ([USER@]HOST[:PORT][,...]), like ssh -J")
       ->group(group);
   app.add_flag("--batch", inv.connection.batch, "Never ask anything on the terminal")->group(group);
 }
@@ -138,15 +205,60 @@ CLI::App* addPathCommand(CLI::App& app, Invocation& inv, std::string const& name
 CLI::App* addPairCommand(CLI::App& app, std::vector<std::string>& target, std::string const& name,
                          std::string const& description) {
   auto* sub = app.add_subcommand(name, description);
-  sub->add_option("pairs", target, "SOURCE DESTINATION [SOURCE DESTINATION ...]")->required();
+  sub->add_option("PAIRS", target, "SOURCE DESTINATION [SOURCE DESTINATION ...]")->required();
   return sub;
 }
 
 CLI::App* addTwoOperandCommand(CLI::App& app, Invocation& inv, std::string const& name, std::string const& description,
-                               std::string const& operands) {
+                               std::string const& first, std::string const& second) {
   auto* sub = app.add_subcommand(name, description);
-  sub->add_option("operands", inv.file.args, operands)->required()->expected(2);
+  sub->add_option(first, inv.firstOperand, "The " + lowered(first))->required();
+  sub->add_option(second, inv.secondOperand, "The " + lowered(second))->required();
   return sub;
+}
+
+// The words of the command line that are neither options nor their values,
+// up to "--": their positions in args.
+std::vector<std::size_t> wordPositions(CLI::App const& app, std::vector<char*> const& args) {
+  std::vector<std::size_t> positions;
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    std::string const arg = args[i];
+    if (arg == "--") break;
+    if (arg.size() > 1 && arg.front() == '-') {
+      // An option that takes a value consumes the next argument.
+      CLI::Option const* option = arg.find('=') == std::string::npos ? app.get_option_no_throw(arg) : nullptr;
+      if (option != nullptr && option->get_items_expected_min() > 0) ++i;
+      continue;
+    }
+    positions.push_back(i);
+  }
+  return positions;
+}
+
+// The parser's complaint in the tool's words: an unknown command with the
+// nearest known one, a missing operand by the name the help gives it.
+std::string describeParseError(CLI::App const& app, CLI::ParseError const& error, std::vector<char*> const& args) {
+  auto const chosen = app.get_subcommands();
+  if (chosen.empty()) {
+    auto const words = wordPositions(app, args);
+    if (words.empty()) return "no command given; run 'sshfa --help' for the list of commands";
+    std::string const word = args[words.front()];
+    std::vector<std::string> names;
+    for (auto const* sub : app.get_subcommands({})) names.push_back(sub->get_name());
+    std::string const nearest = nearestName(word, names);
+    return "unknown command '" + word + "'" +
+           (nearest.empty() ? "; run 'sshfa --help' for the list of commands" : "; did you mean '" + nearest + "'?");
+  }
+  CLI::App const* sub = chosen.front();
+  std::string const name = sub->get_name();
+  for (auto const* option : sub->get_options()) {
+    if (option->get_positional() && option->get_required() && option->count() == 0) {
+      std::string usage = usageLine(*sub);
+      if (usage.rfind("Usage: ", 0) == 0) usage.replace(0, 1, "u");
+      return name + ": missing " + option->get_name() + " (" + usage + ")";
+    }
+  }
+  return name + ": " + error.what();
 }
 
 int dispatch(CLI::App const& app, Invocation& inv) {
@@ -155,7 +267,13 @@ int dispatch(CLI::App const& app, Invocation& inv) {
   inv.file.name = name;
   inv.file.json = inv.json;
   inv.file.recursive = inv.recursive;
-  if (name == "cp" || name == "mv") inv.file.args = inv.pairs;
+  if (name == "cp" || name == "mv") {
+    refuseRemoteOperands(name, inv.pairs);
+    inv.file.args = inv.pairs;
+  }
+  if (name == "tar" || name == "untar" || name == "zip" || name == "unzip") {
+    inv.file.args = {inv.firstOperand, inv.secondOperand};
+  }
   if (inv.verbose) enableTrace();
 
   if (name == "demo") {
@@ -168,12 +286,20 @@ int dispatch(CLI::App const& app, Invocation& inv) {
     sfa::LocalFileAccess local;
     return runFileCommand(local, inv.file);
   }
-  if (inv.connection.host.empty()) throw UsageError("-H/--host is required (or --local for the local machine)");
+  bool const transfer = name == "put" || name == "get";
+  if (transfer) inv.pairs = takeRemoteOperands(name, name == "put", inv.pairs, inv.connection);
+  if (inv.connection.host.empty()) {
+    throw UsageError(transfer ? name + " needs the remote host: -H HOST, or HOST:PATH on the remote side"
+                              : "-H/--host is required (or --local for the local machine)");
+  }
   if (name == "exec" && inv.words.empty()) throw UsageError("exec needs a command");
 
   ProgressRouter progress;
   auto const access = connect(inv.connection, progress);
-  if (name == "put" || name == "get") return runTransfer(*access, progress, name == "put", inv.pairs, inv.json);
+  if (transfer) {
+    SilencedStderr const silenced(inv.quiet);
+    return runTransfer(*access, progress, name == "put", inv.pairs, inv.json);
+  }
   if (name == "exec") return runExec(*access, inv.words, inv.json);
   return runFileCommand(*access->remote(), inv.file);
 }
@@ -183,23 +309,14 @@ int dispatch(CLI::App const& app, Invocation& inv) {
 // parser sees it. Returns the arguments left for the parser.
 std::vector<char*> splitOffExecWords(CLI::App const& app, int argc, char** argv, std::vector<std::string>& words) {
   std::vector<char*> kept(argv, argv + argc);
-  for (int i = 1; i < argc; ++i) {
-    std::string const arg = argv[i];
-    if (arg == "--") break;
-    if (arg.size() > 1 && arg.front() == '-') {
-      // An option that takes a value consumes the next argument.
-      CLI::Option const* option = arg.find('=') == std::string::npos ? app.get_option_no_throw(arg) : nullptr;
-      if (option != nullptr && option->get_items_expected_min() > 0) ++i;
-      continue;
-    }
-    if (arg != "exec") break;
-    int first = i + 1;
-    if (first < argc && (std::string(argv[first]) == "-h" || std::string(argv[first]) == "--help")) break;
-    if (first < argc && std::string(argv[first]) == "--") ++first;
-    words.assign(argv + first, argv + argc);
-    kept.resize(static_cast<std::size_t>(i) + 1);
-    break;
-  }
+  auto const positions = wordPositions(app, kept);
+  if (positions.empty() || std::string(argv[positions.front()]) != "exec") return kept;
+  auto const i = static_cast<int>(positions.front());
+  int first = i + 1;
+  if (first < argc && (std::string(argv[first]) == "-h" || std::string(argv[first]) == "--help")) return kept;
+  if (first < argc && std::string(argv[first]) == "--") ++first;
+  words.assign(argv + first, argv + argc);
+  kept.resize(static_cast<std::size_t>(i) + 1);
   return kept;
 }
 
@@ -209,32 +326,39 @@ int run(int argc, char** argv) {
   Invocation inv;
   CLI::App app{"Files on this machine and on one remote Unix host over SSH.", "sshfa"};
   app.set_version_flag("--version", "sshfa " SSHFA_VERSION);
-  app.require_subcommand(1);
+  // One command, checked after parsing: --generate needs none.
+  app.require_subcommand(0, 1);
   // Options of the tool may also follow the command: sshfa ls -H host /tmp
   app.fallthrough();
   addConnectionOptions(app, inv);
   app.add_flag("--local", inv.local, "Work on the local machine instead (needs no connection)");
   app.add_flag("--json", inv.json, "Print answers as JSON");
   app.add_flag("-v,--verbose", inv.verbose, "Trace commands and transfers on standard error");
+  app.add_flag("-q,--quiet", inv.quiet, "No progress and no summary; failures are still reported");
+  // The completion scripts and the manual page, made from this definition.
+  app.add_option("--generate", inv.generate)->check(CLI::IsMember({"bash", "zsh", "man"}))->group("");
 
-  addPathCommand(app, inv, "exists", "Whether something exists at each path (true/false)", "paths");
-  addPathCommand(app, inv, "isfile", "Whether each path is a regular file", "paths");
-  addPathCommand(app, inv, "isdir", "Whether each path is a folder", "paths");
-  addPathCommand(app, inv, "parent", "The parent folder of each path, computed from its text", "paths");
-  addPathCommand(app, inv, "ls", "Entries of folders (remote: without hidden ones); -R: files below, any depth",
-                 "folders")
+  addPathCommand(app, inv, "exists", "Whether something exists at each path (true/false)", "PATH");
+  addPathCommand(app, inv, "isfile", "Whether each path is a regular file", "PATH");
+  addPathCommand(app, inv, "isdir", "Whether each path is a folder", "PATH");
+  addPathCommand(app, inv, "parent", "The parent folder of each path, computed from its text", "PATH");
+  addPathCommand(app, inv, "ls",
+                 "Entries of folders (remote: without hidden ones), a file as itself; -R: files below, any depth",
+                 "PATH")
       ->add_flag("-R,--recursive", inv.recursive, "Regular files at any depth instead of the entries");
-  addPathCommand(app, inv, "stat", "Size and modification time (UTC) of each path", "paths");
-  addPathCommand(app, inv, "touch", "Create missing files and set the modification time to now", "paths");
-  addPathCommand(app, inv, "rm", "Remove files and folders with everything in them", "paths");
-  addPathCommand(app, inv, "mkdir", "Create folders with every missing folder above them", "paths")
+  addPathCommand(app, inv, "stat", "Size and modification time (UTC) of each path", "PATH");
+  addPathCommand(app, inv, "touch", "Create missing files and set the modification time to now", "PATH");
+  addPathCommand(app, inv, "rm", "Remove files and folders with everything in them", "PATH");
+  addPathCommand(app, inv, "mkdir", "Create folders with every missing folder above them", "FOLDER")
       ->add_flag("-p,--parents", inv.parents, "Accepted for habit; missing parents are always created");
   addPairCommand(app, inv.pairs, "cp", "Copy files or folders, on one side");
   addPairCommand(app, inv.pairs, "mv", "Move or rename files or folders, on one side");
-  addTwoOperandCommand(app, inv, "tar", "Pack a file or folder into a tar archive", "SOURCE ARCHIVE");
-  addTwoOperandCommand(app, inv, "untar", "Unpack a tar archive into an existing folder", "ARCHIVE FOLDER");
-  addTwoOperandCommand(app, inv, "zip", "Pack a file or folder into a zip archive", "SOURCE ARCHIVE");
-  addTwoOperandCommand(app, inv, "unzip", "Unpack a zip archive into a folder", "ARCHIVE FOLDER");
+  addTwoOperandCommand(app, inv, "tar", "Pack a file or folder into an uncompressed tar archive", "SOURCE",
+                       "ARCHIVE");
+  addTwoOperandCommand(app, inv, "untar", "Unpack a tar archive (plain or compressed) into an existing folder",
+                       "ARCHIVE", "FOLDER");
+  addTwoOperandCommand(app, inv, "zip", "Pack a file or folder into a zip archive", "SOURCE", "ARCHIVE");
+  addTwoOperandCommand(app, inv, "unzip", "Unpack a zip archive into a folder", "ARCHIVE", "FOLDER");
   addPairCommand(app, inv.pairs, "put", "Copy local files or folder trees to the remote host (LOCAL REMOTE ...)");
   addPairCommand(app, inv.pairs, "get", "Copy remote files or folder trees to this machine (REMOTE LOCAL ...)");
   auto* exec = app.add_subcommand("exec",
@@ -250,34 +374,38 @@ int run(int argc, char** argv) {
   app.footer(kFooter);  // set last: subcommands would inherit it
 
   std::vector<char*> parsed = splitOffExecWords(app, argc, argv, inv.words);
+  bool const json = wantsJson(parsed);
   try {
     app.parse(static_cast<int>(parsed.size()), parsed.data());
   } catch (CLI::Success const& e) {
     return app.exit(e);
   } catch (CLI::ParseError const& e) {
-    say(e.what());
-    say("run 'sshfa --help' (or 'sshfa COMMAND --help') for usage");
-    return kUsage;
+    return failWith(json, kUsage, describeParseError(app, e, parsed),
+                    "run 'sshfa --help' (or 'sshfa COMMAND --help') for usage");
+  }
+  if (!inv.generate.empty()) {
+    writeTo(stdout, generated(app, inv.generate));
+    return 0;
+  }
+  if (app.get_subcommands().empty()) {
+    return failWith(json, kUsage, "no command given; run 'sshfa --help' for the list of commands");
   }
 
   try {
     return dispatch(app, inv);
   } catch (UsageError const& e) {
-    say(e.what());
-    return kUsage;
+    return failWith(json, kUsage, e.what());
   } catch (Interrupted const& e) {
-    return interruptedStatus(e.signalNumber());
+    return interruptedStatus(json, e.signalNumber());
   } catch (ssh::SSHError const& e) {
-    if (int const signalNumber = pendingInterrupt(); signalNumber != 0) return interruptedStatus(signalNumber);
-    say(trimmedMessage(e.what()) + hintFor(e.kind()));
-    return isConnectionFailure(e.kind()) ? kConnection : kFailed;
+    if (int const signalNumber = pendingInterrupt(); signalNumber != 0) return interruptedStatus(json, signalNumber);
+    return failWith(json, isConnectionFailure(e.kind()) ? kConnection : kFailed,
+                    trimmed(e.what()) + hintFor(e.kind()));
   } catch (sfa::FileAccessException const& e) {
-    say(inv.file.name + ": " + trimmedMessage(e.what()));
-    return kFailed;
+    return failWith(json, kFailed, inTheToolsWords(inv.file.name, e.what()));
   } catch (std::exception const& e) {
-    if (int const signalNumber = pendingInterrupt(); signalNumber != 0) return interruptedStatus(signalNumber);
-    say(inv.file.name + ": " + trimmedMessage(e.what()));
-    return kFailed;
+    if (int const signalNumber = pendingInterrupt(); signalNumber != 0) return interruptedStatus(json, signalNumber);
+    return failWith(json, kFailed, inTheToolsWords(inv.file.name, e.what()));
   }
 }
 

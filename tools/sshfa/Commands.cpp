@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/lexical_cast/bad_lexical_cast.hpp>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -71,7 +73,41 @@ int answerParents(FileCommand const& command, PathList const& paths, std::vector
   return 0;
 }
 
-int answerList(FileCommand const& command, std::vector<ustring> const& entries) {
+void reportMissing(PathList const& paths, std::vector<bool> const& missing, char const* verb) {
+  std::string text;
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    if (missing[i]) {
+      text += fmt::format("sshfa: cannot {} '{}': No such file or directory\n", verb,
+                          forStream(STDERR_FILENO, paths[i]));
+    }
+  }
+  writeTo(stderr, text);
+}
+
+// Like ls: a file as itself, a folder by its entries (files first, then the
+// folders' entries, each in the order given); a missing path is reported and
+// makes the status 1. Folders cost one round trip, files and missing paths
+// one more.
+int answerList(sfa::FileAccessInterface& side, FileCommand const& command) {
+  PathList const paths = toPaths(command.args);
+  std::vector<bool> const folder = side.isDir(paths);
+  PathList folders;
+  PathList others;
+  for (std::size_t i = 0; i < paths.size(); ++i) (folder[i] ? folders : others).push_back(paths[i]);
+  std::vector<ustring> entries;
+  std::vector<bool> missing(others.size(), false);
+  if (!others.empty()) {
+    std::vector<bool> const present = side.exists(others);
+    for (std::size_t i = 0; i < others.size(); ++i) {
+      missing[i] = !present[i];
+      if (present[i]) entries.push_back(others[i]);
+    }
+  }
+  if (!folders.empty()) {
+    auto listed = command.recursive ? side.listRecursively(folders) : side.list(folders);
+    entries.insert(entries.end(), std::make_move_iterator(listed.begin()), std::make_move_iterator(listed.end()));
+  }
+  reportMissing(others, missing, "access");
   std::string out;
   std::vector<std::string> elements;
   for (auto const& entry : entries) {
@@ -82,7 +118,7 @@ int answerList(FileCommand const& command, std::vector<ustring> const& entries) 
     }
   }
   writeTo(stdout, command.json ? jsonArray(elements) : out);
-  return 0;
+  return std::find(missing.begin(), missing.end(), true) == missing.end() ? 0 : 1;
 }
 
 std::string isoTime(boost::posix_time::ptime const& time) {
@@ -94,10 +130,35 @@ long long epochSeconds(boost::posix_time::ptime const& time) {
   return (time - kEpoch).total_seconds();
 }
 
+// The sizes and times of all paths in one call. When the answer of the
+// remote stat cannot be read (a name with a line feed breaks its line), each
+// path is asked on its own, so that the failure names the path it belongs to
+// and the others are still answered; `unreadable` gets the causes.
+std::vector<std::optional<sfa::FileInfo>> fileInfos(sfa::FileAccessInterface& side, PathList const& paths,
+                                                    std::vector<std::string>& unreadable) {
+  unreadable.assign(paths.size(), std::string());
+  try {
+    return side.getFileInfo(paths);
+  } catch (sfa::FileAccessException const&) {
+  } catch (boost::bad_lexical_cast const&) {
+  }
+  std::vector<std::optional<sfa::FileInfo>> infos(paths.size());
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    try {
+      infos[i] = side.getFileInfo(paths[i]);
+    } catch (sfa::FileAccessException const& e) {
+      unreadable[i] = e.what();
+    } catch (boost::bad_lexical_cast const& e) {
+      unreadable[i] = e.what();
+    }
+  }
+  return infos;
+}
+
 // Missing paths are reported on standard error and make the status 1; the
 // others are still answered.
 int answerStat(FileCommand const& command, PathList const& paths,
-               std::vector<std::optional<sfa::FileInfo>> const& infos) {
+               std::vector<std::optional<sfa::FileInfo>> const& infos, std::vector<std::string> const& unreadable) {
   std::string out;
   std::vector<std::string> elements;
   int status = 0;
@@ -105,12 +166,18 @@ int answerStat(FileCommand const& command, PathList const& paths,
     auto const& info = infos[i];
     if (!info) {
       status = 1;
-      writeTo(stderr,
-              fmt::format("sshfa: cannot stat '{}': No such file or directory\n", forStream(STDERR_FILENO, paths[i])));
+      writeTo(stderr, unreadable[i].empty()
+                          ? fmt::format("sshfa: cannot stat '{}': No such file or directory\n",
+                                        forStream(STDERR_FILENO, paths[i]))
+                          : fmt::format("sshfa: cannot stat '{}': the answer of stat cannot be read ({})\n",
+                                        forStream(STDERR_FILENO, paths[i]), unreadable[i]));
     }
     bool const timed = info && !info->lastWriteTime.is_special();
     if (command.json) {
-      if (!info) {
+      if (!info && !unreadable[i].empty()) {
+        elements.push_back(
+            fmt::format("{{\"path\": {}, \"error\": {}}}", jsonString(paths[i]), jsonString(unreadable[i])));
+      } else if (!info) {
         elements.push_back(fmt::format("{{\"path\": {}, \"exists\": false}}", jsonString(paths[i])));
       } else if (timed) {
         elements.push_back(fmt::format(
@@ -133,6 +200,59 @@ int answerStat(FileCommand const& command, PathList const& paths,
 
 void requireArgs(FileCommand const& command, std::size_t count, char const* usage) {
   if (command.args.size() != count) throw UsageError(fmt::format("usage: {} {}", command.name, usage));
+}
+
+bool endsWith(std::string const& text, std::string_view suffix) {
+  if (text.size() < suffix.size()) return false;
+  for (std::size_t i = 0; i < suffix.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(text[text.size() - suffix.size() + i])) != suffix[i]) return false;
+  }
+  return true;
+}
+
+// tar and zip write their format uncompressed; a name that promises
+// compression would be a lie that only shows when it is unpacked elsewhere.
+void refuseCompressedName(FileCommand const& command) {
+  static constexpr std::array<std::string_view, 17> kCompressed{
+      ".gz", ".tgz", ".taz", ".z", ".xz", ".txz", ".bz2", ".tbz", ".tbz2", ".tb2", ".zst", ".tzst", ".lz", ".lzma",
+      ".tlz", ".lz4", ".br"};
+  std::string const& archive = command.args[1];
+  for (auto const suffix : kCompressed) {
+    if (endsWith(archive, suffix)) {
+      throw UsageError(fmt::format(
+          "{}: '{}' names a compressed archive, but {} writes it uncompressed; give a name ending in .{} and "
+          "compress it afterwards (for example: sshfa exec gzip FILE)",
+          command.name, archive, command.name, command.name));
+    }
+  }
+  if (command.name == "zip" && endsWith(archive, ".tar")) {
+    throw UsageError(fmt::format("zip: '{}' names a tar archive, but zip writes zip archives; use tar", archive));
+  }
+}
+
+// Runs an archive command; when it fails, finds the cause the tool can name
+// (a missing source or archive, a destination that is no folder) with one
+// more round trip, and otherwise passes the failure on.
+void archiveCommand(sfa::FileAccessInterface& side, FileCommand const& command,
+                    std::function<void(ustring const&, ustring const&)> const& run) {
+  auto const paths = toPaths(command.args);
+  bool const packs = command.name == "tar" || command.name == "zip";
+  try {
+    run(paths[0], paths[1]);
+  } catch (sfa::FileAccessException const& e) {
+    bool const found = side.exists(paths[0]);
+    std::string const source = forStream(STDERR_FILENO, paths[0]);
+    std::string const target = forStream(STDERR_FILENO, paths[1]);
+    if (!found) {
+      throw sfa::FileAccessException(
+          fmt::format("cannot {} '{}': No such file or directory", packs ? "pack" : "unpack", source), e.code());
+    }
+    if (!packs && !side.isDir(paths[1])) {
+      throw sfa::FileAccessException(
+          fmt::format("cannot unpack '{}' into '{}': no such folder", source, target), e.code());
+    }
+    throw;
+  }
 }
 
 using Handler = std::function<int(sfa::FileAccessInterface&, FileCommand const&)>;
@@ -159,15 +279,13 @@ std::map<std::string, Handler> const& handlers() {
          auto const paths = toPaths(c.args);
          return answerParents(c, paths, side.parent(paths));
        }},
-      {"ls",
-       [](auto& side, auto const& c) {
-         auto const paths = toPaths(c.args);
-         return answerList(c, c.recursive ? side.listRecursively(paths) : side.list(paths));
-       }},
+      {"ls", [](auto& side, auto const& c) { return answerList(side, c); }},
       {"stat",
        [](auto& side, auto const& c) {
          auto const paths = toPaths(c.args);
-         return answerStat(c, paths, side.getFileInfo(paths));
+         std::vector<std::string> unreadable;
+         auto const infos = fileInfos(side, paths, unreadable);
+         return answerStat(c, paths, infos, unreadable);
        }},
       {"touch",
        [](auto& side, auto const& c) {
@@ -197,29 +315,27 @@ std::map<std::string, Handler> const& handlers() {
       {"tar",
        [](auto& side, auto const& c) {
          requireArgs(c, 2, "SOURCE ARCHIVE");
-         auto const paths = toPaths(c.args);
-         side.tar(paths[0], paths[1]);
+         refuseCompressedName(c);
+         archiveCommand(side, c, [&side](auto const& from, auto const& to) { side.tar(from, to); });
          return 0;
        }},
       {"zip",
        [](auto& side, auto const& c) {
          requireArgs(c, 2, "SOURCE ARCHIVE");
-         auto const paths = toPaths(c.args);
-         side.zip(paths[0], paths[1]);
+         refuseCompressedName(c);
+         archiveCommand(side, c, [&side](auto const& from, auto const& to) { side.zip(from, to); });
          return 0;
        }},
       {"untar",
        [](auto& side, auto const& c) {
          requireArgs(c, 2, "ARCHIVE FOLDER");
-         auto const paths = toPaths(c.args);
-         side.untar(paths[0], paths[1]);
+         archiveCommand(side, c, [&side](auto const& from, auto const& to) { side.untar(from, to); });
          return 0;
        }},
       {"unzip",
        [](auto& side, auto const& c) {
          requireArgs(c, 2, "ARCHIVE FOLDER");
-         auto const paths = toPaths(c.args);
-         side.unzip(paths[0], paths[1]);
+         archiveCommand(side, c, [&side](auto const& from, auto const& to) { side.unzip(from, to); });
          return 0;
        }},
   };

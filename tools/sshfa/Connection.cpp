@@ -128,6 +128,7 @@ std::unique_ptr<nimbal::remoteaccess::sshfileaccess::FileAccess> connect(Connect
   if (settings.connectTimeout.count() > 0) options.connectTimeout = settings.connectTimeout;
   options.readSshConfig = settings.readSshConfig;
   options.sshConfigFile = settings.sshConfigFile;
+  options.proxyJump = settings.proxyJump;
   options.progress = progress.callback();
 
   auto client = std::make_unique<ssh::SSHClient>(fl::i18n::utf8_to_ustring(settings.host), settings.port,

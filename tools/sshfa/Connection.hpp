@@ -26,6 +26,7 @@ struct ConnectionSettings {
   std::chrono::seconds connectTimeout{0};  // 0: the client's default
   bool readSshConfig = true;
   std::string sshConfigFile;  // instead of ~/.ssh/config
+  std::string proxyJump;      // jump hosts, like ssh -J
   bool batch = false;         // never ask on the terminal
 };
 
