@@ -12,6 +12,8 @@ packages=(
   libfmt-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   # test server and remote tools
   openssh-server openssh-client csh tar zip unzip findutils coreutils
+  # the tool's manual page and completion scripts
+  man-db bash zsh
   # benchmark peers and report
   rsync python3 python3-paramiko python3-asyncssh gnuplot-nox
 )

@@ -9,6 +9,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -48,9 +49,15 @@ ToolProcess::ToolProcess(std::vector<std::string> const& args, ToolOptions optio
     : options_(std::move(options)), deadline_(std::chrono::steady_clock::now() + options_.timeout) {
   std::vector<std::string> argvStrings{options_.program.empty() ? toolPath() : options_.program};
   argvStrings.insert(argvStrings.end(), args.begin(), args.end());
-  std::vector<std::string> envStrings;
-  for (char** entry = environ; *entry != nullptr; ++entry) envStrings.emplace_back(*entry);
-  envStrings.insert(envStrings.end(), options_.environment.begin(), options_.environment.end());
+  // The extra entries replace inherited ones of the same name.
+  std::vector<std::string> envStrings = options_.environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    std::string const inherited = *entry;
+    std::string const name = inherited.substr(0, inherited.find('=') + 1);
+    bool const replaced = std::any_of(options_.environment.begin(), options_.environment.end(),
+                                      [&](std::string const& extra) { return extra.rfind(name, 0) == 0; });
+    if (!replaced) envStrings.push_back(inherited);
+  }
   std::vector<char*> argv = pointersTo(argvStrings);
   std::vector<char*> envp = pointersTo(envStrings);
 

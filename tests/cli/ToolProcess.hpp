@@ -26,7 +26,7 @@ struct ToolOptions {
   std::string program;  // another program to run instead of sshfa
   std::string input;    // written to standard input, which is then closed
   bool terminal = false;
-  std::vector<std::string> environment;  // extra NAME=value entries
+  std::vector<std::string> environment;  // NAME=value entries, in place of inherited ones
   std::chrono::seconds timeout{180};
 };
 

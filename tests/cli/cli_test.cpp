@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "tests/cli/ToolProcess.hpp"
-#include "tests/support/TestSshd.hpp"
+#include "tests/support/SshTestHelpers.hpp"
 
 namespace sshfa::testing {
 namespace {
@@ -68,19 +68,6 @@ std::set<std::string> filesBelow(fs::path const& root) {
     if (entry.is_regular_file()) files.insert(fs::relative(entry.path(), root).string() + "=" + readFile(entry));
   }
   return files;
-}
-
-// A port on 127.0.0.1 that nothing listens on.
-int closedPort() {
-  int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
 }
 
 bool processAlive(pid_t pid) { return ::kill(pid, 0) == 0 || errno != ESRCH; }

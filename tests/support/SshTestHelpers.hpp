@@ -1,7 +1,11 @@
 #pragma once
 // Small helpers shared by the SSH client integration tests.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <optional>
@@ -36,6 +40,38 @@ std::optional<ssh::SSHError> catchSSHError(Action&& action) {
 
 inline std::string prefixOf(TestSshd const& server, std::string const& user) {
   return user + "@" + server.host() + ":" + std::to_string(server.port()) + ": ";
+}
+
+// An ssh_config Host block that reaches `server` with its own key and
+// known_hosts file, asking nothing.
+inline std::string sshConfigHostBlock(std::string const& alias, TestSshd const& server) {
+  return "Host " + alias + "\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) + "\n  User " +
+         server.user() + "\n  IdentityFile " + server.identityFile() + "\n  UserKnownHostsFile " +
+         server.knownHostsFile() + "\n  StrictHostKeyChecking yes\n  BatchMode yes\n";
+}
+
+// How many logins the server has accepted so far (a jump host counts the
+// hops through it).
+inline std::size_t acceptedLogins(TestSshd const& server) {
+  std::string const log = server.log();
+  std::size_t count = 0;
+  for (auto at = log.find("Accepted publickey"); at != std::string::npos; at = log.find("Accepted publickey", at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+// A port on 127.0.0.1 that nothing listens on.
+inline int closedPort() {
+  int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
 }
 
 inline double secondsSince(std::chrono::steady_clock::time_point start) {

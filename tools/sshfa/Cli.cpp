@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -326,8 +327,7 @@ int run(int argc, char** argv) {
   Invocation inv;
   CLI::App app{"Files on this machine and on one remote Unix host over SSH.", "sshfa"};
   app.set_version_flag("--version", "sshfa " SSHFA_VERSION);
-  // One command, checked after parsing: --generate needs none.
-  app.require_subcommand(0, 1);
+  app.require_subcommand(1);
   // Options of the tool may also follow the command: sshfa ls -H host /tmp
   app.fallthrough();
   addConnectionOptions(app, inv);
@@ -353,8 +353,7 @@ int run(int argc, char** argv) {
       ->add_flag("-p,--parents", inv.parents, "Accepted for habit; missing parents are always created");
   addPairCommand(app, inv.pairs, "cp", "Copy files or folders, on one side");
   addPairCommand(app, inv.pairs, "mv", "Move or rename files or folders, on one side");
-  addTwoOperandCommand(app, inv, "tar", "Pack a file or folder into an uncompressed tar archive", "SOURCE",
-                       "ARCHIVE");
+  addTwoOperandCommand(app, inv, "tar", "Pack a file or folder into an uncompressed tar archive", "SOURCE", "ARCHIVE");
   addTwoOperandCommand(app, inv, "untar", "Unpack a tar archive (plain or compressed) into an existing folder",
                        "ARCHIVE", "FOLDER");
   addTwoOperandCommand(app, inv, "zip", "Pack a file or folder into a zip archive", "SOURCE", "ARCHIVE");
@@ -375,6 +374,10 @@ int run(int argc, char** argv) {
 
   std::vector<char*> parsed = splitOffExecWords(app, argc, argv, inv.words);
   bool const json = wantsJson(parsed);
+  // The generator needs no command.
+  if (std::any_of(parsed.begin(), parsed.end(), [](char const* arg) { return std::string(arg) == "--generate"; })) {
+    app.require_subcommand(0, 1);
+  }
   try {
     app.parse(static_cast<int>(parsed.size()), parsed.data());
   } catch (CLI::Success const& e) {
@@ -387,9 +390,6 @@ int run(int argc, char** argv) {
     writeTo(stdout, generated(app, inv.generate));
     return 0;
   }
-  if (app.get_subcommands().empty()) {
-    return failWith(json, kUsage, "no command given; run 'sshfa --help' for the list of commands");
-  }
 
   try {
     return dispatch(app, inv);
@@ -399,8 +399,7 @@ int run(int argc, char** argv) {
     return interruptedStatus(json, e.signalNumber());
   } catch (ssh::SSHError const& e) {
     if (int const signalNumber = pendingInterrupt(); signalNumber != 0) return interruptedStatus(json, signalNumber);
-    return failWith(json, isConnectionFailure(e.kind()) ? kConnection : kFailed,
-                    trimmed(e.what()) + hintFor(e.kind()));
+    return failWith(json, isConnectionFailure(e.kind()) ? kConnection : kFailed, trimmed(e.what()) + hintFor(e.kind()));
   } catch (sfa::FileAccessException const& e) {
     return failWith(json, kFailed, inTheToolsWords(inv.file.name, e.what()));
   } catch (std::exception const& e) {

@@ -77,8 +77,8 @@ void reportMissing(PathList const& paths, std::vector<bool> const& missing, char
   std::string text;
   for (std::size_t i = 0; i < paths.size(); ++i) {
     if (missing[i]) {
-      text += fmt::format("sshfa: cannot {} '{}': No such file or directory\n", verb,
-                          forStream(STDERR_FILENO, paths[i]));
+      text +=
+          fmt::format("sshfa: cannot {} '{}': No such file or directory\n", verb, forStream(STDERR_FILENO, paths[i]));
     }
   }
   writeTo(stderr, text);
@@ -213,9 +213,9 @@ bool endsWith(std::string const& text, std::string_view suffix) {
 // tar and zip write their format uncompressed; a name that promises
 // compression would be a lie that only shows when it is unpacked elsewhere.
 void refuseCompressedName(FileCommand const& command) {
-  static constexpr std::array<std::string_view, 17> kCompressed{
-      ".gz", ".tgz", ".taz", ".z", ".xz", ".txz", ".bz2", ".tbz", ".tbz2", ".tb2", ".zst", ".tzst", ".lz", ".lzma",
-      ".tlz", ".lz4", ".br"};
+  static constexpr std::array<std::string_view, 17> kCompressed{".gz",  ".tgz",  ".taz",  ".z",   ".xz",  ".txz",
+                                                                ".bz2", ".tbz",  ".tbz2", ".tb2", ".zst", ".tzst",
+                                                                ".lz",  ".lzma", ".tlz",  ".lz4", ".br"};
   std::string const& archive = command.args[1];
   for (auto const suffix : kCompressed) {
     if (endsWith(archive, suffix)) {
@@ -248,8 +248,8 @@ void archiveCommand(sfa::FileAccessInterface& side, FileCommand const& command,
           fmt::format("cannot {} '{}': No such file or directory", packs ? "pack" : "unpack", source), e.code());
     }
     if (!packs && !side.isDir(paths[1])) {
-      throw sfa::FileAccessException(
-          fmt::format("cannot unpack '{}' into '{}': no such folder", source, target), e.code());
+      throw sfa::FileAccessException(fmt::format("cannot unpack '{}' into '{}': no such folder", source, target),
+                                     e.code());
     }
     throw;
   }

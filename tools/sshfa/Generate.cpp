@@ -121,7 +121,10 @@ std::string bash(CLI::App const& app) {
       << "  local own=\n"
       << "  case $command in\n";
   for (auto const& command : commands) {
-    auto const names = allNames(command.options);
+    std::vector<std::string> names;
+    for (auto const& name : allNames(command.options)) {
+      if (name != "-h" && name != "--help") names.push_back(name);
+    }
     if (!names.empty()) out << "    " << command.name << ") own='" << joined(names, " ") << "' ;;\n";
   }
   out << "  esac\n"
@@ -241,9 +244,7 @@ void manOptions(std::ostringstream& out, std::vector<OptionInfo> const& options)
 
 std::string man(CLI::App const& app) {
   std::ostringstream out;
-  std::string version;
-  if (auto const* flag = app.get_option_no_throw("--version"); flag != nullptr) version = flag->get_description();
-  out << ".TH SSHFA 1 \"\" \"" << roff(app.get_display_name()) << "\" \"User Commands\"\n"
+  out << ".TH SSHFA 1 \"\" \"sshfa " SSHFA_VERSION "\" \"User Commands\"\n"
       << ".SH NAME\n"
       << "sshfa \\- " << roff(app.get_description()) << "\n"
       << ".SH SYNOPSIS\n"

@@ -28,8 +28,8 @@ std::string inWords(std::string_view line) {
   line = withoutShell(line);
   // The programs the remote commands run; their name adds nothing to ours.
   static constexpr std::array<std::string_view, 13> kPrograms{
-      "mkdir: ", "rm: ", "cp: ", "mv: ", "touch: ", "tar: ", "zip: ", "unzip: ", "stat: ", "find: ", "ls: ", "test: ",
-      "cd: "};
+      "mkdir: ", "rm: ",   "cp: ",   "mv: ", "touch: ", "tar: ", "zip: ",
+      "unzip: ", "stat: ", "find: ", "ls: ", "test: ",  "cd: "};
   for (auto const program : kPrograms) {
     if (!startsWith(line, program)) continue;
     line.remove_prefix(program.size());

@@ -20,9 +20,7 @@ Named namedBy(ConnectionSettings const& connection) {
   return named;
 }
 
-std::string localHint(std::string const& operand) {
-  return "write './" + operand + "' for a local name with a colon";
-}
+std::string localHint(std::string const& operand) { return "write './" + operand + "' for a local name with a colon"; }
 
 }  // namespace
 
@@ -63,12 +61,13 @@ std::optional<RemoteOperand> parseRemoteOperand(std::string const& operand) {
 
 std::vector<std::string> takeRemoteOperands(std::string const& command, bool upload,
                                             std::vector<std::string> const& operands, ConnectionSettings& connection) {
+  Named const named = namedBy(connection);
   std::vector<std::string> plain;
   plain.reserve(operands.size());
   std::optional<RemoteOperand> first;
   std::string firstOperand;
   for (std::size_t i = 0; i < operands.size(); ++i) {
-    auto const remote = parseRemoteOperand(operands[i]);
+    auto remote = parseRemoteOperand(operands[i]);
     if (!remote) {
       plain.push_back(operands[i]);
       continue;
@@ -82,6 +81,16 @@ std::vector<std::string> takeRemoteOperands(std::string const& command, bool upl
       throw UsageError(command + ": '" + operands[i] + "' is on the remote host, but get copies to this machine; " +
                        "use put to copy to the remote host, or " + localHint(operands[i]));
     }
+    if (!named.host.empty() && named.host != remote->host) {
+      throw UsageError(command + ": '" + operands[i] + "' names the host '" + remote->host + "', but -H names '" +
+                       named.host + "'; leave out -H, or name the same host");
+    }
+    if (!remote->user.empty() && !named.user.empty() && named.user != remote->user) {
+      throw UsageError(command + ": '" + operands[i] + "' names the user '" + remote->user + "', but -u names '" +
+                       named.user + "'; leave out -u, or name the same user");
+    }
+    // A user left out is the one -u (or -H) names.
+    if (remote->user.empty()) remote->user = named.user;
     if (first && (remote->host != first->host || remote->user != first->user)) {
       throw UsageError(command + ": '" + firstOperand + "' and '" + operands[i] +
                        "' name different remote hosts; one command reaches one host");
@@ -92,19 +101,10 @@ std::vector<std::string> takeRemoteOperands(std::string const& command, bool upl
     }
     plain.push_back(remote->path);
   }
-  if (!first) return plain;
-
-  Named const named = namedBy(connection);
-  if (!named.host.empty() && named.host != first->host) {
-    throw UsageError(command + ": '" + firstOperand + "' names the host '" + first->host + "', but -H names '" +
-                     named.host + "'; leave out -H, or name the same host");
+  if (first) {
+    connection.host = first->host;
+    connection.user = first->user;
   }
-  if (!first->user.empty() && !named.user.empty() && named.user != first->user) {
-    throw UsageError(command + ": '" + firstOperand + "' names the user '" + first->user + "', but -u names '" +
-                     named.user + "'; leave out -u, or name the same user");
-  }
-  connection.host = first->host;
-  connection.user = first->user.empty() ? named.user : first->user;
   return plain;
 }
 

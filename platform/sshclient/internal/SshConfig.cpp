@@ -107,7 +107,8 @@ std::optional<ProgramOutput> runProgram(std::vector<std::string> const& args) {
 
 std::string lowered(std::string_view text) {
   std::string out(text);
-  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::transform(out.begin(), out.end(), out.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return out;
 }
 
@@ -264,7 +265,8 @@ ResolvedConfig parseResolvedConfig(std::string_view output, std::string_view bui
   settings.user = valueOf(values, "user");
   if (std::string const port = valueOf(values, "port"); !port.empty()) settings.port = number(port, "Port");
   auto const [first, last] = values.equal_range("identityfile");
-  for (auto it = first; it != last; ++it) settings.identityFiles.push_back(expandConfigPath(it->second, settings, host));
+  for (auto it = first; it != last; ++it)
+    settings.identityFiles.push_back(expandConfigPath(it->second, settings, host));
   for (char const* key : {"userknownhostsfile", "globalknownhostsfile"}) {
     for (auto& file : words(valueOf(values, key))) settings.knownHostsFiles.push_back(std::move(file));
   }
@@ -338,7 +340,8 @@ std::optional<ResolvedConfig> resolveSshConfig(ConfigRequest const& request) {
     fail("cannot resolve the SSH configuration of '" + request.host + "' with '" + request.program +
          " -G': " + complaintOf(answer->err));
   }
-  ResolvedConfig settings = parseResolvedConfig(answer->out, builtInAnswer(request.program, request.host), request.host);
+  ResolvedConfig settings =
+      parseResolvedConfig(answer->out, builtInAnswer(request.program, request.host), request.host);
   if (settings.hostName.empty()) {
     fail("'" + request.program + " -G' named no host name for '" + request.host + "'");
   }

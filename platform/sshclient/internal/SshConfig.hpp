@@ -30,8 +30,8 @@ struct ResolvedConfig {
   std::string hostName;  // HostName: the name or address to connect to
   std::string user;      // User (ssh answers the login name when none is set)
   int port = 22;
-  std::vector<std::string> identityFiles;    // IdentityFile, ~ and %-tokens expanded, in order
-  std::vector<std::string> knownHostsFiles;  // UserKnownHostsFile then GlobalKnownHostsFile (ssh expands them)
+  std::vector<std::string> identityFiles;      // IdentityFile, ~ and %-tokens expanded, in order
+  std::vector<std::string> knownHostsFiles;    // UserKnownHostsFile then GlobalKnownHostsFile (ssh expands them)
   std::optional<HostKeyPolicy> hostKeyPolicy;  // StrictHostKeyChecking accept-new or no
   std::string proxyJump;                       // "[user@]host[:port][,...]", empty: none
   std::string proxyCommand;                    // unexpanded (%h, %p are libssh's to fill in); empty: none

@@ -27,13 +27,6 @@ std::string whoAmI(ssh::SSHClient& client) {
   return utf8(client.executeCommand(ssh::ExecuteCommand(u"id -un")).getStdout());
 }
 
-// A Host block that reaches `server` with its own key and known_hosts file.
-std::string hostBlock(std::string const& alias, TestSshd const& server) {
-  return "Host " + alias + "\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) + "\n  User " +
-         server.user() + "\n  IdentityFile " + server.identityFile() + "\n  UserKnownHostsFile " +
-         server.knownHostsFile() + "\n  StrictHostKeyChecking yes\n  BatchMode yes\n";
-}
-
 // Options that read `config` and nothing else.
 ssh::SSHClientOptions readingConfig(fs::path const& config) {
   auto options = TestSshd::instance().options();
@@ -49,24 +42,14 @@ fs::path writeConfig(std::string const& text) {
   return config;
 }
 
-std::size_t acceptedLogins(TestSshd const& server) {
-  std::string const log = server.log();
-  std::size_t count = 0;
-  for (std::size_t at = log.find("Accepted publickey"); at != std::string::npos;
-       at = log.find("Accepted publickey", at + 1)) {
-    ++count;
-  }
-  return count;
-}
-
 TEST(SshConfig, TwoHostBlocksAreMerged) {
   auto& server = TestSshd::instance();
   // The first block names the address, the second (a pattern) user and key:
   // ssh takes each keyword's first value over all matching blocks.
-  fs::path const config = writeConfig("Host box.lan\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) +
-                                      "\nHost *.lan\n  User " + server.user() + "\n  IdentityFile " +
-                                      server.identityFile() + "\n  UserKnownHostsFile " + server.knownHostsFile() +
-                                      "\n  Port 1\n");
+  fs::path const config =
+      writeConfig("Host box.lan\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) +
+                  "\nHost *.lan\n  User " + server.user() + "\n  IdentityFile " + server.identityFile() +
+                  "\n  UserKnownHostsFile " + server.knownHostsFile() + "\n  Port 1\n");
   ssh::SSHClient client(u"box.lan", 0, {ssh::IdentityFileAuth{"", "", std::nullopt}}, readingConfig(config));
   EXPECT_EQ(whoAmI(client), server.user() + "\n");
 }
@@ -75,9 +58,9 @@ TEST(SshConfig, UserKnownHostsFileIsHonoured) {
   auto& server = TestSshd::instance();
   fs::path const empty = TestSshd::makeTempDir() / "known_hosts";
   std::ofstream(empty) << "";
-  fs::path const config = writeConfig("Host box\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) +
-                                      "\n  UserKnownHostsFile " + empty.string() + "\n  GlobalKnownHostsFile " +
-                                      empty.string() + "\n");
+  fs::path const config =
+      writeConfig("Host box\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) +
+                  "\n  UserKnownHostsFile " + empty.string() + "\n  GlobalKnownHostsFile " + empty.string() + "\n");
   auto const options = readingConfig(config);
   auto const error = catchSSHError([&] { ssh::SSHClient client(u"box", 0, server.auth(), options); });
   ASSERT_TRUE(error);
@@ -95,17 +78,18 @@ TEST(SshConfig, UserKnownHostsFileIsHonoured) {
 TEST(SshConfig, StrictHostKeyCheckingAcceptNewAddsToTheUserFile) {
   auto& server = TestSshd::instance();
   fs::path const knownHosts = TestSshd::makeTempDir() / "known_hosts";
-  fs::path const config = writeConfig("Host box\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) +
-                                      "\n  UserKnownHostsFile " + knownHosts.string() +
-                                      "\n  StrictHostKeyChecking accept-new\n");
+  fs::path const config =
+      writeConfig("Host box\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) +
+                  "\n  UserKnownHostsFile " + knownHosts.string() + "\n  StrictHostKeyChecking accept-new\n");
   ssh::SSHClient client(u"box", 0, server.auth(), readingConfig(config));
   EXPECT_EQ(readText(knownHosts), "[127.0.0.1]:" + std::to_string(server.port()) + " " + server.hostPublicKey() + "\n");
 }
 
 TEST(SshConfig, CallerOptionsWin) {
   auto& server = TestSshd::instance();
-  fs::path const config = writeConfig("Host box\n  HostName 127.0.0.1\n  Port 1\n  User nobody-here\n"
-                                      "  ConnectTimeout 3\n  ServerAliveInterval 9\n  UserKnownHostsFile /nonexistent\n");
+  fs::path const config = writeConfig(
+      "Host box\n  HostName 127.0.0.1\n  Port 1\n  User nobody-here\n"
+      "  ConnectTimeout 3\n  ServerAliveInterval 9\n  UserKnownHostsFile /nonexistent\n");
   auto options = readingConfig(config);
   options.knownHostsFiles = {server.knownHostsFile()};
   options.keepaliveInterval = std::chrono::seconds(5);
@@ -116,7 +100,7 @@ TEST(SshConfig, CallerOptionsWin) {
 
 TEST(SshConfig, ServerAliveIntervalAppliesWhileTheCallerKeepsTheDefault) {
   auto& server = TestSshd::instance();
-  fs::path const config = writeConfig(hostBlock("box", server) + "  ServerAliveInterval 9\n");
+  fs::path const config = writeConfig(sshConfigHostBlock("box", server) + "  ServerAliveInterval 9\n");
   auto options = readingConfig(config);
   options.keepaliveInterval = ssh::SSHClientOptions{}.keepaliveInterval;
   ssh::SSHClient client(u"box", 0, {ssh::IdentityFileAuth{"", "", std::nullopt}}, options);
@@ -152,7 +136,7 @@ TEST(SshConfig, ConfigurationErrorsOfSshAreReported) {
 
 TEST(SshConfig, WithoutSshLibsshParsesTheFile) {
   auto& server = TestSshd::instance();
-  fs::path const config = writeConfig(hostBlock("box", server));
+  fs::path const config = writeConfig(sshConfigHostBlock("box", server));
   for (std::string const program : {"", "/nonexistent/bin/ssh"}) {
     auto options = readingConfig(config);
     options.sshProgram = program;
@@ -190,7 +174,8 @@ class JumpHosts : public ::testing::Test {
 TEST_F(JumpHosts, ThroughOneJumpHost) {
   auto& target = TestSshd::instance();
   std::size_t const before = acceptedLogins(first());
-  fs::path const config = writeConfig(hostBlock("target", target) + "  ProxyJump jump1\n" + hostBlock("jump1", first()));
+  fs::path const config =
+      writeConfig(sshConfigHostBlock("target", target) + "  ProxyJump jump1\n" + sshConfigHostBlock("jump1", first()));
   ssh::SSHClient client(u"target", 0, {ssh::IdentityFileAuth{"", "", std::nullopt}}, readingConfig(config));
   EXPECT_EQ(whoAmI(client), target.user() + "\n");
   EXPECT_EQ(acceptedLogins(first()), before + 1);
@@ -200,8 +185,8 @@ TEST_F(JumpHosts, ThroughTwoJumpHosts) {
   auto& target = TestSshd::instance();
   std::size_t const firstBefore = acceptedLogins(first());
   std::size_t const secondBefore = acceptedLogins(second());
-  fs::path const config = writeConfig(hostBlock("target", target) + "  ProxyJump jump1,jump2\n" +
-                                      hostBlock("jump1", first()) + hostBlock("jump2", second()));
+  fs::path const config = writeConfig(sshConfigHostBlock("target", target) + "  ProxyJump jump1,jump2\n" +
+                                      sshConfigHostBlock("jump1", first()) + sshConfigHostBlock("jump2", second()));
   ssh::SSHClient client(u"target", 0, {ssh::IdentityFileAuth{"", "", std::nullopt}}, readingConfig(config));
   EXPECT_EQ(whoAmI(client), target.user() + "\n");
   EXPECT_EQ(acceptedLogins(first()), firstBefore + 1);
@@ -212,11 +197,11 @@ TEST_F(JumpHosts, EachHopIsCheckedAgainstItsOwnKnownHosts) {
   auto& target = TestSshd::instance();
   // jump1's block names the target's known_hosts file, which does not know
   // jump1's key: ssh refuses the hop and the connection fails.
-  std::string jumpBlock = hostBlock("jump1", first());
+  std::string jumpBlock = sshConfigHostBlock("jump1", first());
   std::string const knownHostsLine = "UserKnownHostsFile " + first().knownHostsFile();
   jumpBlock.replace(jumpBlock.find(knownHostsLine), knownHostsLine.size(),
                     "UserKnownHostsFile " + target.knownHostsFile());
-  fs::path const config = writeConfig(hostBlock("target", target) + "  ProxyJump jump1\n" + jumpBlock);
+  fs::path const config = writeConfig(sshConfigHostBlock("target", target) + "  ProxyJump jump1\n" + jumpBlock);
   auto const error = catchSSHError([&] {
     ssh::SSHClient client(u"target", 0, {ssh::IdentityFileAuth{"", "", std::nullopt}}, readingConfig(config));
   });
@@ -234,7 +219,7 @@ TEST_F(JumpHosts, EachHopIsCheckedAgainstItsOwnKnownHosts) {
 TEST_F(JumpHosts, CallerJumpHostsWithoutConfiguration) {
   auto& target = TestSshd::instance();
   std::size_t const before = acceptedLogins(first());
-  fs::path const config = writeConfig(hostBlock("jump1", first()));
+  fs::path const config = writeConfig(sshConfigHostBlock("jump1", first()));
   auto options = readingConfig(config);
   options.proxyJump = "jump1";
   options.knownHostsFiles = {target.knownHostsFile()};

@@ -1,0 +1,104 @@
+// The tool's pure parts: host:path operands and messages in its words.
+
+#include <gtest/gtest.h>
+
+#include "tools/sshfa/Commands.hpp"
+#include "tools/sshfa/Messages.hpp"
+#include "tools/sshfa/RemoteOperand.hpp"
+
+namespace sshfa::cli {
+namespace {
+
+void expectRemote(std::string const& operand, std::string const& user, std::string const& host,
+                  std::string const& path) {
+  auto const remote = parseRemoteOperand(operand);
+  ASSERT_TRUE(remote) << operand;
+  EXPECT_EQ(remote->user, user) << operand;
+  EXPECT_EQ(remote->host, host) << operand;
+  EXPECT_EQ(remote->path, path) << operand;
+}
+
+TEST(RemoteOperand, ScpsRule) {
+  expectRemote("box:/srv/a", "", "box", "/srv/a");
+  expectRemote("box:notes/a:b", "", "box", "notes/a:b");
+  expectRemote("alice@box:x", "alice", "box", "x");
+  expectRemote("box:", "", "box", ".");
+  expectRemote("alice@box:", "alice", "box", ".");
+  expectRemote("[::1]:/srv/a", "", "::1", "/srv/a");
+  expectRemote("alice@[fe80::1%eth0]:a", "alice", "fe80::1%eth0", "a");
+  expectRemote("a@b@box:x", "a@b", "box", "x");
+  for (std::string const local : {"./a:b", "/abs/a:b", "dir/a:b", ":leading", "plain", "", "[::1", "@:x"}) {
+    EXPECT_FALSE(parseRemoteOperand(local)) << local;
+  }
+}
+
+TEST(RemoteOperand, PutTakesTheDestination) {
+  ConnectionSettings connection;
+  connection.user = "alice";
+  EXPECT_EQ(takeRemoteOperands("put", true, {"a", "./b:c", "box:/dst/"}, connection),
+            (std::vector<std::string>{"a", "./b:c", "/dst/"}));
+  EXPECT_EQ(connection.host, "box");
+  EXPECT_EQ(connection.user, "alice");
+}
+
+TEST(RemoteOperand, GetTakesTheSourcesOfOneHost) {
+  ConnectionSettings connection;
+  connection.host = "bob@box";
+  EXPECT_EQ(takeRemoteOperands("get", false, {"box:/a", "bob@box:b", "/plain", "dst"}, connection),
+            (std::vector<std::string>{"/a", "b", "/plain", "dst"}));
+  EXPECT_EQ(connection.host, "box");
+  EXPECT_EQ(connection.user, "bob");
+}
+
+TEST(RemoteOperand, PlainOperandsLeaveTheConnectionAlone) {
+  ConnectionSettings connection;
+  connection.host = "h";
+  EXPECT_EQ(takeRemoteOperands("get", false, {"/a", "/b"}, connection), (std::vector<std::string>{"/a", "/b"}));
+  EXPECT_EQ(connection.host, "h");
+}
+
+TEST(RemoteOperand, AmbiguitiesAreUsageErrors) {
+  ConnectionSettings connection;
+  EXPECT_THROW(takeRemoteOperands("put", true, {"box:/a", "/b"}, connection), UsageError);
+  EXPECT_THROW(takeRemoteOperands("put", true, {"box:/a", "box:/b"}, connection), UsageError);
+  EXPECT_THROW(takeRemoteOperands("get", false, {"box:/a", "box:/b"}, connection), UsageError);
+  EXPECT_THROW(takeRemoteOperands("get", false, {"box:/a", "alice@box:/b", "/c"}, connection), UsageError);
+  connection.host = "other";
+  EXPECT_THROW(takeRemoteOperands("put", true, {"/a", "box:/b"}, connection), UsageError);
+  connection.host = "box";
+  connection.user = "carol";
+  EXPECT_THROW(takeRemoteOperands("put", true, {"/a", "alice@box:/b"}, connection), UsageError);
+  EXPECT_THROW(refuseRemoteOperands("mv", {"/a", "box:/b"}), UsageError);
+  EXPECT_NO_THROW(refuseRemoteOperands("mv", {"/a", "./box:/b"}));
+}
+
+TEST(Messages, RemoteProgramsAndShellsAreNotRepeated) {
+  EXPECT_EQ(inTheToolsWords("mkdir", "mkdir: cannot create directory '/x': Permission denied\n"),
+            "mkdir: cannot create directory '/x': Permission denied");
+  EXPECT_EQ(inTheToolsWords("untar", "sh: 1: cd: can't cd to /tmp/nodir\n"),
+            "untar: cannot enter the folder '/tmp/nodir'");
+  EXPECT_EQ(inTheToolsWords("untar", "bash: line 1: cd: /x: No such file or directory\n"),
+            "untar: cannot enter the folder /x: No such file or directory");
+  EXPECT_EQ(inTheToolsWords("untar",
+                            "tar: This does not look like a tar archive\ntar: Exiting with failure status due to "
+                            "previous errors\n"),
+            "untar: This does not look like a tar archive");
+  EXPECT_EQ(inTheToolsWords("rm", "rm: cannot remove 'a': Permission denied\nrm: cannot remove 'b': Busy\n"),
+            "rm: cannot remove 'a': Permission denied\nrm: cannot remove 'b': Busy");
+  EXPECT_EQ(inTheToolsWords("cp", "cannot open '/x': Permission denied"), "cp: cannot open '/x': Permission denied");
+  EXPECT_EQ(inTheToolsWords("rm", "\n  \n"), "rm: failed");
+}
+
+TEST(Messages, NearestName) {
+  std::vector<std::string> const names{"ls", "stat", "mkdir", "untar", "unzip", "exists", "exec"};
+  EXPECT_EQ(nearestName("lst", names), "ls");
+  EXPECT_EQ(nearestName("sl", names), "ls");
+  EXPECT_EQ(nearestName("mkdri", names), "mkdir");
+  EXPECT_EQ(nearestName("stats", names), "stat");
+  EXPECT_EQ(nearestName("exsits", names), "exists");
+  EXPECT_EQ(nearestName("frobnicate", names), "");
+  EXPECT_EQ(nearestName("xyz", names), "");
+}
+
+}  // namespace
+}  // namespace sshfa::cli
