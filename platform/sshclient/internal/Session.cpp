@@ -199,7 +199,11 @@ void Session::Impl::open(std::string const& requestedUser, int requestedPort, SS
 
   session.reset(ssh_new());
   if (!session) fail(SSHError::Kind::Connect, "out of memory");
-  configure(requestedUser, requestedPort, options);
+  try {
+    configure(requestedUser, requestedPort, options);
+  } catch (ConfigError const& error) {
+    fail(SSHError::Kind::Connect, error.what());
+  }
 
   int const on = 1;
   long const timeout = static_cast<long>(std::max<std::chrono::seconds::rep>(connectTimeout.count(), 1));
@@ -246,20 +250,10 @@ void Session::Impl::configure(std::string const& requestedUser, int requestedPor
   setOption(SSH_OPTIONS_PROCESS_CONFIG, &off, "option");
   std::optional<ResolvedConfig> resolved;
   if (options.readSshConfig) {
-    if (!options.sshConfigFile.empty()) {
-      try {
-        requireReadableConfig(options.sshConfigFile);
-      } catch (SSHError const& error) {
-        fail(SSHError::Kind::Connect, error.what());
-      }
-    }
+    if (!options.sshConfigFile.empty()) requireReadableConfig(options.sshConfigFile);
     if (!options.sshProgram.empty()) {
-      try {
-        resolved = resolveSshConfig(
-            {host, requestedUser, requestedPort, options.proxyJump, options.sshConfigFile, options.sshProgram});
-      } catch (SSHError const& error) {
-        fail(SSHError::Kind::Connect, error.what());
-      }
+      resolved = resolveSshConfig(
+          {host, requestedUser, requestedPort, options.proxyJump, options.sshConfigFile, options.sshProgram});
     }
     if (resolved) {
       applyResolved(*resolved, requestedUser, requestedPort, options);
@@ -324,13 +318,19 @@ void Session::Impl::parseWithLibssh(SSHClientOptions const& options) {
     fail(SSHError::Kind::Connect, "cannot read the SSH configuration: " + libraryError());
   }
   if (!options.knownHostsFiles.empty()) return;
-  // A UserKnownHostsFile of the configuration comes first, unexpanded.
-  if (char* configured = nullptr; ssh_options_get(session.get(), SSH_OPTIONS_KNOWNHOSTS, &configured) == SSH_OK) {
-    ResolvedConfig names;
-    names.hostName = host;
-    knownHosts = {expandConfigPath(configured, names, host), "/etc/ssh/ssh_known_hosts"};
-    ssh_string_free_char(configured);
-  }
+  // The configuration's known_hosts files, as libssh keeps them: unexpanded.
+  ResolvedConfig names;
+  names.hostName = host;
+  auto configured = [&](ssh_options_e option, std::string const& otherwise) {
+    char* value = nullptr;
+    if (ssh_options_get(session.get(), option, &value) != SSH_OK) return otherwise;
+    std::string const unexpanded = value;
+    ssh_string_free_char(value);
+    return expandConfigPath(unexpanded, names, host);
+  };
+  std::vector<std::string> const defaults = defaultKnownHostsFiles();
+  knownHosts = {configured(SSH_OPTIONS_KNOWNHOSTS, defaults[0]),
+                configured(SSH_OPTIONS_GLOBAL_KNOWNHOSTS, defaults[1])};
 }
 
 void Session::Impl::verifyHostKey() {

@@ -21,7 +21,7 @@ namespace foundation::sshclient::internal {
 
 namespace {
 
-[[noreturn]] void fail(std::string const& cause) { throw SSHError(SSHError::Kind::Connect, cause); }
+[[noreturn]] void fail(std::string const& cause) { throw ConfigError(cause); }
 
 struct ProgramOutput {
   int status = 0;

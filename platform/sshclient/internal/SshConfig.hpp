@@ -10,11 +10,13 @@
 // own parser.
 //
 // Everything here is a pure function of its inputs except the process runs;
-// thread-safe. Failures throw SSHError(Connect) naming the file or the
-// program and the cause.
+// thread-safe. Failures throw ConfigError naming the file or the program and
+// the cause; the session reports it as SSHError(Connect) with its
+// user@host:port.
 
 #include <chrono>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +24,11 @@
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
 namespace foundation::sshclient::internal {
+
+class ConfigError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 // The settings a connection takes from the configuration. Fields the
 // configuration leaves at OpenSSH's built-in default are empty (nullopt) where
@@ -50,13 +57,13 @@ struct ConfigRequest {
 };
 
 // Runs the program and parses its answer; nullopt when the program is not
-// there. Throws SSHError(Connect) when it exits non-zero (its message
+// there. Throws ConfigError when it exits non-zero (its message
 // included) or the answer cannot be read.
 std::optional<ResolvedConfig> resolveSshConfig(ConfigRequest const& request);
 
 // The answer of "ssh -G" for `host` (lines "keyword value"), given the
 // answer with no configuration at all (builtInOutput) to tell configured
-// ciphers from the built-in ones. Throws SSHError(Connect) on a value that
+// ciphers from the built-in ones. Throws ConfigError on a value that
 // cannot be used (a port that is no number, an unknown %-token).
 ResolvedConfig parseResolvedConfig(std::string_view output, std::string_view builtInOutput, std::string_view host);
 
@@ -64,14 +71,15 @@ ResolvedConfig parseResolvedConfig(std::string_view output, std::string_view bui
 // "[user@]host[:port][,...]" the way ssh itself does: the last hop by
 // "PROGRAM [-l USER] [-p PORT] [-J EARLIER-HOPS] [-F FILE] -W '[%h]:%p' HOST",
 // so that each hop is resolved and its host key checked by ssh with the same
-// configuration file. Throws SSHError(Connect) on an empty hop.
+// configuration file. Throws ConfigError on an empty hop.
 std::string proxyCommandForJump(std::string_view jumps, std::string const& program, std::string const& configFile);
 
 // "~" and "~/..." against the home folder, and the %-tokens of ssh_config
-// (%% %d %h %i %L %l %n %p %r %u) in an IdentityFile or known_hosts path.
+// (%% %d %h %i %L %l %n %p %r %u) in an IdentityFile or known_hosts path;
+// ConfigError for another token.
 std::string expandConfigPath(std::string_view path, ResolvedConfig const& settings, std::string_view originalHost);
 
-// Throws SSHError(Connect) "cannot read the SSH configuration 'FILE': cause"
+// Throws ConfigError "cannot read the SSH configuration 'FILE': cause"
 // when the file cannot be opened for reading.
 void requireReadableConfig(std::string const& file);
 
