@@ -38,18 +38,6 @@ constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kConnection = 3;
 
-std::string readFile(fs::path const& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void writeFile(fs::path const& path, std::string const& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
-
 void setModificationTime(fs::path const& path, std::time_t seconds) {
   timespec const times[2] = {{seconds, 0}, {seconds, 0}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;

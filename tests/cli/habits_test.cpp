@@ -28,18 +28,6 @@ constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kConnection = 3;
 
-std::string readFile(fs::path const& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void writeFile(fs::path const& path, std::string const& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
-
 class HabitsTest : public ::testing::Test {
  protected:
   void SetUp() override { dir_ = TestSshd::makeTempDir(); }

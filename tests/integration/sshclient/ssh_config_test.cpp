@@ -16,13 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using Kind = ssh::SSHError::Kind;
 
-std::string readText(fs::path const& path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 std::string whoAmI(ssh::SSHClient& client) {
   return utf8(client.executeCommand(ssh::ExecuteCommand(u"id -un")).getStdout());
 }
@@ -82,7 +75,7 @@ TEST(SshConfig, StrictHostKeyCheckingAcceptNewAddsToTheUserFile) {
       writeConfig("Host box\n  HostName 127.0.0.1\n  Port " + std::to_string(server.port()) +
                   "\n  UserKnownHostsFile " + knownHosts.string() + "\n  StrictHostKeyChecking accept-new\n");
   ssh::SSHClient client(u"box", 0, server.auth(), readingConfig(config));
-  EXPECT_EQ(readText(knownHosts), "[127.0.0.1]:" + std::to_string(server.port()) + " " + server.hostPublicKey() + "\n");
+  EXPECT_EQ(readFile(knownHosts), "[127.0.0.1]:" + std::to_string(server.port()) + " " + server.hostPublicKey() + "\n");
 }
 
 TEST(SshConfig, CallerOptionsWin) {
