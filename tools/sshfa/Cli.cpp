@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <optional>
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "tools/sshfa/Commands.hpp"
