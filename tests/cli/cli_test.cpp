@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/cli/CliFiles.hpp"
 #include "tests/cli/ToolProcess.hpp"
 #include "tests/support/SshTestHelpers.hpp"
 

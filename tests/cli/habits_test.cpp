@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "tests/cli/CliFiles.hpp"
 #include "tests/cli/ToolProcess.hpp"
 #include "tests/support/SshTestHelpers.hpp"
 

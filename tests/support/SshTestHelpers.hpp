@@ -9,10 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
@@ -22,19 +19,6 @@
 namespace sshfa::testing {
 
 namespace ssh = foundation::sshclient;
-
-inline std::string readFile(std::filesystem::path const& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Creates the missing folders above `path`.
-inline void writeFile(std::filesystem::path const& path, std::string const& text) {
-  std::filesystem::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
 
 inline fl::ustring u(std::string const& utf8) { return fl::i18n::utf8_to_ustring(utf8); }
 inline std::string utf8(fl::ustring const& text) { return fl::i18n::ustring_to_utf8(text); }

@@ -16,6 +16,13 @@ namespace {
 namespace fs = std::filesystem;
 using Kind = ssh::SSHError::Kind;
 
+std::string readFile(fs::path const& path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
 std::string whoAmI(ssh::SSHClient& client) {
   return utf8(client.executeCommand(ssh::ExecuteCommand(u"id -un")).getStdout());
 }
