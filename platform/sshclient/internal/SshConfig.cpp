@@ -12,8 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <sstream>
+#include <utility>
 
 extern char** environ;
 
@@ -22,6 +22,14 @@ namespace foundation::sshclient::internal {
 namespace {
 
 [[noreturn]] void fail(std::string const& cause) { throw ConfigError(cause); }
+
+// OpenSSH's own Ciphers default (unchanged from 6.9 to 9.x): an answer equal
+// to it means the configuration names none, and the client's preference
+// holds. Telling it apart by asking "ssh -G -F /dev/null" would cost a second
+// process on every connection; a release with another default only loses
+// that preference.
+constexpr std::string_view kBuiltInCiphers =
+    "chacha20-poly1305@openssh.com,aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com";
 
 struct ProgramOutput {
   int status = 0;
@@ -33,7 +41,13 @@ struct ProgramOutput {
 class Fd {
  public:
   Fd() = default;
+  explicit Fd(int fd) noexcept : fd_(fd) {}
   ~Fd() { reset(); }
+  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Fd& operator=(Fd&& other) noexcept {
+    reset(std::exchange(other.fd_, -1));
+    return *this;
+  }
   Fd(Fd const&) = delete;
   Fd& operator=(Fd const&) = delete;
   void reset(int fd = -1) noexcept {
@@ -46,64 +60,90 @@ class Fd {
   int fd_ = -1;
 };
 
-// Runs the program without a shell, standard input from /dev/null, and
-// collects both output streams. nullopt when the program does not exist.
-std::optional<ProgramOutput> runProgram(std::vector<std::string> const& args) {
-  int outPipe[2];
-  int errPipe[2];
-  if (::pipe2(outPipe, O_CLOEXEC) != 0) fail(std::string("cannot run '" + args.front() + "': ") + std::strerror(errno));
-  Fd outRead;
-  Fd outWrite;
-  outRead.reset(outPipe[0]);
-  outWrite.reset(outPipe[1]);
-  if (::pipe2(errPipe, O_CLOEXEC) != 0) fail(std::string("cannot run '" + args.front() + "': ") + std::strerror(errno));
-  Fd errRead;
-  Fd errWrite;
-  errRead.reset(errPipe[0]);
-  errWrite.reset(errPipe[1]);
+[[noreturn]] void cannotRun(std::string const& program, int error) {
+  fail("cannot run '" + program + "': " + std::strerror(error));
+}
 
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, errWrite.get(), STDERR_FILENO);
-  std::vector<char*> argv;
-  argv.reserve(args.size() + 1);
-  for (auto const& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  int const spawned = posix_spawnp(&pid, argv.front(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned == ENOENT) return std::nullopt;
-  if (spawned != 0) fail("cannot run '" + args.front() + "': " + std::strerror(spawned));
-  outWrite.reset();
-  errWrite.reset();
+// A program run without a shell, standard input from /dev/null and both
+// output streams captured. Whoever drops one unfinished still waits for it:
+// no zombie is left.
+class Child {
+ public:
+  // nullopt when the program does not exist.
+  static std::optional<Child> start(std::vector<std::string> const& args) {
+    int outPipe[2];
+    if (::pipe2(outPipe, O_CLOEXEC) != 0) cannotRun(args.front(), errno);
+    Fd outRead(outPipe[0]);
+    Fd const outWrite(outPipe[1]);
+    int errPipe[2];
+    if (::pipe2(errPipe, O_CLOEXEC) != 0) cannotRun(args.front(), errno);
+    Fd errRead(errPipe[0]);
+    Fd const errWrite(errPipe[1]);
 
-  ProgramOutput result;
-  pollfd fds[2] = {{outRead.get(), POLLIN, 0}, {errRead.get(), POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
-    if (::poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buffer[4096];
-      ssize_t const n = ::read(fds[i].fd, buffer, sizeof buffer);
-      if (n > 0) {
-        sinks[i]->append(buffer, static_cast<std::size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        fds[i].fd = -1;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, errWrite.get(), STDERR_FILENO);
+    std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
+    for (auto const& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    int const spawned = posix_spawnp(&pid, argv.front(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned == ENOENT) return std::nullopt;
+    if (spawned != 0) cannotRun(args.front(), spawned);
+    return Child(pid, std::move(outRead), std::move(errRead));
+  }
+
+  ~Child() {
+    if (pid_ > 0) (void)finish();
+  }
+  Child(Child&& other) noexcept
+      : pid_(std::exchange(other.pid_, -1)), out_(std::move(other.out_)), err_(std::move(other.err_)) {}
+  Child& operator=(Child&&) = delete;
+  Child(Child const&) = delete;
+  Child& operator=(Child const&) = delete;
+
+  // Reads both streams to their end and waits for the exit status.
+  ProgramOutput finish() {
+    ProgramOutput result;
+    pollfd fds[2] = {{out_.get(), POLLIN, 0}, {err_.get(), POLLIN, 0}};
+    std::string* sinks[2] = {&result.out, &result.err};
+    while (fds[0].fd >= 0 || fds[1].fd >= 0) {
+      if (::poll(fds, 2, -1) < 0) {
+        if (errno == EINTR) continue;
+        break;
+      }
+      for (int i = 0; i < 2; ++i) {
+        if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+        char buffer[4096];
+        ssize_t const n = ::read(fds[i].fd, buffer, sizeof buffer);
+        if (n > 0) {
+          sinks[i]->append(buffer, static_cast<std::size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+          fds[i].fd = -1;
+        }
       }
     }
+    out_.reset();
+    err_.reset();
+    int status = 0;
+    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
   }
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return result;
-}
+
+ private:
+  Child(pid_t pid, Fd out, Fd err) : pid_(pid), out_(std::move(out)), err_(std::move(err)) {}
+
+  pid_t pid_ = -1;
+  Fd out_;
+  Fd err_;
+};
 
 std::string lowered(std::string_view text) {
   std::string out(text);
@@ -168,19 +208,6 @@ std::string shellQuoted(std::string_view text) {
   std::string out = "'";
   for (char const c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return out + "'";
-}
-
-std::string const& builtInAnswer(std::string const& program, std::string const& host) {
-  // The built-in defaults do not depend on the host; ask once per program.
-  static std::mutex mutex;
-  static std::map<std::string, std::string> answers;
-  std::lock_guard<std::mutex> const lock(mutex);
-  auto found = answers.find(program);
-  if (found == answers.end()) {
-    auto const output = runProgram({program, "-G", "-F", "/dev/null", host});
-    found = answers.emplace(program, output && output->status == 0 ? output->out : std::string()).first;
-  }
-  return found->second;
 }
 
 }  // namespace
@@ -258,7 +285,7 @@ std::string expandConfigPath(std::string_view const original, ResolvedConfig con
   return out;
 }
 
-ResolvedConfig parseResolvedConfig(std::string_view output, std::string_view builtInOutput, std::string_view host) {
+ResolvedConfig parseResolvedConfig(std::string_view output, std::string_view host) {
   auto const values = keywords(output);
   ResolvedConfig settings;
   settings.hostName = valueOf(values, "hostname");
@@ -281,7 +308,7 @@ ResolvedConfig parseResolvedConfig(std::string_view output, std::string_view bui
     settings.proxyCommand = command;
   }
   std::string const ciphers = valueOf(values, "ciphers");
-  if (ciphers != valueOf(keywords(builtInOutput), "ciphers")) settings.ciphers = ciphers;
+  if (ciphers != kBuiltInCiphers) settings.ciphers = ciphers;
   if (std::string const timeout = valueOf(values, "connecttimeout"); !timeout.empty() && timeout != "none") {
     settings.connectTimeout = std::chrono::seconds(number(timeout, "ConnectTimeout"));
   }
@@ -334,14 +361,14 @@ std::optional<ResolvedConfig> resolveSshConfig(ConfigRequest const& request) {
   if (!request.proxyJump.empty()) args.insert(args.end(), {"-J", request.proxyJump});
   // "--" keeps a host that begins with '-' from being read as an option.
   args.insert(args.end(), {"--", request.host});
-  auto const answer = runProgram(args);
-  if (!answer) return std::nullopt;
-  if (answer->status != 0) {
+  auto child = Child::start(args);
+  if (!child) return std::nullopt;
+  ProgramOutput const answer = child->finish();
+  if (answer.status != 0) {
     fail("cannot resolve the SSH configuration of '" + request.host + "' with '" + request.program +
-         " -G': " + complaintOf(answer->err));
+         " -G': " + complaintOf(answer.err));
   }
-  ResolvedConfig settings =
-      parseResolvedConfig(answer->out, builtInAnswer(request.program, request.host), request.host);
+  ResolvedConfig settings = parseResolvedConfig(answer.out, request.host);
   if (settings.hostName.empty()) {
     fail("'" + request.program + " -G' named no host name for '" + request.host + "'");
   }

@@ -61,11 +61,10 @@ struct ConfigRequest {
 // included) or the answer cannot be read.
 std::optional<ResolvedConfig> resolveSshConfig(ConfigRequest const& request);
 
-// The answer of "ssh -G" for `host` (lines "keyword value"), given the
-// answer with no configuration at all (builtInOutput) to tell configured
-// ciphers from the built-in ones. Throws ConfigError on a value that
-// cannot be used (a port that is no number, an unknown %-token).
-ResolvedConfig parseResolvedConfig(std::string_view output, std::string_view builtInOutput, std::string_view host);
+// The answer of "ssh -G" for `host` (lines "keyword value"). Ciphers equal
+// to OpenSSH's built-in list count as not configured. Throws ConfigError on a
+// value that cannot be used (a port that is no number, an unknown %-token).
+ResolvedConfig parseResolvedConfig(std::string_view output, std::string_view host);
 
 // The ProxyCommand that reaches the destination through the jump hosts
 // "[user@]host[:port][,...]" the way ssh itself does: the last hop by

@@ -107,6 +107,14 @@ TEST(SshConfig, ServerAliveIntervalAppliesWhileTheCallerKeepsTheDefault) {
   EXPECT_EQ(client.getKeepaliveInterval(), std::chrono::seconds(9));
 }
 
+TEST(SshConfig, WithoutCiphersInTheFileTheClientsPreferenceHolds) {
+  auto& server = TestSshd::instance();
+  fs::path const config = writeConfig(sshConfigHostBlock("box", server));
+  foundation::sshclient::internal::Session session("box", 0, {ssh::IdentityFileAuth{"", "", std::nullopt}},
+                                                   readingConfig(config));
+  EXPECT_STREQ(ssh_get_cipher_out(session.raw()), "aes128-gcm@openssh.com");
+}
+
 TEST(SshConfig, MissingConfigFileIsAnErrorNamingIt) {
   auto& server = TestSshd::instance();
   fs::path const missing = TestSshd::makeTempDir() / "no-such-config";

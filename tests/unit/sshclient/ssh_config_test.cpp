@@ -34,7 +34,7 @@ class ParseResolvedConfig : public ::testing::Test {
 };
 
 TEST_F(ParseResolvedConfig, BuiltInDefaultsLeaveTheClientsOwn) {
-  auto const settings = parseResolvedConfig(kBuiltIn, kBuiltIn, "other");
+  auto const settings = parseResolvedConfig(kBuiltIn, "other");
   EXPECT_EQ(settings.hostName, "other");
   EXPECT_EQ(settings.user, "root");
   EXPECT_EQ(settings.port, 22);
@@ -57,7 +57,7 @@ TEST_F(ParseResolvedConfig, ConfiguredValues) {
       "ciphers aes256-ctr\nidentityfile ~/keys/%h-%r-%p-%n%%\nidentityfile /abs/key\n"
       "userknownhostsfile /k/one\nglobalknownhostsfile /k/two\nconnecttimeout 7\nproxyjump j1,bob@j2:23\n"
       "proxycommand none\n",
-      kBuiltIn, "box.lan");
+      "box.lan");
   EXPECT_EQ(settings.hostName, "10.1.2.3");
   EXPECT_EQ(settings.user, "alice");
   EXPECT_EQ(settings.port, 2222);
@@ -73,25 +73,24 @@ TEST_F(ParseResolvedConfig, ConfiguredValues) {
 }
 
 TEST_F(ParseResolvedConfig, StrictHostKeyCheckingNoIsTakenAsAcceptNew) {
-  EXPECT_EQ(parseResolvedConfig("hostname h\nstricthostkeychecking false\n", kBuiltIn, "h").hostKeyPolicy,
+  EXPECT_EQ(parseResolvedConfig("hostname h\nstricthostkeychecking false\n", "h").hostKeyPolicy,
             HostKeyPolicy::AcceptNew);
-  EXPECT_EQ(parseResolvedConfig("hostname h\nstricthostkeychecking true\n", kBuiltIn, "h").hostKeyPolicy,
-            HostKeyPolicy::Strict);
+  EXPECT_EQ(parseResolvedConfig("hostname h\nstricthostkeychecking true\n", "h").hostKeyPolicy, HostKeyPolicy::Strict);
 }
 
 TEST_F(ParseResolvedConfig, ProxyCommandIsKeptUnexpanded) {
-  EXPECT_EQ(parseResolvedConfig("hostname h\nproxycommand nc %h %p\n", kBuiltIn, "h").proxyCommand, "nc %h %p");
+  EXPECT_EQ(parseResolvedConfig("hostname h\nproxycommand nc %h %p\n", "h").proxyCommand, "nc %h %p");
 }
 
 TEST_F(ParseResolvedConfig, BadValuesAreErrorsNamingThem) {
   try {
-    parseResolvedConfig("hostname h\nport twenty\n", kBuiltIn, "h");
+    parseResolvedConfig("hostname h\nport twenty\n", "h");
     FAIL() << "no error";
   } catch (ConfigError const& error) {
     EXPECT_STREQ(error.what(), "the SSH configuration gives Port 'twenty', which is no number");
   }
   try {
-    parseResolvedConfig("hostname h\nidentityfile ~/.ssh/%C\n", kBuiltIn, "h");
+    parseResolvedConfig("hostname h\nidentityfile ~/.ssh/%C\n", "h");
     FAIL() << "no error";
   } catch (ConfigError const& error) {
     EXPECT_STREQ(error.what(),
