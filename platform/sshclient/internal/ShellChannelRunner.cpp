@@ -130,17 +130,11 @@ class ShellChannelRunner::Shell {
   template <class Done>
   bool exchange(std::string_view input, std::string& out, std::string& err, Done const& done);
 
-  std::string randomMarker();
-
   Session& session_;
   Channel channel_;
   bool arrived_ = false;
   ArrivalWatch watch_{channel_.raw(), arrived_};
   std::random_device random_;
-  // What the login shell printed before sh started; an exec channel shows it
-  // in front of every command's output, and so do we.
-  std::string preambleOut_;
-  std::string preambleErr_;
   // The fixed parts of a command line around the command text and the marker.
   std::string check_;
   std::string redirections_;
@@ -151,11 +145,11 @@ class ShellChannelRunner::Shell {
 
 ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_(session) {
   channel_.requestExec(kShellCommand);
-  std::string const ready = randomMarker();
+  std::string const ready = randomMarker(random_);
   std::string out;
   std::string err;
   std::optional<std::size_t> readyAt;
-  bool const started = exchange(startupScript("sshfa-shell." + randomMarker(), ready), out, err, [&] {
+  bool const started = exchange(startupScript("sshfa-shell." + randomMarker(random_), ready), out, err, [&] {
     if (!endsWith(err, ready + "\n") || out.empty() || out.back() != '\n') return false;
     std::size_t const at = out.rfind(ready);
     if (at == std::string::npos) return false;
@@ -168,8 +162,8 @@ ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_
     session_.fail(SSHError::Kind::Channel,
                   "cannot start a shell on the server" + (said.empty() ? std::string() : ": " + said));
   }
-  preambleOut_ = out.substr(0, *readyAt);
-  preambleErr_ = err.substr(0, err.size() - ready.size() - 1);
+  // What precedes the ready line is the login's (a banner, a warning of a
+  // login script), not any command's.
   std::string const folder = out.substr(*readyAt + ready.size(), out.size() - 1 - *readyAt - ready.size());
   auto const pipe = [&](char name) { return shellQuoted(folder + "/" + name); };
   check_ = "if [ -p " + pipe('o') + " ] && [ -p " + pipe('O') + " ] && [ -p " + pipe('e') + " ] && [ -p " + pipe('E') +
@@ -177,17 +171,6 @@ ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_
   redirections_ = " </dev/null) </dev/null >" + pipe('o') + " 2>" + pipe('e') + "; printf '%s%d\\n' ";
   statusPipe_ = " \"$?\" >" + pipe('O') + " && printf '%s\\n' ";
   markerPipe_ = " >" + pipe('E') + " || exit; else printf '%s-\\n' ";
-}
-
-std::string ShellChannelRunner::Shell::randomMarker() {
-  // 128 bits; the fixed prefix keeps it a plain word for sh.
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string marker = "sshfa";
-  for (int word = 0; word < 4; ++word) {
-    auto bits = static_cast<std::uint32_t>(random_());
-    for (int digit = 0; digit < 8; ++digit, bits >>= 4) marker += kDigits[bits & 0xFU];
-  }
-  return marker;
 }
 
 template <class Done>
@@ -228,7 +211,7 @@ ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string co
   // line feeds.
   std::string_view text = command;
   while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  std::string const marker = randomMarker();
+  std::string const marker = randomMarker(random_);
   std::string line;
   if (isStateFreeCommand(text)) {
     // Output written by the shell itself cannot linger after the marker, so
@@ -259,8 +242,8 @@ ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string co
   }
   out.resize(*outAt);
   err.resize(err.size() - marker.size() - 1);
-  result.out = preambleOut_.empty() ? std::move(out) : preambleOut_ + out;
-  result.err = preambleErr_.empty() ? std::move(err) : preambleErr_ + err;
+  result.out = std::move(out);
+  result.err = std::move(err);
   return {std::move(result), true};
 }
 

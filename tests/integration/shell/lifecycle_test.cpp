@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -286,21 +287,47 @@ TEST(PersistentShell, WithoutAWritableTemporaryFolderCommandsRunOnExecChannels) 
   }
 }
 
-TEST(PersistentShell, WhatTheServerPrintsBeforeTheCommandPrecedesEveryResultAsOnExecChannels) {
+// ---- what the login says is no command's ------------------------------------------
+
+TEST(TalkativeLogin, WhatTheServerPrintsBeforeTheCommandIsNoCommandsOutput) {
   // Like a login script that talks: the server runs every command line
   // after printing to both streams.
   TestSshd server("ForceCommand echo banner; echo warning >&2; eval \"$SSH_ORIGINAL_COMMAND\"\n");
-  auto exec = server.connect(optionsFor(server, ssh::CommandMode::ExecChannel));
-  auto shell = server.connect(optionsFor(server, ssh::CommandMode::PersistentShell));
-  for (char16_t const* command : {u"echo one", u"printf two >&2; exit 2"}) {
-    SCOPED_TRACE(utf8(command));
-    auto const viaExec = run(*exec, command);
-    auto const viaShell = run(*shell, command);
-    EXPECT_EQ(viaExec.getStdout().substr(0, 7), u"banner\n");
-    EXPECT_EQ(viaExec.getStderr().substr(0, 8), u"warning\n");
-    EXPECT_EQ(viaShell.getExitcode(), viaExec.getExitcode());
-    EXPECT_EQ(viaShell.getStdout(), viaExec.getStdout());
-    EXPECT_EQ(viaShell.getStderr(), viaExec.getStderr());
+  for (auto const mode : {ssh::CommandMode::ExecChannel, ssh::CommandMode::PersistentShell}) {
+    auto client = server.connect(optionsFor(server, mode));
+    for (int round = 0; round < 2; ++round) {
+      auto const one = run(*client, u"echo one");
+      EXPECT_EQ(one.getExitcode(), 0);
+      EXPECT_EQ(one.getStdout(), u"one\n");
+      EXPECT_EQ(one.getStderr(), u"");
+      auto const two = run(*client, u"printf two >&2; exit 2");
+      EXPECT_EQ(two.getExitcode(), 2);
+      EXPECT_EQ(two.getStdout(), u"");
+      EXPECT_EQ(two.getStderr(), u"two");
+    }
+  }
+}
+
+TEST(TalkativeLogin, ACshLoginThatTalksChangesNoResult) {
+  // csh reads ~/.cshrc whenever it starts; this one talks on both streams.
+  auto const home = TestSshd::makeTempDir();
+  std::ofstream(home / ".cshrc") << "echo 'login banner'\nsh -c 'echo login warning >&2'\n";
+  auto& server = TestSshd::instance();
+  auto const account = server.accountWithHome("sshfa-csh-talk", "/bin/csh", home);
+  if (!account) GTEST_SKIP() << TestSshd::accountsUnavailableReason();
+  for (auto const mode : {ssh::CommandMode::ExecChannel, ssh::CommandMode::PersistentShell}) {
+    SCOPED_TRACE(mode == ssh::CommandMode::ExecChannel ? "exec channel" : "persistent shell");
+    ssh::SSHClient client(u(server.host()), server.port(),
+                          {ssh::IdentityFileAuth{account->user, server.identityFile(), std::nullopt}},
+                          optionsFor(server, mode));
+    auto const mixed = run(client, u"echo out; echo err >&2; exit 3");
+    EXPECT_EQ(mixed.getExitcode(), 3);
+    EXPECT_EQ(mixed.getStdout(), u"out\n");
+    EXPECT_EQ(mixed.getStderr(), u"err\n");
+    auto const query = run(client, u"test -d '/' && echo 1");
+    EXPECT_EQ(query.getStdout(), u"1\n");
+    EXPECT_EQ(query.getStderr(), u"");
+    EXPECT_EQ(run(client, u"pwd").getStdout(), u(home.string() + "\n"));
   }
 }
 
