@@ -55,6 +55,16 @@ inline std::string pattern(std::size_t size, unsigned seed) {
   return bytes;
 }
 
+// Equality of two contents that stays readable for megabytes: sizes and the
+// first difference, not the bytes.
+inline ::testing::AssertionResult sameBytes(std::string const& actual, std::string const& expected) {
+  if (actual == expected) return ::testing::AssertionSuccess();
+  std::size_t at = 0;
+  while (at < actual.size() && at < expected.size() && actual[at] == expected[at]) ++at;
+  return ::testing::AssertionFailure() << "sizes " << actual.size() << " and " << expected.size()
+                                       << ", first difference at byte " << at;
+}
+
 // A file of `size` bytes that takes no disk space (a hole), fast to make.
 inline void writeSparse(fs::path const& path, std::uintmax_t size) {
   fs::create_directories(path.parent_path());
