@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -300,12 +301,17 @@ class ShellMatchesExecUnderATalkativeLogin : public ::testing::TestWithParam<Cas
                                        "echo 'warning: setlocale: LC_ALL: cannot change locale' >&2\n"
                                        "echo started >>'"
                                     << (dir / "starts").string() << "'\n";
-    server_ = std::make_unique<TestSshd>("SetEnv BASH_ENV=" + (dir / "login.sh").string() + "\n");
+    // At shell level 1 bash would read the start-up files of sshd's commands
+    // (~/.bashrc) instead; level 2 makes it read $BASH_ENV.
+    server_ = std::make_unique<TestSshd>("SetEnv BASH_ENV=" + (dir / "login.sh").string() + " SHLVL=1\n");
     exec_ = connectIn(ssh::CommandMode::ExecChannel, *server_);
     shell_ = connectIn(ssh::CommandMode::PersistentShell, *server_);
     run(*exec_, u"true");
     run(*shell_, u"true");
-    talked_ = std::filesystem::exists(dir / "starts");
+    // Both logins talked: the exec channel's and the persistent shell's.
+    std::ostringstream starts;
+    starts << std::ifstream(dir / "starts").rdbuf();
+    talked_ = starts.str() == "started\nstarted\n";
   }
   static void TearDownTestSuite() {
     exec_.reset();

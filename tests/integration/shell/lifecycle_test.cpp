@@ -267,7 +267,7 @@ class NothingIsLeftBehind : public ::testing::TestWithParam<Ending> {};
 TEST_P(NothingIsLeftBehind, NoFileAndNoProcessOfTheShellRemains) {
   // The server's temporary folder is ours alone, so every name in it counts.
   auto const tmp = TestSshd::makeTempDir();
-  TestSshd server("SetEnv TMPDIR=" + tmp.string() + "\n");
+  TestSshd server("SetEnv TMPDIR=" + tmp.string() + " SHLVL=1\n");
   auto const options = optionsFor(server, ssh::CommandMode::PersistentShell);
   pid_t shell = 0;
   if (GetParam() == Ending::ClientDies) {
@@ -335,7 +335,7 @@ INSTANTIATE_TEST_SUITE_P(Endings, NothingIsLeftBehind,
 
 TEST(PersistentShell, NoNameOfTheShellExistsWhileItRuns) {
   auto const tmp = TestSshd::makeTempDir();
-  TestSshd server("SetEnv TMPDIR=" + tmp.string() + "\n");
+  TestSshd server("SetEnv TMPDIR=" + tmp.string() + " SHLVL=1\n");
   auto client = server.connect(optionsFor(server, ssh::CommandMode::PersistentShell));
   EXPECT_EQ(run(*client, u"printf %s \"$TMPDIR\"").getStdout(), u(tmp.string()));
   EXPECT_EQ(run(*client, u"(sleep 0.2; echo late) & echo early").getStdout(), u"early\nlate\n");
@@ -393,7 +393,7 @@ TEST(PersistentShell, AQuietCommandLongerThanThreeIntervalsSucceeds) {
 }
 
 TEST(PersistentShell, WithoutAWritableTemporaryFolderCommandsRunOnExecChannels) {
-  TestSshd server("SetEnv TMPDIR=/nonexistent/folder\n");
+  TestSshd server("SetEnv TMPDIR=/nonexistent/folder SHLVL=1\n");
   auto client = server.connect(optionsFor(server, ssh::CommandMode::PersistentShell));
   for (int i = 0; i < 2; ++i) {
     auto const result = run(*client, u"echo \"$TMPDIR\"; echo err >&2; exit 3");
