@@ -21,12 +21,12 @@
 #include "sshfileaccess/Utils.hpp"
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 #include "tests/cli/ToolProcess.hpp"
+#include "tests/support/SshTestHelpers.hpp"
 #include "tests/support/TestSshd.hpp"
 
 namespace sshfa::testing {
 
 namespace fs = std::filesystem;
-namespace ssh = foundation::sshclient;
 using nimbal::remoteaccess::sshfileaccess::FileAccess;
 using nimbal::remoteaccess::sshfileaccess::str2ustr;
 using nimbal::remoteaccess::sshfileaccess::ustr2str;
@@ -94,10 +94,6 @@ inline bool isTemporary(std::string const& name) {
   return name.size() > 1 && name.front() == '.' && name.find(".sshfa-") != std::string::npos;
 }
 
-inline double secondsSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 inline std::unique_ptr<ssh::SSHClient> connect(TestSshd const& server, ssh::SSHClientOptions const& options,
                                                std::string const& user = {}) {
   return std::make_unique<ssh::SSHClient>(
@@ -126,25 +122,6 @@ inline std::vector<std::string> toolConnection(TestSshd const& server, std::stri
 inline std::vector<std::string> joined(std::vector<std::string> first, std::vector<std::string> const& second) {
   first.insert(first.end(), second.begin(), second.end());
   return first;
-}
-
-// What `action` threw as SSHError; a failure when it threw nothing or something else.
-template <class Action>
-std::optional<ssh::SSHError> sshErrorOf(Action&& action) {
-  try {
-    action();
-  } catch (ssh::SSHError const& error) {
-    return error;
-  } catch (std::exception const& error) {
-    ADD_FAILURE() << "expected SSHError, got: " << error.what();
-    return std::nullopt;
-  }
-  ADD_FAILURE() << "expected SSHError, nothing was thrown";
-  return std::nullopt;
-}
-
-inline std::string prefixOf(TestSshd const& server, std::string const& user = {}) {
-  return (user.empty() ? server.user() : user) + "@" + server.host() + ":" + std::to_string(server.port()) + ": ";
 }
 
 }  // namespace sshfa::testing

@@ -46,18 +46,19 @@ class RefusingDestination : public ::testing::Test {
   }
   void upload() const {
     auto access = facade();
-    auto const error = sshErrorOf(
+    auto const error = catchSSHError(
         [&] { access->localToRemoteCopy(str2ustr((source_ / "big").string()), str2ustr((mount_ / "big").string())); });
     ASSERT_TRUE(error);
     EXPECT_EQ(error->kind(), ssh::SSHError::Kind::Transfer);
-    EXPECT_THAT(std::string(error->what()),
-                ::testing::StartsWith("cannot upload '" + (source_ / "big").string() + "' to '" +
-                                      (mount_ / "big").string() + "' on " + prefixOf(TestSshd::instance())));
+    EXPECT_THAT(
+        std::string(error->what()),
+        ::testing::StartsWith("cannot upload '" + (source_ / "big").string() + "' to '" + (mount_ / "big").string() +
+                              "' on " + prefixOf(TestSshd::instance(), TestSshd::instance().user())));
   }
   void download() const {
     writeFile(remoteSource_ / "big", pattern(kTooBig, 8));
     auto access = facade();
-    auto const error = sshErrorOf([&] {
+    auto const error = catchSSHError([&] {
       access->remoteToLocalCopy(str2ustr((remoteSource_ / "big").string()), str2ustr((mount_ / "big").string()));
     });
     ASSERT_TRUE(error);

@@ -24,7 +24,7 @@ constexpr int kConnectionFailure = 3;  // the tool's status for a lost connectio
 constexpr char const* kKeepaliveCause =
     "connection lost: the server did not answer 3 keep-alive messages sent 1 s apart";
 
-std::string keepaliveError(TestSshd const& server) { return prefixOf(server) + kKeepaliveCause; }
+std::string keepaliveError(TestSshd const& server) { return prefixOf(server, server.user()) + kKeepaliveCause; }
 
 std::string endpoint(TestSshd const& server) {
   return server.user() + "@" + server.host() + ":" + std::to_string(server.port());
@@ -87,7 +87,7 @@ TEST_F(FrozenServer, Upload) {
   writeSparse(local_ / "big", kBigFile);
   writeFile(remote_ / "big", "old version");
   auto access = facadeFreezingOnProgress();
-  auto const error = sshErrorOf(
+  auto const error = catchSSHError(
       [&] { access->localToRemoteCopy(str2ustr((local_ / "big").string()), str2ustr((remote_ / "big").string())); });
   double const elapsed = sinceFreeze();
   ASSERT_TRUE(error);
@@ -103,7 +103,7 @@ TEST_F(FrozenServer, Download) {
   writeSparse(remote_ / "big", kBigFile);
   writeFile(local_ / "big", "old version");
   auto access = facadeFreezingOnProgress();
-  auto const error = sshErrorOf(
+  auto const error = catchSSHError(
       [&] { access->remoteToLocalCopy(str2ustr((remote_ / "big").string()), str2ustr((local_ / "big").string())); });
   double const elapsed = sinceFreeze();
   ASSERT_TRUE(error);
@@ -124,7 +124,7 @@ TEST_F(FrozenServer, Command) {
       std::this_thread::sleep_for(300ms);
       freeze();
     });
-    error = sshErrorOf([&] { access->remoteExecute(u"sleep 60"); });
+    error = catchSSHError([&] { access->remoteExecute(u"sleep 60"); });
     stopper.join();
   }
   double const elapsed = sinceFreeze();
@@ -139,7 +139,7 @@ TEST_F(FrozenServer, Listing) {
   auto access = facade();
   ASSERT_EQ(access->remote()->listRecursively(str2ustr(remote_.string())).size(), 2000U);
   freeze();
-  auto const error = sshErrorOf([&] { access->remote()->listRecursively(str2ustr(remote_.string())); });
+  auto const error = catchSSHError([&] { access->remote()->listRecursively(str2ustr(remote_.string())); });
   double const elapsed = sinceFreeze();
   ASSERT_TRUE(error);
   EXPECT_EQ(error->kind(), ssh::SSHError::Kind::ConnectionLost);

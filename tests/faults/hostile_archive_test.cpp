@@ -7,15 +7,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
-
-#include "sshfileaccess/FileAccessException.hpp"
 #include "tests/faults/FaultSupport.hpp"
+#include "tests/integration/remote/RemoteHost.hpp"
 
 namespace sshfa::testing {
 namespace {
-
-using nimbal::remoteaccess::sshfileaccess::FileAccessException;
 
 class HostileArchive : public ::testing::Test {
  protected:
@@ -55,17 +51,6 @@ class HostileArchive : public ::testing::Test {
     for (auto const& entry : fs::recursive_directory_iterator(base_ / "out")) {
       EXPECT_EQ(entry.path().filename().string().find("escaped-via"), std::string::npos) << entry.path();
     }
-  }
-
-  static std::string remoteErrorOf(std::function<void()> const& action) {
-    try {
-      action();
-    } catch (FileAccessException const& error) {
-      EXPECT_EQ(error.code(), FileAccessException::Code::RemoteError);
-      return error.what();
-    }
-    ADD_FAILURE() << "expected FileAccessException(RemoteError)";
-    return {};
   }
 
   fs::path base_ = TestSshd::makeTempDir();
