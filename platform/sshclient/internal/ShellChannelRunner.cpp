@@ -83,15 +83,18 @@ std::optional<std::size_t> markerLine(std::string_view text, std::string_view ma
 // milliseconds only: the cats and the holder of the life pipe wait on them
 // until the shell holds its write ends (an anonymous pipe without any writer
 // would end at once), and the helpers report the cats' process ids on them.
-// They are removed in the background, not to keep the shell waiting. Each cat is the
-// child of a helper that waits in `read` on the life pipe, which only the
-// shell holds open for writing: the helper does not reap it meanwhile, so a
-// cat's process id cannot be reused while the shell lives (a dead cat stays a
-// zombie), and when the shell has gone the helper stops its cat and ends. Helper errors go to /dev/null. The last lines
-// announce readiness with `ready` and the two cats' ids, keep the channel's standard error on fd 8 for commands
-// evaluated in the shell itself, and silence the shell's own: a command killed by a signal must not earn a "Killed"
-// from it, which an exec channel never shows.
-std::string startupScript(std::string const& folderName, std::string const& ready) {
+// They are removed in the background, not to keep the shell waiting.
+//
+// Each cat is the child of a helper that waits in `read` on the life pipe,
+// which only the shell holds open for writing: the helper does not reap it
+// meanwhile, so a cat's process id cannot be reused while the shell lives (a
+// dead cat stays a zombie), and once the shell has gone the helper stops its
+// cat and ends. Helper errors go to /dev/null. The last lines announce
+// readiness with `ready` and the two cats' ids, keep the channel's standard
+// error on fd 8 for commands evaluated in the shell itself, and silence the
+// shell's own: a command killed by a signal must not earn a "Killed" from it,
+// which an exec channel never shows.
+std::string startupScript(std::string const& pipeName, std::string const& ready) {
   // Sets up the four pipes of one cat on descriptors 3 to 6, one pipeline at
   // a time, then runs `body` with them.
   auto const withPipes = [](std::string const& body) {
@@ -104,9 +107,9 @@ std::string startupScript(std::string const& folderName, std::string const& read
            report + "\"\n  exec <&7 >/dev/null 3<&- 4<&- 5<&- 6<&- 7<&- 8>&- 9>&-; read -r _; kill \"$!\"";
   };
   return "(set +s) 2>/dev/null && set +s\n"  // $- without "s", as under sh -c
-         "[ -d /proc/sys/kernel ] || exit\n"
+         "[ -d /proc/sys/kernel ] && [ -d /dev/fd ] || exit\n"
          "d=${TMPDIR:-/tmp}/" +
-         folderName +
+         pipeName +
          "\n"
          "(mkfifo -m 600 \"$d.o\" \"$d.e\" \"$d.h\" \"$d.p\" \"$d.q\") || exit\n"
          "a='3 4 5 6' n=1\n"
@@ -171,15 +174,15 @@ class ShellChannelRunner::Shell {
   bool arrived_ = false;
   ArrivalWatch watch_{channel_.raw(), arrived_};
   std::random_device random_;
-  // The fixed parts of a command line around the command text and the
-  // marker, for each of the two sets of pipes.
-  struct LineParts {
+  // The /proc paths a command line opens, for each of the two sets of pipes;
+  // set_ is the set of the next command.
+  struct CatPipes {
     std::string out;  // the pipe of the cat of standard output
     std::string err;  // the pipe of the cat of standard error
   };
   struct PipeSet {
-    LineParts marker;  // where the markers go
-    LineParts next;    // the other set's output pipes
+    CatPipes marker;  // where the markers go
+    CatPipes next;    // the other set's output pipes
   };
   std::array<PipeSet, 2> sets_;
   std::size_t set_ = 0;
@@ -209,14 +212,15 @@ ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_
   // login script), not any command's.
   std::string_view const ids(out.data() + *readyAt + ready.size(), out.size() - 1 - *readyAt - ready.size());
   std::size_t const blank = ids.rfind(' ');
-  std::string_view const outCat = blank == std::string_view::npos ? std::string_view() : ids.substr(1, blank - 1);
-  std::string_view const errCat = blank == std::string_view::npos ? std::string_view() : ids.substr(blank + 1);
-  if (ids.empty() || ids.front() != ' ' || !isProcessId(outCat) || !isProcessId(errCat)) {
+  bool const twoWords = !ids.empty() && ids.front() == ' ' && blank != std::string_view::npos && blank > 0;
+  std::string_view const outCat = twoWords ? ids.substr(1, blank - 1) : std::string_view();
+  std::string_view const errCat = twoWords ? ids.substr(blank + 1) : std::string_view();
+  if (!isProcessId(outCat) || !isProcessId(errCat)) {
     session_.fail(SSHError::Kind::Channel, "cannot start a shell on the server: it announced itself unreadably");
   }
   auto const pipes = [&](int fd) {
     std::string const n = std::to_string(fd);
-    return LineParts{"/proc/" + std::string(outCat) + "/fd/" + n, "/proc/" + std::string(errCat) + "/fd/" + n};
+    return CatPipes{"/proc/" + std::string(outCat) + "/fd/" + n, "/proc/" + std::string(errCat) + "/fd/" + n};
   };
   // Set 0: output on 3, marker on 4; set 1: output on 5, marker on 6.
   sets_[0] = {pipes(4), pipes(5)};
