@@ -1,5 +1,6 @@
 #include "sshfileaccess/UnixSSHFileAccess.hpp"
 
+#include <algorithm>
 #include <boost/date_time/posix_time/conversion.hpp>
 #include <boost/lexical_cast.hpp>
 #include <ctime>
@@ -50,6 +51,40 @@ FileInfo parseStatLine(ustring const& line) {
   info.lastWriteTime = boost::posix_time::from_time_t(static_cast<std::time_t>(seconds));
   info.path = line.substr(s2 + 1);
   return info;
+}
+
+// A relative path that begins with '-' would be read as an option (rm -rf,
+// find -delete, ...): it is passed as "./" + path, which names the same file.
+bool readsAsOption(ustring const& path) { return !path.empty() && path.front() == u'-'; }
+
+ustring operandForm(ustring const& path) { return readsAsOption(path) ? u"./" + path : path; }
+
+// One path as a quoted command-line operand that no tool takes for an option.
+ustring operand(ustring const& path) { return quoted(operandForm(path)); }
+
+// `line` as the caller would have written it, when it starts with the operand
+// form of `path`: find prints "./-x/a" for the start path "-x".
+std::optional<ustring> inCallersForm(ustring const& line, ustring const& path) {
+  ustring const sent = operandForm(path);
+  if (line.compare(0, sent.size(), sent) != 0) return std::nullopt;
+  if (line.size() != sent.size() && sent.back() != u'/' && line[sent.size()] != u'/') return std::nullopt;
+  return path + line.substr(sent.size());
+}
+
+// find prints the files of its start paths in their order, each line
+// beginning with its start path as sent: the lines of a path sent as "./-x"
+// get the caller's "-x" back.
+void restoreStartPaths(std::vector<ustring> const& paths, std::vector<ustring>& files) {
+  auto start = paths.begin();
+  for (auto& file : files) {
+    for (auto candidate = start; candidate != paths.end(); ++candidate) {
+      if (auto restored = inCallersForm(file, *candidate)) {
+        file = std::move(*restored);
+        start = candidate;
+        break;
+      }
+    }
+  }
 }
 
 ustring finalName(ustring const& path) {
@@ -107,7 +142,7 @@ UnixSSHFileAccess::~UnixSSHFileAccess() = default;
 // ---- queries -----------------------------------------------------------------------
 
 bool UnixSSHFileAccess::runTestCmd(ustring const& flag, ustring path) {
-  const ustring out = executeExpectNoError(joined({u"test", flag, quoted(path), u"&& echo 1"})).getStdout();
+  const ustring out = executeExpectNoError(joined({u"test", flag, operand(path), u"&& echo 1"})).getStdout();
   return !out.empty() && out.front() == u'1';
 }
 
@@ -141,9 +176,12 @@ std::vector<ustring> UnixSSHFileAccess::parent(PathList const& paths) {
 }
 
 void UnixSSHFileAccess::list(ustring const& path, std::vector<ustring>& out) {
-  const std::vector<ustring> names = split(execute(joined({u"ls -1", quoted(path)})).getStdout());
+  const std::vector<ustring> names = split(execute(joined({u"ls -1", operand(path)})).getStdout());
   const ustring prefix = !path.empty() && path.back() == u'/' ? path : path + u'/';
-  for (auto const& name : names) out.push_back(prefix + name);
+  // For a file operand ls prints the operand itself; a name in a folder
+  // never holds a '/', so only that echo can equal "./-x".
+  const bool echoesOperand = readsAsOption(path);
+  for (auto const& name : names) out.push_back(prefix + (echoesOperand && name == operandForm(path) ? path : name));
 }
 
 std::vector<ustring> UnixSSHFileAccess::list(ustring const& path) {
@@ -162,11 +200,12 @@ std::vector<ustring> UnixSSHFileAccess::listRecursively(ustring const& path) { r
 
 std::vector<ustring> UnixSSHFileAccess::listRecursively(PathList const& paths) {
   CommandBatcher batcher = CommandBatcher::pathList(u"find ", u" -type f");
-  for (auto const& path : paths) batcher.add(quoted(path));
+  for (auto const& path : paths) batcher.add(operand(path));
   std::vector<ustring> files;
   for (auto const& result : execute(batcher.finish())) {
     for (auto& line : split(result.getStdout())) files.push_back(std::move(line));
   }
+  if (std::any_of(paths.begin(), paths.end(), readsAsOption)) restoreStartPaths(paths, files);
   return files;
 }
 
@@ -178,7 +217,7 @@ std::optional<FileInfo> UnixSSHFileAccess::getFileInfo(ustring const& path) {
 
 std::vector<std::optional<FileInfo>> UnixSSHFileAccess::getFileInfo(PathList const& paths) {
   CommandBatcher batcher = CommandBatcher::pathList(u"stat -c '%s %Y %n' ", {});
-  for (auto const& path : paths) batcher.add(quoted(path));
+  for (auto const& path : paths) batcher.add(operand(path));
   std::vector<FileInfo> records;
   for (auto const& result : execute(batcher.finish())) {
     for (auto const& line : split(result.getStdout())) records.push_back(parseStatLine(line));
@@ -190,7 +229,8 @@ std::vector<std::optional<FileInfo>> UnixSSHFileAccess::getFileInfo(PathList con
   infos.reserve(paths.size());
   auto record = records.begin();
   for (auto const& path : paths) {
-    if (record != records.end() && record->path == path) {
+    if (record != records.end() && record->path == operandForm(path)) {
+      record->path = path;
       infos.emplace_back(std::move(*record));
       ++record;
     } else {
@@ -204,14 +244,14 @@ std::vector<std::optional<FileInfo>> UnixSSHFileAccess::getFileInfo(PathList con
 
 void UnixSSHFileAccess::runPathListCommand(ustring prefix, PathList const& paths) {
   CommandBatcher batcher = CommandBatcher::pathList(std::move(prefix), {});
-  for (auto const& path : paths) batcher.add(quoted(path));
+  for (auto const& path : paths) batcher.add(operand(path));
   executeExpectNoError(batcher.finish());
 }
 
 void UnixSSHFileAccess::runCommandChain(ustring const& commandWord, PathPairs const& pairs) {
   CommandBatcher batcher = CommandBatcher::commandChain();
   for (auto const& [source, destination] : pairs)
-    batcher.add(joined({commandWord, quoted(source), quoted(destination)}));
+    batcher.add(joined({commandWord, operand(source), operand(destination)}));
   executeExpectNoError(batcher.finish());
 }
 
@@ -252,7 +292,7 @@ void UnixSSHFileAccess::move(PathPairs const& pairs) { runCommandChain(u"mv", pa
 // the archive.
 void UnixSSHFileAccess::pack(ustring const& source, ustring const& archivePath, ustring const& packCommand) {
   executeExpectNoError(
-      joined({u"cd", quoted(parent(source)), packCommand, quoted(archivePath), quoted(finalName(source))}));
+      joined({u"cd", operand(parent(source)), packCommand, operand(archivePath), operand(finalName(source))}));
 }
 
 void UnixSSHFileAccess::tar(ustring const& source, ustring const& archivePath) {
@@ -266,7 +306,7 @@ void UnixSSHFileAccess::zip(ustring const& source, ustring const& archivePath) {
 // Judged by the exit status alone: extraction may warn and still succeed.
 void UnixSSHFileAccess::untar(ustring const& archivePath, ustring const& destinationFolder) {
   const ExecuteCommandResult result =
-      execute(joined({u"cd", quoted(destinationFolder), u"&& tar -xf", quoted(archivePath)}));
+      execute(joined({u"cd", operand(destinationFolder), u"&& tar -xf", operand(archivePath)}));
   if (result.getExitcode() != 0) {
     throw FileAccessException(result.getStderr(), FileAccessException::Code::RemoteError);
   }
@@ -275,7 +315,7 @@ void UnixSSHFileAccess::untar(ustring const& archivePath, ustring const& destina
 // No "cd" here: a relative archive path is read from the login folder, and
 // "-d" makes a missing destination itself.
 void UnixSSHFileAccess::unzip(ustring const& archivePath, ustring const& destinationFolder) {
-  executeExpectNoError(joined({u"unzip", quoted(archivePath), u"-d", quoted(destinationFolder)}));
+  executeExpectNoError(joined({u"unzip", operand(archivePath), u"-d", operand(destinationFolder)}));
 }
 
 }  // namespace nimbal::remoteaccess::sshfileaccess

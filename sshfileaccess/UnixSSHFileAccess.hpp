@@ -3,7 +3,9 @@
 // POSIX shell command lines (each path single-quoted, pieces joined by single
 // blanks), run over the SSH client owned by SSHFileAccess, and answered from
 // the commands' standard output. List forms pack their paths into few command
-// lines with CommandBatcher, so many paths cost few round trips.
+// lines with CommandBatcher, so many paths cost few round trips. A relative
+// path that begins with '-' goes into a command line as "./" + path, so that no
+// tool reads it as an option; answers name it as the caller wrote it.
 //
 // Move-only; one object must not be used from two threads at once.
 // Throws FileAccessException(RemoteError) when a command complains on standard

@@ -96,6 +96,7 @@ ToolProcess::ToolProcess(std::vector<std::string> const& args, ToolOptions optio
     }
     ::dup2(inPipe[0], 0);
     ::dup2(errPipe[1], 2);
+    if (!options_.workingDirectory.empty() && ::chdir(options_.workingDirectory.c_str()) != 0) ::_exit(127);
     ::execve(argv[0], argv.data(), envp.data());
     ::_exit(127);
   }

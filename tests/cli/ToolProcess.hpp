@@ -27,6 +27,7 @@ struct ToolOptions {
   std::string input;    // written to standard input, which is then closed
   bool terminal = false;
   std::vector<std::string> environment;  // NAME=value entries, in place of inherited ones
+  std::string workingDirectory;          // empty: this process's
   std::chrono::seconds timeout{180};
 };
 

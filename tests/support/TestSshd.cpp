@@ -81,13 +81,15 @@ std::string randomPassword() {
   return password;
 }
 
-// Creates the account when missing (home "/" so that sshd can chdir there
-// and nothing is left behind) and gives it `password`.
-void ensureAccount(std::string const& name, char const* loginShell, std::string const& password) {
+// Creates the account when missing (home "/" unless given, so that sshd can
+// chdir there and nothing is left behind) and gives it `password`.
+void ensureAccount(std::string const& name, std::string const& loginShell, std::string const& password,
+                   std::string const& home = "/") {
+  std::string const settings = "-d " + shellQuoted(home) + " -s " + shellQuoted(loginShell) + " " + name;
   if (getpwnam(name.c_str()) == nullptr) {
-    TestSshd::shell("useradd -M -d / -s " + std::string(loginShell) + " " + name);
+    TestSshd::shell("useradd -M " + settings);
   } else {
-    TestSshd::shell("usermod -d / -s " + std::string(loginShell) + " " + name);
+    TestSshd::shell("usermod " + settings);
   }
   TestSshd::shell("echo " + shellQuoted(name + ":" + password) + " | chpasswd");
 }
@@ -309,6 +311,15 @@ std::optional<TestSshd::Account> TestSshd::cshAccount() {
     impl_->cshAccount = account;
   }
   return impl_->cshAccount;
+}
+
+std::optional<TestSshd::Account> TestSshd::accountWithHome(std::string const& name, std::string const& loginShell,
+                                                           fs::path const& home) {
+  if (!isRoot()) return std::nullopt;
+  Account account{name, randomPassword()};
+  ensureAccount(account.user, loginShell, account.password, home.string());
+  TestSshd::shell("chown -R " + shellQuoted(name) + " " + shellQuoted(home.string()));
+  return account;
 }
 
 std::string TestSshd::accountsUnavailableReason() {

@@ -84,6 +84,12 @@ class TestSshd {
   };
   std::optional<Account> passwordAccount();  // login shell /bin/sh
   std::optional<Account> cshAccount();       // login shell /bin/csh (key login with identityFile())
+  // An account `name` with login shell `loginShell` whose login folder is
+  // `home`, made its own: the relative paths and login scripts of a test stay
+  // inside that folder, and the account, not root, acts on them. Key login
+  // with identityFile().
+  std::optional<Account> accountWithHome(std::string const& name, std::string const& loginShell,
+                                         std::filesystem::path const& home);
   [[nodiscard]] static std::string accountsUnavailableReason();
 
   // Runs `commandLine` with /bin/sh locally and returns its standard output;

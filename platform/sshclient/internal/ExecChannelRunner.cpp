@@ -4,11 +4,26 @@
 
 namespace foundation::sshclient::internal {
 
+std::string execWrapper(std::string_view marker) {
+  std::size_t const half = marker.size() / 2;
+  std::string const print =
+      "printf \"%s%s\\n\" " + std::string(marker.substr(0, half)) + " " + std::string(marker.substr(half));
+  return "exec sh -c '" + print + "; " + print + " >&2; eval \"$(cat)\" </dev/null'";
+}
+
+ExecChannelRunner::ExecChannelRunner(Session& session) : session_(session) {
+  std::random_device random;
+  marker_ = randomMarker(random);
+  wrapper_ = execWrapper(marker_);
+}
+
 CommandOutput ExecChannelRunner::run(std::string const& command) {
   Channel channel(session_);
   // The command text follows the request without waiting for its answer.
-  channel.requestExec(kExecWrapper, Channel::Answer::Later);
+  channel.requestExec(wrapper_, Channel::Answer::Later);
   CommandOutput result;
+  LoginNoiseFilter outNoise(marker_);
+  LoginNoiseFilter errNoise(marker_);
   std::string_view input = command;
   bool arrived = false;
   ArrivalWatch const watch(channel.raw(), arrived);
@@ -23,8 +38,14 @@ CommandOutput ExecChannelRunner::run(std::string const& command) {
       progressed = written > 0;
     }
     if (input.empty()) channel.sendEof();
-    progressed |= channel.read(result.out, Stream::Stdout) > 0;
-    progressed |= channel.read(result.err, Stream::Stderr) > 0;
+    if (channel.read(result.out, Stream::Stdout) > 0) {
+      outNoise.drop(result.out);
+      progressed = true;
+    }
+    if (channel.read(result.err, Stream::Stderr) > 0) {
+      errNoise.drop(result.err);
+      progressed = true;
+    }
     bool const started = channel.requestAnswered();
     if (channel.finished()) {
       if (!started && !channel.requestAnswered()) {

@@ -1,28 +1,36 @@
 #pragma once
 // Runs each command on its own exec channel.
 //
-// The server is asked to run a fixed line, kExecWrapper, which reads the
+// The server is asked to run a fixed line, execWrapper(), which reads the
 // command text from the channel's standard input and evaluates it with sh.
 // So the text is never a command-line argument (Linux limits one argument to
 // 128 KiB, and sshd hands the whole line to the login shell as one), the
 // login shell (csh, fish, ...) only ever parses the fixed line, and the
 // command's own standard input is /dev/null.
+//
+// Before it evaluates the text, that sh writes the session's random marker
+// line on both streams; what arrives in front of it (a banner or a warning
+// from a login script) is the login's, not the command's, and is dropped.
 
 #include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 
 namespace foundation::sshclient::internal {
 
-// Parsed identically by sh, bash, csh, tcsh and fish.
-inline constexpr char const* kExecWrapper = "exec sh -c 'eval \"$(cat)\" </dev/null'";
+// The line for the session whose marker is `marker` (a plain word); parsed
+// identically by sh, bash, csh, tcsh and fish. The marker is printed in two
+// pieces, so that a login that echoes the line does not print it.
+std::string execWrapper(std::string_view marker);
 
 class ExecChannelRunner final : public CommandRunner {
  public:
-  explicit ExecChannelRunner(Session& session) : session_(session) {}
+  explicit ExecChannelRunner(Session& session);
   CommandOutput run(std::string const& command) override;
 
  private:
   Session& session_;
+  std::string marker_;
+  std::string wrapper_;
 };
 
 }  // namespace foundation::sshclient::internal

@@ -3,6 +3,7 @@
 #include "sshfileaccess/platform/sshclient/internal/StateFreeCommand.hpp"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
@@ -20,9 +21,9 @@ using Clock = std::chrono::steady_clock;
 // names itself "sh" in $0 and in its messages, as under the exec wrapper.
 constexpr char const* kShellCommand = "exec sh";
 
-// Each cat is given 2^kCatRounds pairs of pipes. A cat that has run out ends
-// its shell, so the runner moves to a new shell one command earlier: the
-// last marker would race with the end.
+// Each cat is given 2^kCatRounds pairs of pipes (a command's output and its
+// marker). A cat that has run out ends its shell, so the runner moves to a
+// new shell one command earlier: the last marker would race with the end.
 constexpr int kCatRounds = 12;
 constexpr std::size_t kCommandsPerShell = (std::size_t{1} << kCatRounds) - 1;
 
@@ -62,44 +63,82 @@ std::optional<std::size_t> markerLine(std::string_view text, std::string_view ma
   return at;
 }
 
-// The start-up script. It creates the private folder with the pipes (o/O
-// for standard output and its marker, e/E for standard error, l to watch the
-// shell's life) and a supervisor, detached so that $! stays unset in the
-// shell. The supervisor starts the two cats, each under a watcher that sends
-// the cat's pid over l and, once the cat has ended, an empty line. A third
-// line means the shell can no longer deliver results, so it is killed;
-// end-of-file on l means the shell has gone (it holds l open on fd 9), so
-// the cats are stopped and, once their watchers have said so over l, the
-// folder is removed. Errors of the helpers go
-// to /dev/null; cat copies standard error through fd 3. The last lines
-// announce readiness with `ready` and the folder's path, then keep the
-// channel's standard error on fd 8 for commands evaluated in the shell itself
-// and silence the shell's own: a command killed by a signal must not earn a
-// "Killed" from it, which an exec channel never shows.
-std::string startupScript(std::string const& folderName, std::string const& ready) {
+// The start-up script. The pipes are anonymous: a cat reopens its own pipe
+// descriptors through /dev/fd (which on Linux opens the pipe anew and never
+// waits for a writer), and the shell opens write ends through the cats'
+// /proc/PID/fd. So once started, nothing of the shell has a name on the
+// server, and a session killed in any way leaves no file behind.
+//
+// Each cat holds four pipes, 3 4 5 6: a command's output and its marker for
+// one set, then the same for the other set; commands alternate between the
+// sets. The shell always opens the write end of the pipe a cat reads next
+// before it closes the one of the pipe the cat reads now, so a cat never
+// meets an empty pipe without a writer before its time: it reaches the end of
+// a command's output only when every process holding it has closed it (the
+// command, its background jobs), like sshd with an exec channel's pipes. The
+// marker pipe of a set holds its marker (written after the command) before
+// the cat gets there.
+//
+// Five named pipes with random names (mode 0600) exist for the first
+// milliseconds only: the cats and the holder of the life pipe wait on them
+// until the shell holds its write ends (an anonymous pipe without any writer
+// would end at once), and the helpers report the cats' process ids on them.
+// They are removed in the background, not to keep the shell waiting.
+//
+// Each cat is the child of a helper that waits in `read` on the life pipe,
+// which only the shell holds open for writing: the helper does not reap it
+// meanwhile, so a cat's process id cannot be reused while the shell lives (a
+// dead cat stays a zombie), and once the shell has gone the helper stops its
+// cat and ends. Helper errors go to /dev/null. The last lines announce
+// readiness with `ready` and the two cats' ids, keep the channel's standard
+// error on fd 8 for commands evaluated in the shell itself, and silence the
+// shell's own: a command killed by a signal must not earn a "Killed" from it,
+// which an exec channel never shows.
+std::string startupScript(std::string const& pipeName, std::string const& ready) {
+  // Sets up the four pipes of one cat on descriptors 3 to 6, one pipeline at
+  // a time, then runs `body` with them.
+  auto const withPipes = [](std::string const& body) {
+    return ": | { exec 3<&0; : | { exec 4<&0; : | { exec 5<&0; : | { exec 6<&0 </dev/null\n" + body +
+           "; } & } & } & } &\n";
+  };
+  // One cat: waits on its named pipe, then reads 3 4 5 6 over and over.
+  auto const cat = [](char const* name, char const* report, char const* output) {
+    return std::string("  (cd /dev/fd && exec cat \"$d.") + name + "\" $a " + output + ") & echo \"$!\" >\"$d." +
+           report + "\"\n  exec <&7 >/dev/null 3<&- 4<&- 5<&- 6<&- 7<&- 8>&- 9>&-; read -r _; kill \"$!\"";
+  };
   return "(set +s) 2>/dev/null && set +s\n"  // $- without "s", as under sh -c
+         "[ -d /proc/sys/kernel ] && [ -d /dev/fd ] || exit\n"
          "d=${TMPDIR:-/tmp}/" +
-         folderName +
+         pipeName +
          "\n"
-         "(umask 077 && mkdir \"$d\" && cd \"$d\" && mkfifo o O e E l) || exit\n"
-         "a='o O' b='e E' n=0\n"
+         "(mkfifo -m 600 \"$d.o\" \"$d.e\" \"$d.h\" \"$d.p\" \"$d.q\") || exit\n"
+         "a='3 4 5 6' n=1\n"
          "while [ \"$n\" -lt " +
          std::to_string(kCatRounds) +
-         " ]; do a=\"$a $a\" b=\"$b $b\" n=$((n+1)); done\n"
-         "( (cd \"$d\" || exit\n"
-         "  { cat $a </dev/null 3>&- & echo \"$!\" >l; wait \"$!\"; echo >l; } &\n"
-         "  { cat $b </dev/null >&3 3>&- & echo \"$!\" >l; wait \"$!\"; echo >l; } &\n"
-         "  read -r p; read -r q; read -r x && kill -KILL $$\n"
-         "  kill \"$p\" \"$q\"; wait; cd / && rm -rf \"$d\") <\"$d/l\" 3>&2 2>/dev/null & )\n"
-         "exec 9>\"$d/l\"\n"
-         "printf '%s%s\\n' " +
+         " ]; do a=\"$a $a\" n=$((n+1)); done\n"
+         "exec 8>&2 9>&1\n"
+         "( exec 2>/dev/null </dev/null\n"
+         "cat \"$d.h\" 8>&- 9>&- | { exec 7<&0\n" +
+         withPipes(cat("o", "p", ">&9 8>&- 9>&-")) + withPipes(cat("e", "q", ">&8 7<&- 8>&- 9>&-")) +
+         "} & )\n"
+         "read -r p <\"$d.p\" && read -r q <\"$d.q\" || exit\n"
+         "exec 3>\"$d.o\" 4>\"$d.e\" 5>\"$d.h\"\n"
+         "(rm -f \"$d.o\" \"$d.e\" \"$d.h\" \"$d.p\" \"$d.q\" &)\n"
+         "exec 9>\"/proc/$p/fd/7\" 6>\"/proc/$p/fd/3\" 7>\"/proc/$q/fd/3\" 3>&- 4>&- 5>&-\n"
+         "printf '%s %s %s\\n' " +
          ready +
-         " \"$d\"\n"
+         " \"$p\" \"$q\"\n"
          "printf '%s\\n' " +
          ready +
          " >&2\n"
-         "unset a b d n\n"
-         "exec 8>&2 2>/dev/null\n";
+         "unset a d n p q\n"
+         "exec 2>/dev/null\n";
+}
+
+// The process id of a cat, as the ready line gives it.
+bool isProcessId(std::string_view text) {
+  return !text.empty() && text.size() <= 10 &&
+         std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 }  // namespace
@@ -130,32 +169,33 @@ class ShellChannelRunner::Shell {
   template <class Done>
   bool exchange(std::string_view input, std::string& out, std::string& err, Done const& done);
 
-  std::string randomMarker();
-
   Session& session_;
   Channel channel_;
   bool arrived_ = false;
   ArrivalWatch watch_{channel_.raw(), arrived_};
   std::random_device random_;
-  // What the login shell printed before sh started; an exec channel shows it
-  // in front of every command's output, and so do we.
-  std::string preambleOut_;
-  std::string preambleErr_;
-  // The fixed parts of a command line around the command text and the marker.
-  std::string check_;
-  std::string redirections_;
-  std::string statusPipe_;
-  std::string markerPipe_;
+  // The /proc paths a command line opens, for each of the two sets of pipes;
+  // set_ is the set of the next command.
+  struct CatPipes {
+    std::string out;  // the pipe of the cat of standard output
+    std::string err;  // the pipe of the cat of standard error
+  };
+  struct PipeSet {
+    CatPipes marker;  // where the markers go
+    CatPipes next;    // the other set's output pipes
+  };
+  std::array<PipeSet, 2> sets_;
+  std::size_t set_ = 0;
   std::size_t commandsLeft_ = kCommandsPerShell;
 };
 
 ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_(session) {
   channel_.requestExec(kShellCommand);
-  std::string const ready = randomMarker();
+  std::string const ready = randomMarker(random_);
   std::string out;
   std::string err;
   std::optional<std::size_t> readyAt;
-  bool const started = exchange(startupScript("sshfa-shell." + randomMarker(), ready), out, err, [&] {
+  bool const started = exchange(startupScript("sshfa-shell." + randomMarker(random_), ready), out, err, [&] {
     if (!endsWith(err, ready + "\n") || out.empty() || out.back() != '\n') return false;
     std::size_t const at = out.rfind(ready);
     if (at == std::string::npos) return false;
@@ -168,26 +208,23 @@ ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_
     session_.fail(SSHError::Kind::Channel,
                   "cannot start a shell on the server" + (said.empty() ? std::string() : ": " + said));
   }
-  preambleOut_ = out.substr(0, *readyAt);
-  preambleErr_ = err.substr(0, err.size() - ready.size() - 1);
-  std::string const folder = out.substr(*readyAt + ready.size(), out.size() - 1 - *readyAt - ready.size());
-  auto const pipe = [&](char name) { return shellQuoted(folder + "/" + name); };
-  check_ = "if [ -p " + pipe('o') + " ] && [ -p " + pipe('O') + " ] && [ -p " + pipe('e') + " ] && [ -p " + pipe('E') +
-           " ]; then (exec 8>&- 9>&-; eval ";
-  redirections_ = " </dev/null) </dev/null >" + pipe('o') + " 2>" + pipe('e') + "; printf '%s%d\\n' ";
-  statusPipe_ = " \"$?\" >" + pipe('O') + " && printf '%s\\n' ";
-  markerPipe_ = " >" + pipe('E') + " || exit; else printf '%s-\\n' ";
-}
-
-std::string ShellChannelRunner::Shell::randomMarker() {
-  // 128 bits; the fixed prefix keeps it a plain word for sh.
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string marker = "sshfa";
-  for (int word = 0; word < 4; ++word) {
-    auto bits = static_cast<std::uint32_t>(random_());
-    for (int digit = 0; digit < 8; ++digit, bits >>= 4) marker += kDigits[bits & 0xFU];
+  // What precedes the ready line is the login's (a banner, a warning of a
+  // login script), not any command's.
+  std::string_view const ids(out.data() + *readyAt + ready.size(), out.size() - 1 - *readyAt - ready.size());
+  std::size_t const blank = ids.rfind(' ');
+  bool const twoWords = !ids.empty() && ids.front() == ' ' && blank != std::string_view::npos && blank > 0;
+  std::string_view const outCat = twoWords ? ids.substr(1, blank - 1) : std::string_view();
+  std::string_view const errCat = twoWords ? ids.substr(blank + 1) : std::string_view();
+  if (!isProcessId(outCat) || !isProcessId(errCat)) {
+    session_.fail(SSHError::Kind::Channel, "cannot start a shell on the server: it announced itself unreadably");
   }
-  return marker;
+  auto const pipes = [&](int fd) {
+    std::string const n = std::to_string(fd);
+    return CatPipes{"/proc/" + std::string(outCat) + "/fd/" + n, "/proc/" + std::string(errCat) + "/fd/" + n};
+  };
+  // Set 0: output on 3, marker on 4; set 1: output on 5, marker on 6.
+  sets_[0] = {pipes(4), pipes(5)};
+  sets_[1] = {pipes(6), pipes(3)};
 }
 
 template <class Done>
@@ -228,7 +265,7 @@ ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string co
   // line feeds.
   std::string_view text = command;
   while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  std::string const marker = randomMarker();
+  std::string const marker = randomMarker(random_);
   std::string line;
   if (isStateFreeCommand(text)) {
     // Output written by the shell itself cannot linger after the marker, so
@@ -237,8 +274,17 @@ ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string co
            marker + " >&8 || exit\n";
   } else {
     --commandsLeft_;
-    line = check_ + shellQuoted(text) + redirections_ + marker + statusPipe_ + marker + markerPipe_ + marker +
-           "; exit; fi\n";
+    // The command writes to the pipes held on 6 and 7, the markers go to
+    // the set's marker pipes, then 6 and 7 move to the other set, which
+    // closes this set's output pipes. A cat that has gone (its descriptors
+    // gone from /proc) means the command is not run.
+    PipeSet const& pipes = sets_[set_];
+    set_ ^= 1U;
+    line = "if [ -e " + pipes.marker.out + " ] && [ -e " + pipes.marker.err +
+           " ]; then (exec 6>&- 7>&- 8>&- 9>&-; eval " + shellQuoted(text) +
+           " </dev/null) </dev/null >&6 2>&7; printf '%s%d\\n' " + marker + " \"$?\" >" + pipes.marker.out +
+           " && printf '%s\\n' " + marker + " >" + pipes.marker.err + " || exit; exec 6>" + pipes.next.out + " 7>" +
+           pipes.next.err + "; else printf '%s-\\n' " + marker + "; exit; fi\n";
   }
 
   std::string out;
@@ -259,8 +305,8 @@ ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string co
   }
   out.resize(*outAt);
   err.resize(err.size() - marker.size() - 1);
-  result.out = preambleOut_.empty() ? std::move(out) : preambleOut_ + out;
-  result.err = preambleErr_.empty() ? std::move(err) : preambleErr_ + err;
+  result.out = std::move(out);
+  result.err = std::move(err);
   return {std::move(result), true};
 }
 

@@ -12,22 +12,27 @@
 // without the fork, which is most of a command's cost.
 //
 // Where a command's output ends: its standard output and error go to two
-// named pipes in a private folder, read by two cat processes that live as
-// long as the shell and copy into the channel. cat moves past a pipe only
-// when every process holding it has closed it, like sshd with an exec
-// channel's pipes, so a background job that still writes is waited for. Then
-// the shell writes a random 128-bit marker (and the exit status) through the
-// same cats, after all of the command's bytes.
+// anonymous pipes read by two cat processes that live as long as the shell
+// and copy into the channel. cat moves past a pipe only when every process
+// holding it has closed it, like sshd with an exec channel's pipes, so a
+// background job that still writes is waited for. Then the cats copy a
+// random 128-bit marker (and the exit status) that the shell wrote after all
+// of the command's bytes. The pipes are reached through /dev/fd and
+// /proc/PID/fd, so nothing of the shell has a name on the server once it has
+// started: a session that ends in any way (the client gone, sshd, the shell
+// or every process of the session killed) leaves no file behind, and its
+// helpers end with the shell. That needs Linux; elsewhere the shell does not
+// start (see below).
 //
 // What cannot be the same: $$ names the long-lived shell, so a command that
-// kills $$ kills it; the pipes show under /proc/self/fd as the folder's
-// files. If the shell dies while a command runs (killed, its pipes removed,
-// the server closed the channel), run() throws SSHError(Channel) and the
-// next command gets a fresh shell; a command that provably never started is
-// run on a fresh shell instead. When no shell can be started at all (no
-// writable temporary folder, a restricted account), the runner falls back to
-// exec channels for the rest of the session. The shell's channel stays open
-// for the life of the connection.
+// kills $$ kills it. If the shell dies while a command runs (killed, its cats
+// killed, the server closed the channel), run() throws SSHError(Channel) and
+// the next command gets a fresh shell; a command that provably never started
+// is run on a fresh shell instead. When no shell can be started at all (not
+// Linux, no writable temporary folder for its first milliseconds, a
+// restricted account), the runner falls back to exec channels for the rest
+// of the session. The shell's channel stays open for the life of the
+// connection.
 
 #include <memory>
 #include <optional>

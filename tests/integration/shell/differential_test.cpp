@@ -1,11 +1,16 @@
 // Every command here runs once on an exec channel and once in the persistent
 // shell: standard output, standard error and exit status must be identical,
 // byte for byte. The exit status expected from the exec channel guards
-// against both sides being wrong alike.
+// against both sides being wrong alike. The same holds under a login that
+// talks on both streams every time it starts: what it says is no command's.
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -268,10 +273,9 @@ class ShellMatchesExec : public ::testing::TestWithParam<Case> {
 std::unique_ptr<ssh::SSHClient> ShellMatchesExec::exec_;
 std::unique_ptr<ssh::SSHClient> ShellMatchesExec::shell_;
 
-TEST_P(ShellMatchesExec, SameOutputAndExitStatus) {
-  Case const& c = GetParam();
-  auto const viaExec = run(*exec_, c.command);
-  auto const viaShell = run(*shell_, c.command);
+void expectShellMatchesExec(Case const& c, ssh::SSHClient& exec, ssh::SSHClient& shell) {
+  auto const viaExec = run(exec, c.command);
+  auto const viaShell = run(shell, c.command);
   EXPECT_EQ(viaExec.getExitcode(), c.exitcode) << "exit status on the exec channel";
   if (c.out) {
     EXPECT_TRUE(sameText(viaExec.getStdout(), *c.out)) << "stdout on the exec channel";
@@ -281,7 +285,59 @@ TEST_P(ShellMatchesExec, SameOutputAndExitStatus) {
   EXPECT_TRUE(sameText(viaShell.getStderr(), viaExec.getStderr())) << "stderr";
 }
 
+TEST_P(ShellMatchesExec, SameOutputAndExitStatus) { expectShellMatchesExec(GetParam(), *exec_, *shell_); }
+
 INSTANTIATE_TEST_SUITE_P(Commands, ShellMatchesExec, ::testing::ValuesIn(cases()),
+                         [](::testing::TestParamInfo<Case> const& param) { return param.param.name; });
+
+// The account's bash reads $BASH_ENV whenever it starts, as a ~/.bashrc is
+// read: a banner on standard output, a warning on standard error, and a line
+// in a file that shows the script ran.
+class ShellMatchesExecUnderATalkativeLogin : public ::testing::TestWithParam<Case> {
+ protected:
+  static void SetUpTestSuite() {
+    std::filesystem::path const dir = TestSshd::makeTempDir();
+    std::ofstream(dir / "login.sh") << "echo 'Welcome to the test host'\n"
+                                       "echo 'warning: setlocale: LC_ALL: cannot change locale' >&2\n"
+                                       "echo started >>'"
+                                    << (dir / "starts").string() << "'\n";
+    // At shell level 1 bash would read the start-up files of sshd's commands
+    // (~/.bashrc) instead; level 2 makes it read $BASH_ENV.
+    server_ = std::make_unique<TestSshd>("SetEnv BASH_ENV=" + (dir / "login.sh").string() + " SHLVL=1\n");
+    exec_ = connectIn(ssh::CommandMode::ExecChannel, *server_);
+    shell_ = connectIn(ssh::CommandMode::PersistentShell, *server_);
+    run(*exec_, u"true");
+    run(*shell_, u"true");
+    // Both logins talked: the exec channel's and the persistent shell's.
+    std::ostringstream starts;
+    starts << std::ifstream(dir / "starts").rdbuf();
+    talked_ = starts.str() == "started\nstarted\n";
+  }
+  static void TearDownTestSuite() {
+    exec_.reset();
+    shell_.reset();
+    server_.reset();
+  }
+  void SetUp() override {
+    if (!talked_) GTEST_SKIP() << "the login shell of " << server_->user() << " is not bash, which reads $BASH_ENV";
+  }
+
+  static std::unique_ptr<TestSshd> server_;
+  static std::unique_ptr<ssh::SSHClient> exec_;
+  static std::unique_ptr<ssh::SSHClient> shell_;
+  static bool talked_;
+};
+
+std::unique_ptr<TestSshd> ShellMatchesExecUnderATalkativeLogin::server_;
+std::unique_ptr<ssh::SSHClient> ShellMatchesExecUnderATalkativeLogin::exec_;
+std::unique_ptr<ssh::SSHClient> ShellMatchesExecUnderATalkativeLogin::shell_;
+bool ShellMatchesExecUnderATalkativeLogin::talked_ = false;
+
+TEST_P(ShellMatchesExecUnderATalkativeLogin, SameOutputAndExitStatus) {
+  expectShellMatchesExec(GetParam(), *exec_, *shell_);
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, ShellMatchesExecUnderATalkativeLogin, ::testing::ValuesIn(cases()),
                          [](::testing::TestParamInfo<Case> const& param) { return param.param.name; });
 
 TEST(ShellMatchesExecList, HasAtLeastAHundredCommands) { EXPECT_GE(cases().size(), 100u); }

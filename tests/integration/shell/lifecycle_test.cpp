@@ -1,11 +1,19 @@
 // The persistent shell over its life: nothing one command does reaches the
-// next, a shell that dies is reported and replaced, a stopped server is
-// given up like on exec channels, and a host where no shell can start still
-// runs commands.
+// next, a shell that dies is reported and replaced, however its session ends
+// nothing of it stays on the server, a stopped server is given up like on
+// exec channels, and a host where no shell can start still runs commands.
 
 #include <gtest/gtest.h>
 
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -125,9 +133,6 @@ TEST(PersistentShell, ListsOfBuiltinsDoNotUseUpTheShell) {
 
 // ---- a shell that dies ----------------------------------------------------------
 
-// The folder of the shell's pipes, from the shell's descriptor 9.
-constexpr char16_t const* kPipeFolder = u"\"$(dirname \"$(readlink /proc/$$/fd/9)\")\"";
-
 TEST(PersistentShell, ACommandThatKillsTheShellFailsAndTheNextOneRuns) {
   auto client = connectIn(ssh::CommandMode::PersistentShell);
   ASSERT_EQ(run(*client, u"echo warm").getStdout(), u"warm\n");
@@ -175,24 +180,16 @@ TEST(PersistentShell, KillingTheCopyingProcessesFailsTheCommandAndTheNextOneRuns
   EXPECT_EQ(run(*client, u"echo alive").getStdout(), u"alive\n");
 }
 
-TEST(PersistentShell, PipesRemovedWhileACommandRunsFailItAndTheNextOneRuns) {
+TEST(PersistentShell, CopyingProcessesKilledBetweenCommandsGoUnnoticed) {
+  // The next command finds them gone before it starts, and runs on a fresh shell.
   auto client = connectIn(ssh::CommandMode::PersistentShell);
-  auto const folder = run(*client, u"echo " + ustring(kPipeFolder)).getStdout();
-  ASSERT_NE(folder, u"\n");
-  auto const error = catchSSHError([&] { run(*client, u"rm -rf " + ustring(kPipeFolder) + u"; echo after"); });
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->kind(), Kind::Channel);
-  EXPECT_EQ(run(*client, u"echo alive").getStdout(), u"alive\n");
-}
-
-TEST(PersistentShell, PipesRemovedBetweenCommandsGoUnnoticed) {
-  // A command that never started is run on a fresh shell.
-  auto client = connectIn(ssh::CommandMode::PersistentShell);
-  run(*client, u"(sleep 0.2; rm -rf " + ustring(kPipeFolder) + u") >/dev/null 2>&1 &");
+  ustring const pid = run(*client, u"echo \"$$\"").getStdout();
+  run(*client, u"(sleep 0.2; pkill -KILL -x -s 0 cat) >/dev/null 2>&1 &");
   std::this_thread::sleep_for(600ms);
   auto const result = run(*client, u"echo alive");
   EXPECT_EQ(result.getExitcode(), 0);
   EXPECT_EQ(result.getStdout(), u"alive\n");
+  EXPECT_NE(run(*client, u"echo \"$$\"").getStdout(), pid);
 }
 
 TEST(PersistentShell, AShellKilledBetweenCommandsIsReplacedQuietly) {
@@ -205,24 +202,144 @@ TEST(PersistentShell, AShellKilledBetweenCommandsIsReplacedQuietly) {
   EXPECT_NE(run(*client, u"echo $$").getStdout(), pid);
 }
 
-TEST(PersistentShell, TheShellCleansUpWhenTheClientGoes) {
-  auto observer = connectIn(ssh::CommandMode::ExecChannel);
-  ustring folder;
-  ustring pid;
-  {
-    auto client = connectIn(ssh::CommandMode::PersistentShell);
-    folder = run(*client, u"printf %s " + ustring(kPipeFolder)).getStdout();
-    pid = run(*client, u"printf %s $$").getStdout();
-    ASSERT_EQ(run(*observer, u"test -p '" + folder + u"/o' && echo there").getStdout(), u"there\n");
+// ---- nothing is left behind ---------------------------------------------------------
+
+std::string readText(std::filesystem::path const& file) {
+  std::ifstream in(file);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Processes of the session `sid` on this machine (the test server's host).
+std::vector<std::string> sessionMembers(pid_t sid) {
+  std::vector<std::string> members;
+  for (auto const& entry : std::filesystem::directory_iterator("/proc")) {
+    std::string const name = entry.path().filename().string();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::string const stat = readText(entry.path() / "stat");
+    // pid (comm) state ppid pgrp session ...; comm may hold blanks.
+    std::size_t const closing = stat.rfind(')');
+    if (closing == std::string::npos) continue;
+    std::istringstream fields(stat.substr(closing + 1));
+    std::string state;
+    long parent = 0;
+    long group = 0;
+    long session = 0;
+    fields >> state >> parent >> group >> session;
+    if (session == sid && state != "Z") members.push_back(name + " " + stat.substr(0, closing + 1));
   }
-  auto const deadline = std::chrono::steady_clock::now() + 5s;
-  ustring state;
-  do {
+  return members;
+}
+
+long parentOf(pid_t pid) {
+  std::string const stat = readText("/proc/" + std::to_string(pid) + "/stat");
+  std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+  std::string state;
+  long parent = 0;
+  fields >> state >> parent;
+  return parent;
+}
+
+std::vector<std::string> folderEntries(std::filesystem::path const& folder) {
+  std::vector<std::string> names;
+  for (auto const& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+  return names;
+}
+
+enum class Ending {
+  ClientCloses,
+  ClientDies,
+  SessionSshdKilled,
+  ShellKilled,
+  ConnectionProcessesKilled,
+  SessionKilled
+};
+
+void PrintTo(Ending ending, std::ostream* os) {
+  static char const* const kNames[] = {
+      "ClientCloses", "ClientDies", "SessionSshdKilled", "ShellKilled", "ConnectionProcessesKilled", "SessionKilled"};
+  *os << kNames[static_cast<int>(ending)];
+}
+
+class NothingIsLeftBehind : public ::testing::TestWithParam<Ending> {};
+
+TEST_P(NothingIsLeftBehind, NoFileAndNoProcessOfTheShellRemains) {
+  // The server's temporary folder is ours alone, so every name in it counts.
+  auto const tmp = TestSshd::makeTempDir();
+  TestSshd server("SetEnv TMPDIR=" + tmp.string() + " SHLVL=1\n");
+  auto const options = optionsFor(server, ssh::CommandMode::PersistentShell);
+  pid_t shell = 0;
+  if (GetParam() == Ending::ClientDies) {
+    // A client process that vanishes without a word: the kernel drops its connection.
+    int report[2];
+    ASSERT_EQ(pipe(report), 0);
+    pid_t const child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      close(report[0]);
+      auto client = server.connect(options);
+      std::string const pid = utf8(run(*client, u"printf %s \"$$\"").getStdout());
+      (void)!write(report[1], pid.data(), pid.size());
+      close(report[1]);
+      pause();
+      _exit(0);
+    }
+    close(report[1]);
+    char buffer[32] = {};
+    ASSERT_GT(read(report[0], buffer, sizeof buffer - 1), 0);
+    close(report[0]);
+    shell = static_cast<pid_t>(std::stol(buffer));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+  } else {
+    auto client = server.connect(options);
+    shell = static_cast<pid_t>(std::stol(utf8(run(*client, u"printf %s \"$$\"").getStdout())));
+    ASSERT_FALSE(sessionMembers(shell).empty());
+    switch (GetParam()) {
+      case Ending::SessionSshdKilled:
+        kill(static_cast<pid_t>(parentOf(shell)), SIGKILL);
+        break;
+      case Ending::ShellKilled:
+        kill(shell, SIGKILL);
+        break;
+      case Ending::ConnectionProcessesKilled:
+        server.killConnections();
+        break;
+      case Ending::SessionKilled:
+        kill(-shell, SIGKILL);
+        break;
+      default:
+        break;
+    }
+    if (GetParam() != Ending::ClientCloses) std::this_thread::sleep_for(200ms);
+  }
+  auto const deadline = std::chrono::steady_clock::now() + 10s;
+  while ((!sessionMembers(shell).empty() || !folderEntries(tmp).empty()) &&
+         std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(50ms);
-    state = run(*observer, u"test -e '" + folder + u"' && echo folder; kill -0 " + pid + u" 2>/dev/null && echo shell")
-                .getStdout();
-  } while (!state.empty() && std::chrono::steady_clock::now() < deadline);
-  EXPECT_EQ(state, u"");
+  }
+  EXPECT_THAT(folderEntries(tmp), ::testing::IsEmpty());
+  EXPECT_THAT(sessionMembers(shell), ::testing::IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Endings, NothingIsLeftBehind,
+                         ::testing::Values(Ending::ClientCloses, Ending::ClientDies, Ending::SessionSshdKilled,
+                                           Ending::ShellKilled, Ending::ConnectionProcessesKilled,
+                                           Ending::SessionKilled),
+                         [](::testing::TestParamInfo<Ending> const& param) {
+                           std::ostringstream name;
+                           PrintTo(param.param, &name);
+                           return name.str();
+                         });
+
+TEST(PersistentShell, NoNameOfTheShellExistsWhileItRuns) {
+  auto const tmp = TestSshd::makeTempDir();
+  TestSshd server("SetEnv TMPDIR=" + tmp.string() + " SHLVL=1\n");
+  auto client = server.connect(optionsFor(server, ssh::CommandMode::PersistentShell));
+  EXPECT_EQ(run(*client, u"printf %s \"$TMPDIR\"").getStdout(), u(tmp.string()));
+  EXPECT_EQ(run(*client, u"(sleep 0.2; echo late) & echo early").getStdout(), u"early\nlate\n");
+  EXPECT_THAT(folderEntries(tmp), ::testing::IsEmpty());
 }
 
 // ---- dead connections and hosts without a usable shell --------------------------
@@ -276,7 +393,7 @@ TEST(PersistentShell, AQuietCommandLongerThanThreeIntervalsSucceeds) {
 }
 
 TEST(PersistentShell, WithoutAWritableTemporaryFolderCommandsRunOnExecChannels) {
-  TestSshd server("SetEnv TMPDIR=/nonexistent/folder\n");
+  TestSshd server("SetEnv TMPDIR=/nonexistent/folder SHLVL=1\n");
   auto client = server.connect(optionsFor(server, ssh::CommandMode::PersistentShell));
   for (int i = 0; i < 2; ++i) {
     auto const result = run(*client, u"echo \"$TMPDIR\"; echo err >&2; exit 3");
@@ -286,21 +403,47 @@ TEST(PersistentShell, WithoutAWritableTemporaryFolderCommandsRunOnExecChannels) 
   }
 }
 
-TEST(PersistentShell, WhatTheServerPrintsBeforeTheCommandPrecedesEveryResultAsOnExecChannels) {
+// ---- what the login says is no command's ------------------------------------------
+
+TEST(TalkativeLogin, WhatTheServerPrintsBeforeTheCommandIsNoCommandsOutput) {
   // Like a login script that talks: the server runs every command line
   // after printing to both streams.
   TestSshd server("ForceCommand echo banner; echo warning >&2; eval \"$SSH_ORIGINAL_COMMAND\"\n");
-  auto exec = server.connect(optionsFor(server, ssh::CommandMode::ExecChannel));
-  auto shell = server.connect(optionsFor(server, ssh::CommandMode::PersistentShell));
-  for (char16_t const* command : {u"echo one", u"printf two >&2; exit 2"}) {
-    SCOPED_TRACE(utf8(command));
-    auto const viaExec = run(*exec, command);
-    auto const viaShell = run(*shell, command);
-    EXPECT_EQ(viaExec.getStdout().substr(0, 7), u"banner\n");
-    EXPECT_EQ(viaExec.getStderr().substr(0, 8), u"warning\n");
-    EXPECT_EQ(viaShell.getExitcode(), viaExec.getExitcode());
-    EXPECT_EQ(viaShell.getStdout(), viaExec.getStdout());
-    EXPECT_EQ(viaShell.getStderr(), viaExec.getStderr());
+  for (auto const mode : {ssh::CommandMode::ExecChannel, ssh::CommandMode::PersistentShell}) {
+    auto client = server.connect(optionsFor(server, mode));
+    for (int round = 0; round < 2; ++round) {
+      auto const one = run(*client, u"echo one");
+      EXPECT_EQ(one.getExitcode(), 0);
+      EXPECT_EQ(one.getStdout(), u"one\n");
+      EXPECT_EQ(one.getStderr(), u"");
+      auto const two = run(*client, u"printf two >&2; exit 2");
+      EXPECT_EQ(two.getExitcode(), 2);
+      EXPECT_EQ(two.getStdout(), u"");
+      EXPECT_EQ(two.getStderr(), u"two");
+    }
+  }
+}
+
+TEST(TalkativeLogin, ACshLoginThatTalksChangesNoResult) {
+  // csh reads ~/.cshrc whenever it starts; this one talks on both streams.
+  auto const home = TestSshd::makeTempDir();
+  std::ofstream(home / ".cshrc") << "echo 'login banner'\nsh -c 'echo login warning >&2'\n";
+  auto& server = TestSshd::instance();
+  auto const account = server.accountWithHome("sshfa-csh-talk", "/bin/csh", home);
+  if (!account) GTEST_SKIP() << TestSshd::accountsUnavailableReason();
+  for (auto const mode : {ssh::CommandMode::ExecChannel, ssh::CommandMode::PersistentShell}) {
+    SCOPED_TRACE(mode == ssh::CommandMode::ExecChannel ? "exec channel" : "persistent shell");
+    ssh::SSHClient client(u(server.host()), server.port(),
+                          {ssh::IdentityFileAuth{account->user, server.identityFile(), std::nullopt}},
+                          optionsFor(server, mode));
+    auto const mixed = run(client, u"echo out; echo err >&2; exit 3");
+    EXPECT_EQ(mixed.getExitcode(), 3);
+    EXPECT_EQ(mixed.getStdout(), u"out\n");
+    EXPECT_EQ(mixed.getStderr(), u"err\n");
+    auto const query = run(client, u"test -d '/' && echo 1");
+    EXPECT_EQ(query.getStdout(), u"1\n");
+    EXPECT_EQ(query.getStderr(), u"");
+    EXPECT_EQ(run(client, u"pwd").getStdout(), u(home.string() + "\n"));
   }
 }
 

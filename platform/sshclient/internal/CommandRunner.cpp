@@ -1,0 +1,32 @@
+#include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
+
+#include <cstdint>
+
+namespace foundation::sshclient::internal {
+
+std::string randomMarker(std::random_device& random) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string marker = "sshfa";
+  for (int word = 0; word < 4; ++word) {
+    auto bits = static_cast<std::uint32_t>(random());
+    for (int digit = 0; digit < 8; ++digit, bits >>= 4) marker += kDigits[bits & 0xFU];
+  }
+  return marker;
+}
+
+LoginNoiseFilter::LoginNoiseFilter(std::string_view marker) : line_(std::string(marker) + "\n") {}
+
+void LoginNoiseFilter::drop(std::string& text) {
+  if (passed_) return;
+  // Only the new bytes, and the tail a marker split across reads may start in.
+  std::size_t const from = searched_ >= line_.size() ? searched_ - line_.size() + 1 : 0;
+  std::size_t const at = text.find(line_, from);
+  if (at == std::string::npos) {
+    searched_ = text.size();
+    return;
+  }
+  text.erase(0, at + line_.size());
+  passed_ = true;
+}
+
+}  // namespace foundation::sshclient::internal

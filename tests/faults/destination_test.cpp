@@ -1,0 +1,117 @@
+// Destinations that refuse the data: a full file system (a 1 MiB tmpfs) and
+// a read-only one. An upload or download into them fails, the old file stays
+// as it was, and nothing else is left there: no partial file under the final
+// name, no temporary. Mounting needs root; otherwise the tests are skipped.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/faults/FaultSupport.hpp"
+
+namespace sshfa::testing {
+namespace {
+
+constexpr char const* kOld = "old version\n";
+constexpr std::size_t kTooBig = std::size_t{2} << 20;
+constexpr int kFailed = 1;  // the tool's status for a failed operation
+
+class RefusingDestination : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a tmpfs";
+    try {
+      TestSshd::shell("mount -t tmpfs -o size=1m,mode=0755 sshfa-faults '" + mount_.string() + "' 2>&1");
+    } catch (std::exception const& error) {
+      GTEST_SKIP() << "cannot mount a tmpfs here: " << error.what();
+    }
+    mounted_ = true;
+    writeFile(mount_ / "big", kOld);
+    writeFile(source_ / "big", pattern(kTooBig, 7));
+  }
+  void TearDown() override {
+    if (mounted_) TestSshd::shell("umount '" + mount_.string() + "' 2>&1");
+  }
+
+  void makeReadOnly() const { TestSshd::shell("mount -o remount,ro '" + mount_.string() + "' 2>&1"); }
+
+  // The old file is intact and alone.
+  void expectUntouched() const {
+    EXPECT_EQ(readFile(mount_ / "big"), kOld);
+    EXPECT_THAT(namesIn(mount_), ::testing::ElementsAre("big"));
+  }
+
+  std::unique_ptr<FileAccess> facade() const {
+    return std::make_unique<FileAccess>(connect(TestSshd::instance(), TestSshd::instance().options()));
+  }
+  void upload() const {
+    auto access = facade();
+    auto const error = catchSSHError(
+        [&] { access->localToRemoteCopy(str2ustr((source_ / "big").string()), str2ustr((mount_ / "big").string())); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind(), ssh::SSHError::Kind::Transfer);
+    EXPECT_THAT(
+        std::string(error->what()),
+        ::testing::StartsWith("cannot upload '" + (source_ / "big").string() + "' to '" + (mount_ / "big").string() +
+                              "' on " + prefixOf(TestSshd::instance(), TestSshd::instance().user())));
+  }
+  void download() const {
+    writeFile(remoteSource_ / "big", pattern(kTooBig, 8));
+    auto access = facade();
+    auto const error = catchSSHError([&] {
+      access->remoteToLocalCopy(str2ustr((remoteSource_ / "big").string()), str2ustr((mount_ / "big").string()));
+    });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind(), ssh::SSHError::Kind::Transfer);
+    EXPECT_THAT(std::string(error->what()),
+                ::testing::StartsWith("cannot download '" + (remoteSource_ / "big").string() + "' from "));
+  }
+  void toolUpload() const {
+    auto const result = runTool(
+        joined(toolConnection(TestSshd::instance()), {"put", (source_ / "big").string(), (mount_ / "big").string()}));
+    EXPECT_EQ(result.status, kFailed) << result.err;
+    EXPECT_THAT(result.err, ::testing::StartsWith("sshfa: cannot upload '" + (source_ / "big").string() + "' to '" +
+                                                  (mount_ / "big").string() + "' on "));
+  }
+
+  fs::path mount_ = TestSshd::makeTempDir();
+  fs::path source_ = TestSshd::makeTempDir();
+  fs::path remoteSource_ = TestSshd::makeTempDir();
+  bool mounted_ = false;
+};
+
+TEST_F(RefusingDestination, UploadIntoAFullFileSystem) {
+  upload();
+  expectUntouched();
+}
+
+TEST_F(RefusingDestination, DownloadIntoAFullFileSystem) {
+  download();
+  expectUntouched();
+}
+
+TEST_F(RefusingDestination, ToolUploadIntoAFullFileSystem) {
+  toolUpload();
+  expectUntouched();
+}
+
+TEST_F(RefusingDestination, UploadIntoAReadOnlyFileSystem) {
+  makeReadOnly();
+  upload();
+  expectUntouched();
+}
+
+TEST_F(RefusingDestination, DownloadIntoAReadOnlyFileSystem) {
+  makeReadOnly();
+  download();
+  expectUntouched();
+}
+
+TEST_F(RefusingDestination, ToolUploadIntoAReadOnlyFileSystem) {
+  makeReadOnly();
+  toolUpload();
+  expectUntouched();
+}
+
+}  // namespace
+}  // namespace sshfa::testing
