@@ -250,7 +250,13 @@ TEST_F(OptionLikeOperand, GetOfDashDeleteDeletesNothing) {
 
 TEST_F(OptionLikeOperand, ListingOfDashExecRunsNothing) {
   auto const result = account_->tool({"ls", "-R", "--", "-exec", "touch", "FILE", ";"}, local_);
-  EXPECT_EQ(result.status, 0) << result.err;
+  // Four names, none of which exists: each is reported, nothing is run.
+  EXPECT_EQ(result.status, 1) << result.err;
+  EXPECT_EQ(result.err,
+            "sshfa: cannot access '-exec': No such file or directory\n"
+            "sshfa: cannot access 'touch': No such file or directory\n"
+            "sshfa: cannot access 'FILE': No such file or directory\n"
+            "sshfa: cannot access ';': No such file or directory\n");
   EXPECT_EQ(result.out, "");
   EXPECT_THAT(treeOf(home()), IsEmpty());
   EXPECT_FALSE(fs::exists(local_ / "FILE"));
