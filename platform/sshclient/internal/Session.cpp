@@ -4,13 +4,11 @@
 
 #include <libssh/callbacks.h>
 #include <libssh/server.h>  // ssh_send_keepalive
-#include <linux/tcp.h>      // tcp_info with tcpi_bytes_received
-#include <netinet/in.h>
-#include <poll.h>
 #include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -103,18 +101,6 @@ int signalNumber(char const* name) {
   return 0;
 }
 
-// The kernel's count of bytes received on a TCP socket; nullopt for other
-// transports (a ProxyCommand pipe) and kernels before 4.1.
-std::optional<std::uint64_t> bytesReceived(int fd) {
-  tcp_info info{};
-  socklen_t length = sizeof info;
-  if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
-      length < offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received) {
-    return std::nullopt;
-  }
-  return info.tcpi_bytes_received;
-}
-
 }  // namespace
 
 // ---- Session ---------------------------------------------------------------------
@@ -140,11 +126,13 @@ class Session::Impl {
   // " through the jump hosts 'j1'" when a proxy carries the connection.
   std::string route;
 
-  // Keep-alive bookkeeping, see the header.
+  // Keep-alive bookkeeping, see the header. libssh counts the bytes it takes
+  // off the socket in received, in whichever call that happens.
+  ssh_counter_struct received{};
   Clock::time_point nextProbe;
   bool probeOutstanding = false;
   int unanswered = 0;
-  std::optional<std::uint64_t> bytesAtProbe;
+  std::uint64_t bytesAtProbe = 0;
 
   [[noreturn]] void fail(SSHError::Kind kind, std::string const& cause) const {
     throw SSHError(kind, description + ": " + cause);
@@ -566,6 +554,7 @@ Session::Session(std::string host, int port, AuthMethods const& authMethods, SSH
          "authentication failed; tried: " + (attempts.empty() ? std::string("no method") : joined(attempts, ", ")) +
              "; the server offers: " + offeredMethods(offered));
   }
+  ssh_set_counters(impl.session.get(), &impl.received, nullptr);
   ssh_set_blocking(impl.session.get(), 0);
   impl.event.reset(ssh_event_new());
   if (!impl.event || ssh_event_add_session(impl.event.get(), impl.session.get()) != SSH_OK) {
@@ -596,13 +585,9 @@ bool Session::wait(std::chrono::milliseconds timeout) {
   bool const keepalives = impl.keepalive.count() > 0;
   auto const deadline = timeout.count() < 0 ? Clock::time_point::max() : Clock::now() + timeout;
   for (;;) {
-    auto now = Clock::now();
+    auto const now = Clock::now();
     if (keepalives && now >= impl.nextProbe) {
-      // libssh may take the answer off the socket before poll() sees it
-      // (any libssh call reads what is there), so the kernel's byte count
-      // is the reliable witness where there is one.
-      auto const received = bytesReceived(ssh_get_fd(session));
-      bool const answered = received && impl.bytesAtProbe && *received != *impl.bytesAtProbe;
+      bool const answered = impl.received.in_bytes != impl.bytesAtProbe;
       if (impl.probeOutstanding && !answered && ++impl.unanswered >= kMaxUnansweredIntervals) {
         impl.fail(SSHError::Kind::ConnectionLost,
                   "connection lost: the server did not answer " + std::to_string(kMaxUnansweredIntervals) +
@@ -612,35 +597,46 @@ bool Session::wait(std::chrono::milliseconds timeout) {
       // libssh keeps one global request in flight: a call whose earlier
       // request was answered only collects that answer, so the second call
       // makes sure a new keep-alive goes out.
-      impl.bytesAtProbe = received;
+      impl.bytesAtProbe = impl.received.in_bytes;
       ssh_send_keepalive(session);
       ssh_send_keepalive(session);
       impl.probeOutstanding = true;
       impl.nextProbe = now + impl.keepalive;
     }
-    auto wakeUp = std::min(deadline, keepalives ? impl.nextProbe : Clock::time_point::max());
+    auto const wakeUp = std::min(deadline, keepalives ? impl.nextProbe : Clock::time_point::max());
     int pollTimeout = -1;
     if (wakeUp != Clock::time_point::max()) {
       auto const left = std::chrono::ceil<std::chrono::milliseconds>(wakeUp - now).count();
       pollTimeout = static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
     }
-    pollfd descriptor{ssh_get_fd(session), POLLIN, 0};
-    if ((ssh_get_poll_flags(session) & SSH_WRITE_PENDING) != 0) descriptor.events |= POLLOUT;
-    int const ready = poll(&descriptor, 1, pollTimeout);
-    if (ready < 0 && errno != EINTR) {
-      impl.fail(SSHError::Kind::ConnectionLost, std::string("cannot wait for the server: ") + std::strerror(errno));
+    // One poll() per wake-up: libssh's own, which also asks for
+    // writability while output is pending and takes in what arrived.
+    std::uint64_t const before = impl.received.in_bytes;
+    errno = 0;
+    int const rc = ssh_event_dopoll(impl.event.get(), pollTimeout);
+    int const pollError = errno;
+    if (impl.received.in_bytes != before) impl.heard();
+    if (ssh_is_connected(session) == 0) impl.fail(SSHError::Kind::ConnectionLost, "connection lost: " + libraryError());
+    if (rc == SSH_ERROR) {
+      // A signal: the caller's loop gets to look at it.
+      if (pollError == EINTR) return true;
+      impl.fail(SSHError::Kind::ConnectionLost, std::string("cannot wait for the server: ") + std::strerror(pollError));
     }
-    if (ready > 0) {
-      if ((descriptor.revents & POLLIN) != 0) impl.heard();
-      ssh_event_dopoll(impl.event.get(), 0);
-      if (ssh_is_connected(session) == 0) {
-        impl.fail(SSHError::Kind::ConnectionLost, "connection lost: " + libraryError());
-      }
-      return true;
-    }
-    now = Clock::now();
-    if (now >= deadline) return false;
+    if (rc != SSH_AGAIN) return true;
+    if (Clock::now() >= deadline) return false;
   }
+}
+
+bool Session::takeIn() {
+  Impl& impl = *impl_;
+  std::uint64_t const before = impl.received.in_bytes;
+  ssh_event_dopoll(impl.event.get(), 0);
+  if (ssh_is_connected(impl.session.get()) == 0) {
+    impl.fail(SSHError::Kind::ConnectionLost, "connection lost: " + libraryError());
+  }
+  if (impl.received.in_bytes == before) return false;
+  impl.heard();
+  return true;
 }
 
 // ---- Channel -----------------------------------------------------------------------
@@ -651,6 +647,10 @@ struct Channel::State {
   ssh_channel_callbacks_struct callbacks{};
   std::optional<int> exitStatus;
   bool eofSent = false;
+  // Data may wait in libssh's buffer of that stream: set whenever data
+  // arrives, cleared by a read that empties the buffer. A read of a stream
+  // known empty costs nothing, where libssh would poll the socket.
+  std::array<bool, 2> buffered{};
 
   [[noreturn]] void fail(std::string const& what) const {
     if (ssh_is_connected(session->raw()) == 0) {
@@ -686,28 +686,26 @@ struct Channel::State {
   }
 };
 
-namespace {
-
-void onExitStatus(ssh_session, ssh_channel, int status, void* userdata) {
-  static_cast<std::optional<int>*>(userdata)->emplace(status);
-}
-
-void onExitSignal(ssh_session, ssh_channel, char const* signal, int, char const*, char const*, void* userdata) {
-  // A shell reports a command killed by signal N as 128 + N; so do we.
-  static_cast<std::optional<int>*>(userdata)->emplace(128 + signalNumber(signal));
-}
-
-}  // namespace
-
 Channel::Channel(Session& session) : state_(std::make_unique<State>()) {
   State& state = *state_;
   state.session = &session;
   state.channel = ssh_channel_new(session.raw());
   if (state.channel == nullptr) state.fail("cannot create a channel");
   ssh_callbacks_init(&state.callbacks);
-  state.callbacks.userdata = &state.exitStatus;
-  state.callbacks.channel_exit_status_function = onExitStatus;
-  state.callbacks.channel_exit_signal_function = onExitSignal;
+  state.callbacks.userdata = &state;
+  state.callbacks.channel_exit_status_function = [](ssh_session, ssh_channel, int status, void* userdata) {
+    static_cast<State*>(userdata)->exitStatus.emplace(status);
+  };
+  state.callbacks.channel_exit_signal_function = [](ssh_session, ssh_channel, char const* signal, int, char const*,
+                                                    char const*, void* userdata) {
+    // A shell reports a command killed by signal N as 128 + N; so do we.
+    static_cast<State*>(userdata)->exitStatus.emplace(128 + signalNumber(signal));
+  };
+  state.callbacks.channel_data_function = [](ssh_session, ssh_channel, void*, std::uint32_t, int isStderr,
+                                             void* userdata) {
+    static_cast<State*>(userdata)->buffered[isStderr != 0 ? 1 : 0] = true;
+    return 0;  // consume nothing: the data stays for Channel::read
+  };
   ssh_set_channel_callbacks(state.channel, &state.callbacks);
   state.request([channel = state.channel] { return ssh_channel_open_session(channel); },
                 "cannot open a session channel", Answer::Wait);
@@ -782,16 +780,19 @@ std::size_t Channel::read(void* buffer, std::size_t size, Stream stream) {
 }
 
 std::size_t Channel::read(std::string& out, Stream stream) {
-  constexpr std::size_t kChunk = 64 * 1024;
-  std::size_t total = 0;
-  for (;;) {
-    std::size_t const before = out.size();
-    out.resize(before + kChunk);
-    std::size_t const n = read(out.data() + before, kChunk, stream);
-    out.resize(before + n);
-    total += n;
-    if (n == 0) return total;
-  }
+  bool const isStderr = stream == Stream::Stderr;
+  bool& buffered = state_->buffered[isStderr ? 1 : 0];
+  if (!buffered) return 0;
+  buffered = false;
+  // Exactly what is there: no room made (and zeroed) in advance.
+  int const available = ssh_channel_poll(state_->channel, isStderr ? 1 : 0);
+  if (available == SSH_ERROR) state_->fail("cannot read from the server");
+  if (available <= 0) return 0;
+  std::size_t const before = out.size();
+  out.resize(before + static_cast<std::size_t>(available));
+  std::size_t const n = read(out.data() + before, static_cast<std::size_t>(available), stream);
+  out.resize(before + n);
+  return n;
 }
 
 bool Channel::finished() const {

@@ -38,10 +38,9 @@
 //
 // Keep-alive: while wait() sleeps, it sends keepalive@openssh.com (a global
 // request with want-reply) after each keep-alive interval in which nothing
-// arrived from the server. Any byte from the server counts as the answer: the
-// kernel's count of received bytes (TCP_INFO) is the witness, since libssh
-// may take the reply off the socket inside any call; over a non-TCP transport
-// (ProxyCommand) only what wait() itself sees counts. An interval that ends
+// arrived from the server. Any byte from the server counts as the answer:
+// libssh's count of bytes taken off the socket is the witness, since libssh
+// may take the reply off the socket inside any call. An interval that ends
 // with a keep-alive outstanding and no byte received is unanswered, and the
 // third unanswered interval in a row fails the session with ConnectionLost:
 // a silent server is given up 3 to 4 intervals after its last byte, an
@@ -95,8 +94,14 @@ class Session {
   // Sleeps until the server sent something, pending output could be flushed,
   // or `timeout` passed (returns false only then). Sends keep-alives and
   // throws SSHError(ConnectionLost) as described above.
+  // A signal also ends the sleep (returns true), so that a caller's loop
+  // can look at what the signal asked for.
   static constexpr std::chrono::milliseconds kForever{-1};
   bool wait(std::chrono::milliseconds timeout = kForever);
+
+  // Takes in what has already arrived, without sleeping: one poll(). True
+  // when bytes came in. Throws SSHError(ConnectionLost) as wait() does.
+  bool takeIn();
 
   [[nodiscard]] std::chrono::seconds keepaliveInterval() const noexcept;
   void setKeepaliveInterval(std::chrono::seconds interval) noexcept;

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstdint>
+#include <initializer_list>
 #include <random>
 #include <string_view>
 #include <utility>
@@ -34,19 +35,19 @@ constexpr std::chrono::seconds kCloseGrace{2};
 // The longest status text after a marker: "255", or "-" for "not run".
 constexpr std::size_t kMaxStatusText = 3;
 
-std::string shellQuoted(std::string_view text) {
-  std::string quoted;
-  quoted.reserve(text.size() + 2);
-  quoted += '\'';
-  for (char const c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
+// Appends `text` as one single-quoted sh word.
+void appendQuoted(std::string& line, std::string_view text) {
+  line += '\'';
+  for (std::size_t quote; (quote = text.find('\'')) != std::string_view::npos; text.remove_prefix(quote + 1)) {
+    line.append(text.data(), quote);
+    line += "'\\''";
   }
-  quoted += '\'';
-  return quoted;
+  line += text;
+  line += '\'';
+}
+
+void appendAll(std::string& line, std::initializer_list<std::string_view> pieces) {
+  for (std::string_view const piece : pieces) line += piece;
 }
 
 bool endsWith(std::string_view text, std::string_view suffix) {
@@ -90,10 +91,12 @@ std::optional<std::size_t> markerLine(std::string_view text, std::string_view ma
 // meanwhile, so a cat's process id cannot be reused while the shell lives (a
 // dead cat stays a zombie), and once the shell has gone the helper stops its
 // cat and ends. Helper errors go to /dev/null. The last lines announce
-// readiness with `ready` and the two cats' ids, keep the channel's standard
-// error on fd 8 for commands evaluated in the shell itself, and silence the
-// shell's own: a command killed by a signal must not earn a "Killed" from it,
-// which an exec channel never shows.
+// readiness with `ready` and the two cats' ids. The shell keeps the channel's
+// standard error (also on fd 8, for the cat of standard error), so that a
+// command evaluated in the shell itself needs no redirection; a command run
+// in a subshell is waited for with the shell's standard error on /dev/null:
+// it must not earn a "Killed" from the shell, which an exec channel never
+// shows.
 std::string startupScript(std::string const& pipeName, std::string const& ready) {
   // Sets up the four pipes of one cat on descriptors 3 to 6, one pipeline at
   // a time, then runs `body` with them.
@@ -131,8 +134,7 @@ std::string startupScript(std::string const& pipeName, std::string const& ready)
          "printf '%s\\n' " +
          ready +
          " >&2\n"
-         "unset a d n p q\n"
-         "exec 2>/dev/null\n";
+         "unset a d n p q\n";
 }
 
 // The process id of a cat, as the ready line gives it.
@@ -187,6 +189,7 @@ class ShellChannelRunner::Shell {
   std::array<PipeSet, 2> sets_;
   std::size_t set_ = 0;
   std::size_t commandsLeft_ = kCommandsPerShell;
+  std::string line_;  // the line of the last command; its room is reused
 };
 
 ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_(session) {
@@ -254,7 +257,8 @@ bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& ou
 }
 
 bool ShellChannelRunner::Shell::ready() {
-  // Reading first takes in whatever news has arrived (an exit status, EOF).
+  // Takes in whatever news has arrived (stray output, an exit status, EOF).
+  session_.takeIn();
   std::string stray;
   if (channel_.read(stray, Stream::Stdout) + channel_.read(stray, Stream::Stderr) > 0) return false;
   return commandsLeft_ > 0 && !channel_.exitStatus() && !channel_.remoteEof() && !channel_.finished();
@@ -266,12 +270,15 @@ ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string co
   std::string_view text = command;
   while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
   std::string const marker = randomMarker(random_);
-  std::string line;
+  std::string& line = line_;
+  line.clear();
   if (isStateFreeCommand(text)) {
     // Output written by the shell itself cannot linger after the marker, so
-    // it goes to the channel directly, and the cats keep their rounds.
-    line = "{ eval " + shellQuoted(text) + "; } 2>&8; printf '%s%d\\n' " + marker + " \"$?\" && printf '%s\\n' " +
-           marker + " >&8 || exit\n";
+    // it goes to the channel directly, and the cats keep their rounds. The
+    // one redirection is the marker's on standard error.
+    line += "eval ";
+    appendQuoted(line, text);
+    appendAll(line, {"; printf '%s%d\\n' ", marker, " \"$?\" && printf '%s\\n' ", marker, " >&2 || exit\n"});
   } else {
     --commandsLeft_;
     // The command writes to the pipes held on 6 and 7, the markers go to
@@ -280,17 +287,18 @@ ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string co
     // gone from /proc) means the command is not run.
     PipeSet const& pipes = sets_[set_];
     set_ ^= 1U;
-    line = "if [ -e " + pipes.marker.out + " ] && [ -e " + pipes.marker.err +
-           " ]; then (exec 6>&- 7>&- 8>&- 9>&-; eval " + shellQuoted(text) +
-           " </dev/null) </dev/null >&6 2>&7; printf '%s%d\\n' " + marker + " \"$?\" >" + pipes.marker.out +
-           " && printf '%s\\n' " + marker + " >" + pipes.marker.err + " || exit; exec 6>" + pipes.next.out + " 7>" +
-           pipes.next.err + "; else printf '%s-\\n' " + marker + "; exit; fi\n";
+    appendAll(line, {"{ if [ -e ", pipes.marker.out, " ] && [ -e ", pipes.marker.err,
+                     " ]; then (exec 6>&- 7>&- 8>&- 9>&-; eval "});
+    appendQuoted(line, text);
+    appendAll(line, {" </dev/null) </dev/null >&6 2>&7; printf '%s%d\\n' ", marker, " \"$?\" >", pipes.marker.out,
+                     " && printf '%s\\n' ", marker, " >", pipes.marker.err, " || exit; exec 6>", pipes.next.out, " 7>",
+                     pipes.next.err, "; else printf '%s-\\n' ", marker, "; exit; fi; } 2>/dev/null\n"});
   }
 
   std::string out;
   std::string err;
   std::optional<std::size_t> outAt;
-  bool const completed = exchange(line, out, err, [&] {
+  bool const completed = exchange(line_, out, err, [&] {
     outAt = markerLine(out, marker);
     if (!outAt) return false;
     return out.compare(*outAt + marker.size(), 2, "-\n") == 0 || endsWith(err, marker + "\n");
