@@ -60,6 +60,10 @@ FileAccess::ExecuteCommandResult FileAccess::remoteExecute(ustring command) {
   return remote_->execute(std::move(command));
 }
 
+int FileAccess::remoteExecuteStreaming(ustring const& command, foundation::sshclient::CommandStreams const& streams) {
+  return remote_->executeStreaming(command, streams);
+}
+
 void FileAccess::setKeepaliveInterval(std::chrono::seconds interval) { remote_->setKeepaliveInterval(interval); }
 
 std::chrono::seconds FileAccess::getKeepaliveInterval() const { return remote_->getKeepaliveInterval(); }

@@ -52,6 +52,9 @@ class SSHFA_EXPORT FileAccess {
 
   // Runs a command on the remote host; a non-zero exit status is no error.
   ExecuteCommandResult remoteExecute(ustring command);
+  // The same with live streams: output handed over as it arrives, standard
+  // input fed until its end; returns the exit status (130 when stopped).
+  int remoteExecuteStreaming(ustring const& command, foundation::sshclient::CommandStreams const& streams);
 
   void setKeepaliveInterval(std::chrono::seconds interval);
   [[nodiscard]] std::chrono::seconds getKeepaliveInterval() const;

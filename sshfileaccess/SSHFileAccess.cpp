@@ -29,6 +29,11 @@ SSHFileAccess::ExecuteCommandResult SSHFileAccess::execute(ustring command) {
   return client_->executeCommand(ssh::ExecuteCommand(std::move(command)));
 }
 
+int SSHFileAccess::executeStreaming(ustring const& command, ssh::CommandStreams const& streams) {
+  logRecord(kTraceSeverity, [&] { return "Executing command: " + ustr2str(command); });
+  return client_->executeStreaming(command, streams);
+}
+
 std::vector<SSHFileAccess::ExecuteCommandResult> SSHFileAccess::execute(std::vector<ustring> const& commands) {
   std::vector<ExecuteCommandResult> results;
   results.reserve(commands.size());

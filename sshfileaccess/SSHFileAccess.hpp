@@ -40,6 +40,11 @@ class SSHFA_EXPORT SSHFileAccess : public FileAccessInterface {
   ExecuteCommandResult executeExpectNoError(ustring command);
   std::vector<ExecuteCommandResult> executeExpectNoError(std::vector<ustring> const& commands);
 
+  // Runs one command line with its output handed to `streams` as it arrives
+  // and its standard input fed from them (see SSHClient::executeStreaming);
+  // returns the exit status. Logged as execute logs.
+  int executeStreaming(ustring const& command, foundation::sshclient::CommandStreams const& streams);
+
   // Transfers sources[i] to destinations[i] (destinations at least as long)
   // with protocol 0 and mode 0744.
   void copy(TransferDirection direction, std::vector<ustring> const& sources, std::vector<ustring> const& destinations);

@@ -3,6 +3,7 @@
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/internal/ExecChannelRunner.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/StreamingCommand.hpp"
 #include "sshfileaccess/platform/sshclient/internal/ShellChannelRunner.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Transfer.hpp"
 
@@ -41,6 +42,10 @@ SSHClient::~SSHClient() = default;
 ExecuteCommandResult SSHClient::executeCommand(ExecuteCommand command) {
   internal::CommandOutput output = impl_->runner_->run(fl::i18n::ustring_to_utf8(command.getCommand()));
   return {output.exitStatus, fl::i18n::utf8_to_ustring(output.out), fl::i18n::utf8_to_ustring(output.err)};
+}
+
+int SSHClient::executeStreaming(ustring const& command, CommandStreams const& streams) {
+  return internal::runStreaming(impl_->session_, fl::i18n::ustring_to_utf8(command), streams);
 }
 
 void SSHClient::copyFiles(CopyFilesCommand command) {

@@ -22,6 +22,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -96,6 +97,21 @@ class SSHFA_EXPORT ExecuteCommandResult {
   int exitcode_ = 0;
   ustring stdout_;
   ustring stderr_;
+};
+
+// Where a streamed command's standard streams go and come from.
+struct CommandStreams {
+  // Called with each piece of standard output / error as it arrives, in
+  // order per stream; null: dropped.
+  std::function<void(std::string_view)> out;
+  std::function<void(std::string_view)> err;
+  // Read until end-of-file and sent as the command's standard input; -1:
+  // none (the command reads end-of-file at once). Blocking or not; never
+  // closed here.
+  int inputFd = -1;
+  // Asked at every wake-up and at least a few times a second; true stops
+  // the command: it is sent SIGINT, then its channel is closed.
+  std::function<bool()> stopRequested;
 };
 
 struct FileLocations {
@@ -231,6 +247,12 @@ class SSHFA_EXPORT SSHClient {
   // exit status, standard output and standard error. A command killed by a
   // signal reports 128 + the signal number.
   virtual ExecuteCommandResult executeCommand(ExecuteCommand command);
+
+  // Runs the line as executeCommand does, but on a channel of its own,
+  // handing output over as it arrives and feeding standard input; returns
+  // the exit status (128 + N when killed by signal N, 130 when stopped).
+  // The persistent shell is not used: its standard input carries its script.
+  virtual int executeStreaming(ustring const& command, CommandStreams const& streams);
 
   // Performs every transfer of the command over SFTP, each file written to a
   // temporary name and renamed into place when complete; or throws

@@ -65,6 +65,7 @@ struct Invocation {
   bool parents = false;
   std::vector<std::string> pairs;
   std::vector<std::string> words;
+  bool noInput = false;  // exec: standard input not read
   DemoSettings demo;
 };
 
@@ -300,7 +301,7 @@ int dispatch(CLI::App const& app, Invocation& inv) {
     SilencedStderr const silenced(inv.quiet);
     return runTransfer(*access, progress, name == "put", inv.pairs, inv.json);
   }
-  if (name == "exec") return runExec(*access, inv.words, inv.json);
+  if (name == "exec") return runExec(*access, inv.words, inv.json, inv.noInput);
   return runFileCommand(*access->remote(), inv.file);
 }
 
@@ -314,9 +315,13 @@ std::vector<char*> splitOffExecWords(CLI::App const& app, int argc, char** argv,
   auto const i = static_cast<int>(positions.front());
   int first = i + 1;
   if (first < argc && (std::string(argv[first]) == "-h" || std::string(argv[first]) == "--help")) return kept;
+  // exec's own flag -n comes first; the words after it are the command's.
+  bool const noInput = first < argc && std::string(argv[first]) == "-n";
+  if (noInput) ++first;
   if (first < argc && std::string(argv[first]) == "--") ++first;
   words.assign(argv + first, argv + argc);
   kept.resize(static_cast<std::size_t>(i) + 1);
+  if (noInput) kept.push_back(argv[i + 1]);
   return kept;
 }
 
@@ -362,10 +367,13 @@ int run(int argc, char** argv) {
   auto* exec = app.add_subcommand("exec",
                                   "Run a command with the remote shell; prints its output, exits with its "
                                   "status");
+  exec->add_flag("-n,--no-stdin", inv.noInput,
+                 "Do not read standard input (the command reads end-of-file); must follow exec directly");
   exec->footer(
-      "Usage: sshfa [OPTIONS] exec [--] COMMAND [ARGUMENTS...]\n"
+      "Usage: sshfa [OPTIONS] exec [-n] [--] COMMAND [ARGUMENTS...]\n"
       "Everything after exec is the remote command, options included; the words are joined with blanks and run by "
-      "the remote POSIX shell, so quote what that shell should see as one word.");
+      "the remote POSIX shell, so quote what that shell should see as one word. Output is shown as it arrives, "
+      "standard input is passed on until its end, Ctrl-C stops the command (exit status 130).");
   auto* demo = app.add_subcommand("demo", "A tour of the library against a private sshd on 127.0.0.1");
   demo->add_option("--files", inv.demo.files, "Files in the demo tree")->check(CLI::Range(10, 100000));
 

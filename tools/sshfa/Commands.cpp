@@ -7,12 +7,17 @@
 #include <array>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/lexical_cast/bad_lexical_cast.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <functional>
+#include <stdexcept>
+#include <string_view>
 #include <map>
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "tools/sshfa/Interrupt.hpp"
 #include "tools/sshfa/Text.hpp"
 
 namespace sshfa::cli {
@@ -24,6 +29,18 @@ using PathList = sfa::FileAccessInterface::PathList;
 using PathPairs = sfa::FileAccessInterface::PathPairs;
 
 std::string shown(ustring const& text) { return forStream(STDOUT_FILENO, text); }
+
+// Unbuffered: a streamed command's output is seen as it arrives.
+void writeFully(int fd, std::string_view text) {
+  while (!text.empty()) {
+    ssize_t const n = ::write(fd, text.data(), text.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      throw std::runtime_error(fmt::format("cannot write to {}: {}", fd == STDOUT_FILENO ? "standard output" : "standard error", std::strerror(errno)));
+    }
+    text.remove_prefix(static_cast<std::size_t>(n));
+  }
+}
 
 PathList toPaths(std::vector<std::string> const& args) {
   PathList paths;
@@ -367,18 +384,24 @@ int runFileCommand(sfa::FileAccessInterface& side, FileCommand const& command) {
   return handlers().at(command.name)(side, command);
 }
 
-int runExec(sfa::FileAccess& access, std::vector<std::string> const& words, bool json) {
+int runExec(sfa::FileAccess& access, std::vector<std::string> const& words, bool json, bool noInput) {
   std::string command;
   for (auto const& word : words) command += (command.empty() ? "" : " ") + word;
-  auto const result = access.remoteExecute(fl::i18n::utf8_to_ustring(command));
   if (json) {
+    auto const result = access.remoteExecute(fl::i18n::utf8_to_ustring(command));
     writeTo(stdout, fmt::format("{{\"exitCode\": {}, \"stdout\": {}, \"stderr\": {}}}\n", result.getExitcode(),
                                 jsonString(result.getStdout()), jsonString(result.getStderr())));
-  } else {
-    writeTo(stdout, raw(result.getStdout()));
-    writeTo(stderr, raw(result.getStderr()));
+    return std::clamp(result.getExitcode(), 0, 255);
   }
-  return std::clamp(result.getExitcode(), 0, 255);
+  InterruptGuard const guard;
+  foundation::sshclient::CommandStreams streams;
+  streams.out = [](std::string_view text) { writeFully(STDOUT_FILENO, text); };
+  streams.err = [](std::string_view text) { writeFully(STDERR_FILENO, text); };
+  streams.inputFd = noInput ? -1 : STDIN_FILENO;
+  streams.stopRequested = [] { return pendingInterrupt() != 0; };
+  int const status = access.remoteExecuteStreaming(fl::i18n::utf8_to_ustring(command), streams);
+  throwIfInterrupted();
+  return std::clamp(status, 0, 255);
 }
 
 }  // namespace sshfa::cli

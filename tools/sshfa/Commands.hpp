@@ -37,6 +37,10 @@ int runFileCommand(nimbal::remoteaccess::sshfileaccess::FileAccessInterface& sid
 
 // exec: the words joined by blanks, run by the remote shell; its output goes
 // to ours and its exit status becomes ours.
-int runExec(nimbal::remoteaccess::sshfileaccess::FileAccess& access, std::vector<std::string> const& words, bool json);
+// Streams the command's output as it arrives and feeds it this process's
+// standard input until its end (none with noInput); with json, collects the
+// output into one answer instead. Ctrl-C stops the command (Interrupted).
+int runExec(nimbal::remoteaccess::sshfileaccess::FileAccess& access, std::vector<std::string> const& words, bool json,
+            bool noInput);
 
 }  // namespace sshfa::cli

@@ -26,6 +26,8 @@ class LoginNoiseFilter {
   explicit LoginNoiseFilter(std::string_view marker);
   // Call after appending to `text` (the whole stream so far).
   void drop(std::string& text);
+  // The marker line has been seen (and dropped).
+  [[nodiscard]] bool passed() const noexcept { return passed_; }
 
  private:
   std::string line_;

@@ -4,11 +4,42 @@
 
 namespace foundation::sshclient::internal {
 
-std::string execWrapper(std::string_view marker) {
+namespace {
+
+// Prints the marker on both streams, in two pieces (see the header).
+std::string markerLines(std::string_view marker) {
   std::size_t const half = marker.size() / 2;
   std::string const print =
       "printf \"%s%s\\n\" " + std::string(marker.substr(0, half)) + " " + std::string(marker.substr(half));
-  return "exec sh -c '" + print + "; " + print + " >&2; eval \"$(cat)\" </dev/null'";
+  return print + "; " + print + " >&2; ";
+}
+
+}  // namespace
+
+std::string execWrapper(std::string_view marker) {
+  return "exec sh -c '" + markerLines(marker) + "eval \"$(cat)\" </dev/null'";
+}
+
+std::string streamingWrapper(std::string_view marker) {
+  // read -r takes the line byte by byte, so not one byte of the input after
+  // it is consumed; "$(...)" drops trailing line feeds, as "$(cat)" does.
+  return "exec sh -c '" + markerLines(marker) + "echo $$; IFS= read -r t || exit 127; eval \"$(printf \"%b\" \"$t\")\"'";
+}
+
+std::string streamingCommandLine(std::string_view command) {
+  std::string line;
+  line.reserve(command.size() + 1);
+  for (char const c : command) {
+    if (c == '\\') {
+      line += "\\0134";
+    } else if (c == '\n') {
+      line += "\\012";
+    } else {
+      line += c;
+    }
+  }
+  line += '\n';
+  return line;
 }
 
 ExecChannelRunner::ExecChannelRunner(Session& session) : session_(session) {

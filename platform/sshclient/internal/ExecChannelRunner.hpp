@@ -22,6 +22,15 @@ namespace foundation::sshclient::internal {
 // pieces, so that a login that echoes the line does not print it.
 std::string execWrapper(std::string_view marker);
 
+// The same for a command whose standard input is the channel's: the command
+// text comes first, as one line in which every backslash and line feed is
+// written as a printf %b escape; what follows the line is the command's.
+// After the marker line, standard output starts with a line holding the
+// process id of that sh, which leads the session's process group.
+std::string streamingWrapper(std::string_view marker);
+// That line for `command`.
+std::string streamingCommandLine(std::string_view command);
+
 class ExecChannelRunner final : public CommandRunner {
  public:
   explicit ExecChannelRunner(Session& session);

@@ -4,6 +4,7 @@
 
 #include <libssh/callbacks.h>
 #include <libssh/server.h>  // ssh_send_keepalive
+#include <poll.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -625,6 +626,24 @@ bool Session::wait(std::chrono::milliseconds timeout) {
     if (rc != SSH_AGAIN) return true;
     if (Clock::now() >= deadline) return false;
   }
+}
+
+bool Session::wait(std::chrono::milliseconds timeout, int fd, bool& readable) {
+  if (fd < 0) return wait(timeout);
+  ssh_event const event = impl_->event.get();
+  auto const onReadable = [](socket_t, int, void* flag) {
+    *static_cast<bool*>(flag) = true;
+    return 0;
+  };
+  if (ssh_event_add_fd(event, fd, POLLIN, onReadable, &readable) != SSH_OK) {
+    impl_->fail(SSHError::Kind::Channel, "cannot watch descriptor " + std::to_string(fd));
+  }
+  struct Unwatch {
+    ssh_event event;
+    int fd;
+    ~Unwatch() { ssh_event_remove_fd(event, fd); }
+  } const unwatch{event, fd};
+  return wait(timeout);
 }
 
 bool Session::takeIn() {

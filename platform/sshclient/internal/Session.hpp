@@ -98,6 +98,9 @@ class Session {
   // can look at what the signal asked for.
   static constexpr std::chrono::milliseconds kForever{-1};
   bool wait(std::chrono::milliseconds timeout = kForever);
+  // The same, also woken when `fd` (when >= 0) can be read without blocking
+  // (or is at its end), which sets `readable`.
+  bool wait(std::chrono::milliseconds timeout, int fd, bool& readable);
 
   // Takes in what has already arrived, without sleeping: one poll(). True
   // when bytes came in. Throws SSHError(ConnectionLost) as wait() does.
