@@ -428,6 +428,48 @@ TEST_F(CliTest, ExecPassesOutputAndStatusThrough) {
   EXPECT_EQ(remote({"--json", "exec", "exit 3"}).status, 3);
 }
 
+TEST_F(CliTest, ExecForwardsStandardInputUntilItsEnd) {
+  ToolOptions options;
+  options.input = "hello\n";
+  auto const echoed = remote({"exec", "cat"}, options);
+  EXPECT_EQ(echoed.status, 0);
+  EXPECT_EQ(echoed.out, "hello\n");
+  EXPECT_EQ(echoed.err, "");
+
+  // -n: not read at all; the command reads end-of-file.
+  auto const unread = remote({"exec", "-n", "cat; echo done"}, options);
+  EXPECT_EQ(unread.status, 0);
+  EXPECT_EQ(unread.out, "done\n");
+}
+
+TEST_F(CliTest, ExecShowsOutputAsItArrives) {
+  // The command ends only after this test has seen its first line: the
+  // sshd runs on this machine, so it sees the flag file the test creates.
+  std::string const flag = at("go");
+  std::vector<std::string> args = connection();
+  args.insert(args.end(), {"exec", "echo a; while [ ! -e '" + flag + "' ]; do sleep 0.05; done; echo b"});
+  ToolProcess process(args, {});
+  ASSERT_TRUE(process.waitForOutput("a\n", std::chrono::seconds(60)));
+  EXPECT_EQ(process.outputSoFar(), "a\n");
+  writeFile(flag, "");
+  auto const result = process.finish();
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "a\nb\n");
+}
+
+TEST_F(CliTest, ExecCtrlCStopsTheRemoteCommandWith130) {
+  std::vector<std::string> args = connection();
+  args.insert(args.end(), {"exec", "echo started; exec sleep 4712"});
+  ToolProcess process(args, {});
+  ASSERT_TRUE(process.waitForOutput("started\n", std::chrono::seconds(60)));
+  process.signal(SIGINT);
+  auto const result = process.finish();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(result.out, "started\n");
+  EXPECT_THAT(result.err, HasSubstr("sshfa: interrupted\n"));
+  EXPECT_EQ(remote({"exec", "ps -eo args | grep -c '^sleep 4712$'"}).out, "0\n");
+}
+
 // ---- names a terminal would act on -----------------------------------------------------
 
 TEST_F(CliTest, ControlCharactersInNamesAreEscapedOnATerminalOnly) {
