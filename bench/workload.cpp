@@ -9,7 +9,8 @@
 //   stat LIST       getFileInfo over the paths in LIST (one per line), one call
 //   exists LIST     exists over the paths in LIST, one call
 //   walk DIR        listRecursively of DIR
-// Prints {"connect": s, "work": s, "count": n}; exit status 1 and a message on
+// Prints {"connect": s, "first": s, "work": s, "count": n} (first: the first
+// command, which starts the persistent shell); exit status 1 and a message on
 // standard error on failure.
 
 #include <algorithm>
@@ -99,7 +100,8 @@ int main(int argc, char** argv) {
     auto const workStart = Clock::now();
     long const count = countWork(access, rest[0], rest.size() > 1 ? rest[1] : std::string());
     double const work = rest[0] == "connect" ? first : secondsSince(workStart);
-    std::printf("{\"connect\": %.6f, \"work\": %.6f, \"count\": %ld}\n", connect, work, count);
+    std::printf("{\"connect\": %.6f, \"first\": %.6f, \"work\": %.6f, \"count\": %ld}\n", connect, first, work,
+                count);
     return 0;
   } catch (std::exception const& error) {
     std::cerr << "workload: " << error.what() << "\n";

@@ -8,8 +8,10 @@
 # counted rounds (default 5). Every connection uses aes128-gcm@openssh.com
 # where the client can (the report lists what each negotiated).
 #   scripts/bench.sh [WORKLOAD ...]   upload-1g download-1g upload-10k
-#                                     download-10k stat-10k exists-1000
-#                                     list-100k connect (default: all)
+#                                     download-10k upload-1small
+#                                     download-1small upload-300 download-300
+#                                     stat-10k exists-1000 list-100k connect
+#                                     (default: all)
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
 #   SSHFA_BENCH_OUT   report folder (default: bench/results)
@@ -24,7 +26,8 @@ runs=${SSHFA_BENCH_RUNS:-5}
 out_dir=${SSHFA_BENCH_OUT:-bench/results}
 settle=${SSHFA_BENCH_SETTLE:-0.5}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
-all_workloads="upload-1g download-1g upload-10k download-10k stat-10k exists-1000 list-100k connect"
+all_workloads="upload-1g download-1g upload-10k download-10k upload-1small download-1small upload-300"
+all_workloads+=" download-300 stat-10k exists-1000 list-100k connect"
 workloads=${*:-$all_workloads}
 for w in $workloads; do
   case " $all_workloads " in *" $w "*) ;; *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;; esac
@@ -151,13 +154,14 @@ run_step() {  # workload tool round function
   fi
 }
 
-# Takes the "work" (or another) field of a library's JSON answer as the step's time.
+# Takes the "work" (or another) field of a library's JSON answer as the step's
+# time; "a+b" sums the fields a and b.
 library_time() {  # field command...
   local field=$1
   shift
   "$@" >"$work/answer.json"
-  $python -c "import json,sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])" "$work/answer.json" "$field" \
-    >"$work/seconds"
+  $python -c "import json,sys; a = json.load(open(sys.argv[1])); print(sum(a[f] for f in sys.argv[2].split('+')))" \
+    "$work/answer.json" "$field" >"$work/seconds"
 }
 
 # Runs the tools of one workload interleaved; `prepare` runs before every step
@@ -250,6 +254,42 @@ tdown_tar() {
 tdown_paramiko() { "${paramiko_cmd[@]}" get-tree "$tree_remote" "$tree_down"; }
 tdown_asyncssh() { "${asyncssh_cmd[@]}" get-tree "$tree_remote" "$tree_down"; }
 
+# One file of 12 KiB, and a folder of 300 such files.
+small_local=$local_dir/small
+small_remote=$remote_dir/small
+small_up=$remote_dir/small-up
+small_down=$local_dir/small-down
+make_small() {
+  [ -d "$small_local" ] && return
+  mkdir -p "$small_local/many"
+  head -c 12288 /dev/urandom >"$small_local/one.bin"
+  for i in $(seq -w 300); do head -c 12288 /dev/urandom >"$small_local/many/f$i.bin"; done
+  cp -r "$small_local" "$small_remote"
+}
+reset_small_up() { rm -rf "$small_up" && mkdir -p "$small_up"; }
+reset_small_down() { rm -rf "$small_down" && mkdir -p "$small_down"; }
+check_one_up() { cmp -s "$small_local/one.bin" "$small_up/one.bin"; }
+check_one_down() { cmp -s "$small_remote/one.bin" "$small_down/one.bin"; }
+check_many_up() { diff -r "$small_local/many" "$small_up/many" >/dev/null; }
+check_many_down() { diff -r "$small_remote/many" "$small_down/many" >/dev/null; }
+
+one_up_sshfa() { "${sshfa_cmd[@]}" put "$small_local/one.bin" "$small_up/one.bin"; }
+one_up_scp() { scp "${ssh_cfg[@]}" -o ControlPath=none "$small_local/one.bin" "bench:$small_up/one.bin"; }
+one_up_sftp() { echo "put $small_local/one.bin $small_up/one.bin" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+one_down_sshfa() { "${sshfa_cmd[@]}" get "$small_remote/one.bin" "$small_down/one.bin"; }
+one_down_scp() { scp "${ssh_cfg[@]}" -o ControlPath=none "bench:$small_remote/one.bin" "$small_down/one.bin"; }
+one_down_sftp() {
+  echo "get $small_remote/one.bin $small_down/one.bin" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench
+}
+many_up_sshfa() { "${sshfa_cmd[@]}" put "$small_local/many/" "$small_up/many/"; }
+many_up_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "$small_local/many" "bench:$small_up/many"; }
+many_up_sftp() { echo "put -r $small_local/many $small_up/many" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+many_down_sshfa() { "${sshfa_cmd[@]}" get "$small_remote/many/" "$small_down/many/"; }
+many_down_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "bench:$small_remote/many" "$small_down/many"; }
+many_down_sftp() {
+  echo "get -r $small_remote/many $small_down/many" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench
+}
+
 # Queries. The ssh rows go over the ControlMaster connection, so that they
 # too leave connection set-up out.
 nothing() { :; }
@@ -268,8 +308,10 @@ stat_sshfa() { library_time work "${ours_cmd[@]}" stat "$stat_list"; cat "$work/
 stat_paramiko() { library_time work "${paramiko_cmd[@]}" stat "$stat_list"; cat "$work/answer.json"; }
 stat_asyncssh() { library_time work "${asyncssh_cmd[@]}" stat "$stat_list"; cat "$work/answer.json"; }
 stat_ssh() { ssh "${ssh_cfg[@]}" bench "xargs -d '\n' stat -c '%s %Y'" <"$stat_list"; }
-exists_sshfa() { library_time work "${ours_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
-exists_paramiko() { library_time work "${paramiko_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+# Connection set-up included: ours also starts its persistent shell (first).
+exists_sshfa() { library_time connect+first+work "${ours_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+exists_paramiko() { library_time connect+work "${paramiko_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+exists_asyncssh() { library_time connect+work "${asyncssh_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
 exists_ssh() {
   local p
   while read -r p; do
@@ -297,11 +339,7 @@ walk_asyncssh() { library_time work "${asyncssh_cmd[@]}" walk "$wide_remote"; ca
 walk_ssh() { ssh "${ssh_cfg[@]}" bench "find '$wide_remote' -type f"; }
 
 connect_sshfa() { library_time connect "${ours_cmd[@]}" connect; }
-connect_sshfa_first() {
-  "${ours_cmd[@]}" connect >"$work/answer.json"
-  $python -c "import json,sys; a = json.load(open(sys.argv[1])); print(a['connect'] + a['work'])" \
-    "$work/answer.json" >"$work/seconds"
-}
+connect_sshfa_first() { library_time connect+work "${ours_cmd[@]}" connect; }
 connect_ssh() { ssh "${ssh_cfg[@]}" -o ControlPath=none bench true; }
 connect_paramiko() { library_time connect "${paramiko_cmd[@]}" connect; }
 connect_asyncssh() { library_time connect "${asyncssh_cmd[@]}" connect; }
@@ -329,6 +367,23 @@ for w in $workloads; do
     run_workload "$w" reset_tree_down check_tree_down sshfa:tdown_sshfa scp-r:tdown_scp sftp-r:tdown_sftp \
       rsync-a:tdown_rsync tar-pipe:tdown_tar paramiko:tdown_paramiko asyncssh:tdown_asyncssh
     ;;
+  upload-1small)
+    make_small
+    run_workload "$w" reset_small_up check_one_up sshfa:one_up_sshfa scp:one_up_scp sftp:one_up_sftp
+    ;;
+  download-1small)
+    make_small
+    run_workload "$w" reset_small_down check_one_down sshfa:one_down_sshfa scp:one_down_scp sftp:one_down_sftp
+    ;;
+  upload-300)
+    make_small
+    run_workload "$w" reset_small_up check_many_up sshfa:many_up_sshfa scp-r:many_up_scp sftp-r:many_up_sftp
+    ;;
+  download-300)
+    make_small
+    run_workload "$w" reset_small_down check_many_down sshfa:many_down_sshfa scp-r:many_down_scp \
+      sftp-r:many_down_sftp
+    ;;
   stat-10k)
     make_tree
     make_lists
@@ -338,7 +393,7 @@ for w in $workloads; do
   exists-1000)
     make_tree
     make_lists
-    run_workload "$w" nothing check_exists sshfa:exists_sshfa paramiko:exists_paramiko \
+    run_workload "$w" nothing check_exists sshfa:exists_sshfa paramiko:exists_paramiko asyncssh:exists_asyncssh \
       ssh-controlmaster:exists_ssh
     ;;
   list-100k)
