@@ -100,8 +100,7 @@ int main(int argc, char** argv) {
     auto const workStart = Clock::now();
     long const count = countWork(access, rest[0], rest.size() > 1 ? rest[1] : std::string());
     double const work = rest[0] == "connect" ? first : secondsSince(workStart);
-    std::printf("{\"connect\": %.6f, \"first\": %.6f, \"work\": %.6f, \"count\": %ld}\n", connect, first, work,
-                count);
+    std::printf("{\"connect\": %.6f, \"first\": %.6f, \"work\": %.6f, \"count\": %ld}\n", connect, first, work, count);
     return 0;
   } catch (std::exception const& error) {
     std::cerr << "workload: " << error.what() << "\n";

@@ -3,8 +3,8 @@
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/internal/ExecChannelRunner.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Session.hpp"
-#include "sshfileaccess/platform/sshclient/internal/StreamingCommand.hpp"
 #include "sshfileaccess/platform/sshclient/internal/ShellChannelRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/StreamingCommand.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Transfer.hpp"
 
 namespace foundation::sshclient {

@@ -11,9 +11,9 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <string_view>
-#include <map>
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/platform/i18n/i18n.hpp"
@@ -36,7 +36,8 @@ void writeFully(int fd, std::string_view text) {
     ssize_t const n = ::write(fd, text.data(), text.size());
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
-      throw std::runtime_error(fmt::format("cannot write to {}: {}", fd == STDOUT_FILENO ? "standard output" : "standard error", std::strerror(errno)));
+      throw std::runtime_error(fmt::format(
+          "cannot write to {}: {}", fd == STDOUT_FILENO ? "standard output" : "standard error", std::strerror(errno)));
     }
     text.remove_prefix(static_cast<std::size_t>(n));
   }

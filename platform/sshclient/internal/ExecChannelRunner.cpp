@@ -23,7 +23,8 @@ std::string execWrapper(std::string_view marker) {
 std::string streamingWrapper(std::string_view marker) {
   // read -r takes the line byte by byte, so not one byte of the input after
   // it is consumed; "$(...)" drops trailing line feeds, as "$(cat)" does.
-  return "exec sh -c '" + markerLines(marker) + "echo $$; IFS= read -r t || exit 127; eval \"$(printf \"%b\" \"$t\")\"'";
+  return "exec sh -c '" + markerLines(marker) +
+         "echo $$; IFS= read -r t || exit 127; eval \"$(printf \"%b\" \"$t\")\"'";
 }
 
 std::string streamingCommandLine(std::string_view command) {

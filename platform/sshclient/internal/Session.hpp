@@ -160,7 +160,9 @@ class Channel {
   // Reads what has already arrived on `stream`, at most `size` bytes; 0 when
   // nothing is there (yet, or any more: see finished()).
   std::size_t read(void* buffer, std::size_t size, Stream stream);
-  // Appends everything that has already arrived on `stream` to `out`.
+  // Appends everything that has already arrived on `stream` to `out`. Costs
+  // no system call when nothing has arrived since the last read: it does not
+  // look at the socket (wait() and takeIn() do).
   std::size_t read(std::string& out, Stream stream);
 
   // The server closed the channel and everything it sent has been read.

@@ -142,9 +142,7 @@ TEST_F(ExecuteStreaming, AStopRequestEndsTheRemoteCommandWith130) {
   EXPECT_EQ(left.getStdout(), u"0\n");
 }
 
-TEST_F(ExecuteStreaming, ReportsACommandKilledBySignal) {
-  EXPECT_EQ(run("kill -9 $$").status, 128 + 9);
-}
+TEST_F(ExecuteStreaming, ReportsACommandKilledBySignal) { EXPECT_EQ(run("kill -9 $$").status, 128 + 9); }
 
 }  // namespace
 }  // namespace sshfa::testing
