@@ -442,6 +442,17 @@ TEST_F(CliTest, ExecForwardsStandardInputUntilItsEnd) {
   EXPECT_EQ(unread.out, "done\n");
 }
 
+TEST_F(CliTest, ExecWithStandardInputClosedReadsEndOfFile) {
+  std::vector<std::string> args = {"-c", "exec \"$@\" <&-", "sh", toolPath()};
+  for (auto const& word : connection()) args.push_back(word);
+  args.insert(args.end(), {"exec", "cat; echo done"});
+  ToolOptions options;
+  options.program = "/bin/sh";
+  auto const result = runTool(args, options);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "done\n");
+}
+
 TEST_F(CliTest, ExecShowsOutputAsItArrives) {
   // The command ends only after this test has seen its first line: the
   // sshd runs on this machine, so it sees the flag file the test creates.

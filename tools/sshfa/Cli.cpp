@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 
@@ -325,9 +326,19 @@ std::vector<char*> splitOffExecWords(CLI::App const& app, int argc, char** argv,
   return kept;
 }
 
+// A closed standard descriptor would be taken by the next file or socket the
+// tool opens (exec would take the SSH connection for its standard input):
+// /dev/null holds its place instead.
+void holdStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF) ::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+  }
+}
+
 }  // namespace
 
 int run(int argc, char** argv) {
+  holdStandardDescriptors();
   Invocation inv;
   CLI::App app{"Files on this machine and on one remote Unix host over SSH.", "sshfa"};
   app.set_version_flag("--version", "sshfa " SSHFA_VERSION);

@@ -118,11 +118,12 @@ int runStreaming(Session& session, std::string const& command, CommandStreams co
         ssize_t const n = ::read(streams.inputFd, pending.data(), pending.size());
         if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) {
           pending.clear();
-        } else if (n < 0) {
+        } else if (n < 0 && errno != EBADF) {
           session.fail(SSHError::Kind::Channel,
                        std::string("cannot read the command's standard input: ") + std::strerror(errno));
         } else {
-          pending.resize(static_cast<std::size_t>(n));
+          // A closed descriptor (EBADF) is input that has ended.
+          pending.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
           inputOpen = n > 0;
           progressed = true;
         }
