@@ -4,6 +4,21 @@
 
 namespace foundation::sshclient::internal {
 
+std::string shellQuoted(std::string_view text) {
+  std::string quoted;
+  quoted.reserve(text.size() + 2);
+  quoted += '\'';
+  for (char const c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  quoted += '\'';
+  return quoted;
+}
+
 std::string randomMarker(std::random_device& random) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string marker = "sshfa";

@@ -34,21 +34,6 @@ constexpr std::chrono::seconds kCloseGrace{2};
 // The longest status text after a marker: "255", or "-" for "not run".
 constexpr std::size_t kMaxStatusText = 3;
 
-std::string shellQuoted(std::string_view text) {
-  std::string quoted;
-  quoted.reserve(text.size() + 2);
-  quoted += '\'';
-  for (char const c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
-  quoted += '\'';
-  return quoted;
-}
-
 bool endsWith(std::string_view text, std::string_view suffix) {
   return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
