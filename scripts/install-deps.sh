@@ -7,7 +7,7 @@ packages=(
   # toolchain
   build-essential cmake ninja-build pkg-config git clang-format clang-tidy
   # libraries
-  libssh-dev libarchive-dev libboost-dev libboost-log-dev libboost-date-time-dev
+  libssh-dev libssl-dev libarchive-dev libboost-dev libboost-log-dev libboost-date-time-dev
   libboost-system-dev libboost-thread-dev libboost-filesystem-dev
   libfmt-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   # test server and remote tools

@@ -411,6 +411,28 @@ TEST_F(CliTest, PutAndGetTakePairs) {
   EXPECT_EQ(remote({"get", "a", "b", "c"}).status, kUsage);
 }
 
+TEST_F(CliTest, EachStopSignalEndsAGetAndLeavesNoTemporary) {
+  fs::create_directories(at("back"));
+  writeFile(at("big"), "");
+  fs::resize_file(at("big"), 1ULL << 30U);  // sparse: quick to read, long to send
+  for (int const signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
+    std::vector<std::string> args = connection();
+    args.insert(args.end(), {"get", at("big"), at("back/big")});
+    ToolProcess tool(args, {});
+    // Signal once the temporary exists, so the transfer itself is stopped.
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (fs::is_empty(at("back")) && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_FALSE(fs::is_empty(at("back"))) << "the transfer never started";
+    tool.signal(signalNumber);
+    auto const result = tool.finish();
+    EXPECT_EQ(result.status, 128 + signalNumber) << result.err;
+    EXPECT_THAT(result.err, ::testing::HasSubstr("sshfa: interrupted\n"));
+    EXPECT_TRUE(fs::is_empty(at("back"))) << fs::directory_iterator(at("back"))->path();
+  }
+}
+
 // ---- exec --------------------------------------------------------------------------------
 
 TEST_F(CliTest, ExecPassesOutputAndStatusThrough) {
@@ -703,7 +725,7 @@ TEST_F(DemoTest, RunsTheTourAndLeavesNothingBehind) {
 }
 
 TEST_F(DemoTest, CleansUpWhenInterrupted) {
-  for (int const signalNumber : {SIGINT, SIGTERM}) {
+  for (int const signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
     ToolProcess tool({"demo", "--files", "2000"}, demoOptions());
     ASSERT_TRUE(tool.waitForOutput("[3/9] ", std::chrono::seconds(60))) << tool.outputSoFar();
     pid_t const pid = serverPid(tool.outputSoFar());

@@ -3,15 +3,18 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 
 namespace sshfa::cli {
 namespace {
 
+// A closed terminal (SIGHUP) is as much a request to stop as Ctrl-C.
+constexpr std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
+
 volatile sig_atomic_t gPending = 0;
-struct sigaction gOldInt {};
-struct sigaction gOldTerm {};
+std::array<struct sigaction, kSignals.size()> gOld{};
 
 extern "C" void noteInterrupt(int signalNumber) {
   if (gPending != 0) {
@@ -27,7 +30,9 @@ extern "C" void noteInterrupt(int signalNumber) {
 }  // namespace
 
 Interrupted::Interrupted(int signalNumber)
-    : std::runtime_error(std::string("interrupted by ") + (signalNumber == SIGINT ? "SIGINT" : "SIGTERM")),
+    : std::runtime_error(std::string("interrupted by ") + (signalNumber == SIGINT   ? "SIGINT"
+                                                           : signalNumber == SIGHUP ? "SIGHUP"
+                                                                                    : "SIGTERM")),
       signal_(signalNumber) {}
 
 InterruptGuard::InterruptGuard() {
@@ -36,13 +41,11 @@ InterruptGuard::InterruptGuard() {
   action.sa_handler = noteInterrupt;
   sigemptyset(&action.sa_mask);
   action.sa_flags = SA_RESTART;
-  ::sigaction(SIGINT, &action, &gOldInt);
-  ::sigaction(SIGTERM, &action, &gOldTerm);
+  for (std::size_t i = 0; i < kSignals.size(); ++i) ::sigaction(kSignals[i], &action, &gOld[i]);
 }
 
 InterruptGuard::~InterruptGuard() {
-  ::sigaction(SIGINT, &gOldInt, nullptr);
-  ::sigaction(SIGTERM, &gOldTerm, nullptr);
+  for (std::size_t i = 0; i < kSignals.size(); ++i) ::sigaction(kSignals[i], &gOld[i], nullptr);
 }
 
 int pendingInterrupt() noexcept { return gPending; }

@@ -1,6 +1,6 @@
 #pragma once
-// Ctrl-C and SIGTERM for work that must clean up after itself (transfers,
-// the demo). While an InterruptGuard lives, the first SIGINT or SIGTERM only
+// Ctrl-C, SIGTERM and SIGHUP for work that must clean up after itself
+// (transfers, the demo). While an InterruptGuard lives, the first one only
 // sets a flag that the work polls (throwIfInterrupted); a second one ends the
 // process at once, for the case that the work is stuck. Outside a guard the
 // signals keep their default action. One guard at a time.

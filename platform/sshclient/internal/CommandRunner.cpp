@@ -4,6 +4,23 @@
 
 namespace foundation::sshclient::internal {
 
+void appendQuoted(std::string& line, std::string_view text) {
+  line += '\'';
+  for (std::size_t quote; (quote = text.find('\'')) != std::string_view::npos; text.remove_prefix(quote + 1)) {
+    line.append(text.data(), quote);
+    line += "'\\''";
+  }
+  line += text;
+  line += '\'';
+}
+
+std::string shellQuoted(std::string_view text) {
+  std::string quoted;
+  quoted.reserve(text.size() + 2);
+  appendQuoted(quoted, text);
+  return quoted;
+}
+
 std::string randomMarker(std::random_device& random) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string marker = "sshfa";

@@ -14,6 +14,11 @@ struct CommandOutput {
   std::string err;
 };
 
+// `text` as one POSIX shell word: in single quotes, a quote written '\''.
+std::string shellQuoted(std::string_view text);
+// The same, appended to `line` (no string of its own).
+void appendQuoted(std::string& line, std::string_view text);
+
 // "sshfa" and 128 random bits in hex: a plain word for sh that nothing else
 // on a channel writes by chance.
 std::string randomMarker(std::random_device& random);

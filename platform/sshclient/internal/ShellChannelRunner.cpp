@@ -35,17 +35,6 @@ constexpr std::chrono::seconds kCloseGrace{2};
 // The longest status text after a marker: "255", or "-" for "not run".
 constexpr std::size_t kMaxStatusText = 3;
 
-// Appends `text` as one single-quoted sh word.
-void appendQuoted(std::string& line, std::string_view text) {
-  line += '\'';
-  for (std::size_t quote; (quote = text.find('\'')) != std::string_view::npos; text.remove_prefix(quote + 1)) {
-    line.append(text.data(), quote);
-    line += "'\\''";
-  }
-  line += text;
-  line += '\'';
-}
-
 void appendAll(std::string& line, std::initializer_list<std::string_view> pieces) {
   for (std::string_view const piece : pieces) line += piece;
 }

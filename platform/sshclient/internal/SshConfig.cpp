@@ -1,5 +1,7 @@
 #include "sshfileaccess/platform/sshclient/internal/SshConfig.hpp"
 
+#include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <pwd.h>
@@ -202,12 +204,6 @@ std::string hostNameOfThisMachine() {
   char name[256] = {};
   if (::gethostname(name, sizeof name - 1) != 0) return {};
   return name;
-}
-
-std::string shellQuoted(std::string_view text) {
-  std::string out = "'";
-  for (char const c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return out + "'";
 }
 
 }  // namespace
