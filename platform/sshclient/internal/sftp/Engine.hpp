@@ -67,4 +67,15 @@ using ProgressCallback = std::function<void(TransferProgress const&)>;
 void transfer(Transport& transport, std::string const& peer, CopyFilesCommand const& command,
               ProgressCallback const& progress, EngineOptions const& options = {});
 
+// Trees (SSHClient::copyTrees): the sources are listed first (remote ones
+// with LSTAT/OPENDIR/READDIR/READLINK on this stream, many folders at once),
+// then every destination folder is made with MKDIR (all in flight, parents
+// first, each checked with a STAT), then links (SYMLINK to a temporary, then
+// a rename) and files as above, each file's mode and times set on the
+// temporary (FSETSTAT, or fchmod/futimens) before its rename; folders get
+// theirs last. A failure while listing or making folders stops everything
+// before the first file.
+TreeTransferReport transferTrees(Transport& transport, std::string const& peer, CopyTreesCommand const& command,
+                                 ProgressCallback const& progress, EngineOptions const& options = {});
+
 }  // namespace foundation::sshclient::internal::sftp
