@@ -135,6 +135,10 @@ struct TreeTransferOptions {
   // Copy what symbolic links point to instead of the links; a link that
   // leads back into a folder above it is an error naming it.
   bool followLinks = false;
+  // A destination that is an existing folder, or ends with '/', receives
+  // the source under its own name (as cp and scp do); off: the destination
+  // always names the copy itself.
+  bool intoFolders = false;
 };
 
 class SSHFA_EXPORT CopyTreesCommand {

@@ -61,6 +61,13 @@ std::string withoutTrailingSlashes(std::string path) {
   return path;
 }
 
+// The last name of a path ("a" for "x/a/").
+std::string baseName(std::string const& path) {
+  auto const trimmed = withoutTrailingSlashes(path);
+  auto const slash = trimmed.rfind('/');
+  return slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
+}
+
 std::string quoted(std::string_view path) {
   std::string out;
   out.reserve(path.size() + 2);
@@ -221,6 +228,7 @@ enum class Op {
   FolderAttributes,
   MakeLink,
   PlaceLink,
+  Destination,
 };
 
 // One file to copy; byte strings, local or remote by direction.
@@ -468,6 +476,8 @@ class Engine {
   std::unordered_set<std::string> folderNames_;
   std::vector<LinkWork> links_;
   std::vector<ListNode> nodes_;
+  std::vector<std::string> destinations_;  // of the items, folders resolved
+  std::vector<bool> intoFolder_;
   std::vector<std::size_t> foldersWaiting_;
   std::size_t foldersOpen_ = 0;
   TreeTransferReport report_;
@@ -633,6 +643,10 @@ void Engine::dispatch(Pending const& pending, Reply const& reply) {
     case Op::MakeLink:
     case Op::PlaceLink:
       return onLink(pending, reply);
+    case Op::Destination:
+      intoFolder_[static_cast<std::size_t>(pending.offset)] =
+          reply.type == PacketType::Attrs && reply.attributes.isDirectory();
+      return;
     default:
       break;
   }
@@ -793,8 +807,9 @@ void Engine::abandon() noexcept {
 
 std::string Engine::describePair(std::size_t item) const {
   auto const& pair = trees_->getItems()[item];
-  auto const local = fl::i18n::ustring_to_utf8(pair.localPath);
-  auto const remote = fl::i18n::ustring_to_utf8(pair.remotePath);
+  auto const& resolved = destinations_[item];
+  auto const local = upload_ ? fl::i18n::ustring_to_utf8(pair.localPath) : resolved;
+  auto const remote = upload_ ? resolved : fl::i18n::ustring_to_utf8(pair.remotePath);
   if (upload_) return "cannot upload " + quoted(local) + " to " + quoted(remote) + " on " + peer_ + ": ";
   return "cannot download " + quoted(remote) + " from " + peer_ + " to " + quoted(local) + ": ";
 }
@@ -1011,12 +1026,30 @@ void Engine::onListing(Pending const& pending, Reply const& reply) {
 // and links_; totals are known afterwards.
 void Engine::plan() {
   auto const& items = trees_->getItems();
+  destinations_.reserve(items.size());
+  intoFolder_.assign(items.size(), false);
   for (std::size_t i = 0; i < items.size(); ++i) {
-    addParents(i, fl::i18n::ustring_to_utf8(upload_ ? items[i].remotePath : items[i].localPath));
+    destinations_.push_back(fl::i18n::ustring_to_utf8(upload_ ? items[i].remotePath : items[i].localPath));
+    if (!trees_->getOptions().intoFolders) continue;
+    auto const& destination = destinations_.back();
+    struct stat st {};
+    if (destination.ends_with('/')) {
+      intoFolder_[i] = true;
+    } else if (upload_) {
+      connection_.writer().stat(track(nullptr, Op::Destination, i), destination);
+    } else {
+      intoFolder_[i] = ::stat(destination.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+  }
+  drain();
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    auto const source = fl::i18n::ustring_to_utf8(upload_ ? items[i].localPath : items[i].remotePath);
+    if (intoFolder_[i]) destinations_[i] = joined(destinations_[i], baseName(source));
+    addParents(i, destinations_[i]);
   }
   for (std::size_t i = 0; i < items.size() && !stopping_; ++i) {
     auto source = fl::i18n::ustring_to_utf8(upload_ ? items[i].localPath : items[i].remotePath);
-    auto destination = fl::i18n::ustring_to_utf8(upload_ ? items[i].remotePath : items[i].localPath);
+    auto destination = destinations_[i];
     if (upload_) {
       std::vector<std::pair<dev_t, ino_t>> above;
       listLocal(i, source, destination, above);
