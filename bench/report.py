@@ -20,6 +20,8 @@ WORKLOADS = collections.OrderedDict([
     ("download-1g", "1 GiB file, download"),
     ("upload-10k", "10,000 files of 1-4 KiB in 100 folders, upload"),
     ("download-10k", "10,000 files of 1-4 KiB in 100 folders, download"),
+    ("small-1", "one file of 12 KB, up (put) and down (get)"),
+    ("small-300", "300 files of 12 KB in one folder, up (put) and down (get)"),
     ("stat-10k", "size and time of 10,000 remote files"),
     ("exists-1000", "existence of 1,000 remote paths (half of them missing)"),
     ("list-100k", "recursive listing of 100,000 remote files"),
@@ -36,6 +38,7 @@ TIMED = {
 }
 
 KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "transfer", "download-10k": "transfer",
+        "small-1": "transfer", "small-300": "transfer",
         "stat-10k": "query", "exists-1000": "query", "list-100k": "query", "connect": "connect"}
 
 
@@ -70,6 +73,9 @@ def goals(medians):
         if ours(w) and peer(w, "tar-pipe"):
             ratio = ours(w) / peer(w, "tar-pipe")
             rows.append((f"10,000 files {label}: no slower than the tar pipe", f"ratio {ratio:.2f}", ratio <= 1.0))
+    if peer("small-300", "sshfa-put") and peer("small-300", "sshfa-get"):
+        ratio = peer("small-300", "sshfa-put") / peer("small-300", "sshfa-get")
+        rows.append(("300 small files: `put` <= 1.5x its `get`", f"{ratio:.2f}x", ratio <= 1.5))
     if ours("stat-10k"):
         per = ours("stat-10k") / 10000 * 1e6
         rows.append(("`getFileInfo` <= 20 µs per path", f"{per:.1f} µs", per <= 20))

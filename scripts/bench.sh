@@ -8,8 +8,9 @@
 # counted rounds (default 5). Every connection uses aes128-gcm@openssh.com
 # where the client can (the report lists what each negotiated).
 #   scripts/bench.sh [WORKLOAD ...]   upload-1g download-1g upload-10k
-#                                     download-10k stat-10k exists-1000
-#                                     list-100k connect (default: all)
+#                                     download-10k small-1 small-300
+#                                     stat-10k exists-1000 list-100k
+#                                     connect (default: all)
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
 #   SSHFA_BENCH_OUT   report folder (default: bench/results)
@@ -24,7 +25,7 @@ runs=${SSHFA_BENCH_RUNS:-5}
 out_dir=${SSHFA_BENCH_OUT:-bench/results}
 settle=${SSHFA_BENCH_SETTLE:-0.5}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
-all_workloads="upload-1g download-1g upload-10k download-10k stat-10k exists-1000 list-100k connect"
+all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k connect"
 workloads=${*:-$all_workloads}
 for w in $workloads; do
   case " $all_workloads " in *" $w "*) ;; *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;; esac
@@ -229,7 +230,7 @@ reset_tree_down() { rm -rf "$tree_down"; }
 check_tree_up() { diff -r "$tree_local" "$tree_up" >/dev/null; }
 check_tree_down() { diff -r "$tree_remote" "$tree_down" >/dev/null; }
 
-tup_sshfa() { "${sshfa_cmd[@]}" put "$tree_local/" "$tree_up/"; }
+tup_sshfa() { "${sshfa_cmd[@]}" put "$tree_local" "$tree_up"; }
 tup_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "$tree_local" "bench:$tree_up"; }
 tup_sftp() { echo "put -r $tree_local $tree_up" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
 tup_rsync() { rsync -a -e "ssh -F $work/ssh_config -o ControlPath=none" "$tree_local/" "bench:$tree_up/"; }
@@ -239,7 +240,7 @@ tup_tar() {
 }
 tup_paramiko() { "${paramiko_cmd[@]}" put-tree "$tree_local" "$tree_up"; }
 tup_asyncssh() { "${asyncssh_cmd[@]}" put-tree "$tree_local" "$tree_up"; }
-tdown_sshfa() { "${sshfa_cmd[@]}" get "$tree_remote/" "$tree_down/"; }
+tdown_sshfa() { "${sshfa_cmd[@]}" get "$tree_remote" "$tree_down"; }
 tdown_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "bench:$tree_remote" "$tree_down"; }
 tdown_sftp() { echo "get -r $tree_remote $tree_down" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
 tdown_rsync() { rsync -a -e "ssh -F $work/ssh_config -o ControlPath=none" "bench:$tree_remote/" "$tree_down/"; }
@@ -249,6 +250,31 @@ tdown_tar() {
 }
 tdown_paramiko() { "${paramiko_cmd[@]}" get-tree "$tree_remote" "$tree_down"; }
 tdown_asyncssh() { "${asyncssh_cmd[@]}" get-tree "$tree_remote" "$tree_down"; }
+
+# Small transfers, up and down side by side in one interleaved run: one file
+# of 12 KB, and 300 of them in one folder.
+small_local=$local_dir/small
+small_remote=$remote_dir/small
+small_up=$remote_dir/small-up
+small_down=$local_dir/small-down
+make_small() {  # count
+  rm -rf "$small_local" "$small_remote"
+  mkdir -p "$small_local"
+  for i in $(seq "$1"); do head -c 12000 /dev/urandom >"$small_local/f$i.dat"; done
+  cp -r "$small_local" "$small_remote"
+}
+reset_small() { rm -rf "$small_up" "$small_down"; }
+check_small() {
+  if [ -e "$small_up" ]; then diff -r "$small_local" "$small_up" >/dev/null; else diff -r "$small_remote" "$small_down" >/dev/null; fi
+}
+sup_sshfa() { "${sshfa_cmd[@]}" put "$small_local" "$small_up"; }
+sdown_sshfa() { "${sshfa_cmd[@]}" get "$small_remote" "$small_down"; }
+sup_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "$small_local" "bench:$small_up"; }
+sdown_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "bench:$small_remote" "$small_down"; }
+sup_sftp() { echo "put -r $small_local $small_up" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+sdown_sftp() { echo "get -r $small_remote $small_down" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+small_tools=(sshfa-put:sup_sshfa sshfa-get:sdown_sshfa scp-put:sup_scp scp-get:sdown_scp sftp-put:sup_sftp
+  sftp-get:sdown_sftp)
 
 # Queries. The ssh rows go over the ControlMaster connection, so that they
 # too leave connection set-up out.
@@ -328,6 +354,14 @@ for w in $workloads; do
     make_tree
     run_workload "$w" reset_tree_down check_tree_down sshfa:tdown_sshfa scp-r:tdown_scp sftp-r:tdown_sftp \
       rsync-a:tdown_rsync tar-pipe:tdown_tar paramiko:tdown_paramiko asyncssh:tdown_asyncssh
+    ;;
+  small-1)
+    make_small 1
+    run_workload "$w" reset_small check_small "${small_tools[@]}"
+    ;;
+  small-300)
+    make_small 300
+    run_workload "$w" reset_small check_small "${small_tools[@]}"
     ;;
   stat-10k)
     make_tree
