@@ -61,6 +61,14 @@ std::string withoutTrailingSlashes(std::string path) {
   return path;
 }
 
+EngineOptions forDirection(EngineOptions options, bool upload) {
+  if (upload) {
+    options.windowBytes = std::min(options.windowBytes, options.uploadWindowBytes);
+    options.maxOpenFiles = std::min(options.maxOpenFiles, options.maxOpenUploads);
+  }
+  return options;
+}
+
 // The last name of a path ("a" for "x/a/").
 std::string baseName(std::string const& path) {
   auto const trimmed = withoutTrailingSlashes(path);
@@ -339,7 +347,7 @@ class Engine {
         upload_(command.getDirection() == TransferDirection::LocalToRemote),
         mode_(static_cast<std::uint32_t>(command.getMode()) & 07777U),
         progress_(progress),
-        options_(options),
+        options_(forDirection(options, upload_)),
         random_(std::random_device{}()) {
     auto const& items = command.getItems();
     files_.reserve(items.size());
@@ -358,7 +366,7 @@ class Engine {
         // Private until the final mode is set.
         mode_(command.getOptions().keepPermissions ? 0600U : 0666U),
         progress_(progress),
-        options_(options),
+        options_(forDirection(options, upload_)),
         random_(std::random_device{}()),
         trees_(&command) {}
 

@@ -54,6 +54,12 @@ struct EngineOptions {
   std::uint64_t windowBytes = 8U * 1024U * 1024U;
   // Files open at once (also bounded by the server's handle limit).
   std::size_t maxOpenFiles = 128;
+  // Uploads keep less in flight: measured against OpenSSH's sshd and
+  // sftp-server, more makes them slower (300 files of 12 KB: 0.31 s with
+  // 128 files and 8 MiB in flight, 0.17 s with 48 and 1 MiB; one file of
+  // 256 MiB: 150-190 MiB/s with 8 MiB, 270 MiB/s with 1 MiB).
+  std::uint64_t uploadWindowBytes = 1024U * 1024U;
+  std::size_t maxOpenUploads = 48;
   // Bytes per READ/WRITE; unset: the server's limits, else 32 KiB.
   std::optional<std::uint32_t> chunkSize;
   // Off: always the plain-rename path, as with a server without the extension.
