@@ -237,6 +237,7 @@ enum class Op {
   MakeLink,
   PlaceLink,
   Destination,
+  Probe,
 };
 
 // One file to copy; byte strings, local or remote by direction.
@@ -322,6 +323,7 @@ struct Job {
   bool failed = false;
   // Downloads: the STAT and OPEN sent together, and their answers.
   bool statAnswered = false;
+  bool probed = false;  // a listed file: asked for a byte past its size
   bool openAnswered = false;
   std::optional<Attributes> attributes;
   std::optional<std::string> sourceError;
@@ -440,6 +442,7 @@ class Engine {
   void onDownloadAnswer(Job& job, Op op, Reply const& reply);
   void issueReads(Job& job);
   void onRead(Job& job, Pending const& pending, Reply const& reply);
+  void onProbe(Job& job, Reply const& reply);
   bool writeBehind(Job& job, std::uint64_t offset, ByteView data);
   bool flush(Job& job);
   void finishDownload(Job& job);
@@ -694,6 +697,9 @@ void Engine::dispatch(Pending const& pending, Reply const& reply) {
       break;
     case Op::Statvfs:
       onStatvfs(job, reply);
+      break;
+    case Op::Probe:
+      onProbe(job, reply);
       break;
     default:
       break;
@@ -1488,7 +1494,8 @@ void Engine::onDownloadAnswer(Job& job, Op op, Reply const& reply) {
   job.size = job.attributes->size.value_or(UINT64_MAX);
   if (job.attributes->size && !job.work->size) bytesTotal_ += job.size;
   job.phase = Job::Phase::Transferring;
-  if (job.size == 0) finishDownload(job);
+  // A listed file is probed past its end before it finishes, also when empty.
+  if (job.size == 0 && !job.work->size) finishDownload(job);
 }
 
 void Engine::issueReads(Job& job) {
@@ -1500,6 +1507,23 @@ void Engine::issueReads(Job& job) {
     ++job.dataInFlight;
     inFlight_ += length;
   }
+  if (job.work->size && !job.probed && job.next >= job.size && job.end == UINT64_MAX) {
+    // A file that grew since it was listed answers with data here.
+    connection_.writer().read(track(&job, Op::Probe), job.handle, job.size, 1);
+    job.probed = true;
+    ++job.dataInFlight;
+  }
+}
+
+void Engine::onProbe(Job& job, Reply const& reply) {
+  --job.dataInFlight;
+  if (job.failed) return;
+  if (reply.type == PacketType::Data) return fail(job, quoted(job.source) + " changed while being read");
+  if (reply.type != PacketType::Status) throw ProtocolError("unexpected reply to READ");
+  if (reply.status != StatusCode::Eof) {
+    return fail(job, "cannot read " + quoted(job.source) + ": " + describeStatus(reply.status, reply.message));
+  }
+  if (job.dataInFlight == 0) finishDownload(job);
 }
 
 void Engine::onRead(Job& job, Pending const& pending, Reply const& reply) {
@@ -1529,7 +1553,10 @@ void Engine::onRead(Job& job, Pending const& pending, Reply const& reply) {
   } else {
     throw ProtocolError("unexpected reply to READ");
   }
-  if (job.dataInFlight == 0 && (job.next >= job.size || job.end != UINT64_MAX)) finishDownload(job);
+  bool const probing = job.work->size && job.end == UINT64_MAX;
+  if (job.dataInFlight == 0 && (job.next >= job.size || job.end != UINT64_MAX) && (!probing || job.probed)) {
+    finishDownload(job);
+  }
 }
 
 bool Engine::writeBehind(Job& job, std::uint64_t offset, ByteView data) {
