@@ -61,7 +61,8 @@ void TransferReporter::update(foundation::sshclient::TransferProgress const& pro
   auto const now = std::chrono::steady_clock::now();
   samples_.emplace_back(now, progress.bytesDone);
   while (samples_.size() > 2 && now - samples_[1].first >= kRateWindow) samples_.pop_front();
-  if (drawBar_) draw();
+  // Nothing to show while the sources are still listed (no totals yet).
+  if (drawBar_ && progress.filesTotal + progress.bytesTotal > 0) draw();
   throwIfInterrupted();
 }
 

@@ -569,6 +569,27 @@ TEST_F(ScriptedTest, AListedFileThatGrewFailsAndLeavesNothing) {
   EXPECT_TRUE(listNames(scratch_.path()).empty());
 }
 
+TEST_F(ScriptedTest, ACallbackThatThrowsWhileListingStopsBeforeAnyFile) {
+  ScriptedDownload script;
+  script.contents = "abc";
+  script.statSize = 3;
+  FakeServer server(std::ref(script));
+  CopyTreesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "f").string()), u"/file"}},
+                                 TransferDirection::RemoteToLocal);
+  std::vector<TransferProgress> seen;
+  auto const stop = [&](TransferProgress const& progress) {
+    seen.push_back(progress);
+    throw std::runtime_error("stop");
+  };
+  EngineOptions options;
+  options.progressInterval = std::chrono::milliseconds(0);
+  EXPECT_THROW(transferTrees(server, kPeer, command, stop, options), std::runtime_error);
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].filesTotal, 0U);  // no totals while listing
+  EXPECT_TRUE(script.reads.empty());
+  EXPECT_TRUE(listNames(scratch_.path()).empty());
+}
+
 TEST_F(ScriptedTest, FilesOpenWhileTheLimitsAreAskedFor) {
   ScriptedDownload script;
   script.contents = "abc";

@@ -483,6 +483,7 @@ class Engine {
 
   std::vector<FileWork> files_;
   CopyTreesCommand const* trees_ = nullptr;
+  bool planning_ = false;
   std::vector<FolderWork> folders_;
   std::unordered_set<std::string> folderNames_;
   std::vector<LinkWork> links_;
@@ -500,8 +501,10 @@ void Engine::run() {
   try {
     handshake();
     if (trees_ != nullptr) {
+      planning_ = true;
       plan();
       if (!stopping_) makeFolders();
+      planning_ = false;
       if (!stopping_) makeLinks();
     }
     for (;;) {
@@ -547,6 +550,7 @@ void Engine::run() {
 void Engine::drain() {
   while (!pending_.empty() || connection_.queued() > 0) {
     connection_.pump([this](ByteView packet) { onPacket(packet); });
+    reportProgress(false);
   }
 }
 
@@ -717,15 +721,20 @@ void Engine::reportProgress(bool final) {
   lastReport_ = now;
   auto const current = jobs_.empty() ? lastItem_ : jobs_.front()->index;
   TransferProgress progress;
-  progress.bytesDone = bytesDone_;
-  progress.bytesTotal = bytesTotal_;
-  progress.filesDone = filesDone_;
-  progress.filesTotal = files_.size();
-  if (current < files_.size()) progress.currentFile = fl::i18n::utf8_to_ustring(files_[current].source);
+  // While the sources are listed the totals are not known yet: none are
+  // given, and the callback can still stop the transfer.
+  if (!planning_) {
+    progress.bytesDone = bytesDone_;
+    progress.bytesTotal = bytesTotal_;
+    progress.filesDone = filesDone_;
+    progress.filesTotal = files_.size();
+    if (current < files_.size()) progress.currentFile = fl::i18n::utf8_to_ustring(files_[current].source);
+  }
   try {
     progress_(progress);
   } catch (...) {
     cancelled_ = std::current_exception();
+    stopping_ = true;
     for (auto& job : jobs_) fail(*job, "cancelled");
   }
 }

@@ -31,7 +31,9 @@
 // kind is kept. Files completed before a failure stay.
 //
 // Progress: `progress` is called at most every progressInterval and once at
-// the end. For downloads bytesTotal grows as the remote sizes become known.
+// the end. For downloads bytesTotal grows as the remote sizes become known;
+// for trees every total is known from the listing, and while the sources are
+// listed the callback gets no totals (all zero) but can still stop.
 // If it throws, the transfer is wound down cleanly (temporaries removed,
 // nothing further started) and its exception propagates.
 //
