@@ -8,10 +8,9 @@
 # counted rounds (default 5). Every connection uses aes128-gcm@openssh.com
 # where the client can (the report lists what each negotiated).
 #   scripts/bench.sh [WORKLOAD ...]   upload-1g download-1g upload-10k
-#                                     download-10k upload-1small
-#                                     download-1small upload-300 download-300
-#                                     stat-10k exists-1000 list-100k connect
-#                                     (default: all)
+#                                     download-10k small-1 small-300
+#                                     stat-10k exists-1000 list-100k
+#                                     connect (default: all)
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
 #   SSHFA_BENCH_OUT   report folder (default: bench/results)
@@ -26,8 +25,7 @@ runs=${SSHFA_BENCH_RUNS:-5}
 out_dir=${SSHFA_BENCH_OUT:-bench/results}
 settle=${SSHFA_BENCH_SETTLE:-0.5}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
-all_workloads="upload-1g download-1g upload-10k download-10k upload-1small download-1small upload-300"
-all_workloads+=" download-300 stat-10k exists-1000 list-100k connect"
+all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k connect"
 workloads=${*:-$all_workloads}
 for w in $workloads; do
   case " $all_workloads " in *" $w "*) ;; *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;; esac
@@ -233,7 +231,7 @@ reset_tree_down() { rm -rf "$tree_down"; }
 check_tree_up() { diff -r "$tree_local" "$tree_up" >/dev/null; }
 check_tree_down() { diff -r "$tree_remote" "$tree_down" >/dev/null; }
 
-tup_sshfa() { "${sshfa_cmd[@]}" put "$tree_local/" "$tree_up/"; }
+tup_sshfa() { "${sshfa_cmd[@]}" put "$tree_local" "$tree_up"; }
 tup_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "$tree_local" "bench:$tree_up"; }
 tup_sftp() { echo "put -r $tree_local $tree_up" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
 tup_rsync() { rsync -a -e "ssh -F $work/ssh_config -o ControlPath=none" "$tree_local/" "bench:$tree_up/"; }
@@ -243,7 +241,7 @@ tup_tar() {
 }
 tup_paramiko() { "${paramiko_cmd[@]}" put-tree "$tree_local" "$tree_up"; }
 tup_asyncssh() { "${asyncssh_cmd[@]}" put-tree "$tree_local" "$tree_up"; }
-tdown_sshfa() { "${sshfa_cmd[@]}" get "$tree_remote/" "$tree_down/"; }
+tdown_sshfa() { "${sshfa_cmd[@]}" get "$tree_remote" "$tree_down"; }
 tdown_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "bench:$tree_remote" "$tree_down"; }
 tdown_sftp() { echo "get -r $tree_remote $tree_down" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
 tdown_rsync() { rsync -a -e "ssh -F $work/ssh_config -o ControlPath=none" "bench:$tree_remote/" "$tree_down/"; }
@@ -254,41 +252,30 @@ tdown_tar() {
 tdown_paramiko() { "${paramiko_cmd[@]}" get-tree "$tree_remote" "$tree_down"; }
 tdown_asyncssh() { "${asyncssh_cmd[@]}" get-tree "$tree_remote" "$tree_down"; }
 
-# One file of 12 KiB, and a folder of 300 such files.
+# Small transfers, up and down side by side in one interleaved run: one file
+# of 12 KB, and 300 of them in one folder.
 small_local=$local_dir/small
 small_remote=$remote_dir/small
 small_up=$remote_dir/small-up
 small_down=$local_dir/small-down
-make_small() {
-  [ -d "$small_local" ] && return
-  mkdir -p "$small_local/many"
-  head -c 12288 /dev/urandom >"$small_local/one.bin"
-  for i in $(seq -w 300); do head -c 12288 /dev/urandom >"$small_local/many/f$i.bin"; done
+make_small() {  # count
+  rm -rf "$small_local" "$small_remote"
+  mkdir -p "$small_local"
+  for i in $(seq "$1"); do head -c 12000 /dev/urandom >"$small_local/f$i.dat"; done
   cp -r "$small_local" "$small_remote"
 }
-reset_small_up() { rm -rf "$small_up" && mkdir -p "$small_up"; }
-reset_small_down() { rm -rf "$small_down" && mkdir -p "$small_down"; }
-check_one_up() { cmp -s "$small_local/one.bin" "$small_up/one.bin"; }
-check_one_down() { cmp -s "$small_remote/one.bin" "$small_down/one.bin"; }
-check_many_up() { diff -r "$small_local/many" "$small_up/many" >/dev/null; }
-check_many_down() { diff -r "$small_remote/many" "$small_down/many" >/dev/null; }
-
-one_up_sshfa() { "${sshfa_cmd[@]}" put "$small_local/one.bin" "$small_up/one.bin"; }
-one_up_scp() { scp "${ssh_cfg[@]}" -o ControlPath=none "$small_local/one.bin" "bench:$small_up/one.bin"; }
-one_up_sftp() { echo "put $small_local/one.bin $small_up/one.bin" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
-one_down_sshfa() { "${sshfa_cmd[@]}" get "$small_remote/one.bin" "$small_down/one.bin"; }
-one_down_scp() { scp "${ssh_cfg[@]}" -o ControlPath=none "bench:$small_remote/one.bin" "$small_down/one.bin"; }
-one_down_sftp() {
-  echo "get $small_remote/one.bin $small_down/one.bin" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench
+reset_small() { rm -rf "$small_up" "$small_down"; }
+check_small() {
+  if [ -e "$small_up" ]; then diff -r "$small_local" "$small_up" >/dev/null; else diff -r "$small_remote" "$small_down" >/dev/null; fi
 }
-many_up_sshfa() { "${sshfa_cmd[@]}" put "$small_local/many/" "$small_up/many/"; }
-many_up_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "$small_local/many" "bench:$small_up/many"; }
-many_up_sftp() { echo "put -r $small_local/many $small_up/many" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
-many_down_sshfa() { "${sshfa_cmd[@]}" get "$small_remote/many/" "$small_down/many/"; }
-many_down_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "bench:$small_remote/many" "$small_down/many"; }
-many_down_sftp() {
-  echo "get -r $small_remote/many $small_down/many" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench
-}
+sup_sshfa() { "${sshfa_cmd[@]}" put "$small_local" "$small_up"; }
+sdown_sshfa() { "${sshfa_cmd[@]}" get "$small_remote" "$small_down"; }
+sup_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "$small_local" "bench:$small_up"; }
+sdown_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "bench:$small_remote" "$small_down"; }
+sup_sftp() { echo "put -r $small_local $small_up" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+sdown_sftp() { echo "get -r $small_remote $small_down" | sftp "${ssh_cfg[@]}" -o ControlPath=none -b - bench; }
+small_tools=(sshfa-put:sup_sshfa sshfa-get:sdown_sshfa scp-put:sup_scp scp-get:sdown_scp sftp-put:sup_sftp
+  sftp-get:sdown_sftp)
 
 # Queries. The ssh rows go over the ControlMaster connection, so that they
 # too leave connection set-up out.
@@ -367,22 +354,13 @@ for w in $workloads; do
     run_workload "$w" reset_tree_down check_tree_down sshfa:tdown_sshfa scp-r:tdown_scp sftp-r:tdown_sftp \
       rsync-a:tdown_rsync tar-pipe:tdown_tar paramiko:tdown_paramiko asyncssh:tdown_asyncssh
     ;;
-  upload-1small)
-    make_small
-    run_workload "$w" reset_small_up check_one_up sshfa:one_up_sshfa scp:one_up_scp sftp:one_up_sftp
+  small-1)
+    make_small 1
+    run_workload "$w" reset_small check_small "${small_tools[@]}"
     ;;
-  download-1small)
-    make_small
-    run_workload "$w" reset_small_down check_one_down sshfa:one_down_sshfa scp:one_down_scp sftp:one_down_sftp
-    ;;
-  upload-300)
-    make_small
-    run_workload "$w" reset_small_up check_many_up sshfa:many_up_sshfa scp-r:many_up_scp sftp-r:many_up_sftp
-    ;;
-  download-300)
-    make_small
-    run_workload "$w" reset_small_down check_many_down sshfa:many_down_sshfa scp-r:many_down_scp \
-      sftp-r:many_down_sftp
+  small-300)
+    make_small 300
+    run_workload "$w" reset_small check_small "${small_tools[@]}"
     ;;
   stat-10k)
     make_tree

@@ -56,6 +56,14 @@ void FileAccess::remoteToLocalCopy(PathPairs const& pairs) {
   transfer(*remote_, *local_, *remote_, TransferDirection::RemoteToLocal, pairs);
 }
 
+TransferReport FileAccess::upload(PathPairs const& pairs, TransferOptions const& options) {
+  return remote_->copyTrees(TransferDirection::LocalToRemote, pairs, options);
+}
+
+TransferReport FileAccess::download(PathPairs const& pairs, TransferOptions const& options) {
+  return remote_->copyTrees(TransferDirection::RemoteToLocal, pairs, options);
+}
+
 FileAccess::ExecuteCommandResult FileAccess::remoteExecute(ustring command) {
   return remote_->execute(std::move(command));
 }

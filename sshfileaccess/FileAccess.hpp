@@ -20,6 +20,10 @@
 
 namespace nimbal::remoteaccess::sshfileaccess {
 
+// What upload and download keep (modes, times, links) and what they did.
+using TransferOptions = foundation::sshclient::TreeTransferOptions;
+using TransferReport = foundation::sshclient::TreeTransferReport;
+
 class SSHFA_EXPORT FileAccess {
  public:
   using AuthMethods = foundation::sshclient::AuthMethods;
@@ -49,6 +53,17 @@ class SSHFA_EXPORT FileAccess {
   void localToRemoteCopy(PathPairs const& pairs);
   void remoteToLocalCopy(ustring const& source, ustring const& destination);
   void remoteToLocalCopy(PathPairs const& pairs);
+
+  // Copies each pair's file, folder tree or symbolic link to exactly its
+  // destination (a folder's content lands in the destination folder, which
+  // is made, with any missing parent). Unlike the copies above: names travel
+  // as their bytes (remote trees are listed over SFTP), empty folders are
+  // made, modes and times are kept and links copied as links (as `options`
+  // say), FIFOs, sockets and devices are left out and noted in the report,
+  // and a missing source is an error. Throws SSHError(Transfer) naming the
+  // first failure; files completed before it stay.
+  TransferReport upload(PathPairs const& pairs, TransferOptions const& options = {});
+  TransferReport download(PathPairs const& pairs, TransferOptions const& options = {});
 
   // Runs a command on the remote host; a non-zero exit status is no error.
   ExecuteCommandResult remoteExecute(ustring command);

@@ -71,6 +71,17 @@ void SSHFileAccess::copy(TransferDirection direction, std::vector<ustring> const
   client_->copyFiles(ssh::CopyFilesCommand(std::move(items), direction, ssh::TransferProtocol::SFTP, kTransferMode));
 }
 
+ssh::TreeTransferReport SSHFileAccess::copyTrees(TransferDirection direction, PathPairs const& pairs,
+                                                 ssh::TreeTransferOptions const& options) {
+  std::vector<ssh::FileLocations> items;
+  items.reserve(pairs.size());
+  const bool upload = direction != TransferDirection::RemoteToLocal;
+  for (auto const& [source, destination] : pairs) {
+    items.push_back(upload ? ssh::FileLocations{source, destination} : ssh::FileLocations{destination, source});
+  }
+  return client_->copyTrees(ssh::CopyTreesCommand(std::move(items), direction, options));
+}
+
 void SSHFileAccess::setKeepaliveInterval(std::chrono::seconds interval) { client_->setKeepaliveInterval(interval); }
 
 std::chrono::seconds SSHFileAccess::getKeepaliveInterval() const { return client_->getKeepaliveInterval(); }

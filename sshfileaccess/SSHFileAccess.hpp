@@ -50,6 +50,11 @@ class SSHFA_EXPORT SSHFileAccess : public FileAccessInterface {
   void copy(TransferDirection direction, std::vector<ustring> const& sources, std::vector<ustring> const& destinations);
   using FileAccessInterface::copy;
 
+  // Copies each pair's file, folder tree or link (source, destination) in
+  // one SFTP session; see SSHClient::copyTrees.
+  foundation::sshclient::TreeTransferReport copyTrees(TransferDirection direction, PathPairs const& pairs,
+                                                      foundation::sshclient::TreeTransferOptions const& options);
+
   void setKeepaliveInterval(std::chrono::seconds interval);
   [[nodiscard]] std::chrono::seconds getKeepaliveInterval() const;
 

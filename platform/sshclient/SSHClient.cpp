@@ -52,6 +52,10 @@ void SSHClient::copyFiles(CopyFilesCommand command) {
   internal::transferFiles(impl_->session_, command, impl_->options_.progress);
 }
 
+TreeTransferReport SSHClient::copyTrees(CopyTreesCommand command) {
+  return internal::transferTrees(impl_->session_, command, impl_->options_.progress);
+}
+
 void SSHClient::setKeepaliveInterval(std::chrono::seconds interval) { impl_->session_.setKeepaliveInterval(interval); }
 
 std::chrono::seconds SSHClient::getKeepaliveInterval() const { return impl_->session_.keepaliveInterval(); }

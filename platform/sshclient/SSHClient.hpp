@@ -138,6 +138,48 @@ class SSHFA_EXPORT CopyFilesCommand {
   int mode_;
 };
 
+// Tree transfers (SSHClient::copyTrees). Each item's source is a file, a
+// folder or a symbolic link; its destination names the copy itself.
+struct TreeTransferOptions {
+  // The source's permission bits exactly (user/group/other rwx); off: new
+  // files get 0666 and folders 0777, less the creator's umask.
+  bool keepPermissions = true;
+  // setuid, setgid and sticky too (only with keepPermissions).
+  bool keepSpecialBits = false;
+  // Modification (and access) times to the second.
+  bool keepTimes = true;
+  // Copy what symbolic links point to instead of the links; a link that
+  // leads back into a folder above it is an error naming it.
+  bool followLinks = false;
+  // A destination that is an existing folder, or ends with '/', receives
+  // the source under its own name (as cp and scp do); off: the destination
+  // always names the copy itself.
+  bool intoFolders = false;
+};
+
+class SSHFA_EXPORT CopyTreesCommand {
+ public:
+  CopyTreesCommand(std::vector<FileLocations> items, TransferDirection direction, TreeTransferOptions options = {})
+      : items_(std::move(items)), direction_(direction), options_(options) {}
+  [[nodiscard]] std::vector<FileLocations> const& getItems() const noexcept { return items_; }
+  [[nodiscard]] TransferDirection getDirection() const noexcept { return direction_; }
+  [[nodiscard]] TreeTransferOptions const& getOptions() const noexcept { return options_; }
+
+ private:
+  std::vector<FileLocations> items_;
+  TransferDirection direction_;
+  TreeTransferOptions options_;
+};
+
+struct TreeTransferReport {
+  std::size_t files = 0;       // regular files copied
+  std::uint64_t bytes = 0;     // their bytes
+  std::size_t folders = 0;     // destination folders made
+  std::size_t links = 0;       // symbolic links made
+  std::size_t special = 0;     // FIFOs, sockets and devices left out
+  std::vector<ustring> notes;  // one line per special file left out
+};
+
 struct TransferProgress {
   std::uint64_t bytesDone = 0;
   std::uint64_t bytesTotal = 0;
@@ -262,6 +304,21 @@ class SSHFA_EXPORT SSHClient {
   // by a complete file. Created files get the command's mode less the
   // creator's umask.
   virtual void copyFiles(CopyFilesCommand command);
+
+  // Copies files, folder trees and symbolic links over the same SFTP
+  // session: the sources are listed first (remote ones over SFTP, every name
+  // as its bytes), then every destination folder is made (missing parents
+  // of the destinations included), then links and files follow, each file
+  // through a temporary and a rename as with copyFiles. Modes and times
+  // follow the command's options and are set on the temporary before the
+  // rename; folders get theirs last. FIFOs, sockets and devices are left out
+  // and named in the report's notes. Progress (the client's callback) knows
+  // every total before the first byte moves. The first failure stops new
+  // work; throws SSHError(Transfer) naming it (a folder blocked by a file
+  // is named once), or the connection's kinds. A file whose size or time
+  // changes while it is read fails ("changed while being read"): its
+  // temporary goes and an old destination stays.
+  virtual TreeTransferReport copyTrees(CopyTreesCommand command);
 
   virtual void setKeepaliveInterval(std::chrono::seconds interval);
   [[nodiscard]] virtual std::chrono::seconds getKeepaliveInterval() const;

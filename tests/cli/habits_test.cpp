@@ -3,8 +3,10 @@
 // files and jump hosts, usage errors, -q, --json failures, archive names,
 // and the completion scripts and manual page that are installed with it.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -294,7 +296,8 @@ TEST_F(HabitsTest, QuietLeavesOnlyFailures) {
 
   auto const failed = remote({"--quiet", "get", at("absent"), at("l/absent")});
   EXPECT_EQ(failed.status, kFailed);
-  EXPECT_EQ(failed.err, "sshfa: get: cannot copy '" + at("absent") + "': No such file or directory\n");
+  EXPECT_THAT(failed.err, StartsWith("sshfa: cannot download '" + at("absent") + "' from "));
+  EXPECT_THAT(failed.err, ::testing::EndsWith(": cannot read '" + at("absent") + "': No such file\n"));
 }
 
 // ---- the SSH configuration -------------------------------------------------------------
@@ -482,6 +485,102 @@ TEST(Manual, ManRendersThePage) {
   EXPECT_THAT(shown.out, HasSubstr("sshfa ls [OPTIONS] PATH..."));
   EXPECT_THAT(shown.out, HasSubstr("-J, --jump HOST"));
   EXPECT_THAT(shown.out, HasSubstr("Exit status: 0 success"));
+}
+
+// ---- put and get into folders, with what they keep ---------------------------------
+
+unsigned modeOf(std::string const& path) { return static_cast<unsigned>(fs::status(path).permissions()); }
+
+std::int64_t mtimeOf(std::string const& path) {
+  struct stat st {};
+  ::lstat(path.c_str(), &st);
+  return st.st_mtim.tv_sec;
+}
+
+void makeOld(std::string const& path) {
+  struct timespec const times[2] = {{1'500'000'000, 0}, {1'500'000'000, 0}};
+  ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+}
+
+TEST_F(HabitsTest, ADestinationFolderReceivesTheSourceUnderItsOwnName) {
+  writeFile(at("f.txt"), "f");
+  fs::create_directories(at("r/existing"));
+  EXPECT_EQ(remote({"put", at("f.txt"), at("r/existing")}).status, 0);
+  EXPECT_EQ(readFile(at("r/existing/f.txt")), "f");
+  // A trailing slash means a folder, made when missing.
+  EXPECT_EQ(remote({"put", at("f.txt"), at("r/new/")}).status, 0);
+  EXPECT_EQ(readFile(at("r/new/f.txt")), "f");
+  // get into the current folder.
+  fs::create_directories(at("here"));
+  ToolOptions inHere;
+  inHere.workingDirectory = at("here");
+  auto const get = remote({"get", at("r/existing/f.txt"), "."}, inHere);
+  EXPECT_EQ(get.status, 0) << get.err;
+  EXPECT_EQ(readFile(at("here/f.txt")), "f");
+  // A folder source lands below an existing folder under its own name.
+  fs::create_directories(at("back"));
+  EXPECT_EQ(remote({"get", at("r/existing"), at("back")}).status, 0);
+  EXPECT_EQ(readFile(at("back/existing/f.txt")), "f");
+}
+
+TEST_F(HabitsTest, SeveralSourcesGoIntoOneFolder) {
+  writeFile(at("a"), "a");
+  writeFile(at("tree/b"), "b");
+  auto const put = remote({"put", "-r", at("a"), at("tree"), at("r/dest")});
+  EXPECT_EQ(put.status, 0) << put.err;
+  EXPECT_EQ(readFile(at("r/dest/a")), "a");
+  EXPECT_EQ(readFile(at("r/dest/tree/b")), "b");
+  auto const get = remote({"get", "-R", at("r/dest/a"), at("r/dest/tree"), at("l/")});
+  EXPECT_EQ(get.status, 0) << get.err;
+  EXPECT_EQ(readFile(at("l/a")), "a");
+  EXPECT_EQ(readFile(at("l/tree/b")), "b");
+  // Several sources and a file as the destination: the file is named.
+  auto const blocked = remote({"put", at("a"), at("tree"), at("r/dest/a")});
+  EXPECT_EQ(blocked.status, kFailed);
+  EXPECT_THAT(blocked.err, HasSubstr("cannot make folder '" + at("r/dest/a") + "'"));
+  EXPECT_THAT(blocked.err, HasSubstr("a file is in the way"));
+}
+
+TEST_F(HabitsTest, PutAndGetKeepModesTimesAndLinksUnlessTold) {
+  writeFile(at("src/private"), "p");
+  fs::permissions(at("src/private"), fs::perms::owner_read | fs::perms::owner_write);
+  makeOld(at("src/private"));
+  fs::create_symlink("private", at("src/link"));
+  EXPECT_EQ(remote({"put", at("src"), at("kept")}).status, 0);
+  EXPECT_EQ(modeOf(at("kept/private")), 0600U);
+  EXPECT_EQ(mtimeOf(at("kept/private")), 1'500'000'000);
+  EXPECT_EQ(fs::read_symlink(at("kept/link")), "private");
+
+  auto const plain = remote({"get", "--no-perms", "--no-times", "-L", at("kept"), at("plain")});
+  EXPECT_EQ(plain.status, 0) << plain.err;
+  auto const mask = ::umask(0);
+  ::umask(mask);
+  EXPECT_EQ(modeOf(at("plain/private")), 0666U & ~static_cast<unsigned>(mask));
+  EXPECT_NE(mtimeOf(at("plain/private")), 1'500'000'000);
+  EXPECT_FALSE(fs::is_symlink(at("plain/link")));
+  EXPECT_EQ(readFile(at("plain/link")), "p");
+}
+
+TEST_F(HabitsTest, PutReportsFoldersLinksAndSpecialFiles) {
+  writeFile(at("src/a"), "abc");
+  fs::create_directories(at("src/empty"));
+  fs::create_symlink("a", at("src/link"));
+  ASSERT_EQ(::mkfifo(at("src/pipe").c_str(), 0600), 0);
+  auto const put = remote({"--json", "put", at("src"), at("r/copy")});
+  EXPECT_EQ(put.status, 0) << put.err;
+  json const totals = json::parse(put.out);
+  EXPECT_EQ(totals["files"], 1);
+  EXPECT_EQ(totals["bytes"], 3);
+  EXPECT_EQ(totals["folders"], 3);  // r, r/copy, r/copy/empty
+  EXPECT_EQ(totals["links"], 1);
+  EXPECT_EQ(totals["special"], 1);
+  EXPECT_TRUE(totals.contains("seconds"));
+  EXPECT_EQ(put.err, "sshfa: put: skipped '" + at("src/pipe") + "': a FIFO\n");
+  EXPECT_TRUE(fs::is_directory(at("r/copy/empty")));
+
+  auto const summary = remote({"put", at("src"), at("r/again")});
+  EXPECT_THAT(summary.err, HasSubstr("put: copied 1 file, 3 B in "));
+  EXPECT_THAT(summary.err, HasSubstr(", 1 link, 1 special file left out\n"));
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
-// The tool's pure parts: host:path operands and messages in its words.
+// The tool's pure parts: host:path operands, messages in its words and the
+// progress line.
 
 #include <gtest/gtest.h>
 
 #include "tools/sshfa/Commands.hpp"
 #include "tools/sshfa/Messages.hpp"
+#include "tools/sshfa/Progress.hpp"
 #include "tools/sshfa/RemoteOperand.hpp"
 
 namespace sshfa::cli {
@@ -98,6 +100,33 @@ TEST(Messages, NearestName) {
   EXPECT_EQ(nearestName("exsits", names), "exists");
   EXPECT_EQ(nearestName("frobnicate", names), "");
   EXPECT_EQ(nearestName("xyz", names), "");
+}
+
+foundation::sshclient::TransferProgress halfway() {
+  foundation::sshclient::TransferProgress progress;
+  progress.bytesDone = 1024 * 1024;
+  progress.bytesTotal = 2 * 1024 * 1024;
+  progress.filesDone = 150;
+  progress.filesTotal = 300;
+  return progress;
+}
+
+TEST(ProgressLine, AllFieldsAndABarWhenWide) {
+  EXPECT_EQ(progressLine(halfway(), 512 * 1024, 80),
+            " 50% [########........]  1.0 MiB / 2.0 MiB  512.0 KiB/s  150/300 files  ETA 0:02");
+}
+
+TEST(ProgressLine, NarrowTerminalsDropWholeFieldsFromTheRight) {
+  EXPECT_EQ(progressLine(halfway(), 512 * 1024, 61), " 50%  1.0 MiB / 2.0 MiB  512.0 KiB/s  150/300 files  ETA 0:02");
+  EXPECT_EQ(progressLine(halfway(), 512 * 1024, 60), " 50%  1.0 MiB / 2.0 MiB  512.0 KiB/s  150/300 files");
+  // The bar comes back where a dropped field leaves room for it.
+  EXPECT_EQ(progressLine(halfway(), 512 * 1024, 50), " 50% [#####......]  1.0 MiB / 2.0 MiB  512.0 KiB/s");
+  EXPECT_EQ(progressLine(halfway(), 512 * 1024, 30), " 50%  1.0 MiB / 2.0 MiB");
+  EXPECT_EQ(progressLine(halfway(), 512 * 1024, 5), " 50%");
+}
+
+TEST(ProgressLine, NoRateYetMeansNoEstimate) {
+  EXPECT_EQ(progressLine(halfway(), 0, 60), " 50%  1.0 MiB / 2.0 MiB  -  150/300 files  ETA -:--");
 }
 
 }  // namespace

@@ -1,11 +1,16 @@
 // Destinations that refuse the data: a full file system (a 1 MiB tmpfs) and
 // a read-only one. An upload or download into them fails, the old file stays
 // as it was, and nothing else is left there: no partial file under the final
-// name, no temporary. Mounting needs root; otherwise the tests are skipped.
+// name, no temporary; the tool names the cause. Mounting needs root;
+// otherwise the tests are skipped. Also sources that change while they are
+// uploaded: they fail, and the old destination stays.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <thread>
 
 #include "tests/faults/FaultSupport.hpp"
 
@@ -66,12 +71,15 @@ class RefusingDestination : public ::testing::Test {
     EXPECT_THAT(std::string(error->what()),
                 ::testing::StartsWith("cannot download '" + (remoteSource_ / "big").string() + "' from "));
   }
-  void toolUpload() const {
+  void toolUpload(std::string const& cause = {}) const {
     auto const result = runTool(
         joined(toolConnection(TestSshd::instance()), {"put", (source_ / "big").string(), (mount_ / "big").string()}));
     EXPECT_EQ(result.status, kFailed) << result.err;
     EXPECT_THAT(result.err, ::testing::StartsWith("sshfa: cannot upload '" + (source_ / "big").string() + "' to '" +
                                                   (mount_ / "big").string() + "' on "));
+    if (!cause.empty()) {
+      EXPECT_THAT(result.err, ::testing::EndsWith(": " + cause + "\n"));
+    }
   }
 
   fs::path mount_ = TestSshd::makeTempDir();
@@ -91,7 +99,7 @@ TEST_F(RefusingDestination, DownloadIntoAFullFileSystem) {
 }
 
 TEST_F(RefusingDestination, ToolUploadIntoAFullFileSystem) {
-  toolUpload();
+  toolUpload("no space left on device");
   expectUntouched();
 }
 
@@ -109,8 +117,67 @@ TEST_F(RefusingDestination, DownloadIntoAReadOnlyFileSystem) {
 
 TEST_F(RefusingDestination, ToolUploadIntoAReadOnlyFileSystem) {
   makeReadOnly();
-  toolUpload();
+  toolUpload("read-only file system");
   expectUntouched();
+}
+
+// A source changed by `change` as soon as its temporary appears beside the
+// destination, while the tool uploads it.
+class ChangingSource : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    writeFile(destination_ / "big", kOld);
+    writeFile(source_ / "big", pattern(kSize, 3));
+  }
+
+  template <class Change>
+  void uploadWhile(Change&& change) {
+    std::atomic<bool> done{false};
+    std::thread watcher([&] {
+      while (!done) {
+        for (auto const& name : namesIn(destination_)) {
+          if (name.find(".sshfa-") != std::string::npos) {
+            change(source_ / "big");
+            return;
+          }
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
+    });
+    result_ = runTool(joined(toolConnection(TestSshd::instance()),
+                             {"put", (source_ / "big").string(), (destination_ / "big").string()}));
+    done = true;
+    watcher.join();
+  }
+
+  void expectFailedAndOldKept() const {
+    EXPECT_EQ(result_.status, kFailed) << result_.err;
+    EXPECT_EQ(result_.err, "sshfa: cannot upload '" + (source_ / "big").string() + "' to '" +
+                               (destination_ / "big").string() + "' on " +
+                               prefixOf(TestSshd::instance(), TestSshd::instance().user()) + "'" +
+                               (source_ / "big").string() + "' changed while being read\n");
+    EXPECT_EQ(readFile(destination_ / "big"), kOld);
+    EXPECT_THAT(namesIn(destination_), ::testing::ElementsAre("big"));
+  }
+
+  // Large enough that the upload is still reading when the change comes.
+  static constexpr std::size_t kSize = std::size_t{192} << 20;
+  fs::path source_ = TestSshd::makeTempDir();
+  fs::path destination_ = TestSshd::makeTempDir();
+  ToolResult result_;
+};
+
+TEST_F(ChangingSource, ASourceTruncatedDuringUploadFails) {
+  uploadWhile([](fs::path const& path) { fs::resize_file(path, 10 << 20); });
+  expectFailedAndOldKept();
+}
+
+TEST_F(ChangingSource, ASourceGrownDuringUploadFails) {
+  uploadWhile([](fs::path const& path) {
+    std::ofstream out(path, std::ios::binary | std::ios::app);
+    out << "more";
+  });
+  expectFailedAndOldKept();
 }
 
 }  // namespace

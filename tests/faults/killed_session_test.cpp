@@ -115,8 +115,8 @@ TEST_F(KilledSession, MidDownloadOfManySmallFiles) {
 TEST_F(KilledSession, ToolMidUploadOfManySmallFiles) {
   writeNewVersions(local_ / "tree");
   writeOldVersions(remote_ / "tree");
-  ToolProcess tool(joined(toolConnection(server_), {"put", (local_ / "tree").string(), (remote_ / "tree").string()}),
-                   {});
+  // Into the existing folder that holds the old tree.
+  ToolProcess tool(joined(toolConnection(server_), {"put", (local_ / "tree").string(), remote_.string()}), {});
   // Killed once some new versions have arrived.
   auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (readFile(remote_ / "tree" / smallName(kSmallFiles - 1)) == oldVersion(kSmallFiles - 1) &&

@@ -246,6 +246,13 @@ TEST_F(OptionLikeOperand, GetOfDashDeleteDeletesNothing) {
   EXPECT_THAT(treeOf(home()), UnorderedElementsAreArray(
                                   {std::string("keep=kept\n"), std::string("-delete/"), std::string("-delete/a=a\n")}));
   EXPECT_THAT(treeOf(local_ / "got"), ElementsAre("a=a\n"));
+  // get lists over SFTP, without the login shell; the shell's listing of
+  // the same name deletes nothing either.
+  auto const listed = account_->tool({"ls", "-R", "--", "-delete"}, local_);
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  EXPECT_EQ(listed.out, "-delete/a\n");
+  EXPECT_THAT(treeOf(home()), UnorderedElementsAreArray(
+                                  {std::string("keep=kept\n"), std::string("-delete/"), std::string("-delete/a=a\n")}));
 }
 
 TEST_F(OptionLikeOperand, ListingOfDashExecRunsNothing) {

@@ -39,9 +39,11 @@ constexpr char const* kFooter = R"(Exit status: 0 success; 1 an operation failed
 Paths are taken as they are written (no globbing on either side). Commands
 that take paths take many and send them in few round trips:
   sshfa -H host stat a b c
-cp, mv, put and get take pairs: SOURCE DESTINATION [SOURCE DESTINATION ...].
-A folder is copied by put and get as the regular files below it; the
-destination names the copy itself, not a folder to copy into.
+cp and mv take pairs: SOURCE DESTINATION [SOURCE DESTINATION ...].
+put and get take SOURCE... DESTINATION, as cp and scp do: a destination that
+is an existing folder or ends with / receives each source under its own
+name. They copy folder trees whole (empty folders too) and keep modes and
+times (--no-perms, --no-times) and symbolic links as links (-L follows them).
 put and get also take the remote side as [USER@]HOST:PATH, as scp does
 (sshfa put notes.txt box:/srv/notes.txt); HOST: alone is the login folder,
 and a local name with a colon is written ./a:b.
@@ -65,6 +67,7 @@ struct Invocation {
   bool recursive = false;
   bool parents = false;
   std::vector<std::string> pairs;
+  TransferFlags transfer;
   std::vector<std::string> words;
   bool noInput = false;  // exec: standard input not read
   DemoSettings demo;
@@ -211,6 +214,19 @@ CLI::App* addPairCommand(CLI::App& app, std::vector<std::string>& target, std::s
   return sub;
 }
 
+CLI::App* addTransferCommand(CLI::App& app, Invocation& inv, std::string const& name, std::string const& description) {
+  auto* sub = app.add_subcommand(name, description);
+  sub->add_option("OPERANDS", inv.pairs, "SOURCE... DESTINATION")->required();
+  sub->add_flag("--no-perms", inv.transfer.noPermissions,
+                "Do not keep modes: new files get 0666 and folders 0777, less the umask");
+  sub->add_flag("--no-times", inv.transfer.noTimes, "Do not keep modification times");
+  sub->add_flag("--keep-special-bits", inv.transfer.keepSpecialBits, "Keep setuid, setgid and sticky too");
+  sub->add_flag("-L,--follow-links", inv.transfer.followLinks,
+                "Copy what symbolic links point to instead of the links");
+  sub->add_flag("-r,-R,--recursive", inv.recursive, "Accepted for habit; folders are always copied whole");
+  return sub;
+}
+
 CLI::App* addTwoOperandCommand(CLI::App& app, Invocation& inv, std::string const& name, std::string const& description,
                                std::string const& first, std::string const& second) {
   auto* sub = app.add_subcommand(name, description);
@@ -300,7 +316,7 @@ int dispatch(CLI::App const& app, Invocation& inv) {
   auto const access = connect(inv.connection, progress);
   if (transfer) {
     SilencedStderr const silenced(inv.quiet);
-    return runTransfer(*access, progress, name == "put", inv.pairs, inv.json);
+    return runTransfer(*access, progress, name == "put", inv.pairs, inv.transfer, inv.json);
   }
   if (name == "exec") return runExec(*access, inv.words, inv.json, inv.noInput);
   return runFileCommand(*access->remote(), inv.file);
@@ -373,8 +389,8 @@ int run(int argc, char** argv) {
                        "ARCHIVE", "FOLDER");
   addTwoOperandCommand(app, inv, "zip", "Pack a file or folder into a zip archive", "SOURCE", "ARCHIVE");
   addTwoOperandCommand(app, inv, "unzip", "Unpack a zip archive into a folder", "ARCHIVE", "FOLDER");
-  addPairCommand(app, inv.pairs, "put", "Copy local files or folder trees to the remote host (LOCAL REMOTE ...)");
-  addPairCommand(app, inv.pairs, "get", "Copy remote files or folder trees to this machine (REMOTE LOCAL ...)");
+  addTransferCommand(app, inv, "put", "Copy local files or folder trees to the remote host (LOCAL... REMOTE)");
+  addTransferCommand(app, inv, "get", "Copy remote files or folder trees to this machine (REMOTE... LOCAL)");
   auto* exec = app.add_subcommand("exec",
                                   "Run a command with the remote shell; prints its output, exits with its "
                                   "status");

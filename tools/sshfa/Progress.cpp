@@ -12,6 +12,9 @@
 namespace sshfa::cli {
 namespace {
 
+// The rate shown is that of the last few seconds, not since the start.
+constexpr std::chrono::seconds kRateWindow{5};
+
 std::string formatDuration(double seconds) {
   auto const total = static_cast<long long>(seconds + 0.5);
   if (total >= 3600) return fmt::format("{}:{:02}:{:02}", total / 3600, (total / 60) % 60, total % 60);
@@ -55,35 +58,57 @@ TransferReporter::~TransferReporter() {
 
 void TransferReporter::update(foundation::sshclient::TransferProgress const& progress) {
   last_ = progress;
-  if (drawBar_) draw();
+  auto const now = std::chrono::steady_clock::now();
+  samples_.emplace_back(now, progress.bytesDone);
+  while (samples_.size() > 2 && now - samples_[1].first >= kRateWindow) samples_.pop_front();
+  // Nothing to show while the sources are still listed (no totals yet).
+  if (drawBar_ && progress.filesTotal + progress.bytesTotal > 0) draw();
   throwIfInterrupted();
 }
 
-void TransferReporter::draw() {
-  double const elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-  std::uint64_t const total = std::max(last_.bytesTotal, last_.bytesDone);
-  double const fraction = total == 0 ? 1.0 : static_cast<double>(last_.bytesDone) / static_cast<double>(total);
-  std::string eta = "-:--";
-  if (last_.bytesDone > 0 && elapsed > 0) {
-    double const rate = static_cast<double>(last_.bytesDone) / elapsed;
-    eta = formatDuration(static_cast<double>(total - last_.bytesDone) / rate);
+double TransferReporter::recentRate() const {
+  if (samples_.size() < 2) {
+    double const elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    return elapsed > 0 ? static_cast<double>(last_.bytesDone) / elapsed : 0.0;
   }
-  std::string const tail =
-      fmt::format(" {} / {}  {}  {}/{} files  ETA {}", formatBytes(last_.bytesDone), formatBytes(total),
-                  formatRate(last_.bytesDone, elapsed), last_.filesDone, last_.filesTotal, eta);
-  std::string const head = fmt::format("{:3.0f}% ", fraction * 100.0);
-  // Room is left at the end for the terminal's "^C", so that it cannot wrap
-  // the line and leave a stale bar behind.
-  int const columns = terminalColumns(STDERR_FILENO) - 3;
-  int const barWidth = columns - static_cast<int>(head.size() + tail.size()) - 2;
-  std::string line = head;
+  double const span = std::chrono::duration<double>(samples_.back().first - samples_.front().first).count();
+  if (span <= 0) return 0.0;
+  return static_cast<double>(samples_.back().second - samples_.front().second) / span;
+}
+
+std::string progressLine(foundation::sshclient::TransferProgress const& progress, double bytesPerSecond, int columns) {
+  std::uint64_t const total = std::max(progress.bytesTotal, progress.bytesDone);
+  double const fraction = total == 0 ? 1.0 : static_cast<double>(progress.bytesDone) / static_cast<double>(total);
+  std::string eta = "-:--";
+  if (bytesPerSecond > 0) eta = formatDuration(static_cast<double>(total - progress.bytesDone) / bytesPerSecond);
+  std::string const rate = bytesPerSecond > 0 ? formatBytes(static_cast<std::uint64_t>(bytesPerSecond)) + "/s" : "-";
+  std::string const fields[] = {
+      fmt::format("{:3.0f}%", fraction * 100.0),
+      fmt::format("{} / {}", formatBytes(progress.bytesDone), formatBytes(total)),
+      rate,
+      fmt::format("{}/{} files", progress.filesDone, progress.filesTotal),
+      "ETA " + eta,
+  };
+  // Whole fields from the left while they fit.
+  std::string tail;
+  std::size_t const room = static_cast<std::size_t>(std::max(columns, 0));
+  std::string line = fields[0].size() <= room ? fields[0] : std::string();
+  for (std::size_t i = 1; i < std::size(fields) && !line.empty(); ++i) {
+    if (line.size() + tail.size() + 2 + fields[i].size() > room) break;
+    tail += "  " + fields[i];
+  }
+  int const barWidth = columns - static_cast<int>(line.size() + tail.size()) - 3;
   if (barWidth >= 10) {
     auto const filled = static_cast<std::size_t>(fraction * barWidth);
-    line += "[" + std::string(filled, '#') + std::string(static_cast<std::size_t>(barWidth) - filled, '.') + "]";
+    line += " [" + std::string(filled, '#') + std::string(static_cast<std::size_t>(barWidth) - filled, '.') + "]";
   }
-  line += tail;
-  if (static_cast<int>(line.size()) > columns) line.resize(static_cast<std::size_t>(std::max(columns, 0)));
-  writeStderr("\r" + line + "\x1b[K");
+  return line + tail;
+}
+
+void TransferReporter::draw() {
+  // Room is left at the end for the terminal's "^C", so that it cannot wrap
+  // the line and leave a stale bar behind.
+  writeStderr("\r" + progressLine(last_, recentRate(), terminalColumns(STDERR_FILENO) - 3) + "\x1b[K");
   drawn_ = true;
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 // Progress of a transfer on standard error: a one-line bar (percentage,
-// bytes, rate, files, ETA) redrawn in place when standard error is a
-// terminal, and a summary afterwards.
+// bytes, rate over the last few seconds, files, ETA) redrawn in place when
+// standard error is a terminal, and a summary afterwards. The totals are
+// known from the listing before the first byte moves.
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -34,12 +36,20 @@ class TransferReporter {
 
  private:
   void draw();
+  [[nodiscard]] double recentRate() const;
 
   bool drawBar_;
   bool drawn_ = false;
   std::chrono::steady_clock::time_point start_;
   foundation::sshclient::TransferProgress last_;
+  // (when, bytes done) over the last few seconds, for the rate.
+  std::deque<std::pair<std::chrono::steady_clock::time_point, std::uint64_t>> samples_;
 };
+
+// The progress line for `columns` columns: "42% [###...] 1.0 MiB / 2.4 MiB
+// 3.1 MiB/s 12/300 files ETA 0:01"; the bar only where there is room for it,
+// and on a narrow terminal whole fields dropped from the right.
+std::string progressLine(foundation::sshclient::TransferProgress const& progress, double bytesPerSecond, int columns);
 
 // Routes the SSH client's progress callback (fixed when the client is built)
 // to whichever reporter is current; none by default.

@@ -1,6 +1,6 @@
 #pragma once
-// put and get: files and folder trees between this machine and the remote
-// host, with a progress line on a terminal and a summary afterwards.
+// put and get: files, folder trees and links between this machine and the
+// remote host, with a progress line on a terminal and a summary afterwards.
 
 #include <string>
 #include <vector>
@@ -10,9 +10,20 @@
 
 namespace sshfa::cli {
 
-// put (upload) and get: pairs of source and destination. A source that does
-// not exist is an error; Ctrl-C and SIGTERM stop the transfer cleanly.
+// What put and get keep; by default modes (without setuid, setgid and
+// sticky), times and links as links.
+struct TransferFlags {
+  bool noPermissions = false;
+  bool noTimes = false;
+  bool keepSpecialBits = false;
+  bool followLinks = false;
+};
+
+// put (upload) and get: SOURCE... DESTINATION, as cp and scp take them: a
+// destination that is an existing folder or ends with '/' receives each
+// source under its own name; several sources always go into a folder. A
+// missing source is an error; Ctrl-C and SIGTERM stop the transfer cleanly.
 int runTransfer(nimbal::remoteaccess::sshfileaccess::FileAccess& access, ProgressRouter& progress, bool upload,
-                std::vector<std::string> const& args, bool json);
+                std::vector<std::string> const& operands, TransferFlags const& flags, bool json);
 
 }  // namespace sshfa::cli

@@ -74,4 +74,11 @@ void transferFiles(Session& session, CopyFilesCommand const& command,
   sftp::transfer(transport, session.describe(), command, progress);
 }
 
+TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& command,
+                                 std::function<void(TransferProgress const&)> const& progress) {
+  if (command.getItems().empty()) return {};
+  ChannelTransport transport(session);
+  return sftp::transferTrees(transport, session.describe(), command, progress);
+}
+
 }  // namespace foundation::sshclient::internal

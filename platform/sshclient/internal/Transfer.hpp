@@ -21,4 +21,9 @@ class Session;
 void transferFiles(Session& session, CopyFilesCommand const& command,
                    std::function<void(TransferProgress const&)> const& progress);
 
+// The same for copyTrees: always opens the channel (the sources are listed
+// over it).
+TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& command,
+                                 std::function<void(TransferProgress const&)> const& progress);
+
 }  // namespace foundation::sshclient::internal

@@ -460,7 +460,8 @@ struct ScriptedDownload {
         out.push_back(
             Body(PacketType::ExtendedReply).u32(r.id).u64(1 << 20).u64(limitsRead).u64(limitsRead).u64(64).framed());
         break;
-      case PacketType::Stat: {
+      case PacketType::Stat:
+      case PacketType::Lstat: {
         Body attrs(PacketType::Attrs);
         attrs.u32(r.id);
         if (statSize) {
@@ -536,6 +537,57 @@ TEST_F(ScriptedTest, AFileThatShrankEndsAtTheEndOfFile) {
   FakeServer server(std::ref(script));
   transfer(server, kPeer, download(), {}, {});
   EXPECT_EQ(readFile(scratch_ / "f"), "only this");
+}
+
+// Trees: a listed file is asked for one byte past its listed size.
+TEST_F(ScriptedTest, AListedFileOfItsListedSizeArrives) {
+  ScriptedDownload script;
+  script.contents = "abc";
+  script.statSize = 3;
+  FakeServer server(std::ref(script));
+  CopyTreesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "f").string()), u"/file"}},
+                                 TransferDirection::RemoteToLocal);
+  EXPECT_EQ(transferTrees(server, kPeer, command, {}, {}).files, 1U);
+  EXPECT_EQ(readFile(scratch_ / "f"), "abc");
+  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 3}, {3, 1}}));
+}
+
+TEST_F(ScriptedTest, AListedFileThatGrewFailsAndLeavesNothing) {
+  ScriptedDownload script;
+  script.contents = "abc and more";
+  script.statSize = 3;
+  FakeServer server(std::ref(script));
+  CopyTreesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "f").string()), u"/file"}},
+                                 TransferDirection::RemoteToLocal);
+  try {
+    transferTrees(server, kPeer, command, {}, {});
+    ADD_FAILURE() << "no failure";
+  } catch (SSHError const& e) {
+    EXPECT_EQ(std::string(e.what()), "cannot download '/file' from " + std::string(kPeer) + " to '" +
+                                         (scratch_ / "f").string() + "': '/file' changed while being read");
+  }
+  EXPECT_TRUE(listNames(scratch_.path()).empty());
+}
+
+TEST_F(ScriptedTest, ACallbackThatThrowsWhileListingStopsBeforeAnyFile) {
+  ScriptedDownload script;
+  script.contents = "abc";
+  script.statSize = 3;
+  FakeServer server(std::ref(script));
+  CopyTreesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "f").string()), u"/file"}},
+                                 TransferDirection::RemoteToLocal);
+  std::vector<TransferProgress> seen;
+  auto const stop = [&](TransferProgress const& progress) {
+    seen.push_back(progress);
+    throw std::runtime_error("stop");
+  };
+  EngineOptions options;
+  options.progressInterval = std::chrono::milliseconds(0);
+  EXPECT_THROW(transferTrees(server, kPeer, command, stop, options), std::runtime_error);
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].filesTotal, 0U);  // no totals while listing
+  EXPECT_TRUE(script.reads.empty());
+  EXPECT_TRUE(listNames(scratch_.path()).empty());
 }
 
 TEST_F(ScriptedTest, FilesOpenWhileTheLimitsAreAskedFor) {

@@ -136,6 +136,19 @@ TEST(SftpEncode, Limits) {
             "00 00 00 1b c8 00 00 00 04 00 00 00 12 " + hex(Bytes(kLimitsExtension.begin(), kLimitsExtension.end())));
 }
 
+TEST(SftpEncode, TreeRequests) {
+  Bytes out;
+  PacketWriter(out).mkdir(1, "d", Attributes{});
+  EXPECT_EQ(hex(out), "00 00 00 0e 0e 00 00 00 01 00 00 00 01 64 00 00 00 00");
+  out.clear();
+  // OpenSSH's order: the target, then the link.
+  PacketWriter(out).symlink(2, "t", "l");
+  EXPECT_EQ(hex(out), "00 00 00 0f 14 00 00 00 02 00 00 00 01 74 00 00 00 01 6c");
+  out.clear();
+  PacketWriter(out).readdir(3, "h");
+  EXPECT_EQ(hex(out), "00 00 00 0a 0c 00 00 00 03 00 00 00 01 68");
+}
+
 TEST(SftpEncode, BytesAreNotText) {
   Bytes out;
   std::string const name("a\n'\xff b", 6);
@@ -274,6 +287,45 @@ TEST(SftpDecode, Name) {
   EXPECT_EQ(reply.names[0].attributes.size, 3U);
   EXPECT_EQ(text(reply.names[1].filename), "b");
   EXPECT_FALSE(reply.names[1].attributes.size);
+}
+
+TEST(SftpDecode, Statvfs) {
+  // bsize, frsize, blocks, bfree, bavail, files, ffree, favail, fsid, flag, namemax
+  auto const full = Body(PacketType::ExtendedReply)
+                        .u32(5)
+                        .u64(4096)
+                        .u64(4096)
+                        .u64(256)
+                        .u64(0)
+                        .u64(0)
+                        .u64(10)
+                        .u64(5)
+                        .u64(5)
+                        .u64(1)
+                        .u64(0)
+                        .u64(255)
+                        .bytes();
+  auto const state = decodeStatvfs(decodeReply(full).data);
+  EXPECT_EQ(state.bytesAvailable, 0U);
+  EXPECT_FALSE(state.readOnly);
+  auto const readOnly = Body(PacketType::ExtendedReply)
+                            .u32(5)
+                            .u64(4096)
+                            .u64(1024)
+                            .u64(256)
+                            .u64(9)
+                            .u64(8)
+                            .u64(10)
+                            .u64(5)
+                            .u64(5)
+                            .u64(1)
+                            .u64(1)
+                            .u64(255)
+                            .bytes();
+  auto const other = decodeStatvfs(decodeReply(readOnly).data);
+  EXPECT_EQ(other.bytesAvailable, 8U * 1024U);
+  EXPECT_TRUE(other.readOnly);
+  EXPECT_THROW(decodeStatvfs(decodeReply(Body(PacketType::ExtendedReply).u32(5).u64(1).bytes()).data), ProtocolError);
 }
 
 TEST(SftpDecode, ExtendedReplyAndLimits) {

@@ -1,5 +1,6 @@
 #include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -41,8 +42,39 @@ constexpr std::size_t kFilesBeforeLimits = 8;
 constexpr int kTempAttempts = 4;
 // Keeps temporary names within NAME_MAX.
 constexpr std::size_t kTempBaseLength = 200;
+// Remote folders read at once while listing.
+constexpr std::size_t kFoldersOpen = 32;
+constexpr std::size_t kNone = SIZE_MAX;
+constexpr std::uint32_t kPermissionBits = 0777;
+constexpr std::uint32_t kModeBits = 07777;
 
 std::string errnoText(int error) { return std::generic_category().message(error); }
+
+// `folder` + "/" + `name`, without doubling a separator the folder ends with.
+std::string joined(std::string const& folder, std::string_view name) {
+  if (!folder.empty() && folder.back() == '/') return folder + std::string(name);
+  return folder + "/" + std::string(name);
+}
+
+std::string withoutTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+EngineOptions forDirection(EngineOptions options, bool upload) {
+  if (upload) {
+    options.windowBytes = std::min(options.windowBytes, options.uploadWindowBytes);
+    options.maxOpenFiles = std::min(options.maxOpenFiles, options.maxOpenUploads);
+  }
+  return options;
+}
+
+// The last name of a path ("a" for "x/a/").
+std::string baseName(std::string const& path) {
+  auto const trimmed = withoutTrailingSlashes(path);
+  auto const slash = trimmed.rfind('/');
+  return slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
+}
 
 std::string quoted(std::string_view path) {
   std::string out;
@@ -191,12 +223,86 @@ enum class Op {
   MoveAside,
   MoveIn,
   Cleanup,
+  SetAttributes,
+  Statvfs,
+  // trees
+  Examine,
+  RealPath,
+  OpenFolder,
+  ReadFolder,
+  ReadLink,
+  MakeFolder,
+  CheckFolder,
+  FolderAttributes,
+  MakeLink,
+  PlaceLink,
+  Destination,
+  Probe,
+};
+
+// One file to copy; byte strings, local or remote by direction.
+struct FileWork {
+  FileWork(std::string from, std::string to, std::size_t index)
+      : source(std::move(from)), destination(std::move(to)), item(index) {}
+
+  std::string source;
+  std::string destination;
+  std::optional<std::uint64_t> size;  // known from a listing
+  std::optional<std::uint32_t> mode;  // permission bits to set exactly
+  std::optional<std::uint32_t> atime;
+  std::optional<std::uint32_t> mtime;  // with atime: times to set
+  std::size_t item = 0;                // the command's item it came from
+};
+
+// A destination folder to make: a missing parent of an item's destination,
+// or a folder of a source tree (with the mode and times it should end with).
+struct FolderWork {
+  FolderWork(std::string to, std::size_t index, bool listed)
+      : destination(std::move(to)), item(index), fromSource(listed) {}
+
+  std::string destination;
+  std::size_t item = 0;
+  bool fromSource = false;
+  std::optional<std::uint32_t> mode;
+  std::optional<std::uint32_t> atime;
+  std::optional<std::uint32_t> mtime;
+  // Outcome of the MKDIR and the STAT after it.
+  bool made = false;
+  bool isFolder = false;
+  bool inTheWay = false;
+  std::string error;
+};
+
+struct LinkWork {
+  LinkWork(std::string to, std::string text, std::size_t index)
+      : destination(std::move(to)), target(std::move(text)), item(index) {}
+
+  std::string destination;
+  std::string target;
+  std::size_t item = 0;
+  std::string temp;
+  bool failed = false;
+};
+
+// A remote entry still being looked at while listing: a folder to read, or
+// a link to resolve.
+struct ListNode {
+  ListNode(std::size_t index, std::string from, std::string to, std::size_t folder)
+      : item(index), source(std::move(from)), destination(std::move(to)), parent(folder) {}
+
+  std::size_t item = 0;
+  std::string source;
+  std::string destination;
+  std::size_t parent = kNone;  // the folder it was found in
+  std::string real;            // its canonical path, when following links
+  std::string handle;
 };
 
 struct Job {
   enum class Phase { Opening, Transferring, Finishing, Done };
 
   std::size_t index = 0;
+  FileWork const* work = nullptr;
   std::string source;       // bytes, local or remote by direction
   std::string destination;  // bytes
   std::string temp;         // temporary beside the destination, once created
@@ -217,15 +323,20 @@ struct Job {
   bool failed = false;
   // Downloads: the STAT and OPEN sent together, and their answers.
   bool statAnswered = false;
+  bool probed = false;  // a listed file: asked for a byte past its size
   bool openAnswered = false;
   std::optional<Attributes> attributes;
   std::optional<std::string> sourceError;
+  // Uploads: the source as it was opened, to tell a change while reading.
+  struct timespec sourceMtime {};
+  // The server's status text of a failure being looked into.
+  std::string diagnosed;
 };
 
 struct Pending {
   Job* job = nullptr;
   Op op = Op::Cleanup;
-  std::uint64_t offset = 0;
+  std::uint64_t offset = 0;  // of data; the folder, link or node otherwise
   std::uint32_t length = 0;
 };
 
@@ -235,17 +346,38 @@ class Engine {
          EngineOptions const& options)
       : connection_(transport),
         peer_(std::move(peer)),
-        command_(command),
         upload_(command.getDirection() == TransferDirection::LocalToRemote),
         mode_(static_cast<std::uint32_t>(command.getMode()) & 07777U),
         progress_(progress),
-        options_(options),
-        random_(std::random_device{}()) {}
+        options_(forDirection(options, upload_)),
+        random_(std::random_device{}()) {
+    auto const& items = command.getItems();
+    files_.reserve(items.size());
+    for (std::size_t i = 0; i < items.size(); ++i) {
+      auto const& item = items[i];
+      files_.emplace_back(fl::i18n::ustring_to_utf8(upload_ ? item.localPath : item.remotePath),
+                          fl::i18n::ustring_to_utf8(upload_ ? item.remotePath : item.localPath), i);
+    }
+  }
+
+  Engine(Transport& transport, std::string peer, CopyTreesCommand const& command, ProgressCallback const& progress,
+         EngineOptions const& options)
+      : connection_(transport),
+        peer_(std::move(peer)),
+        upload_(command.getDirection() == TransferDirection::LocalToRemote),
+        // Private until the final mode is set.
+        mode_(command.getOptions().keepPermissions ? 0600U : 0666U),
+        progress_(progress),
+        options_(forDirection(options, upload_)),
+        random_(std::random_device{}()),
+        trees_(&command) {}
 
   void run();
+  [[nodiscard]] TreeTransferReport const& report() const noexcept { return report_; }
 
  private:
   // ---- driving
+  void drain();
   void handshake();
   void adopt(Limits const& limits);
   void startJobs();
@@ -280,18 +412,43 @@ class Engine {
   void onRename(Job& job, Op op, Reply const& reply);
   void onInspect(Job& job, Reply const& reply);
 
+  // ---- trees
+  void plan();
+  void addParents(std::size_t item, std::string const& destination);
+  void addFolder(FolderWork folder);
+  void planFailure(std::size_t item, std::string const& cause);
+  [[nodiscard]] std::string describePair(std::size_t item) const;
+  void takeAttributes(std::size_t item, std::string const& source, std::string const& destination,
+                      Attributes const& attributes, std::size_t parent, bool resolve);
+  void keepFrom(Attributes const& attributes, std::optional<std::uint32_t>& mode, std::optional<std::uint32_t>& atime,
+                std::optional<std::uint32_t>& mtime) const;
+  void listLocal(std::size_t item, std::string const& source, std::string const& destination,
+                 std::vector<std::pair<dev_t, ino_t>>& above);
+  void openFolder(std::size_t node);
+  void onListing(Pending const& pending, Reply const& reply);
+  void makeFolders();
+  void onFolder(Pending const& pending, Reply const& reply);
+  void judgeFolders();
+  void makeLinks();
+  void onLink(Pending const& pending, Reply const& reply);
+  void finishFolders();
+  void diagnose(Job& job, StatusCode status, std::string_view message);
+  void onStatvfs(Job& job, Reply const& reply);
+  void onSetAttributes(Job& job, Reply const& reply);
+  [[nodiscard]] bool changedWhileRead(Job& job);
+
   // ---- downloads
   void startDownload(Job& job);
   void onDownloadAnswer(Job& job, Op op, Reply const& reply);
   void issueReads(Job& job);
   void onRead(Job& job, Pending const& pending, Reply const& reply);
+  void onProbe(Job& job, Reply const& reply);
   bool writeBehind(Job& job, std::uint64_t offset, ByteView data);
   bool flush(Job& job);
   void finishDownload(Job& job);
 
   Connection connection_;
   std::string peer_;
-  CopyFilesCommand const& command_;
   bool upload_;
   std::uint32_t mode_;
   ProgressCallback const& progress_;
@@ -301,6 +458,7 @@ class Engine {
   bool versionReceived_ = false;
   bool limitsPending_ = false;
   bool posixRename_ = false;
+  bool statvfs_ = false;
   std::uint32_t chunk_ = kDefaultChunk;
   std::size_t ioBlock_ = kIoBlock;
   std::size_t maxOpenFiles_ = 1;
@@ -322,6 +480,19 @@ class Engine {
   std::size_t filesDone_ = 0;
   std::size_t lastItem_ = 0;
   std::chrono::steady_clock::time_point lastReport_ = std::chrono::steady_clock::now();
+
+  std::vector<FileWork> files_;
+  CopyTreesCommand const* trees_ = nullptr;
+  bool planning_ = false;
+  std::vector<FolderWork> folders_;
+  std::unordered_set<std::string> folderNames_;
+  std::vector<LinkWork> links_;
+  std::vector<ListNode> nodes_;
+  std::vector<std::string> destinations_;  // of the items, folders resolved
+  std::vector<bool> intoFolder_;
+  std::vector<std::size_t> foldersWaiting_;
+  std::size_t foldersOpen_ = 0;
+  TreeTransferReport report_;
 };
 
 // ---- driving -------------------------------------------------------------------
@@ -329,6 +500,13 @@ class Engine {
 void Engine::run() {
   try {
     handshake();
+    if (trees_ != nullptr) {
+      planning_ = true;
+      plan();
+      if (!stopping_) makeFolders();
+      planning_ = false;
+      if (!stopping_) makeLinks();
+    }
     for (;;) {
       // Files finished by the last replies make room for new ones, and files
       // that failed as they started must not look busy.
@@ -341,6 +519,7 @@ void Engine::run() {
       connection_.pump([this](ByteView packet) { onPacket(packet); });
       reportProgress(false);
     }
+    if (trees_ != nullptr && !stopping_) finishFolders();
   } catch (SSHError const& e) {
     abandon();
     std::string cause = e.what();
@@ -355,6 +534,8 @@ void Engine::run() {
   }
   if (cancelled_) std::rethrow_exception(cancelled_);
   reportProgress(true);
+  report_.files = filesDone_;
+  report_.bytes = bytesDone_;
   if (!failures_.empty()) {
     auto const first = std::min_element(failures_.begin(), failures_.end());
     auto message = first->second;
@@ -362,6 +543,14 @@ void Engine::run() {
       message += " (and " + std::to_string(more) + (more == 1 ? " more file" : " more files") + " failed)";
     }
     throw SSHError(SSHError::Kind::Transfer, message);
+  }
+}
+
+// Runs the connection until every request sent so far is answered.
+void Engine::drain() {
+  while (!pending_.empty() || connection_.queued() > 0) {
+    connection_.pump([this](ByteView packet) { onPacket(packet); });
+    reportProgress(false);
   }
 }
 
@@ -391,9 +580,7 @@ void Engine::adopt(Limits const& limits) {
   }
 }
 
-bool Engine::finished() const {
-  return (stopping_ || nextItem_ == command_.getItems().size()) && jobs_.empty() && pending_.empty();
-}
+bool Engine::finished() const { return (stopping_ || nextItem_ == files_.size()) && jobs_.empty() && pending_.empty(); }
 
 std::uint32_t Engine::track(Job* job, Op op, std::uint64_t offset, std::uint32_t length) {
   auto const id = nextId_++;
@@ -403,16 +590,15 @@ std::uint32_t Engine::track(Job* job, Op op, std::uint64_t offset, std::uint32_t
 }
 
 void Engine::startJobs() {
-  auto const& items = command_.getItems();
-  while (!stopping_ && nextItem_ < items.size() && jobs_.size() < maxOpenFiles_ &&
+  while (!stopping_ && nextItem_ < files_.size() && jobs_.size() < maxOpenFiles_ &&
          connection_.queued() < kOutboundLimit) {
-    auto const& item = items[nextItem_];
-    auto destination = fl::i18n::ustring_to_utf8(upload_ ? item.remotePath : item.localPath);
-    if (busyDestinations_.contains(destination)) return;
+    auto const& work = files_[nextItem_];
+    if (busyDestinations_.contains(work.destination)) return;
     auto job = std::make_unique<Job>();
     job->index = nextItem_++;
-    job->source = fl::i18n::ustring_to_utf8(upload_ ? item.localPath : item.remotePath);
-    job->destination = std::move(destination);
+    job->work = &work;
+    job->source = work.source;
+    job->destination = work.destination;
     busyDestinations_.insert(job->destination);
     jobs_.push_back(std::move(job));
     start(*jobs_.back());
@@ -441,6 +627,7 @@ void Engine::onPacket(ByteView packet) {
     }
     versionReceived_ = true;
     posixRename_ = options_.usePosixRename && version.offers(kPosixRenameExtension);
+    statvfs_ = version.offers(kStatvfsExtension);
     limitsPending_ = version.offers(kLimitsExtension);
     return;
   }
@@ -454,10 +641,31 @@ void Engine::onPacket(ByteView packet) {
 }
 
 void Engine::dispatch(Pending const& pending, Reply const& reply) {
-  if (pending.op == Op::Limits) {
-    adopt(reply.type == PacketType::ExtendedReply ? decodeLimits(reply.data) : Limits{});
-    return;
+  switch (pending.op) {
+    case Op::Limits:
+      adopt(reply.type == PacketType::ExtendedReply ? decodeLimits(reply.data) : Limits{});
+      return;
+    case Op::Examine:
+    case Op::RealPath:
+    case Op::OpenFolder:
+    case Op::ReadFolder:
+    case Op::ReadLink:
+      return onListing(pending, reply);
+    case Op::MakeFolder:
+    case Op::CheckFolder:
+    case Op::FolderAttributes:
+      return onFolder(pending, reply);
+    case Op::MakeLink:
+    case Op::PlaceLink:
+      return onLink(pending, reply);
+    case Op::Destination:
+      intoFolder_[static_cast<std::size_t>(pending.offset)] =
+          reply.type == PacketType::Attrs && reply.attributes.isDirectory();
+      return;
+    default:
+      break;
   }
+  if (pending.job == nullptr) return;
   auto& job = *pending.job;
   switch (pending.op) {
     case Op::Open:
@@ -488,8 +696,16 @@ void Engine::dispatch(Pending const& pending, Reply const& reply) {
     case Op::MoveIn:
       onRename(job, pending.op, reply);
       break;
-    case Op::Limits:
-    case Op::Cleanup:
+    case Op::SetAttributes:
+      onSetAttributes(job, reply);
+      break;
+    case Op::Statvfs:
+      onStatvfs(job, reply);
+      break;
+    case Op::Probe:
+      onProbe(job, reply);
+      break;
+    default:
       break;
   }
 }
@@ -504,17 +720,21 @@ void Engine::reportProgress(bool final) {
   if (!final && now - lastReport_ < options_.progressInterval) return;
   lastReport_ = now;
   auto const current = jobs_.empty() ? lastItem_ : jobs_.front()->index;
-  auto const& items = command_.getItems();
   TransferProgress progress;
-  progress.bytesDone = bytesDone_;
-  progress.bytesTotal = bytesTotal_;
-  progress.filesDone = filesDone_;
-  progress.filesTotal = items.size();
-  if (current < items.size()) progress.currentFile = upload_ ? items[current].localPath : items[current].remotePath;
+  // While the sources are listed the totals are not known yet: none are
+  // given, and the callback can still stop the transfer.
+  if (!planning_) {
+    progress.bytesDone = bytesDone_;
+    progress.bytesTotal = bytesTotal_;
+    progress.filesDone = filesDone_;
+    progress.filesTotal = files_.size();
+    if (current < files_.size()) progress.currentFile = fl::i18n::utf8_to_ustring(files_[current].source);
+  }
   try {
     progress_(progress);
   } catch (...) {
     cancelled_ = std::current_exception();
+    stopping_ = true;
     for (auto& job : jobs_) fail(*job, "cancelled");
   }
 }
@@ -606,6 +826,459 @@ void Engine::abandon() noexcept {
   }
 }
 
+// ---- trees -------------------------------------------------------------------
+
+std::string Engine::describePair(std::size_t item) const {
+  auto const& pair = trees_->getItems()[item];
+  auto const& resolved = destinations_[item];
+  auto const local = upload_ ? fl::i18n::ustring_to_utf8(pair.localPath) : resolved;
+  auto const remote = upload_ ? resolved : fl::i18n::ustring_to_utf8(pair.remotePath);
+  if (upload_) return "cannot upload " + quoted(local) + " to " + quoted(remote) + " on " + peer_ + ": ";
+  return "cannot download " + quoted(remote) + " from " + peer_ + " to " + quoted(local) + ": ";
+}
+
+void Engine::planFailure(std::size_t item, std::string const& cause) {
+  stopping_ = true;
+  failures_.emplace_back(item, describePair(item) + cause);
+}
+
+void Engine::addFolder(FolderWork folder) {
+  if (!folderNames_.insert(folder.destination).second) return;
+  folders_.push_back(std::move(folder));
+}
+
+// Every missing parent of a destination is made, as the facade's mkdir -p does.
+void Engine::addParents(std::size_t item, std::string const& destination) {
+  for (auto slash = destination.find('/', 1); slash != std::string::npos; slash = destination.find('/', slash + 1)) {
+    auto parent = withoutTrailingSlashes(destination.substr(0, slash));
+    if (parent == "/" || parent == "." || parent == ".." || parent.ends_with("/.") || parent.ends_with("/..")) continue;
+    addFolder(FolderWork(std::move(parent), item, false));
+  }
+}
+
+void Engine::keepFrom(Attributes const& attributes, std::optional<std::uint32_t>& mode,
+                      std::optional<std::uint32_t>& atime, std::optional<std::uint32_t>& mtime) const {
+  auto const& options = trees_->getOptions();
+  if (options.keepPermissions && attributes.permissions) {
+    mode = *attributes.permissions & (options.keepSpecialBits ? kModeBits : kPermissionBits);
+  }
+  if (options.keepTimes && attributes.mtime) {
+    mtime = attributes.mtime;
+    atime = attributes.atime.value_or(*attributes.mtime);
+  }
+}
+
+// Sorts one listed entry into the plan; `resolve`: a remote folder reached
+// through a link, whose canonical path is asked for before it is read.
+void Engine::takeAttributes(std::size_t item, std::string const& source, std::string const& destination,
+                            Attributes const& attributes, std::size_t parent, bool resolve) {
+  auto const type = attributes.permissions.value_or(modebits::kRegular) & modebits::kTypeMask;
+  if (type == modebits::kDirectory) {
+    FolderWork folder(withoutTrailingSlashes(destination), item, true);
+    keepFrom(attributes, folder.mode, folder.atime, folder.mtime);
+    addFolder(std::move(folder));
+    if (upload_) return;  // local folders are read by listLocal
+    nodes_.emplace_back(item, source, destination, parent);
+    auto const node = nodes_.size() - 1;
+    if (trees_->getOptions().followLinks) {
+      if (resolve) {
+        connection_.writer().realpath(track(nullptr, Op::RealPath, node), source);
+        return;
+      }
+      if (parent != kNone) nodes_[node].real = joined(nodes_[parent].real, source.substr(source.rfind('/') + 1));
+    }
+    openFolder(node);
+  } else if (type == modebits::kRegular || type == 0) {
+    FileWork file(source, destination, item);
+    file.size = attributes.size.value_or(0);
+    keepFrom(attributes, file.mode, file.atime, file.mtime);
+    bytesTotal_ += *file.size;
+    files_.push_back(std::move(file));
+  } else if (type == modebits::kSymlink) {
+    if (upload_) return;  // read by listLocal
+    nodes_.emplace_back(item, source, destination, parent);
+    connection_.writer().readlink(track(nullptr, Op::ReadLink, nodes_.size() - 1), source);
+  } else {
+    ++report_.special;
+    char const* kind = "a special file";
+    if (type == 0010000) kind = "a FIFO";
+    if (type == 0140000) kind = "a socket";
+    if (type == 0020000 || type == 0060000) kind = "a device";
+    report_.notes.push_back(fl::i18n::utf8_to_ustring("skipped " + quoted(source) + ": " + kind));
+  }
+}
+
+Attributes localAttributes(struct stat const& st) {
+  Attributes attributes;
+  attributes.size = static_cast<std::uint64_t>(st.st_size);
+  attributes.permissions = static_cast<std::uint32_t>(st.st_mode);
+  attributes.atime = static_cast<std::uint32_t>(st.st_atim.tv_sec);
+  attributes.mtime = static_cast<std::uint32_t>(st.st_mtim.tv_sec);
+  return attributes;
+}
+
+void Engine::listLocal(std::size_t item, std::string const& source, std::string const& destination,
+                       std::vector<std::pair<dev_t, ino_t>>& above) {
+  if (stopping_) return;
+  bool const follow = trees_->getOptions().followLinks;
+  struct stat st {};
+  if ((follow ? ::stat(source.c_str(), &st) : ::lstat(source.c_str(), &st)) != 0) {
+    return planFailure(item, "cannot read " + quoted(source) + ": " + errnoText(errno));
+  }
+  if (S_ISLNK(st.st_mode)) {
+    std::string target(PATH_MAX, '\0');
+    auto const length = ::readlink(source.c_str(), target.data(), target.size());
+    if (length < 0) return planFailure(item, "cannot read the link " + quoted(source) + ": " + errnoText(errno));
+    target.resize(static_cast<std::size_t>(length));
+    links_.emplace_back(destination, std::move(target), item);
+    return;
+  }
+  takeAttributes(item, source, destination, localAttributes(st), kNone, false);
+  if (!S_ISDIR(st.st_mode)) return;
+  std::pair<dev_t, ino_t> const self{st.st_dev, st.st_ino};
+  if (std::find(above.begin(), above.end(), self) != above.end()) {
+    return planFailure(item, quoted(source) + " leads back into a folder above it (a symbolic link loop)");
+  }
+  std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(source.c_str()), &::closedir);
+  if (!folder) return planFailure(item, "cannot read folder " + quoted(source) + ": " + errnoText(errno));
+  std::vector<std::string> names;
+  errno = 0;
+  while (auto const* entry = ::readdir(folder.get())) {
+    std::string_view const name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  if (errno != 0) return planFailure(item, "cannot read folder " + quoted(source) + ": " + errnoText(errno));
+  folder.reset();
+  above.push_back(self);
+  for (auto const& name : names) listLocal(item, joined(source, name), joined(destination, name), above);
+  above.pop_back();
+}
+
+void Engine::openFolder(std::size_t node) {
+  if (stopping_) return;
+  if (foldersOpen_ >= kFoldersOpen) return foldersWaiting_.push_back(node);
+  ++foldersOpen_;
+  connection_.writer().opendir(track(nullptr, Op::OpenFolder, node), nodes_[node].source);
+}
+
+void Engine::onListing(Pending const& pending, Reply const& reply) {
+  auto const index = static_cast<std::size_t>(pending.offset);
+  auto& node = nodes_[index];
+  auto const failed = [&](std::string const& what) {
+    if (!stopping_)
+      planFailure(node.item, what + quoted(node.source) + ": " + describeStatus(reply.status, reply.message));
+  };
+  switch (pending.op) {
+    case Op::Examine:
+      if (reply.type == PacketType::Attrs) {
+        // Copies: takeAttributes may add to nodes_.
+        auto const source = node.source;
+        auto const destination = node.destination;
+        return takeAttributes(node.item, source, destination, reply.attributes, node.parent,
+                              trees_->getOptions().followLinks);
+      }
+      return failed("cannot read ");
+    case Op::RealPath: {
+      if (reply.type != PacketType::Name || reply.names.size() != 1) return failed("cannot resolve ");
+      node.real = std::string(reply.names.front().filename);
+      for (auto above = node.parent; above != kNone; above = nodes_[above].parent) {
+        if (nodes_[above].real == node.real) {
+          if (!stopping_) {
+            planFailure(node.item, quoted(node.source) + " leads back into a folder above it (a symbolic link loop)");
+          }
+          return;
+        }
+      }
+      return openFolder(index);
+    }
+    case Op::OpenFolder:
+      if (reply.type != PacketType::Handle) {
+        --foldersOpen_;
+        return failed("cannot read folder ");
+      }
+      node.handle = std::string(reply.handle);
+      if (stopping_) break;
+      connection_.writer().readdir(track(nullptr, Op::ReadFolder, index), node.handle);
+      return;
+    case Op::ReadFolder:
+      if (reply.type == PacketType::Name) {
+        // Copies: nodes_ grows below.
+        auto const item = node.item;
+        auto const folderSource = node.source;
+        auto const folderDestination = node.destination;
+        for (auto const& entry : reply.names) {
+          if (entry.filename == "." || entry.filename == "..") continue;
+          auto source = joined(folderSource, entry.filename);
+          auto destination = joined(folderDestination, entry.filename);
+          if (trees_->getOptions().followLinks && entry.attributes.isSymlink()) {
+            nodes_.emplace_back(item, std::move(source), std::move(destination), index);
+            connection_.writer().stat(track(nullptr, Op::Examine, nodes_.size() - 1), nodes_.back().source);
+          } else {
+            takeAttributes(item, source, destination, entry.attributes, index, false);
+          }
+        }
+        // nodes_ may have grown: no reference into it from here on.
+        if (!stopping_) {
+          connection_.writer().readdir(track(nullptr, Op::ReadFolder, index), nodes_[index].handle);
+          return;
+        }
+      } else if (reply.status != StatusCode::Eof) {
+        failed("cannot read folder ");
+      }
+      break;
+    case Op::ReadLink:
+      if (reply.type != PacketType::Name || reply.names.size() != 1) return failed("cannot read the link ");
+      links_.emplace_back(node.destination, std::string(reply.names.front().filename), node.item);
+      return;
+    default:
+      return;
+  }
+  // The folder is read (or given up): its handle goes, a waiting one opens.
+  auto& done = nodes_[index];
+  connection_.writer().close(track(nullptr, Op::Cleanup), done.handle);
+  done.handle.clear();
+  --foldersOpen_;
+  if (!foldersWaiting_.empty() && !stopping_) {
+    auto const next = foldersWaiting_.back();
+    foldersWaiting_.pop_back();
+    openFolder(next);
+  }
+}
+
+// Lists every source (remote ones over this session) into files_, folders_
+// and links_; totals are known afterwards.
+void Engine::plan() {
+  auto const& items = trees_->getItems();
+  destinations_.reserve(items.size());
+  intoFolder_.assign(items.size(), false);
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    destinations_.push_back(fl::i18n::ustring_to_utf8(upload_ ? items[i].remotePath : items[i].localPath));
+    if (!trees_->getOptions().intoFolders) continue;
+    auto const& destination = destinations_.back();
+    struct stat st {};
+    if (destination.ends_with('/')) {
+      intoFolder_[i] = true;
+    } else if (upload_) {
+      connection_.writer().stat(track(nullptr, Op::Destination, i), destination);
+    } else {
+      intoFolder_[i] = ::stat(destination.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+  }
+  drain();
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    auto const source = fl::i18n::ustring_to_utf8(upload_ ? items[i].localPath : items[i].remotePath);
+    if (intoFolder_[i]) destinations_[i] = joined(destinations_[i], baseName(source));
+    addParents(i, destinations_[i]);
+  }
+  for (std::size_t i = 0; i < items.size() && !stopping_; ++i) {
+    auto source = fl::i18n::ustring_to_utf8(upload_ ? items[i].localPath : items[i].remotePath);
+    auto destination = destinations_[i];
+    if (upload_) {
+      std::vector<std::pair<dev_t, ino_t>> above;
+      listLocal(i, source, destination, above);
+    } else {
+      nodes_.emplace_back(i, std::move(source), std::move(destination), kNone);
+      auto const& root = nodes_.back().source;
+      auto const id = track(nullptr, Op::Examine, nodes_.size() - 1);
+      if (trees_->getOptions().followLinks) {
+        connection_.writer().stat(id, root);
+      } else {
+        connection_.writer().lstat(id, root);
+      }
+    }
+  }
+  drain();
+  nodes_.clear();
+  nodes_.shrink_to_fit();
+}
+
+// Every folder once, parents first, all requests in flight together; each
+// MKDIR is followed by a STAT that tells a folder already there from a file
+// in the way.
+void Engine::makeFolders() {
+  if (upload_) {
+    for (std::size_t i = 0; i < folders_.size(); ++i) {
+      connection_.writer().mkdir(track(nullptr, Op::MakeFolder, i), folders_[i].destination, Attributes{});
+      connection_.writer().stat(track(nullptr, Op::CheckFolder, i), folders_[i].destination);
+      if (connection_.queued() >= kOutboundLimit) connection_.pump([this](ByteView packet) { onPacket(packet); });
+    }
+    drain();
+  } else {
+    for (auto& folder : folders_) {
+      mode_t const mode = trees_->getOptions().keepPermissions ? 0700 : 0777;
+      if (::mkdir(folder.destination.c_str(), mode) == 0) {
+        folder.made = folder.isFolder = true;
+        continue;
+      }
+      folder.error = errnoText(errno);
+      struct stat st {};
+      if (::stat(folder.destination.c_str(), &st) == 0) {
+        folder.isFolder = S_ISDIR(st.st_mode);
+        folder.inTheWay = !folder.isFolder;
+      }
+    }
+  }
+  judgeFolders();
+}
+
+void Engine::onFolder(Pending const& pending, Reply const& reply) {
+  auto& folder = folders_[static_cast<std::size_t>(pending.offset)];
+  if (pending.op == Op::MakeFolder) {
+    if (reply.type == PacketType::Status && reply.status == StatusCode::Ok) {
+      folder.made = true;
+    } else {
+      folder.error = describeStatus(reply.status, reply.message);
+    }
+  } else if (pending.op == Op::CheckFolder) {
+    folder.isFolder = reply.type == PacketType::Attrs && reply.attributes.isDirectory();
+    folder.inTheWay = reply.type == PacketType::Attrs && !folder.isFolder;
+  } else if (reply.type != PacketType::Status || reply.status != StatusCode::Ok) {
+    planFailure(folder.item, "cannot set the mode and time of " + quoted(folder.destination) + ": " +
+                                 describeStatus(reply.status, reply.message));
+  }
+}
+
+// A folder that could not be made is named once: what lies below it fails
+// for the same reason and is not named again.
+void Engine::judgeFolders() {
+  std::vector<std::string const*> failed;
+  for (auto const& folder : folders_) {
+    if (folder.made && folder.isFolder) ++report_.folders;
+    if (folder.isFolder) continue;
+    bool const below = std::any_of(failed.begin(), failed.end(), [&](std::string const* above) {
+      return folder.destination.starts_with(*above) &&
+             (above->ends_with('/') || folder.destination[above->size()] == '/');
+    });
+    if (below) continue;
+    failed.push_back(&folder.destination);
+    std::string const where = quoted(folder.destination) + (upload_ ? " on " + peer_ : "");
+    planFailure(folder.item, "cannot make folder " + where + ": " +
+                                 (folder.inTheWay ? std::string("a file is in the way") : folder.error));
+  }
+}
+
+// Links are made under a temporary name and renamed over the destination.
+void Engine::makeLinks() {
+  for (std::size_t i = 0; i < links_.size(); ++i) {
+    auto& link = links_[i];
+    link.temp = tempNameFor(link.destination);
+    if (upload_) {
+      connection_.writer().symlink(track(nullptr, Op::MakeLink, i), link.target, link.temp);
+      if (posixRename_) {
+        connection_.writer().posixRename(track(nullptr, Op::PlaceLink, i), link.temp, link.destination);
+      } else {
+        connection_.writer().rename(track(nullptr, Op::PlaceLink, i), link.temp, link.destination);
+      }
+      continue;
+    }
+    if (::symlink(link.target.c_str(), link.temp.c_str()) != 0) {
+      return planFailure(link.item, "cannot make the link " + quoted(link.destination) + ": " + errnoText(errno));
+    }
+    if (::rename(link.temp.c_str(), link.destination.c_str()) != 0) {
+      auto const error = errno;
+      ::unlink(link.temp.c_str());
+      return planFailure(link.item, "cannot replace " + quoted(link.destination) + ": " + errnoText(error));
+    }
+    ++report_.links;
+  }
+}
+
+void Engine::onLink(Pending const& pending, Reply const& reply) {
+  auto& link = links_[static_cast<std::size_t>(pending.offset)];
+  if (link.failed) return;
+  bool const ok = reply.type == PacketType::Status && reply.status == StatusCode::Ok;
+  if (pending.op == Op::MakeLink) {
+    if (ok) return;
+    link.failed = true;
+    return planFailure(link.item, "cannot make the link " + quoted(link.destination) + " on " + peer_ + ": " +
+                                      describeStatus(reply.status, reply.message));
+  }
+  if (ok) {
+    ++report_.links;
+    return;
+  }
+  link.failed = true;
+  connection_.writer().remove(track(nullptr, Op::Cleanup), link.temp);
+  planFailure(link.item,
+              "cannot replace " + quoted(link.destination) + ": " + describeStatus(reply.status, reply.message));
+}
+
+// Folders get their modes and times last: files written into them would
+// change the times, and a read-only mode would keep the files out. Deepest
+// first, so that a closed folder never hides one below it.
+void Engine::finishFolders() {
+  for (std::size_t i = folders_.size(); i-- > 0;) {
+    auto const& folder = folders_[i];
+    if (!folder.fromSource || (!folder.mode && !folder.mtime)) continue;
+    if (upload_) {
+      Attributes attributes;
+      attributes.permissions = folder.mode;
+      attributes.atime = folder.atime;
+      attributes.mtime = folder.mtime;
+      connection_.writer().setstat(track(nullptr, Op::FolderAttributes, i), folder.destination, attributes);
+      continue;
+    }
+    if (folder.mode && ::chmod(folder.destination.c_str(), static_cast<mode_t>(*folder.mode)) != 0) {
+      return planFailure(folder.item, "cannot set the mode of " + quoted(folder.destination) + ": " + errnoText(errno));
+    }
+    if (folder.mtime) {
+      struct timespec const times[2] = {{static_cast<time_t>(folder.atime.value_or(*folder.mtime)), 0},
+                                        {static_cast<time_t>(*folder.mtime), 0}};
+      if (::utimensat(AT_FDCWD, folder.destination.c_str(), times, 0) != 0) {
+        return planFailure(folder.item,
+                           "cannot set the time of " + quoted(folder.destination) + ": " + errnoText(errno));
+      }
+    }
+  }
+  drain();
+}
+
+// The server's generic failure hides the cause; its file system state names
+// it. Asked before the temporary is removed, which would free space.
+void Engine::diagnose(Job& job, StatusCode status, std::string_view message) {
+  if (!statvfs_ || status != StatusCode::Failure || job.failed || cancelled_) return;
+  job.diagnosed = describeStatus(status, message);
+  connection_.writer().statvfs(track(&job, Op::Statvfs), folderOf(job.destination));
+}
+
+void Engine::onStatvfs(Job& job, Reply const& reply) {
+  if (reply.type != PacketType::ExtendedReply) return;
+  auto const state = decodeStatvfs(reply.data);
+  std::string cause;
+  if (state.readOnly) {
+    cause = "read-only file system";
+  } else if (state.bytesAvailable < chunk_) {
+    cause = "no space left on device";
+  } else {
+    return;
+  }
+  for (auto& [index, text] : failures_) {
+    if (index == job.index && text.ends_with(job.diagnosed)) {
+      text.replace(text.size() - job.diagnosed.size(), job.diagnosed.size(), cause);
+    }
+  }
+}
+
+void Engine::onSetAttributes(Job& job, Reply const& reply) {
+  if (job.failed) return;
+  if (reply.type != PacketType::Status) throw ProtocolError("unexpected reply to FSETSTAT");
+  if (reply.status != StatusCode::Ok) {
+    fail(job,
+         "cannot set the mode and time of " + quoted(job.temp) + ": " + describeStatus(reply.status, reply.message));
+  }
+}
+
+// Size and time as when the file was opened, or the file fails.
+bool Engine::changedWhileRead(Job& job) {
+  struct stat st {};
+  if (::fstat(job.fd.get(), &st) == 0 && static_cast<std::uint64_t>(st.st_size) == job.size &&
+      st.st_mtim.tv_sec == job.sourceMtime.tv_sec && st.st_mtim.tv_nsec == job.sourceMtime.tv_nsec) {
+    return false;
+  }
+  fail(job, quoted(job.source) + " changed while being read");
+  return true;
+}
+
 // ---- uploads -----------------------------------------------------------------
 
 void Engine::startUpload(Job& job) {
@@ -616,7 +1289,9 @@ void Engine::startUpload(Job& job) {
   if (S_ISDIR(st.st_mode)) return fail(job, quoted(job.source) + " is a folder");
   if (!S_ISREG(st.st_mode)) return fail(job, quoted(job.source) + " is not a regular file");
   job.size = static_cast<std::uint64_t>(st.st_size);
-  bytesTotal_ += job.size;
+  job.sourceMtime = st.st_mtim;
+  // A size from the listing is already counted; the file may have changed since.
+  bytesTotal_ = bytesTotal_ - job.work->size.value_or(0) + job.size;
   openRemoteTemp(job);
 }
 
@@ -650,6 +1325,7 @@ void Engine::onUploadOpen(Job& job, Reply const& reply) {
   if (reply.status == StatusCode::NoSuchFile) {
     return fail(job, "destination folder " + quoted(folderOf(job.destination)) + " does not exist");
   }
+  diagnose(job, reply.status, reply.message);
   fail(job, "cannot create " + quoted(temp) + ": " + describeStatus(reply.status, reply.message));
 }
 
@@ -670,11 +1346,10 @@ bool Engine::readAhead(Job& job) {
   job.block.offset = offset;
   job.block.length = static_cast<std::size_t>(got);
   if (job.block.length < wanted) {
-    // The file shrank since it was opened: send what there is.
-    bytesTotal_ -= job.size - (offset + job.block.length);
-    job.size = offset + job.block.length;
+    fail(job, quoted(job.source) + " changed while being read");
+    return false;
   }
-  return job.block.length > 0;
+  return true;
 }
 
 void Engine::issueWrites(Job& job) {
@@ -702,6 +1377,7 @@ void Engine::onWrite(Job& job, Pending const& pending, Reply const& reply) {
   if (job.failed || job.phase != Job::Phase::Transferring) return;
   if (reply.type != PacketType::Status) throw ProtocolError("unexpected reply to WRITE");
   if (reply.status != StatusCode::Ok) {
+    diagnose(job, reply.status, reply.message);
     return fail(job, "cannot write " + quoted(job.temp) + ": " + describeStatus(reply.status, reply.message));
   }
   bytesDone_ += pending.length;
@@ -709,9 +1385,19 @@ void Engine::onWrite(Job& job, Pending const& pending, Reply const& reply) {
 }
 
 void Engine::finishUpload(Job& job) {
+  if (changedWhileRead(job)) return;
   job.phase = Job::Phase::Finishing;
   job.fd.reset();
   job.block.release();
+  auto const& work = *job.work;
+  if (work.mode || work.mtime) {
+    // On the open file, after the last write: the rename then shows it whole.
+    Attributes attributes;
+    attributes.permissions = work.mode;
+    attributes.atime = work.atime;
+    attributes.mtime = work.mtime;
+    connection_.writer().fsetstat(track(&job, Op::SetAttributes), job.handle, attributes);
+  }
   connection_.writer().close(track(&job, Op::Close), job.handle);
   job.handle.clear();
 }
@@ -720,6 +1406,7 @@ void Engine::onUploadClose(Job& job, Reply const& reply) {
   if (job.failed) return;
   if (reply.type != PacketType::Status) throw ProtocolError("unexpected reply to CLOSE");
   if (reply.status != StatusCode::Ok) {
+    diagnose(job, reply.status, reply.message);
     return fail(job, "cannot write " + quoted(job.temp) + ": " + describeStatus(reply.status, reply.message));
   }
   if (posixRename_) {
@@ -782,8 +1469,15 @@ void Engine::startDownload(Job& job) {
     }
     return fail(job, "cannot create " + quoted(temp) + ": " + errnoText(error));
   }
-  // The size and the handle in one round trip.
-  connection_.writer().stat(track(&job, Op::Stat), job.source);
+  if (job.work->size) {
+    // Listed: the size is known.
+    job.statAnswered = true;
+    job.attributes = Attributes{};
+    job.attributes->size = job.work->size;
+  } else {
+    // The size and the handle in one round trip.
+    connection_.writer().stat(track(&job, Op::Stat), job.source);
+  }
   connection_.writer().open(track(&job, Op::Open), job.source, openflags::kRead, Attributes{});
 }
 
@@ -807,9 +1501,10 @@ void Engine::onDownloadAnswer(Job& job, Op op, Reply const& reply) {
   }
   if (job.sourceError) return fail(job, "cannot open " + quoted(job.source) + ": " + *job.sourceError);
   job.size = job.attributes->size.value_or(UINT64_MAX);
-  if (job.attributes->size) bytesTotal_ += job.size;
+  if (job.attributes->size && !job.work->size) bytesTotal_ += job.size;
   job.phase = Job::Phase::Transferring;
-  if (job.size == 0) finishDownload(job);
+  // A listed file is probed past its end before it finishes, also when empty.
+  if (job.size == 0 && !job.work->size) finishDownload(job);
 }
 
 void Engine::issueReads(Job& job) {
@@ -821,6 +1516,23 @@ void Engine::issueReads(Job& job) {
     ++job.dataInFlight;
     inFlight_ += length;
   }
+  if (job.work->size && !job.probed && job.next >= job.size && job.end == UINT64_MAX) {
+    // A file that grew since it was listed answers with data here.
+    connection_.writer().read(track(&job, Op::Probe), job.handle, job.size, 1);
+    job.probed = true;
+    ++job.dataInFlight;
+  }
+}
+
+void Engine::onProbe(Job& job, Reply const& reply) {
+  --job.dataInFlight;
+  if (job.failed) return;
+  if (reply.type == PacketType::Data) return fail(job, quoted(job.source) + " changed while being read");
+  if (reply.type != PacketType::Status) throw ProtocolError("unexpected reply to READ");
+  if (reply.status != StatusCode::Eof) {
+    return fail(job, "cannot read " + quoted(job.source) + ": " + describeStatus(reply.status, reply.message));
+  }
+  if (job.dataInFlight == 0) finishDownload(job);
 }
 
 void Engine::onRead(Job& job, Pending const& pending, Reply const& reply) {
@@ -850,7 +1562,10 @@ void Engine::onRead(Job& job, Pending const& pending, Reply const& reply) {
   } else {
     throw ProtocolError("unexpected reply to READ");
   }
-  if (job.dataInFlight == 0 && (job.next >= job.size || job.end != UINT64_MAX)) finishDownload(job);
+  bool const probing = job.work->size && job.end == UINT64_MAX;
+  if (job.dataInFlight == 0 && (job.next >= job.size || job.end != UINT64_MAX) && (!probing || job.probed)) {
+    finishDownload(job);
+  }
 }
 
 bool Engine::writeBehind(Job& job, std::uint64_t offset, ByteView data) {
@@ -885,10 +1600,23 @@ bool Engine::flush(Job& job) {
 }
 
 void Engine::finishDownload(Job& job) {
+  // A listed size not reached: the file shrank while it was read.
+  if (job.work->size && job.end < *job.work->size) return fail(job, quoted(job.source) + " changed while being read");
   job.phase = Job::Phase::Finishing;
   closeRemote(job);
   if (!flush(job)) return;
   job.block.release();
+  auto const& work = *job.work;
+  if (work.mode && ::fchmod(job.fd.get(), static_cast<mode_t>(*work.mode)) != 0) {
+    return fail(job, "cannot set the mode of " + quoted(job.temp) + ": " + errnoText(errno));
+  }
+  if (work.mtime) {
+    struct timespec const times[2] = {{static_cast<time_t>(work.atime.value_or(*work.mtime)), 0},
+                                      {static_cast<time_t>(*work.mtime), 0}};
+    if (::futimens(job.fd.get(), times) != 0) {
+      return fail(job, "cannot set the time of " + quoted(job.temp) + ": " + errnoText(errno));
+    }
+  }
   if (auto const error = job.fd.close(); error != 0) {
     return fail(job, "cannot write " + quoted(job.temp) + ": " + errnoText(error));
   }
@@ -904,6 +1632,13 @@ void transfer(Transport& transport, std::string const& peer, CopyFilesCommand co
               ProgressCallback const& progress, EngineOptions const& options) {
   if (command.getItems().empty()) return;
   Engine(transport, peer, command, progress, options).run();
+}
+
+TreeTransferReport transferTrees(Transport& transport, std::string const& peer, CopyTreesCommand const& command,
+                                 ProgressCallback const& progress, EngineOptions const& options) {
+  Engine engine(transport, peer, command, progress, options);
+  engine.run();
+  return engine.report();
 }
 
 }  // namespace foundation::sshclient::internal::sftp

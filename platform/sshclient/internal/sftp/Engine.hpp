@@ -31,7 +31,9 @@
 // kind is kept. Files completed before a failure stay.
 //
 // Progress: `progress` is called at most every progressInterval and once at
-// the end. For downloads bytesTotal grows as the remote sizes become known.
+// the end. For downloads bytesTotal grows as the remote sizes become known;
+// for trees every total is known from the listing, and while the sources are
+// listed the callback gets no totals (all zero) but can still stop.
 // If it throws, the transfer is wound down cleanly (temporaries removed,
 // nothing further started) and its exception propagates.
 //
@@ -54,6 +56,12 @@ struct EngineOptions {
   std::uint64_t windowBytes = 8U * 1024U * 1024U;
   // Files open at once (also bounded by the server's handle limit).
   std::size_t maxOpenFiles = 128;
+  // Uploads keep less in flight: measured against OpenSSH's sshd and
+  // sftp-server, more makes them slower (300 files of 12 KB: 0.31 s with
+  // 128 files and 8 MiB in flight, 0.17 s with 48 and 1 MiB; one file of
+  // 256 MiB: 150-190 MiB/s with 8 MiB, 270 MiB/s with 1 MiB).
+  std::uint64_t uploadWindowBytes = 1024U * 1024U;
+  std::size_t maxOpenUploads = 48;
   // Bytes per READ/WRITE; unset: the server's limits, else 32 KiB.
   std::optional<std::uint32_t> chunkSize;
   // Off: always the plain-rename path, as with a server without the extension.
@@ -66,5 +74,16 @@ using ProgressCallback = std::function<void(TransferProgress const&)>;
 // `peer` ("user@host:port") names the server in messages.
 void transfer(Transport& transport, std::string const& peer, CopyFilesCommand const& command,
               ProgressCallback const& progress, EngineOptions const& options = {});
+
+// Trees (SSHClient::copyTrees): the sources are listed first (remote ones
+// with LSTAT/OPENDIR/READDIR/READLINK on this stream, many folders at once),
+// then every destination folder is made with MKDIR (all in flight, parents
+// first, each checked with a STAT), then links (SYMLINK to a temporary, then
+// a rename) and files as above, each file's mode and times set on the
+// temporary (FSETSTAT, or fchmod/futimens) before its rename; folders get
+// theirs last. A failure while listing or making folders stops everything
+// before the first file.
+TreeTransferReport transferTrees(Transport& transport, std::string const& peer, CopyTreesCommand const& command,
+                                 ProgressCallback const& progress, EngineOptions const& options = {});
 
 }  // namespace foundation::sshclient::internal::sftp

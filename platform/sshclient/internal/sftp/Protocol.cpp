@@ -301,6 +301,45 @@ void PacketWriter::limits(std::uint32_t id) {
   end(start);
 }
 
+void PacketWriter::opendir(std::uint32_t id, std::string_view path) {
+  auto const start = begin(PacketType::Opendir, id);
+  putString(path);
+  end(start);
+}
+
+void PacketWriter::readdir(std::uint32_t id, std::string_view handle) {
+  auto const start = begin(PacketType::Readdir, id);
+  putString(handle);
+  end(start);
+}
+
+void PacketWriter::mkdir(std::uint32_t id, std::string_view path, Attributes const& attributes) {
+  auto const start = begin(PacketType::Mkdir, id);
+  putString(path);
+  putAttributes(attributes);
+  end(start);
+}
+
+void PacketWriter::readlink(std::uint32_t id, std::string_view path) {
+  auto const start = begin(PacketType::Readlink, id);
+  putString(path);
+  end(start);
+}
+
+void PacketWriter::symlink(std::uint32_t id, std::string_view target, std::string_view link) {
+  auto const start = begin(PacketType::Symlink, id);
+  putString(target);
+  putString(link);
+  end(start);
+}
+
+void PacketWriter::statvfs(std::uint32_t id, std::string_view path) {
+  auto const start = begin(PacketType::Extended, id);
+  putString(kStatvfsExtension);
+  putString(path);
+  end(start);
+}
+
 // ---- decoding ----------------------------------------------------------------
 
 bool VersionReply::offers(std::string_view name) const noexcept {
@@ -381,6 +420,23 @@ Limits decodeLimits(ByteView extendedReplyData) {
   limits.maxWriteLength = in.u64("limits max-write-length");
   limits.maxOpenHandles = in.u64("limits max-open-handles");
   return limits;
+}
+
+FileSystemState decodeStatvfs(ByteView extendedReplyData) {
+  Cursor in(extendedReplyData);
+  FileSystemState state;
+  in.u64("statvfs bsize");
+  auto const fragment = in.u64("statvfs frsize");
+  in.u64("statvfs blocks");
+  in.u64("statvfs bfree");
+  state.bytesAvailable = in.u64("statvfs bavail") * fragment;
+  in.u64("statvfs files");
+  in.u64("statvfs ffree");
+  in.u64("statvfs favail");
+  in.u64("statvfs fsid");
+  constexpr std::uint64_t kReadOnlyFlag = 1;
+  state.readOnly = (in.u64("statvfs flag") & kReadOnlyFlag) != 0;
+  return state;
 }
 
 std::string statusText(StatusCode code) {

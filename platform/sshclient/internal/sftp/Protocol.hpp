@@ -35,10 +35,15 @@ enum class PacketType : std::uint8_t {
   Fstat = 8,
   Setstat = 9,
   Fsetstat = 10,
+  Opendir = 11,
+  Readdir = 12,
   Remove = 13,
+  Mkdir = 14,
   Realpath = 16,
   Stat = 17,
   Rename = 18,
+  Readlink = 19,
+  Symlink = 20,
   Status = 101,
   Handle = 102,
   Data = 103,
@@ -82,10 +87,12 @@ namespace modebits {
 inline constexpr std::uint32_t kTypeMask = 0170000;
 inline constexpr std::uint32_t kDirectory = 0040000;
 inline constexpr std::uint32_t kRegular = 0100000;
+inline constexpr std::uint32_t kSymlink = 0120000;
 }  // namespace modebits
 
 inline constexpr std::string_view kPosixRenameExtension = "posix-rename@openssh.com";
 inline constexpr std::string_view kLimitsExtension = "limits@openssh.com";
+inline constexpr std::string_view kStatvfsExtension = "statvfs@openssh.com";
 
 // Reply packets larger than this are refused before any buffering: no
 // honest server sends them (OpenSSH's limit is 256 KiB).
@@ -107,6 +114,9 @@ struct Attributes {
 
   [[nodiscard]] bool isDirectory() const noexcept {
     return permissions && (*permissions & modebits::kTypeMask) == modebits::kDirectory;
+  }
+  [[nodiscard]] bool isSymlink() const noexcept {
+    return permissions && (*permissions & modebits::kTypeMask) == modebits::kSymlink;
   }
   // A server that sends no type bits is taken at its word that it is a file.
   [[nodiscard]] bool isRegularOrUnknown() const noexcept {
@@ -133,6 +143,12 @@ struct Limits {
   std::uint64_t maxReadLength = 0;
   std::uint64_t maxWriteLength = 0;
   std::uint64_t maxOpenHandles = 0;
+};
+
+// The part of the answer to statvfs@openssh.com that names causes.
+struct FileSystemState {
+  std::uint64_t bytesAvailable = 0;  // to unprivileged users
+  bool readOnly = false;
 };
 
 struct NameEntry {
@@ -199,6 +215,13 @@ class PacketWriter {
   void rename(std::uint32_t id, std::string_view from, std::string_view to);
   void posixRename(std::uint32_t id, std::string_view from, std::string_view to);
   void limits(std::uint32_t id);
+  void opendir(std::uint32_t id, std::string_view path);
+  void readdir(std::uint32_t id, std::string_view handle);
+  void mkdir(std::uint32_t id, std::string_view path, Attributes const& attributes);
+  void readlink(std::uint32_t id, std::string_view path);
+  // OpenSSH's order: the target first, then the link's own path.
+  void symlink(std::uint32_t id, std::string_view target, std::string_view link);
+  void statvfs(std::uint32_t id, std::string_view path);
 
  private:
   std::size_t begin(PacketType type);
@@ -219,6 +242,7 @@ class PacketWriter {
 VersionReply decodeVersion(ByteView packet);
 Reply decodeReply(ByteView packet);
 Limits decodeLimits(ByteView extendedReplyData);
+FileSystemState decodeStatvfs(ByteView extendedReplyData);
 
 // "No such file", "Permission denied", ... for a status code.
 std::string statusText(StatusCode code);
