@@ -216,7 +216,7 @@ struct TreeTransferReport {
   std::size_t deleted = 0;     // destination entries removed (deleteExtraneous)
   std::size_t resumed = 0;     // files continued from an earlier run's temporary
   std::vector<ustring> notes;  // one line per special file left out
-  std::vector<PlannedChange> plan;  // dryRun only, in the order of the work
+  std::vector<PlannedChange> plan;  // dryRun only: by action (as listed above), then path
 };
 
 struct TransferProgress {

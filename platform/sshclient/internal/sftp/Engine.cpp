@@ -334,6 +334,7 @@ struct ListNode {
   std::string destination;
   std::size_t parent = kNone;  // the folder it was found in
   bool existing = false;       // a destination entry
+  bool temporariesOnly = false;  // a folder above the destinations: only our temporaries count
   std::string real;            // its canonical path, when following links
   std::string handle;
 };
@@ -352,6 +353,8 @@ struct Existing {
 struct Temporary {
   std::string path;
   std::string owner;  // the destination it was made for (name cut as in tempNameFor)
+  std::uint32_t type = 0;
+  std::uint64_t size = 0;
 };
 
 struct Job {
@@ -505,6 +508,8 @@ class Engine {
   void listExisting(std::size_t item, std::string const& root);
   void listLocalExisting(std::size_t item, std::string const& path);
   void recordExisting(std::size_t item, std::string const& path, Attributes const& attributes);
+  void recordTemporary(std::string const& path, Attributes const& attributes);
+  void listLocalTemporaries(std::string const& folder);
   void folderRead(std::size_t node);
   void decide();
   std::vector<std::string> claimTemporaries();
@@ -1086,7 +1091,8 @@ void Engine::openFolder(std::size_t node) {
   if (stopping_) return;
   if (foldersOpen_ >= kFoldersOpen) return foldersWaiting_.push_back(node);
   ++foldersOpen_;
-  connection_.writer().opendir(track(nullptr, Op::OpenFolder, node), nodes_[node].source);
+  auto const& path = nodes_[node].source;
+  connection_.writer().opendir(track(nullptr, Op::OpenFolder, node), path.empty() ? std::string_view(".") : path);
 }
 
 void Engine::onListing(Pending const& pending, Reply const& reply) {
@@ -1118,6 +1124,10 @@ void Engine::onListing(Pending const& pending, Reply const& reply) {
         if (reply.type != PacketType::Name) return folderRead(index);
         for (auto const& entry : reply.names) {
           if (entry.filename == "." || entry.filename == "..") continue;
+          if (nodes_[index].temporariesOnly) {
+            recordTemporary(nodes_[index].source + std::string(entry.filename), entry.attributes);
+            continue;
+          }
           auto path = joined(nodes_[index].source, entry.filename);
           recordExisting(nodes_[index].item, path, entry.attributes);
           if (!entry.attributes.isSymlink() && !entry.attributes.isDirectory()) continue;
@@ -1272,6 +1282,24 @@ void Engine::plan() {
     for (std::size_t i = 0; i < items.size(); ++i) listLocalExisting(i, withoutTrailingSlashes(destinations_[i]));
   }
   drain();
+  // A file copied to a name of its own lies in a folder that was not listed:
+  // only the temporaries there are looked for.
+  if (listDestinations_ && !stopping_) {
+    std::unordered_set<std::string> folders;
+    for (auto const& file : files_) {
+      if (file.destination == destinations_[file.item]) folders.insert(temporaryOwner(file.destination).first);
+    }
+    for (auto const& folder : folders) {
+      if (upload_) {
+        nodes_.emplace_back(0, folder, std::string(), kNone, true);
+        nodes_.back().temporariesOnly = true;
+        openFolder(nodes_.size() - 1);
+      } else {
+        listLocalTemporaries(folder);
+      }
+    }
+    drain();
+  }
   nodes_.clear();
   nodes_.shrink_to_fit();
   sourceIsFolder_.assign(items.size(), false);
@@ -1312,22 +1340,44 @@ void Engine::listLocalExisting(std::size_t item, std::string const& path) {
   for (auto const& name : names) listLocalExisting(item, joined(path, name));
 }
 
+std::uint32_t typeOf(Attributes const& attributes) {
+  auto const type = attributes.permissions.value_or(modebits::kRegular) & modebits::kTypeMask;
+  return type == 0 ? modebits::kRegular : type;
+}
+
 void Engine::recordExisting(std::size_t item, std::string const& path, Attributes const& attributes) {
   Existing entry;
-  entry.type = attributes.permissions.value_or(modebits::kRegular) & modebits::kTypeMask;
-  if (entry.type == 0) entry.type = modebits::kRegular;
+  entry.type = typeOf(attributes);
   entry.size = attributes.size.value_or(0);
   if (attributes.permissions) entry.permissions = *attributes.permissions & kModeBits;
   entry.mtime = attributes.mtime;
   entry.item = item;
   existing_.insert_or_assign(path, std::move(entry));
-  // ".<name>.sshfa-<suffix>": a temporary made for <name> in this folder.
+  recordTemporary(path, attributes);
+}
+
+// ".<name>.sshfa-<suffix>": a temporary made for <name> in its folder.
+void Engine::recordTemporary(std::string const& path, Attributes const& attributes) {
   auto const slash = path.rfind('/');
   std::string_view const name = std::string_view(path).substr(slash == std::string::npos ? 0 : slash + 1);
   auto const mark = name.rfind(kTempMark);
   if (name.size() < 2 || name.front() != '.' || mark == std::string_view::npos || mark < 2) return;
   auto const folder = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
-  temporaries_.push_back({path, folder + std::string(name.substr(1, mark - 1))});
+  temporaries_.push_back(
+      {path, folder + std::string(name.substr(1, mark - 1)), typeOf(attributes), attributes.size.value_or(0)});
+}
+
+// `folder` is "" (the working folder) or ends with '/'.
+void Engine::listLocalTemporaries(std::string const& folder) {
+  std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.empty() ? "." : folder.c_str()), &::closedir);
+  if (!entries) return;
+  while (auto const* entry = ::readdir(entries.get())) {
+    std::string_view const name = entry->d_name;
+    if (!name.starts_with('.') || name.find(kTempMark) == std::string_view::npos) continue;
+    auto const path = folder + std::string(name);
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) == 0) recordTemporary(path, localAttributes(st));
+  }
 }
 
 // Lists what the destination holds against the sources: temporaries of
@@ -1406,16 +1456,15 @@ std::vector<std::string> Engine::claimTemporaries() {
   for (auto const& link : links_) owners.emplace(key(link.destination), kNone);
   for (auto const& temporary : temporaries_) {
     auto const owner = owners.find(temporary.owner);
-    auto const there = existing_.find(temporary.path);
-    if (owner == owners.end() || there == existing_.end()) continue;
-    auto const entry = there->second;
-    existing_.erase(there);
+    if (owner == owners.end()) continue;
+    existing_.erase(temporary.path);
     if (owner->second != kNone && trees_->getOptions().resume) {
       auto& file = files_[owner->second];
-      if (file.resumeTemp.empty() && entry.type == modebits::kRegular && entry.size > 0 && entry.size <= *file.size &&
+      if (file.resumeTemp.empty() && temporary.type == modebits::kRegular && temporary.size > 0 &&
+          temporary.size <= *file.size &&
           temporary.path == resumeNameFor(file.destination, *file.size, file.listedMtime)) {
         file.resumeTemp = temporary.path;
-        file.resumeFrom = entry.size;
+        file.resumeFrom = temporary.size;
         continue;
       }
     }
@@ -1618,6 +1667,13 @@ void Engine::planDryRun() {
   for (auto const& file : skipped_) add(Action::Skip, file.destination, *file.size);
   for (auto const& path : extraneous()) add(Action::Delete, path, 0);
   report_.deleted = report_.plan.size() - report_.folders - report_.links - report_.files - report_.skipped;
+  // Listings come in the servers' order; a plan reads best by name.
+  auto const rank = [](PlannedChange const& change) {
+    return change.action == Action::Resume ? static_cast<int>(Action::Copy) : static_cast<int>(change.action);
+  };
+  std::stable_sort(report_.plan.begin(), report_.plan.end(), [&](PlannedChange const& a, PlannedChange const& b) {
+    return rank(a) != rank(b) ? rank(a) < rank(b) : a.path < b.path;
+  });
   files_.clear();
   links_.clear();
 }
