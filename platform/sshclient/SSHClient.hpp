@@ -356,7 +356,10 @@ class SSHFA_EXPORT SSHClient {
   // work; throws SSHError(Transfer) naming it (a folder blocked by a file
   // is named once), or the connection's kinds. A file whose size or time
   // changes while it is read fails ("changed while being read"): its
-  // temporary goes and an old destination stays.
+  // temporary goes and an old destination stays. The options' re-run
+  // choices (skipUnchanged, deleteExtraneous, dryRun, resume) list the
+  // destination too, before anything changes; checksums and resumed
+  // prefixes are hashed on the remote host through executeCommand's shell.
   virtual TreeTransferReport copyTrees(CopyTreesCommand command);
 
   virtual void setKeepaliveInterval(std::chrono::seconds interval);

@@ -264,6 +264,32 @@ TEST_P(ResumeTest, NoResumeStartsOverAndLeavesNothing) {
   EXPECT_TRUE(temporariesIn(at("dst")).empty());
 }
 
+// Many files in flight when killed: the next run completes the tree and
+// leaves no temporary, whatever state each file was in.
+TEST_P(SyncTest, AKilledManyFileTransferLeavesNothingAfterTheNextRun) {
+  fs::create_directories(at("src/many"));
+  for (int i = 0; i < 300; ++i) {
+    writeFile(at("src/many/f" + std::to_string(i)), randomBytes(96 * 1024, static_cast<std::uint64_t>(i)));
+  }
+  fs::create_directories(at("dst"));
+  ToolProcess tool(withConnection({command(), at("src/many"), into()}), {});
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < deadline &&
+         (!fs::exists(at("dst/many")) || fs::is_empty(at("dst/many")) || fs::exists(at("dst/many/f299")))) {
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  tool.signal(SIGKILL);
+  tool.finish();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  auto const again = totals({at("src/many"), into()});
+  EXPECT_EQ(again["files"].get<int>() + again["skipped"].get<int>(), 300);
+  EXPECT_EQ(listNames(at("dst/many")), listNames(at("src/many")));
+  for (int i = 0; i < 300; i += 37) {
+    auto const name = "many/f" + std::to_string(i);
+    EXPECT_TRUE(readFile(at("dst/" + name)) == readFile(at("src/" + name))) << name;
+  }
+}
+
 std::string directionName(::testing::TestParamInfo<bool> const& param) { return param.param ? "Put" : "Get"; }
 
 INSTANTIATE_TEST_SUITE_P(BothWays, SyncTest, ::testing::Values(true, false), directionName);

@@ -884,7 +884,7 @@ std::string Engine::context() const {
 // the next run continues it.
 bool Engine::keepsPartial(Job const& job) const {
   return job.resumable && trees_ != nullptr && trees_->getOptions().resume && cancelled_ &&
-         (upload_ ? job.next > 0 : job.wrote);
+         (upload_ ? job.next > 0 : job.wrote || job.resumed);
 }
 
 void Engine::discardTemp(Job& job) {
@@ -953,7 +953,8 @@ void Engine::abandon() noexcept {
   bool const resume = trees_ != nullptr && trees_->getOptions().resume;
   for (auto& job : jobs_) {
     job->fd.reset();
-    if (!upload_ && !job->temp.empty() && !(resume && job->resumable && job->wrote)) ::unlink(job->temp.c_str());
+    bool const holdsData = job->wrote || job->resumed;
+    if (!upload_ && !job->temp.empty() && !(resume && job->resumable && holdsData)) ::unlink(job->temp.c_str());
   }
 }
 

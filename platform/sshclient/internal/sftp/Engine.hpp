@@ -8,7 +8,8 @@
 // files costs about as many round trips as one file.
 //
 // Safety: each file is written to a temporary name beside its destination
-// (".<name>.sshfa-<random>", created exclusively) and renamed over the
+// (".<name>.sshfa-<random>", created exclusively; for trees that resume,
+// ".<name>.sshfa-partial-<size>-<mtime>" of the source) and renamed over the
 // destination only once complete, so an existing destination is either
 // untouched or wholly replaced. Remote renames use posix-rename@openssh.com
 // when the server offers it, else a plain rename and, where that refuses to
