@@ -207,15 +207,15 @@ struct PlannedChange {
 
 // With dryRun, the counts are what the transfer would do.
 struct TreeTransferReport {
-  std::size_t files = 0;       // regular files copied (resumed ones too)
-  std::uint64_t bytes = 0;     // file data sent over the connection
-  std::size_t folders = 0;     // destination folders made
-  std::size_t links = 0;       // symbolic links made
-  std::size_t special = 0;     // FIFOs, sockets and devices left out
-  std::size_t skipped = 0;     // files left as they were: unchanged
-  std::size_t deleted = 0;     // destination entries removed (deleteExtraneous)
-  std::size_t resumed = 0;     // files continued from an earlier run's temporary
-  std::vector<ustring> notes;  // one line per special file left out
+  std::size_t files = 0;            // regular files copied (resumed ones too)
+  std::uint64_t bytes = 0;          // file data sent over the connection
+  std::size_t folders = 0;          // destination folders made
+  std::size_t links = 0;            // symbolic links made
+  std::size_t special = 0;          // FIFOs, sockets and devices left out
+  std::size_t skipped = 0;          // files left as they were: unchanged
+  std::size_t deleted = 0;          // destination entries removed (deleteExtraneous)
+  std::size_t resumed = 0;          // files continued from an earlier run's temporary
+  std::vector<ustring> notes;       // one line per special file left out
   std::vector<PlannedChange> plan;  // dryRun only: by action (as listed above), then path
 };
 

@@ -161,7 +161,8 @@ TEST_P(SyncTest, DryRunPrintsThePlanAndChangesNothing) {
   EXPECT_EQ(plan["deleted"], 1);
   EXPECT_EQ(plan["bytes"], 4);
   ASSERT_EQ(plan["plan"].size(), 4U);
-  EXPECT_EQ(plan["plan"][0], json::parse(R"({"action": "copy", "bytes": 4, "path": ")" + copied("new").string() + "\"}"));
+  EXPECT_EQ(plan["plan"][0],
+            json::parse(R"({"action": "copy", "bytes": 4, "path": ")" + copied("new").string() + "\"}"));
   EXPECT_EQ(plan["plan"][3]["action"], "delete");
   EXPECT_FALSE(fs::exists(copied("new")));
 }
@@ -215,7 +216,8 @@ class ResumeTest : public SyncTest {
 TEST_P(ResumeTest, AKilledTransferResumesWithTheRestOfTheBytes) {
   auto const temp = killHalfway();
   ASSERT_FALSE(temp.empty());
-  EXPECT_EQ(temp.filename().string(), ".big.sshfa-partial-" + std::to_string(kBigSize) + "-" + std::to_string(kOldTime));
+  EXPECT_EQ(temp.filename().string(),
+            ".big.sshfa-partial-" + std::to_string(kBigSize) + "-" + std::to_string(kOldTime));
   auto const kept = fs::file_size(temp);
   EXPECT_LT(kept, kBigSize);
   auto const again = totals({at("src/big"), at("dst/big")});

@@ -87,8 +87,8 @@ std::string temporaryName(std::string const& destination, std::string_view suffi
 // and time: the next run finds it, and continues it only while the source
 // still has both.
 std::string resumeNameFor(std::string const& destination, std::uint64_t size, std::optional<std::uint32_t> mtime) {
-  return temporaryName(destination, std::string(kResumeMark) + std::to_string(size) + "-" +
-                                        std::to_string(mtime.value_or(0)));
+  return temporaryName(destination,
+                       std::string(kResumeMark) + std::to_string(size) + "-" + std::to_string(mtime.value_or(0)));
 }
 
 EngineOptions forDirection(EngineOptions options, bool upload) {
@@ -283,8 +283,8 @@ struct FileWork {
   std::optional<std::uint64_t> size;  // known from a listing
   std::optional<std::uint32_t> mode;  // permission bits to set exactly
   std::optional<std::uint32_t> atime;
-  std::optional<std::uint32_t> mtime;  // with atime: times to set
-  std::size_t item = 0;                // the command's item it came from
+  std::optional<std::uint32_t> mtime;        // with atime: times to set
+  std::size_t item = 0;                      // the command's item it came from
   std::optional<std::uint32_t> listedMtime;  // the source's, whatever is kept
   // An earlier run's temporary to continue, and its verified length.
   std::string resumeTemp;
@@ -332,10 +332,10 @@ struct ListNode {
   std::size_t item = 0;
   std::string source;
   std::string destination;
-  std::size_t parent = kNone;  // the folder it was found in
-  bool existing = false;       // a destination entry
+  std::size_t parent = kNone;    // the folder it was found in
+  bool existing = false;         // a destination entry
   bool temporariesOnly = false;  // a folder above the destinations: only our temporaries count
-  std::string real;            // its canonical path, when following links
+  std::string real;              // its canonical path, when following links
   std::string handle;
 };
 
@@ -590,7 +590,7 @@ class Engine {
   std::unordered_set<std::string> sourceNames_;   // every destination the sources give
   std::vector<bool> sourceIsFolder_;
   std::vector<FileWork> skipped_;
-  std::vector<std::string> deletions_;  // of the delete pass, by its requests' offsets
+  std::vector<std::string> deletions_;              // of the delete pass, by its requests' offsets
   std::unordered_set<std::string> changedFolders_;  // folders whose entries changed
 };
 
@@ -1641,8 +1641,8 @@ void Engine::onDeleted(Pending const& pending, Reply const& reply) {
     ++report_.deleted;
     changedFolders_.insert(folderOf(path));
   } else if (reply.status != StatusCode::NoSuchFile) {
-    planFailure(existing_.at(path).item, "cannot delete " + quoted(path) + " on " + peer_ + ": " +
-                                             describeStatus(reply.status, reply.message));
+    planFailure(existing_.at(path).item,
+                "cannot delete " + quoted(path) + " on " + peer_ + ": " + describeStatus(reply.status, reply.message));
   }
 }
 
@@ -1689,7 +1689,6 @@ bool Engine::unchangedFolder(FolderWork const& folder) const {
   return (!folder.mode || (there->second.permissions && (*there->second.permissions & mask) == *folder.mode)) &&
          (!folder.mtime || there->second.mtime == folder.mtime);
 }
-
 
 // Every folder once, parents first, all requests in flight together; each
 // MKDIR is followed by a STAT that tells a folder already there from a file
