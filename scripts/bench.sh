@@ -82,6 +82,9 @@ LogLevel DEBUG1
 SetEnv SHLVL=1
 Subsystem sftp $sftp_server
 EOF
+# sshd refuses to start without its privilege separation folder, which the
+# system's service start makes (missing on a machine where sshd never ran).
+if [ ! -d /run/sshd ] && [ "$(id -u)" -eq 0 ]; then mkdir -p -m 0755 /run/sshd; fi
 # A log file, not -e: with -e, debug lines of a session reach its standard error.
 /usr/sbin/sshd -D -E "$work/sshd.log" -f "$work/sshd_config" &
 sshd_pid=$!
@@ -103,6 +106,7 @@ EOF
 : >"$work/empty_config"
 for _ in $(seq 100); do
   ssh -F "$work/ssh_config" -o ControlPath=none bench true 2>/dev/null && break
+  kill -0 "$sshd_pid" 2>/dev/null || { echo "bench.sh: sshd did not start:" >&2; cat "$work/sshd.log" >&2; exit 1; }
   sleep 0.1
 done
 ssh -F "$work/ssh_config" -o ControlMaster=yes -o ControlPersist=yes -fN bench
