@@ -62,6 +62,10 @@ class SSHFA_EXPORT FileAccess {
   // say), FIFOs, sockets and devices are left out and noted in the report,
   // and a missing source is an error. Throws SSHError(Transfer) naming the
   // first failure; files completed before it stay.
+  // Re-runs: `options` can leave unchanged files alone (size and time, or
+  // checksums), mirror (remove what the sources lack), only plan (dry run),
+  // and resume interrupted files; the report counts skipped, deleted and
+  // resumed files.
   TransferReport upload(PathPairs const& pairs, TransferOptions const& options = {});
   TransferReport download(PathPairs const& pairs, TransferOptions const& options = {});
 

@@ -53,7 +53,8 @@ void SSHClient::copyFiles(CopyFilesCommand command) {
 }
 
 TreeTransferReport SSHClient::copyTrees(CopyTreesCommand command) {
-  return internal::transferTrees(impl_->session_, command, impl_->options_.progress);
+  return internal::transferTrees(impl_->session_, command, impl_->options_.progress,
+                                 [this](std::string const& line) { return impl_->runner_->run(line).out; });
 }
 
 void SSHClient::setKeepaliveInterval(std::chrono::seconds interval) { impl_->session_.setKeepaliveInterval(interval); }

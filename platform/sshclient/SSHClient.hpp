@@ -140,6 +140,14 @@ class SSHFA_EXPORT CopyFilesCommand {
 
 // Tree transfers (SSHClient::copyTrees). Each item's source is a file, a
 // folder or a symbolic link; its destination names the copy itself.
+
+// When an existing destination file is left as it is.
+enum class UnchangedTest {
+  None,         // never: every file is copied
+  SizeAndTime,  // a regular file of the source's size and modification time (to the second)
+  Checksum,     // a regular file of the source's size and SHA-256
+};
+
 struct TreeTransferOptions {
   // The source's permission bits exactly (user/group/other rwx); off: new
   // files get 0666 and folders 0777, less the creator's umask.
@@ -155,6 +163,24 @@ struct TreeTransferOptions {
   // the source under its own name (as cp and scp do); off: the destination
   // always names the copy itself.
   bool intoFolders = false;
+  // Unchanged files are not sent; their modes and times are still put right.
+  // The destination is listed for it in the same pass as the sources.
+  UnchangedTest skipUnchanged = UnchangedTest::None;
+  // After every copy succeeded, what the destination folders hold beyond
+  // their sources is removed. Only below a destination whose source is a
+  // folder; a symbolic link is removed as a link, never followed.
+  bool deleteExtraneous = false;
+  // Lists and decides, changes nothing: the report counts what would be
+  // done and its plan names each change.
+  bool dryRun = false;
+  // A file interrupted (stopped by the progress callback, a lost connection
+  // or a killed process) keeps its temporary, named from its destination
+  // and the source's size and time. The next transfer of the same unchanged
+  // source sends only the rest, once SHA-256 of the temporary's bytes
+  // equals that of the source's first as many bytes; else it starts over.
+  // Temporaries of the transfer's destinations left by other runs are
+  // reused or removed.
+  bool resume = false;
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
@@ -171,13 +197,26 @@ class SSHFA_EXPORT CopyTreesCommand {
   TreeTransferOptions options_;
 };
 
+// One change of a dry run, named by its destination path.
+struct PlannedChange {
+  enum class Action { Copy, Resume, Skip, Link, Folder, Delete };
+  Action action = Action::Copy;
+  ustring path;
+  std::uint64_t bytes = 0;  // file data to send (Resume: the rest only)
+};
+
+// With dryRun, the counts are what the transfer would do.
 struct TreeTransferReport {
-  std::size_t files = 0;       // regular files copied
-  std::uint64_t bytes = 0;     // their bytes
+  std::size_t files = 0;       // regular files copied (resumed ones too)
+  std::uint64_t bytes = 0;     // file data sent over the connection
   std::size_t folders = 0;     // destination folders made
   std::size_t links = 0;       // symbolic links made
   std::size_t special = 0;     // FIFOs, sockets and devices left out
+  std::size_t skipped = 0;     // files left as they were: unchanged
+  std::size_t deleted = 0;     // destination entries removed (deleteExtraneous)
+  std::size_t resumed = 0;     // files continued from an earlier run's temporary
   std::vector<ustring> notes;  // one line per special file left out
+  std::vector<PlannedChange> plan;  // dryRun only: by action (as listed above), then path
 };
 
 struct TransferProgress {

@@ -6,6 +6,8 @@
 #include <sstream>
 #include <string>
 
+#include "tests/support/TestFiles.hpp"
+
 namespace sshfa::testing {
 
 inline std::string readFile(std::filesystem::path const& path) {

@@ -413,26 +413,39 @@ TEST_F(CliTest, PutAndGetTakeSourcesAndADestination) {
   EXPECT_EQ(remote({"get", "a"}).status, kUsage);
 }
 
-TEST_F(CliTest, EachStopSignalEndsAGetAndLeavesNoTemporary) {
+// Each stop signal ends the transfer at once; what arrived stays in the one
+// resumable temporary, which the next run continues and leaves nothing of.
+TEST_F(CliTest, EachStopSignalEndsAGetAndLeavesOnlyWhatTheNextRunResumes) {
   fs::create_directories(at("back"));
   writeFile(at("big"), "");
   fs::resize_file(at("big"), 1ULL << 30U);  // sparse: quick to read, long to send
+  setModificationTime(at("big"), 1'500'000'000);
+  std::string const resumable = ".big.sshfa-partial-1073741824-1500000000";
   for (int const signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
     std::vector<std::string> args = connection();
     args.insert(args.end(), {"get", at("big"), at("back/big")});
+    std::error_code error;
+    auto const before = fs::exists(at("back/" + resumable)) ? fs::file_size(at("back/" + resumable)) : 0;
     ToolProcess tool(args, {});
-    // Signal once the temporary exists, so the transfer itself is stopped.
+    // Signal once the temporary grew, so the transfer itself is stopped.
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (fs::is_empty(at("back")) && std::chrono::steady_clock::now() < deadline) {
+    while ((!fs::exists(at("back/" + resumable)) || fs::file_size(at("back/" + resumable), error) <= before) &&
+           std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    ASSERT_FALSE(fs::is_empty(at("back"))) << "the transfer never started";
+    ASSERT_GT(fs::file_size(at("back/" + resumable), error), before) << "the transfer never started";
     tool.signal(signalNumber);
     auto const result = tool.finish();
     EXPECT_EQ(result.status, 128 + signalNumber) << result.err;
     EXPECT_THAT(result.err, ::testing::HasSubstr("sshfa: interrupted\n"));
-    EXPECT_TRUE(fs::is_empty(at("back"))) << fs::directory_iterator(at("back"))->path();
+    EXPECT_EQ(listNames(at("back")), std::vector<std::string>{resumable});
   }
+  auto const kept = fs::file_size(at("back/" + resumable));
+  json const finished = parsed(remote({"--json", "get", at("big"), at("back/big")}));
+  EXPECT_EQ(finished["resumed"], 1);
+  EXPECT_EQ(finished["bytes"], (1ULL << 30U) - kept);
+  EXPECT_EQ(listNames(at("back")), std::vector<std::string>{"big"});
+  EXPECT_EQ(fs::file_size(at("back/big")), 1ULL << 30U);
 }
 
 // ---- exec --------------------------------------------------------------------------------

@@ -224,6 +224,15 @@ CLI::App* addTransferCommand(CLI::App& app, Invocation& inv, std::string const& 
   sub->add_flag("-L,--follow-links", inv.transfer.followLinks,
                 "Copy what symbolic links point to instead of the links");
   sub->add_flag("-r,-R,--recursive", inv.recursive, "Accepted for habit; folders are always copied whole");
+  sub->add_flag("-I,--ignore-times", inv.transfer.ignoreTimes,
+                "Copy every file, also those of the same size and modification time as their source");
+  sub->add_flag("-c,--checksum", inv.transfer.checksum,
+                "Leave a file alone only when its size and SHA-256 equal the source's");
+  sub->add_flag("--delete", inv.transfer.deleteExtraneous,
+                "Remove what a destination folder holds beyond its source, after every copy succeeded");
+  sub->add_flag("-n,--dry-run", inv.transfer.dryRun, "Print what would be copied, skipped and deleted; change nothing");
+  sub->add_flag("--no-resume", inv.transfer.noResume,
+                "Start interrupted files over, and keep nothing of a file when interrupted");
   return sub;
 }
 

@@ -12,6 +12,7 @@ namespace sshfa::cli {
 namespace {
 
 namespace sfa = nimbal::remoteaccess::sshfileaccess;
+namespace ssh = foundation::sshclient;
 using PathPairs = sfa::FileAccessInterface::PathPairs;
 
 // Clears the router's reporter however the transfer ends.
@@ -30,6 +31,32 @@ class ReporterScope {
 
 std::string counted(std::size_t count, char const* singular, char const* plural) {
   return fmt::format("{} {}", count, count == 1 ? singular : plural);
+}
+
+char const* actionName(ssh::PlannedChange::Action action) {
+  switch (action) {
+    case ssh::PlannedChange::Action::Copy:
+      return "copy";
+    case ssh::PlannedChange::Action::Resume:
+      return "resume";
+    case ssh::PlannedChange::Action::Skip:
+      return "skip";
+    case ssh::PlannedChange::Action::Link:
+      return "link";
+    case ssh::PlannedChange::Action::Folder:
+      return "mkdir";
+    case ssh::PlannedChange::Action::Delete:
+      return "delete";
+  }
+  return "?";
+}
+
+// "copy PATH (SIZE)": one line of a dry run's plan; sizes for file data.
+std::string describeChange(ssh::PlannedChange const& change) {
+  using Action = ssh::PlannedChange::Action;
+  bool const data = change.action == Action::Copy || change.action == Action::Resume || change.action == Action::Skip;
+  auto const size = data ? fmt::format(" ({})", formatBytes(change.bytes)) : std::string();
+  return fmt::format("{} {}{}\n", actionName(change.action), forStream(STDOUT_FILENO, change.path), size);
 }
 
 }  // namespace
@@ -52,6 +79,12 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
   options.keepTimes = !flags.noTimes;
   options.followLinks = flags.followLinks;
   options.intoFolders = true;
+  options.skipUnchanged = flags.checksum      ? ssh::UnchangedTest::Checksum
+                          : flags.ignoreTimes ? ssh::UnchangedTest::None
+                                              : ssh::UnchangedTest::SizeAndTime;
+  options.deleteExtraneous = flags.deleteExtraneous;
+  options.dryRun = flags.dryRun;
+  options.resume = !flags.noResume;
 
   InterruptGuard const interruptible;
   TransferReporter reporter(isTerminal(STDERR_FILENO));
@@ -67,16 +100,34 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
     writeTo(stderr, fmt::format("sshfa: {}: {}\n", name, forStream(STDERR_FILENO, note)));
   }
   if (json) {
-    writeTo(stdout,
-            fmt::format("{{\"files\": {}, \"bytes\": {}, \"seconds\": {:.3f}, \"folders\": {}, \"links\": {}, "
-                        "\"special\": {}}}\n",
-                        totals.files, totals.bytes, totals.seconds, report.folders, report.links, report.special));
+    std::string plan;
+    if (flags.dryRun) {
+      plan = "\"dryRun\": true, \"plan\": [";
+      for (auto const& change : report.plan) {
+        if (plan.back() != '[') plan += ", ";
+        plan += fmt::format("{{\"action\": \"{}\", \"path\": {}, \"bytes\": {}}}", actionName(change.action),
+                            jsonString(change.path), change.bytes);
+      }
+      plan += "], ";
+    }
+    writeTo(stdout, fmt::format("{{{}\"files\": {}, \"skipped\": {}, \"deleted\": {}, \"resumed\": {}, "
+                                "\"bytes\": {}, \"seconds\": {:.3f}, \"folders\": {}, \"links\": {}, "
+                                "\"special\": {}}}\n",
+                                plan, totals.files, report.skipped, report.deleted, report.resumed, totals.bytes,
+                                totals.seconds, report.folders, report.links, report.special));
     return 0;
+  }
+  if (flags.dryRun) {
+    for (auto const& change : report.plan) writeTo(stdout, describeChange(change));
   }
   std::string extra;
   if (report.links > 0) extra += ", " + counted(report.links, "link", "links");
   if (report.special > 0) extra += ", " + counted(report.special, "special file", "special files") + " left out";
-  writeTo(stderr, fmt::format("{}: copied {}{}\n", name, describeTotals(totals), extra));
+  if (report.resumed > 0) extra += fmt::format(", {} resumed", report.resumed);
+  if (report.skipped > 0) extra += fmt::format(", {} unchanged", report.skipped);
+  if (report.deleted > 0) extra += fmt::format(", {} deleted", report.deleted);
+  writeTo(stderr, fmt::format("{}: {} {}{}\n", name, flags.dryRun ? "dry run, would copy" : "copied",
+                              describeTotals(totals), extra));
   return 0;
 }
 

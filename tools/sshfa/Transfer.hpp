@@ -11,18 +11,26 @@
 namespace sshfa::cli {
 
 // What put and get keep; by default modes (without setuid, setgid and
-// sticky), times and links as links.
+// sticky), times and links as links. By default files of the source's size
+// and time are left alone and an interrupted file is resumed.
 struct TransferFlags {
   bool noPermissions = false;
   bool noTimes = false;
   bool keepSpecialBits = false;
   bool followLinks = false;
+  bool ignoreTimes = false;  // copy every file
+  bool checksum = false;     // equal sizes compared by SHA-256
+  bool deleteExtraneous = false;
+  bool dryRun = false;
+  bool noResume = false;
 };
 
 // put (upload) and get: SOURCE... DESTINATION, as cp and scp take them: a
 // destination that is an existing folder or ends with '/' receives each
 // source under its own name; several sources always go into a folder. A
-// missing source is an error; Ctrl-C and SIGTERM stop the transfer cleanly.
+// missing source is an error; Ctrl-C, SIGTERM and SIGHUP stop the transfer
+// cleanly, keeping what an interrupted file received for the next run. A dry
+// run prints its plan (a line per change, or JSON) and changes nothing.
 int runTransfer(nimbal::remoteaccess::sshfileaccess::FileAccess& access, ProgressRouter& progress, bool upload,
                 std::vector<std::string> const& operands, TransferFlags const& flags, bool json);
 

@@ -75,10 +75,11 @@ void transferFiles(Session& session, CopyFilesCommand const& command,
 }
 
 TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& command,
-                                 std::function<void(TransferProgress const&)> const& progress) {
+                                 std::function<void(TransferProgress const&)> const& progress,
+                                 std::function<std::string(std::string const&)> const& shell) {
   if (command.getItems().empty()) return {};
   ChannelTransport transport(session);
-  return sftp::transferTrees(transport, session.describe(), command, progress);
+  return sftp::transferTrees(transport, session.describe(), command, progress, shell);
 }
 
 }  // namespace foundation::sshclient::internal

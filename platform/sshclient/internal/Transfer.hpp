@@ -7,6 +7,7 @@
 // no channel.
 
 #include <functional>
+#include <string>
 
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 
@@ -22,8 +23,9 @@ void transferFiles(Session& session, CopyFilesCommand const& command,
                    std::function<void(TransferProgress const&)> const& progress);
 
 // The same for copyTrees: always opens the channel (the sources are listed
-// over it).
+// over it). `shell` runs the command lines that hash remote files.
 TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& command,
-                                 std::function<void(TransferProgress const&)> const& progress);
+                                 std::function<void(TransferProgress const&)> const& progress,
+                                 std::function<std::string(std::string const&)> const& shell);
 
 }  // namespace foundation::sshclient::internal

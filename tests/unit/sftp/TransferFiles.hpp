@@ -15,19 +15,9 @@
 #include <string>
 #include <vector>
 
-namespace sshfa::testing {
+#include "tests/support/TestFiles.hpp"
 
-inline std::string randomBytes(std::size_t size, std::uint64_t seed) {
-  std::mt19937_64 random(seed);
-  std::string bytes(size, '\0');
-  std::size_t i = 0;
-  for (; i + 8 <= size; i += 8) {
-    auto v = random();
-    for (int k = 0; k < 8; ++k, v >>= 8U) bytes[i + static_cast<std::size_t>(k)] = static_cast<char>(v & 0xffU);
-  }
-  for (auto v = random(); i < size; ++i, v >>= 8U) bytes[i] = static_cast<char>(v & 0xffU);
-  return bytes;
-}
+namespace sshfa::testing {
 
 inline void writeFile(std::filesystem::path const& path, std::string const& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -47,14 +37,6 @@ inline std::string readFile(std::filesystem::path const& path) {
   }
   ::close(fd);
   return bytes;
-}
-
-// Names in `folder`, hidden ones included, sorted.
-inline std::vector<std::string> listNames(std::filesystem::path const& folder) {
-  std::vector<std::string> names;
-  for (auto const& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 inline unsigned permissionsOf(std::filesystem::path const& path) {

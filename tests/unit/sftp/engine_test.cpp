@@ -583,7 +583,7 @@ TEST_F(ScriptedTest, ACallbackThatThrowsWhileListingStopsBeforeAnyFile) {
   };
   EngineOptions options;
   options.progressInterval = std::chrono::milliseconds(0);
-  EXPECT_THROW(transferTrees(server, kPeer, command, stop, options), std::runtime_error);
+  EXPECT_THROW(transferTrees(server, kPeer, command, stop, {}, options), std::runtime_error);
   ASSERT_EQ(seen.size(), 1U);
   EXPECT_EQ(seen[0].filesTotal, 0U);  // no totals while listing
   EXPECT_TRUE(script.reads.empty());

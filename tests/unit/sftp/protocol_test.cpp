@@ -147,6 +147,9 @@ TEST(SftpEncode, TreeRequests) {
   out.clear();
   PacketWriter(out).readdir(3, "h");
   EXPECT_EQ(hex(out), "00 00 00 0a 0c 00 00 00 03 00 00 00 01 68");
+  out.clear();
+  PacketWriter(out).rmdir(4, "d");
+  EXPECT_EQ(hex(out), "00 00 00 0a 0f 00 00 00 04 00 00 00 01 64");
 }
 
 TEST(SftpEncode, BytesAreNotText) {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Protocol.hpp"
 
 namespace foundation::sshclient::internal::sftp {
@@ -42,6 +43,10 @@ constexpr std::size_t kFilesBeforeLimits = 8;
 constexpr int kTempAttempts = 4;
 // Keeps temporary names within NAME_MAX.
 constexpr std::size_t kTempBaseLength = 200;
+// Every temporary's name: "." + the destination's name + kTempMark + a suffix.
+constexpr std::string_view kTempMark = ".sshfa-";
+// The suffix of a resumable temporary, before the source's size and time.
+constexpr std::string_view kResumeMark = "partial-";
 // Remote folders read at once while listing.
 constexpr std::size_t kFoldersOpen = 32;
 constexpr std::size_t kNone = SIZE_MAX;
@@ -59,6 +64,31 @@ std::string joined(std::string const& folder, std::string_view name) {
 std::string withoutTrailingSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
+}
+
+// The destination's folder (with its '/') and name cut to kTempBaseLength:
+// what every temporary made for it is named after.
+std::pair<std::string, std::string> temporaryOwner(std::string const& destination) {
+  auto const slash = destination.rfind('/');
+  if (slash == std::string::npos) return {std::string(), destination.substr(0, kTempBaseLength)};
+  return {destination.substr(0, slash + 1), destination.substr(slash + 1, kTempBaseLength)};
+}
+
+// "<folder>/.<name>.sshfa-<suffix>" beside the destination.
+std::string temporaryName(std::string const& destination, std::string_view suffix) {
+  auto const [folder, name] = temporaryOwner(destination);
+  std::string temp;
+  temp.reserve(folder.size() + name.size() + kTempMark.size() + suffix.size() + 1);
+  temp.append(folder).append(1, '.').append(name).append(kTempMark).append(suffix);
+  return temp;
+}
+
+// A resumable temporary is named from its destination and the source's size
+// and time: the next run finds it, and continues it only while the source
+// still has both.
+std::string resumeNameFor(std::string const& destination, std::uint64_t size, std::optional<std::uint32_t> mtime) {
+  return temporaryName(destination, std::string(kResumeMark) + std::to_string(size) + "-" +
+                                        std::to_string(mtime.value_or(0)));
 }
 
 EngineOptions forDirection(EngineOptions options, bool upload) {
@@ -238,6 +268,9 @@ enum class Op {
   PlaceLink,
   Destination,
   Probe,
+  // re-runs
+  FixAttributes,
+  Delete,
 };
 
 // One file to copy; byte strings, local or remote by direction.
@@ -252,6 +285,10 @@ struct FileWork {
   std::optional<std::uint32_t> atime;
   std::optional<std::uint32_t> mtime;  // with atime: times to set
   std::size_t item = 0;                // the command's item it came from
+  std::optional<std::uint32_t> listedMtime;  // the source's, whatever is kept
+  // An earlier run's temporary to continue, and its verified length.
+  std::string resumeTemp;
+  std::uint64_t resumeFrom = 0;
 };
 
 // A destination folder to make: a missing parent of an item's destination,
@@ -263,6 +300,7 @@ struct FolderWork {
   std::string destination;
   std::size_t item = 0;
   bool fromSource = false;
+  bool existed = false;  // found as a folder in the destination listing
   std::optional<std::uint32_t> mode;
   std::optional<std::uint32_t> atime;
   std::optional<std::uint32_t> mtime;
@@ -285,17 +323,38 @@ struct LinkWork {
 };
 
 // A remote entry still being looked at while listing: a folder to read, or
-// a link to resolve.
+// a link to resolve. On the destination side (listing what is there already)
+// `source` is the entry's path and `destination` is unused.
 struct ListNode {
-  ListNode(std::size_t index, std::string from, std::string to, std::size_t folder)
-      : item(index), source(std::move(from)), destination(std::move(to)), parent(folder) {}
+  ListNode(std::size_t index, std::string from, std::string to, std::size_t folder, bool destinationSide = false)
+      : item(index), source(std::move(from)), destination(std::move(to)), parent(folder), existing(destinationSide) {}
 
   std::size_t item = 0;
   std::string source;
   std::string destination;
   std::size_t parent = kNone;  // the folder it was found in
+  bool existing = false;       // a destination entry
+  bool temporariesOnly = false;  // a folder above the destinations: only our temporaries count
   std::string real;            // its canonical path, when following links
   std::string handle;
+};
+
+// An entry of a destination tree, as listed before anything changes.
+struct Existing {
+  std::uint32_t type = 0;  // modebits::kTypeMask bits
+  std::uint64_t size = 0;
+  std::optional<std::uint32_t> permissions;  // 07777 bits
+  std::optional<std::uint32_t> mtime;
+  std::optional<std::string> linkTarget;  // of a symbolic link, when read
+  std::size_t item = 0;                   // whose destination it lies in
+};
+
+// A temporary of ours found in a destination folder.
+struct Temporary {
+  std::string path;
+  std::string owner;  // the destination it was made for (name cut as in tempNameFor)
+  std::uint32_t type = 0;
+  std::uint64_t size = 0;
 };
 
 struct Job {
@@ -321,6 +380,9 @@ struct Job {
   int tempAttempts = 0;
   Phase phase = Phase::Opening;
   bool failed = false;
+  bool resumable = false;  // the temporary bears the resumable name
+  bool resumed = false;    // continues an earlier run's temporary
+  bool wrote = false;      // downloads: data reached the temporary
   // Downloads: the STAT and OPEN sent together, and their answers.
   bool statAnswered = false;
   bool probed = false;  // a listed file: asked for a byte past its size
@@ -361,7 +423,7 @@ class Engine {
   }
 
   Engine(Transport& transport, std::string peer, CopyTreesCommand const& command, ProgressCallback const& progress,
-         EngineOptions const& options)
+         RemoteShell const& shell, EngineOptions const& options)
       : connection_(transport),
         peer_(std::move(peer)),
         upload_(command.getDirection() == TransferDirection::LocalToRemote),
@@ -370,7 +432,12 @@ class Engine {
         progress_(progress),
         options_(forDirection(options, upload_)),
         random_(std::random_device{}()),
-        trees_(&command) {}
+        trees_(&command),
+        shell_(&shell) {
+    auto const& treeOptions = command.getOptions();
+    listDestinations_ = treeOptions.skipUnchanged != UnchangedTest::None || treeOptions.deleteExtraneous ||
+                        treeOptions.resume || treeOptions.dryRun;
+  }
 
   void run();
   [[nodiscard]] TreeTransferReport const& report() const noexcept { return report_; }
@@ -437,6 +504,27 @@ class Engine {
   void onSetAttributes(Job& job, Reply const& reply);
   [[nodiscard]] bool changedWhileRead(Job& job);
 
+  // ---- re-runs: what the destination holds already
+  void listExisting(std::size_t item, std::string const& root);
+  void listLocalExisting(std::size_t item, std::string const& path);
+  void recordExisting(std::size_t item, std::string const& path, Attributes const& attributes);
+  void recordTemporary(std::string const& path, Attributes const& attributes);
+  void listLocalTemporaries(std::string const& folder);
+  void folderRead(std::size_t node);
+  void decide();
+  std::vector<std::string> claimTemporaries();
+  void compareChecksums(std::vector<std::size_t> const& candidates, std::vector<bool>& unchanged);
+  void verifyResumes(std::vector<std::string>& stale);
+  void removeStale(std::vector<std::string> const& paths);
+  void fixAttributes();
+  [[nodiscard]] std::vector<std::string> extraneous() const;
+  void deleteExtraneous();
+  void onDeleted(Pending const& pending, Reply const& reply);
+  void planDryRun();
+  [[nodiscard]] bool unchangedFolder(FolderWork const& folder) const;
+  [[nodiscard]] bool keepsPartial(Job const& job) const;
+  std::string remoteOutput(std::string const& command);
+
   // ---- downloads
   void startDownload(Job& job);
   void onDownloadAnswer(Job& job, Op op, Reply const& reply);
@@ -485,7 +573,7 @@ class Engine {
   CopyTreesCommand const* trees_ = nullptr;
   bool planning_ = false;
   std::vector<FolderWork> folders_;
-  std::unordered_set<std::string> folderNames_;
+  std::unordered_map<std::string, std::size_t> folderIndex_;  // into folders_
   std::vector<LinkWork> links_;
   std::vector<ListNode> nodes_;
   std::vector<std::string> destinations_;  // of the items, folders resolved
@@ -493,6 +581,17 @@ class Engine {
   std::vector<std::size_t> foldersWaiting_;
   std::size_t foldersOpen_ = 0;
   TreeTransferReport report_;
+
+  RemoteShell const* shell_ = nullptr;
+  bool listDestinations_ = false;
+  std::unordered_map<std::string, Existing> existing_;
+  std::vector<Temporary> temporaries_;
+  std::vector<std::string> specialDestinations_;  // of the special files left out
+  std::unordered_set<std::string> sourceNames_;   // every destination the sources give
+  std::vector<bool> sourceIsFolder_;
+  std::vector<FileWork> skipped_;
+  std::vector<std::string> deletions_;  // of the delete pass, by its requests' offsets
+  std::unordered_set<std::string> changedFolders_;  // folders whose entries changed
 };
 
 // ---- driving -------------------------------------------------------------------
@@ -500,12 +599,15 @@ class Engine {
 void Engine::run() {
   try {
     handshake();
+    bool const dryRun = trees_ != nullptr && trees_->getOptions().dryRun;
     if (trees_ != nullptr) {
       planning_ = true;
       plan();
-      if (!stopping_) makeFolders();
+      if (!stopping_ && listDestinations_) decide();
+      if (!stopping_ && dryRun) planDryRun();
+      if (!stopping_ && !dryRun) makeFolders();
       planning_ = false;
-      if (!stopping_) makeLinks();
+      if (!stopping_ && !dryRun) makeLinks();
     }
     for (;;) {
       // Files finished by the last replies make room for new ones, and files
@@ -519,7 +621,10 @@ void Engine::run() {
       connection_.pump([this](ByteView packet) { onPacket(packet); });
       reportProgress(false);
     }
-    if (trees_ != nullptr && !stopping_) finishFolders();
+    if (trees_ != nullptr && !stopping_ && !dryRun) {
+      deleteExtraneous();
+      if (!stopping_) finishFolders();
+    }
   } catch (SSHError const& e) {
     abandon();
     std::string cause = e.what();
@@ -534,8 +639,10 @@ void Engine::run() {
   }
   if (cancelled_) std::rethrow_exception(cancelled_);
   reportProgress(true);
-  report_.files = filesDone_;
-  report_.bytes = bytesDone_;
+  if (trees_ == nullptr || !trees_->getOptions().dryRun) {
+    report_.files = filesDone_;
+    report_.bytes = bytesDone_;
+  }
   if (!failures_.empty()) {
     auto const first = std::min_element(failures_.begin(), failures_.end());
     auto message = first->second;
@@ -662,6 +769,15 @@ void Engine::dispatch(Pending const& pending, Reply const& reply) {
       intoFolder_[static_cast<std::size_t>(pending.offset)] =
           reply.type == PacketType::Attrs && reply.attributes.isDirectory();
       return;
+    case Op::FixAttributes:
+      if (reply.type != PacketType::Status || reply.status != StatusCode::Ok) {
+        auto const& file = skipped_[static_cast<std::size_t>(pending.offset)];
+        planFailure(file.item, "cannot set the mode and time of " + quoted(file.destination) + ": " +
+                                   describeStatus(reply.status, reply.message));
+      }
+      return;
+    case Op::Delete:
+      return onDeleted(pending, reply);
     default:
       break;
   }
@@ -764,8 +880,19 @@ std::string Engine::context() const {
   return "SFTP session with " + peer_ + ": ";
 }
 
+// A resumable temporary with data in it stays when the transfer is stopped:
+// the next run continues it.
+bool Engine::keepsPartial(Job const& job) const {
+  return job.resumable && trees_ != nullptr && trees_->getOptions().resume && cancelled_ &&
+         (upload_ ? job.next > 0 : job.wrote);
+}
+
 void Engine::discardTemp(Job& job) {
   if (job.temp.empty()) return;
+  if (keepsPartial(job)) {
+    job.temp.clear();
+    return;
+  }
   if (upload_) {
     connection_.writer().remove(track(&job, Op::Cleanup), job.temp);
   } else {
@@ -780,6 +907,8 @@ void Engine::fail(Job& job, std::string const& cause) {
   busyDestinations_.erase(busyDestinations_.find(job.destination));
   stopping_ = true;
   if (!cancelled_) failures_.emplace_back(job.index, describeItem(job) + cause);
+  // What arrived so far is worth keeping when the temporary stays.
+  if (!upload_ && job.resumable && cancelled_ && job.fd.valid() && job.block.length > 0) flush(job);
   job.fd.reset();
   job.block.release();
   closeRemote(job);
@@ -797,6 +926,8 @@ void Engine::complete(Job& job) {
   job.temp.clear();
   job.phase = Job::Phase::Done;
   ++filesDone_;
+  if (job.resumed) ++report_.resumed;
+  if (trees_ != nullptr) changedFolders_.insert(folderOf(job.destination));
 }
 
 void Engine::closeRemote(Job& job) {
@@ -806,9 +937,6 @@ void Engine::closeRemote(Job& job) {
 }
 
 std::string Engine::tempNameFor(std::string const& path) {
-  auto const slash = path.rfind('/');
-  auto const folder = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
-  auto const name = slash == std::string::npos ? path : path.substr(slash + 1);
   static constexpr char kHex[] = "0123456789abcdef";
   std::string suffix(8, '0');
   auto bits = random_();
@@ -816,13 +944,16 @@ std::string Engine::tempNameFor(std::string const& path) {
     c = kHex[bits & 15U];
     bits >>= 4U;
   }
-  return folder + "." + name.substr(0, kTempBaseLength) + ".sshfa-" + suffix;
+  return temporaryName(path, suffix);
 }
 
+// The stream broke: local temporaries go, but a resumable one that holds
+// data is kept for the next run (remote ones cannot be removed anyway).
 void Engine::abandon() noexcept {
+  bool const resume = trees_ != nullptr && trees_->getOptions().resume;
   for (auto& job : jobs_) {
     job->fd.reset();
-    if (!upload_ && !job->temp.empty()) ::unlink(job->temp.c_str());
+    if (!upload_ && !job->temp.empty() && !(resume && job->resumable && job->wrote)) ::unlink(job->temp.c_str());
   }
 }
 
@@ -843,7 +974,7 @@ void Engine::planFailure(std::size_t item, std::string const& cause) {
 }
 
 void Engine::addFolder(FolderWork folder) {
-  if (!folderNames_.insert(folder.destination).second) return;
+  if (!folderIndex_.emplace(folder.destination, folders_.size()).second) return;
   folders_.push_back(std::move(folder));
 }
 
@@ -891,6 +1022,7 @@ void Engine::takeAttributes(std::size_t item, std::string const& source, std::st
   } else if (type == modebits::kRegular || type == 0) {
     FileWork file(source, destination, item);
     file.size = attributes.size.value_or(0);
+    file.listedMtime = attributes.mtime;
     keepFrom(attributes, file.mode, file.atime, file.mtime);
     bytesTotal_ += *file.size;
     files_.push_back(std::move(file));
@@ -900,6 +1032,7 @@ void Engine::takeAttributes(std::size_t item, std::string const& source, std::st
     connection_.writer().readlink(track(nullptr, Op::ReadLink, nodes_.size() - 1), source);
   } else {
     ++report_.special;
+    specialDestinations_.push_back(destination);
     char const* kind = "a special file";
     if (type == 0010000) kind = "a FIFO";
     if (type == 0140000) kind = "a socket";
@@ -958,7 +1091,8 @@ void Engine::openFolder(std::size_t node) {
   if (stopping_) return;
   if (foldersOpen_ >= kFoldersOpen) return foldersWaiting_.push_back(node);
   ++foldersOpen_;
-  connection_.writer().opendir(track(nullptr, Op::OpenFolder, node), nodes_[node].source);
+  auto const& path = nodes_[node].source;
+  connection_.writer().opendir(track(nullptr, Op::OpenFolder, node), path.empty() ? std::string_view(".") : path);
 }
 
 void Engine::onListing(Pending const& pending, Reply const& reply) {
@@ -968,6 +1102,54 @@ void Engine::onListing(Pending const& pending, Reply const& reply) {
     if (!stopping_)
       planFailure(node.item, what + quoted(node.source) + ": " + describeStatus(reply.status, reply.message));
   };
+  if (node.existing) {
+    // What the destination holds: nothing here fails the transfer, and a
+    // folder that cannot be read is only not known.
+    switch (pending.op) {
+      case Op::Examine:
+        if (reply.type != PacketType::Attrs) return;
+        recordExisting(node.item, node.source, reply.attributes);
+        if (reply.attributes.isSymlink()) {
+          connection_.writer().readlink(track(nullptr, Op::ReadLink, index), node.source);
+        } else if (reply.attributes.isDirectory()) {
+          openFolder(index);
+        }
+        return;
+      case Op::OpenFolder:
+        if (reply.type != PacketType::Handle) return folderRead(index);
+        node.handle = std::string(reply.handle);
+        connection_.writer().readdir(track(nullptr, Op::ReadFolder, index), node.handle);
+        return;
+      case Op::ReadFolder:
+        if (reply.type != PacketType::Name) return folderRead(index);
+        for (auto const& entry : reply.names) {
+          if (entry.filename == "." || entry.filename == "..") continue;
+          if (nodes_[index].temporariesOnly) {
+            recordTemporary(nodes_[index].source + std::string(entry.filename), entry.attributes);
+            continue;
+          }
+          auto path = joined(nodes_[index].source, entry.filename);
+          recordExisting(nodes_[index].item, path, entry.attributes);
+          if (!entry.attributes.isSymlink() && !entry.attributes.isDirectory()) continue;
+          nodes_.emplace_back(nodes_[index].item, std::move(path), std::string(), index, true);
+          auto const child = nodes_.size() - 1;
+          if (entry.attributes.isSymlink()) {
+            connection_.writer().readlink(track(nullptr, Op::ReadLink, child), nodes_[child].source);
+          } else {
+            openFolder(child);
+          }
+        }
+        connection_.writer().readdir(track(nullptr, Op::ReadFolder, index), nodes_[index].handle);
+        return;
+      case Op::ReadLink:
+        if (reply.type == PacketType::Name && reply.names.size() == 1) {
+          existing_[node.source].linkTarget = std::string(reply.names.front().filename);
+        }
+        return;
+      default:
+        return;
+    }
+  }
   switch (pending.op) {
     case Op::Examine:
       if (reply.type == PacketType::Attrs) {
@@ -993,8 +1175,8 @@ void Engine::onListing(Pending const& pending, Reply const& reply) {
     }
     case Op::OpenFolder:
       if (reply.type != PacketType::Handle) {
-        --foldersOpen_;
-        return failed("cannot read folder ");
+        failed("cannot read folder ");
+        return folderRead(index);
       }
       node.handle = std::string(reply.handle);
       if (stopping_) break;
@@ -1033,9 +1215,13 @@ void Engine::onListing(Pending const& pending, Reply const& reply) {
     default:
       return;
   }
-  // The folder is read (or given up): its handle goes, a waiting one opens.
-  auto& done = nodes_[index];
-  connection_.writer().close(track(nullptr, Op::Cleanup), done.handle);
+  folderRead(index);
+}
+
+// The folder is read (or given up): its handle goes, a waiting one opens.
+void Engine::folderRead(std::size_t node) {
+  auto& done = nodes_[node];
+  if (!done.handle.empty()) connection_.writer().close(track(nullptr, Op::Cleanup), done.handle);
   done.handle.clear();
   --foldersOpen_;
   if (!foldersWaiting_.empty() && !stopping_) {
@@ -1070,6 +1256,10 @@ void Engine::plan() {
     if (intoFolder_[i]) destinations_[i] = joined(destinations_[i], baseName(source));
     addParents(i, destinations_[i]);
   }
+  // Remote destinations are listed while the local sources are.
+  if (listDestinations_ && upload_) {
+    for (std::size_t i = 0; i < items.size(); ++i) listExisting(i, destinations_[i]);
+  }
   for (std::size_t i = 0; i < items.size() && !stopping_; ++i) {
     auto source = fl::i18n::ustring_to_utf8(upload_ ? items[i].localPath : items[i].remotePath);
     auto destination = destinations_[i];
@@ -1087,10 +1277,418 @@ void Engine::plan() {
       }
     }
   }
+  // Local destinations are listed while the remote sources are.
+  if (listDestinations_ && !upload_) {
+    for (std::size_t i = 0; i < items.size(); ++i) listLocalExisting(i, withoutTrailingSlashes(destinations_[i]));
+  }
   drain();
+  // A file copied to a name of its own lies in a folder that was not listed:
+  // only the temporaries there are looked for.
+  if (listDestinations_ && !stopping_) {
+    std::unordered_set<std::string> folders;
+    for (auto const& file : files_) {
+      if (file.destination == destinations_[file.item]) folders.insert(temporaryOwner(file.destination).first);
+    }
+    for (auto const& folder : folders) {
+      if (upload_) {
+        nodes_.emplace_back(0, folder, std::string(), kNone, true);
+        nodes_.back().temporariesOnly = true;
+        openFolder(nodes_.size() - 1);
+      } else {
+        listLocalTemporaries(folder);
+      }
+    }
+    drain();
+  }
   nodes_.clear();
   nodes_.shrink_to_fit();
+  sourceIsFolder_.assign(items.size(), false);
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    auto const root = folderIndex_.find(withoutTrailingSlashes(destinations_[i]));
+    sourceIsFolder_[i] = root != folderIndex_.end() && folders_[root->second].fromSource;
+  }
 }
+
+// ---- re-runs -------------------------------------------------------------------
+
+// A destination root is looked at as it is (a link is not followed); below
+// it, folders are read and links read, never followed.
+void Engine::listExisting(std::size_t item, std::string const& root) {
+  nodes_.emplace_back(item, withoutTrailingSlashes(root), std::string(), kNone, true);
+  connection_.writer().lstat(track(nullptr, Op::Examine, nodes_.size() - 1), nodes_.back().source);
+}
+
+void Engine::listLocalExisting(std::size_t item, std::string const& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return;
+  recordExisting(item, path, localAttributes(st));
+  if (S_ISLNK(st.st_mode)) {
+    std::string target(PATH_MAX, '\0');
+    auto const length = ::readlink(path.c_str(), target.data(), target.size());
+    if (length >= 0) existing_[path].linkTarget = target.substr(0, static_cast<std::size_t>(length));
+    return;
+  }
+  if (!S_ISDIR(st.st_mode)) return;
+  std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
+  if (!folder) return;
+  std::vector<std::string> names;
+  while (auto const* entry = ::readdir(folder.get())) {
+    std::string_view const name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  folder.reset();
+  for (auto const& name : names) listLocalExisting(item, joined(path, name));
+}
+
+std::uint32_t typeOf(Attributes const& attributes) {
+  auto const type = attributes.permissions.value_or(modebits::kRegular) & modebits::kTypeMask;
+  return type == 0 ? modebits::kRegular : type;
+}
+
+void Engine::recordExisting(std::size_t item, std::string const& path, Attributes const& attributes) {
+  Existing entry;
+  entry.type = typeOf(attributes);
+  entry.size = attributes.size.value_or(0);
+  if (attributes.permissions) entry.permissions = *attributes.permissions & kModeBits;
+  entry.mtime = attributes.mtime;
+  entry.item = item;
+  existing_.insert_or_assign(path, std::move(entry));
+  recordTemporary(path, attributes);
+}
+
+// ".<name>.sshfa-<suffix>": a temporary made for <name> in its folder.
+void Engine::recordTemporary(std::string const& path, Attributes const& attributes) {
+  auto const slash = path.rfind('/');
+  std::string_view const name = std::string_view(path).substr(slash == std::string::npos ? 0 : slash + 1);
+  auto const mark = name.rfind(kTempMark);
+  if (name.size() < 2 || name.front() != '.' || mark == std::string_view::npos || mark < 2) return;
+  auto const folder = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+  temporaries_.push_back(
+      {path, folder + std::string(name.substr(1, mark - 1)), typeOf(attributes), attributes.size.value_or(0)});
+}
+
+// `folder` is "" (the working folder) or ends with '/'.
+void Engine::listLocalTemporaries(std::string const& folder) {
+  std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.empty() ? "." : folder.c_str()), &::closedir);
+  if (!entries) return;
+  while (auto const* entry = ::readdir(entries.get())) {
+    std::string_view const name = entry->d_name;
+    if (!name.starts_with('.') || name.find(kTempMark) == std::string_view::npos) continue;
+    auto const path = folder + std::string(name);
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) == 0) recordTemporary(path, localAttributes(st));
+  }
+}
+
+// Lists what the destination holds against the sources: temporaries of
+// earlier runs claimed, unchanged files and links set aside, the rest
+// counted for progress. Nothing changes in a dry run.
+void Engine::decide() {
+  auto const& options = trees_->getOptions();
+  if (options.deleteExtraneous) {
+    for (auto const& file : files_) sourceNames_.insert(file.destination);
+    for (auto const& folder : folders_) {
+      if (folder.fromSource) sourceNames_.insert(folder.destination);
+    }
+    for (auto const& link : links_) sourceNames_.insert(link.destination);
+    sourceNames_.insert(specialDestinations_.begin(), specialDestinations_.end());
+  }
+  auto stale = claimTemporaries();
+  std::vector<bool> unchanged(files_.size(), false);
+  if (options.skipUnchanged != UnchangedTest::None) {
+    std::vector<std::size_t> hashing;
+    for (std::size_t i = 0; i < files_.size(); ++i) {
+      auto const& file = files_[i];
+      auto const there = existing_.find(file.destination);
+      if (there == existing_.end() || there->second.type != modebits::kRegular || there->second.size != *file.size) {
+        continue;
+      }
+      if (options.skipUnchanged == UnchangedTest::Checksum) {
+        hashing.push_back(i);
+      } else {
+        unchanged[i] = file.listedMtime && there->second.mtime == file.listedMtime;
+      }
+    }
+    compareChecksums(hashing, unchanged);
+    std::erase_if(links_, [&](LinkWork const& link) {
+      auto const there = existing_.find(link.destination);
+      return there != existing_.end() && there->second.type == modebits::kSymlink &&
+             there->second.linkTarget == link.target;
+    });
+  }
+  if (stopping_) return;
+  std::vector<FileWork> copying;
+  copying.reserve(files_.size());
+  for (std::size_t i = 0; i < files_.size(); ++i) {
+    if (unchanged[i] && !files_[i].resumeTemp.empty()) {
+      stale.push_back(std::exchange(files_[i].resumeTemp, std::string()));
+      files_[i].resumeFrom = 0;
+    }
+    (unchanged[i] ? skipped_ : copying).push_back(std::move(files_[i]));
+  }
+  files_ = std::move(copying);
+  verifyResumes(stale);
+  if (stopping_) return;
+  bytesTotal_ = 0;
+  for (auto const& file : files_) bytesTotal_ += *file.size - file.resumeFrom;
+  report_.skipped = skipped_.size();
+  for (auto& folder : folders_) {
+    auto const there = existing_.find(folder.destination);
+    folder.existed = there != existing_.end() && there->second.type == modebits::kDirectory;
+  }
+  if (options.dryRun) return;
+  removeStale(stale);
+  fixAttributes();
+}
+
+// Temporaries made for this transfer's destinations by earlier runs: the one
+// that fits a file's unchanged source is continued (once verified), the
+// others are returned to be removed. Those of other names stay untouched.
+std::vector<std::string> Engine::claimTemporaries() {
+  std::vector<std::string> stale;
+  if (temporaries_.empty()) return stale;
+  auto const key = [](std::string const& destination) {
+    auto [folder, name] = temporaryOwner(destination);
+    return folder + name;
+  };
+  std::unordered_map<std::string, std::size_t> owners;  // a file's index; kNone: a link
+  for (std::size_t i = 0; i < files_.size(); ++i) owners.emplace(key(files_[i].destination), i);
+  for (auto const& link : links_) owners.emplace(key(link.destination), kNone);
+  for (auto const& temporary : temporaries_) {
+    auto const owner = owners.find(temporary.owner);
+    if (owner == owners.end()) continue;
+    existing_.erase(temporary.path);
+    if (owner->second != kNone && trees_->getOptions().resume) {
+      auto& file = files_[owner->second];
+      if (file.resumeTemp.empty() && temporary.type == modebits::kRegular && temporary.size > 0 &&
+          temporary.size <= *file.size &&
+          temporary.path == resumeNameFor(file.destination, *file.size, file.listedMtime)) {
+        file.resumeTemp = temporary.path;
+        file.resumeFrom = temporary.size;
+        continue;
+      }
+    }
+    stale.push_back(temporary.path);
+  }
+  return stale;
+}
+
+std::string Engine::remoteOutput(std::string const& command) {
+  if (shell_ == nullptr || !*shell_) throw SSHError(SSHError::Kind::Transfer, "no remote shell to hash files with");
+  return (*shell_)(command);
+}
+
+// Equal sizes are compared by SHA-256: the remote side's by sha256sum, many
+// files a line; the local side's here. A file either side cannot hash is
+// taken as changed.
+void Engine::compareChecksums(std::vector<std::size_t> const& candidates, std::vector<bool>& unchanged) {
+  if (candidates.empty()) return;
+  std::vector<std::string> remotePaths;
+  remotePaths.reserve(candidates.size());
+  for (auto const i : candidates) remotePaths.push_back(upload_ ? files_[i].destination : files_[i].source);
+  std::vector<std::optional<std::string>> remoteHashes;
+  remoteHashes.reserve(candidates.size());
+  for (auto const& batch : remoteHashCommands(remotePaths)) {
+    auto const output = remoteOutput(batch.command);
+    std::vector<std::optional<std::string>> hashes(batch.count);
+    try {
+      hashes = parseRemoteHashes(output, std::span(remotePaths).subspan(batch.first, batch.count));
+    } catch (std::runtime_error const&) {
+      // Not an answer (no sha256sum there): every file of the line is sent.
+    }
+    remoteHashes.insert(remoteHashes.end(), hashes.begin(), hashes.end());
+    reportProgress(false);
+    if (stopping_) return;
+  }
+  for (std::size_t k = 0; k < candidates.size() && !stopping_; ++k) {
+    auto const& file = files_[candidates[k]];
+    if (!remoteHashes[k]) continue;
+    try {
+      unchanged[candidates[k]] = sha256OfLocalFile(upload_ ? file.source : file.destination) == *remoteHashes[k];
+    } catch (SSHError const&) {
+      // Unreadable here: copied, and the copy names the cause if it fails.
+    }
+    reportProgress(false);
+  }
+}
+
+// A temporary continues only when its bytes are the source's first bytes:
+// SHA-256 of that prefix on both sides. Otherwise it goes and the file
+// starts over.
+void Engine::verifyResumes(std::vector<std::string>& stale) {
+  for (auto& file : files_) {
+    if (file.resumeTemp.empty() || stopping_) continue;
+    auto const& remotePath = upload_ ? file.resumeTemp : file.source;
+    auto const& localPath = upload_ ? file.source : file.resumeTemp;
+    auto const output = remoteOutput(remotePrefixHashCommand(remotePath, file.resumeFrom));
+    std::optional<std::string> remote;
+    std::optional<std::string> local;
+    try {
+      remote = parseRemotePrefixHash(output);
+      local = sha256OfLocalFile(localPath, file.resumeFrom);
+    } catch (std::runtime_error const&) {
+      // Either side unreadable or not an answer: start over.
+    }
+    reportProgress(false);
+    if (remote && local && *remote == *local) continue;
+    stale.push_back(std::exchange(file.resumeTemp, std::string()));
+    file.resumeFrom = 0;
+  }
+}
+
+// A temporary that cannot be removed is left; it harms nothing.
+void Engine::removeStale(std::vector<std::string> const& paths) {
+  for (auto const& path : paths) {
+    if (upload_) {
+      connection_.writer().remove(track(nullptr, Op::Cleanup), path);
+    } else {
+      ::unlink(path.c_str());
+    }
+    changedFolders_.insert(folderOf(path));
+  }
+  drain();
+}
+
+// Unchanged files get the source's mode and time where theirs differ.
+void Engine::fixAttributes() {
+  auto const& options = trees_->getOptions();
+  auto const mask = options.keepSpecialBits ? kModeBits : kPermissionBits;
+  for (std::size_t k = 0; k < skipped_.size(); ++k) {
+    auto const& file = skipped_[k];
+    auto const& there = existing_.at(file.destination);
+    bool const mode = file.mode && (!there.permissions || (*there.permissions & mask) != *file.mode);
+    bool const time = file.mtime && there.mtime != file.mtime;
+    if (!mode && !time) continue;
+    if (upload_) {
+      Attributes attributes;
+      if (mode) attributes.permissions = file.mode;
+      if (time) {
+        attributes.atime = file.atime;
+        attributes.mtime = file.mtime;
+      }
+      connection_.writer().setstat(track(nullptr, Op::FixAttributes, k), file.destination, attributes);
+      continue;
+    }
+    if (mode && ::chmod(file.destination.c_str(), static_cast<mode_t>(*file.mode)) != 0) {
+      return planFailure(file.item, "cannot set the mode of " + quoted(file.destination) + ": " + errnoText(errno));
+    }
+    struct timespec const times[2] = {{static_cast<time_t>(file.atime.value_or(0)), 0},
+                                      {static_cast<time_t>(file.mtime.value_or(0)), 0}};
+    if (time && ::utimensat(AT_FDCWD, file.destination.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+      return planFailure(file.item, "cannot set the time of " + quoted(file.destination) + ": " + errnoText(errno));
+    }
+  }
+  drain();
+}
+
+// Entries below a folder source's destination that the source does not
+// have: files and links first, then folders deepest first. The roots stay.
+std::vector<std::string> Engine::extraneous() const {
+  std::vector<std::string> entries;
+  std::vector<std::string> folders;
+  if (!trees_->getOptions().deleteExtraneous) return entries;
+  for (auto const& [path, entry] : existing_) {
+    if (!sourceIsFolder_[entry.item] || sourceNames_.contains(path)) continue;
+    if (path == withoutTrailingSlashes(destinations_[entry.item])) continue;
+    (entry.type == modebits::kDirectory ? folders : entries).push_back(path);
+  }
+  std::sort(entries.begin(), entries.end());
+  auto const depth = [](std::string const& path) { return std::count(path.begin(), path.end(), '/'); };
+  std::sort(folders.begin(), folders.end(), [&](std::string const& a, std::string const& b) {
+    auto const da = depth(a);
+    auto const db = depth(b);
+    return da != db ? da > db : a < b;
+  });
+  entries.insert(entries.end(), folders.begin(), folders.end());
+  return entries;
+}
+
+// Only after every file arrived. Remote folders are removed one depth at a
+// time, each once what was inside it is gone.
+void Engine::deleteExtraneous() {
+  deletions_ = extraneous();
+  std::size_t depth = SIZE_MAX;
+  for (std::size_t i = 0; i < deletions_.size() && !stopping_; ++i) {
+    auto const& path = deletions_[i];
+    auto const& entry = existing_.at(path);
+    bool const folder = entry.type == modebits::kDirectory;
+    if (!upload_) {
+      if ((folder ? ::rmdir(path.c_str()) : ::unlink(path.c_str())) != 0 && errno != ENOENT) {
+        return planFailure(entry.item, "cannot delete " + quoted(path) + ": " + errnoText(errno));
+      }
+      ++report_.deleted;
+      changedFolders_.insert(folderOf(path));
+      continue;
+    }
+    if (folder) {
+      auto const level = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'));
+      if (level != depth) drain();
+      depth = level;
+      if (stopping_) break;
+      connection_.writer().rmdir(track(nullptr, Op::Delete, i), path);
+    } else {
+      connection_.writer().remove(track(nullptr, Op::Delete, i), path);
+    }
+    if (connection_.queued() >= kOutboundLimit) connection_.pump([this](ByteView packet) { onPacket(packet); });
+  }
+  drain();
+}
+
+void Engine::onDeleted(Pending const& pending, Reply const& reply) {
+  auto const& path = deletions_[static_cast<std::size_t>(pending.offset)];
+  if (reply.type == PacketType::Status && reply.status == StatusCode::Ok) {
+    ++report_.deleted;
+    changedFolders_.insert(folderOf(path));
+  } else if (reply.status != StatusCode::NoSuchFile) {
+    planFailure(existing_.at(path).item, "cannot delete " + quoted(path) + " on " + peer_ + ": " +
+                                             describeStatus(reply.status, reply.message));
+  }
+}
+
+// The dry run's report: what would be made, sent, left and removed.
+void Engine::planDryRun() {
+  using Action = PlannedChange::Action;
+  auto const add = [this](Action action, std::string const& path, std::uint64_t bytes) {
+    report_.plan.push_back({action, fl::i18n::utf8_to_ustring(path), bytes});
+  };
+  for (auto const& folder : folders_) {
+    if (!folder.fromSource || folder.existed) continue;
+    add(Action::Folder, folder.destination, 0);
+    ++report_.folders;
+  }
+  for (auto const& link : links_) add(Action::Link, link.destination, 0);
+  report_.links = links_.size();
+  for (auto const& file : files_) {
+    add(file.resumeTemp.empty() ? Action::Copy : Action::Resume, file.destination, *file.size - file.resumeFrom);
+    if (!file.resumeTemp.empty()) ++report_.resumed;
+  }
+  report_.files = files_.size();
+  report_.bytes = bytesTotal_;
+  for (auto const& file : skipped_) add(Action::Skip, file.destination, *file.size);
+  for (auto const& path : extraneous()) add(Action::Delete, path, 0);
+  report_.deleted = report_.plan.size() - report_.folders - report_.links - report_.files - report_.skipped;
+  // Listings come in the servers' order; a plan reads best by name.
+  auto const rank = [](PlannedChange const& change) {
+    return change.action == Action::Resume ? static_cast<int>(Action::Copy) : static_cast<int>(change.action);
+  };
+  std::stable_sort(report_.plan.begin(), report_.plan.end(), [&](PlannedChange const& a, PlannedChange const& b) {
+    return rank(a) != rank(b) ? rank(a) < rank(b) : a.path < b.path;
+  });
+  files_.clear();
+  links_.clear();
+}
+
+// A folder that was there with the source's mode and time, and whose entries
+// did not change, needs neither set again.
+bool Engine::unchangedFolder(FolderWork const& folder) const {
+  if (!folder.existed || changedFolders_.contains(folder.destination)) return false;
+  auto const there = existing_.find(folder.destination);
+  if (there == existing_.end()) return false;
+  auto const mask = trees_->getOptions().keepSpecialBits ? kModeBits : kPermissionBits;
+  return (!folder.mode || (there->second.permissions && (*there->second.permissions & mask) == *folder.mode)) &&
+         (!folder.mtime || there->second.mtime == folder.mtime);
+}
+
 
 // Every folder once, parents first, all requests in flight together; each
 // MKDIR is followed by a STAT that tells a folder already there from a file
@@ -1098,6 +1696,10 @@ void Engine::plan() {
 void Engine::makeFolders() {
   if (upload_) {
     for (std::size_t i = 0; i < folders_.size(); ++i) {
+      if (folders_[i].existed) {
+        folders_[i].isFolder = true;
+        continue;
+      }
       connection_.writer().mkdir(track(nullptr, Op::MakeFolder, i), folders_[i].destination, Attributes{});
       connection_.writer().stat(track(nullptr, Op::CheckFolder, i), folders_[i].destination);
       if (connection_.queued() >= kOutboundLimit) connection_.pump([this](ByteView packet) { onPacket(packet); });
@@ -1106,8 +1708,13 @@ void Engine::makeFolders() {
   } else {
     for (auto& folder : folders_) {
       mode_t const mode = trees_->getOptions().keepPermissions ? 0700 : 0777;
+      if (folder.existed) {
+        folder.isFolder = true;
+        continue;
+      }
       if (::mkdir(folder.destination.c_str(), mode) == 0) {
         folder.made = folder.isFolder = true;
+        changedFolders_.insert(folderOf(folder.destination));
         continue;
       }
       folder.error = errnoText(errno);
@@ -1126,6 +1733,7 @@ void Engine::onFolder(Pending const& pending, Reply const& reply) {
   if (pending.op == Op::MakeFolder) {
     if (reply.type == PacketType::Status && reply.status == StatusCode::Ok) {
       folder.made = true;
+      changedFolders_.insert(folderOf(folder.destination));
     } else {
       folder.error = describeStatus(reply.status, reply.message);
     }
@@ -1180,6 +1788,7 @@ void Engine::makeLinks() {
       return planFailure(link.item, "cannot replace " + quoted(link.destination) + ": " + errnoText(error));
     }
     ++report_.links;
+    changedFolders_.insert(folderOf(link.destination));
   }
 }
 
@@ -1195,6 +1804,7 @@ void Engine::onLink(Pending const& pending, Reply const& reply) {
   }
   if (ok) {
     ++report_.links;
+    changedFolders_.insert(folderOf(link.destination));
     return;
   }
   link.failed = true;
@@ -1209,7 +1819,7 @@ void Engine::onLink(Pending const& pending, Reply const& reply) {
 void Engine::finishFolders() {
   for (std::size_t i = folders_.size(); i-- > 0;) {
     auto const& folder = folders_[i];
-    if (!folder.fromSource || (!folder.mode && !folder.mtime)) continue;
+    if (!folder.fromSource || (!folder.mode && !folder.mtime) || unchangedFolder(folder)) continue;
     if (upload_) {
       Attributes attributes;
       attributes.permissions = folder.mode;
@@ -1290,14 +1900,31 @@ void Engine::startUpload(Job& job) {
   if (!S_ISREG(st.st_mode)) return fail(job, quoted(job.source) + " is not a regular file");
   job.size = static_cast<std::uint64_t>(st.st_size);
   job.sourceMtime = st.st_mtim;
-  // A size from the listing is already counted; the file may have changed since.
-  bytesTotal_ = bytesTotal_ - job.work->size.value_or(0) + job.size;
-  openRemoteTemp(job);
+  auto const& work = *job.work;
+  // What the listing counted; the file may have changed since.
+  auto const counted = work.size.value_or(0) - work.resumeFrom;
+  if (!work.resumeTemp.empty()) {
+    if (job.size == work.size && static_cast<std::uint32_t>(st.st_mtim.tv_sec) == work.listedMtime) {
+      job.resumed = job.resumable = true;
+      job.next = work.resumeFrom;
+      job.opening = work.resumeTemp;
+      connection_.writer().open(track(&job, Op::Open), job.opening, openflags::kWrite, Attributes{});
+    } else {
+      // Made for the source as it was.
+      connection_.writer().remove(track(&job, Op::Cleanup), work.resumeTemp);
+    }
+  }
+  bytesTotal_ = bytesTotal_ - counted + (job.size - job.next);
+  if (!job.resumed) openRemoteTemp(job);
 }
 
 void Engine::openRemoteTemp(Job& job) {
   ++job.tempAttempts;
-  job.opening = tempNameFor(job.destination);
+  // The first try bears the resumable name; a clash falls back to a random one.
+  job.resumable = trees_ != nullptr && trees_->getOptions().resume && job.tempAttempts == 1;
+  job.opening = job.resumable
+                    ? resumeNameFor(job.destination, job.size, static_cast<std::uint32_t>(job.sourceMtime.tv_sec))
+                    : tempNameFor(job.destination);
   Attributes attributes;
   attributes.permissions = mode_;
   connection_.writer().open(track(&job, Op::Open), job.opening,
@@ -1314,12 +1941,19 @@ void Engine::onUploadOpen(Job& job, Reply const& reply) {
       return discardTemp(job);
     }
     job.phase = Job::Phase::Transferring;
-    if (job.size == 0) finishUpload(job);
+    if (job.next >= job.size) finishUpload(job);
     return;
   }
   if (reply.type != PacketType::Status) throw ProtocolError("unexpected reply to OPEN");
   auto const temp = std::exchange(job.opening, std::string());
   if (job.failed) return;
+  if (job.resumed) {
+    // The earlier temporary went meanwhile: start over.
+    job.resumed = false;
+    bytesTotal_ += job.next;
+    job.next = 0;
+    return openRemoteTemp(job);
+  }
   // In this protocol version an existing name shows only as a generic failure.
   if (reply.status == StatusCode::Failure && job.tempAttempts < kTempAttempts) return openRemoteTemp(job);
   if (reply.status == StatusCode::NoSuchFile) {
@@ -1457,8 +2091,22 @@ void Engine::onInspect(Job& job, Reply const& reply) {
 // ---- downloads -----------------------------------------------------------------
 
 void Engine::startDownload(Job& job) {
-  for (;;) {
-    job.temp = tempNameFor(job.destination);
+  auto const& work = *job.work;
+  if (!work.resumeTemp.empty()) {
+    job.fd = UniqueFd(::open(work.resumeTemp.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (job.fd.valid()) {
+      job.temp = work.resumeTemp;
+      job.resumed = job.resumable = true;
+      job.next = work.resumeFrom;
+    } else {
+      bytesTotal_ += work.resumeFrom;
+    }
+  }
+  while (!job.fd.valid()) {
+    // The first try bears the resumable name; a clash falls back to a random one.
+    job.resumable = trees_ != nullptr && trees_->getOptions().resume && job.tempAttempts == 0;
+    job.temp = job.resumable ? resumeNameFor(job.destination, work.size.value_or(0), work.listedMtime)
+                             : tempNameFor(job.destination);
     job.fd = UniqueFd(::open(job.temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, static_cast<mode_t>(mode_)));
     if (job.fd.valid()) break;
     auto const error = errno;
@@ -1595,6 +2243,7 @@ bool Engine::flush(Job& job) {
     fail(job, "cannot write " + quoted(job.temp) + ": " + errnoText(done < 0 ? static_cast<int>(-done) : EIO));
     return false;
   }
+  job.wrote = job.wrote || block.length > 0;
   block.length = 0;
   return true;
 }
@@ -1635,8 +2284,9 @@ void transfer(Transport& transport, std::string const& peer, CopyFilesCommand co
 }
 
 TreeTransferReport transferTrees(Transport& transport, std::string const& peer, CopyTreesCommand const& command,
-                                 ProgressCallback const& progress, EngineOptions const& options) {
-  Engine engine(transport, peer, command, progress, options);
+                                 ProgressCallback const& progress, RemoteShell const& shell,
+                                 EngineOptions const& options) {
+  Engine engine(transport, peer, command, progress, shell, options);
   engine.run();
   return engine.report();
 }

@@ -70,6 +70,9 @@ struct EngineOptions {
 };
 
 using ProgressCallback = std::function<void(TransferProgress const&)>;
+// Runs a command line on the remote host and returns its standard output:
+// trees hash remote files with it (comparing by checksum, resuming).
+using RemoteShell = std::function<std::string(std::string const& command)>;
 
 // `peer` ("user@host:port") names the server in messages.
 void transfer(Transport& transport, std::string const& peer, CopyFilesCommand const& command,
@@ -83,7 +86,15 @@ void transfer(Transport& transport, std::string const& peer, CopyFilesCommand co
 // temporary (FSETSTAT, or fchmod/futimens) before its rename; folders get
 // theirs last. A failure while listing or making folders stops everything
 // before the first file.
+//
+// Skipping unchanged files, mirroring, dry runs and resuming list the
+// destination in the same pass as the sources (READDIR answers carry every
+// entry's attributes: no request per file); then the decisions are taken,
+// hashing through `shell` where checksums are asked for, before anything
+// changes. Extraneous entries go after every file arrived, before the
+// folders get their modes and times.
 TreeTransferReport transferTrees(Transport& transport, std::string const& peer, CopyTreesCommand const& command,
-                                 ProgressCallback const& progress, EngineOptions const& options = {});
+                                 ProgressCallback const& progress, RemoteShell const& shell,
+                                 EngineOptions const& options = {});
 
 }  // namespace foundation::sshclient::internal::sftp

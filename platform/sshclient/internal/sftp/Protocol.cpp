@@ -320,6 +320,12 @@ void PacketWriter::mkdir(std::uint32_t id, std::string_view path, Attributes con
   end(start);
 }
 
+void PacketWriter::rmdir(std::uint32_t id, std::string_view path) {
+  auto const start = begin(PacketType::Rmdir, id);
+  putString(path);
+  end(start);
+}
+
 void PacketWriter::readlink(std::uint32_t id, std::string_view path) {
   auto const start = begin(PacketType::Readlink, id);
   putString(path);

@@ -39,6 +39,7 @@ enum class PacketType : std::uint8_t {
   Readdir = 12,
   Remove = 13,
   Mkdir = 14,
+  Rmdir = 15,
   Realpath = 16,
   Stat = 17,
   Rename = 18,
@@ -218,6 +219,7 @@ class PacketWriter {
   void opendir(std::uint32_t id, std::string_view path);
   void readdir(std::uint32_t id, std::string_view handle);
   void mkdir(std::uint32_t id, std::string_view path, Attributes const& attributes);
+  void rmdir(std::uint32_t id, std::string_view path);
   void readlink(std::uint32_t id, std::string_view path);
   // OpenSSH's order: the target first, then the link's own path.
   void symlink(std::uint32_t id, std::string_view target, std::string_view link);

@@ -1,0 +1,273 @@
+// put and get run again, against the test sshd: unchanged files left alone
+// (by size and time, or by checksum), --ignore-times, --delete, --dry-run
+// with its plan, and a transfer killed halfway that the next run resumes.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/cli/CliFiles.hpp"
+#include "tests/cli/ToolProcess.hpp"
+#include "tests/support/SshTestHelpers.hpp"
+
+namespace sshfa::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+
+constexpr std::time_t kOldTime = 1'500'000'000;
+
+void setTime(fs::path const& path, std::time_t seconds) {
+  timespec const times[2] = {{seconds, 0}, {seconds, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+}
+
+std::vector<fs::path> temporariesIn(fs::path const& folder) {
+  std::vector<fs::path> found;
+  if (!fs::exists(folder)) return found;
+  for (auto const& entry : fs::directory_iterator(folder)) {
+    if (entry.path().filename().string().find(".sshfa-") != std::string::npos) found.push_back(entry.path());
+  }
+  return found;
+}
+
+class SyncTest : public ::testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override { dir_ = TestSshd::makeTempDir(); }
+
+  static TestSshd& server() { return TestSshd::instance(); }
+
+  static std::vector<std::string> withConnection(std::vector<std::string> const& args) {
+    auto& sshd = server();
+    std::vector<std::string> all{"-H",
+                                 sshd.host(),
+                                 "-p",
+                                 std::to_string(sshd.port()),
+                                 "-u",
+                                 sshd.user(),
+                                 "-i",
+                                 sshd.identityFile(),
+                                 "--known-hosts",
+                                 sshd.knownHostsFile(),
+                                 "-F",
+                                 "/dev/null",
+                                 "--batch"};
+    all.insert(all.end(), args.begin(), args.end());
+    return all;
+  }
+
+  [[nodiscard]] static bool upload() { return GetParam(); }
+  [[nodiscard]] static std::string command() { return upload() ? "put" : "get"; }
+
+  // put or get of the source tree into the destination folder, as rsync
+  // users run it again and again.
+  static ToolResult transfer(std::vector<std::string> args) {
+    args.insert(args.begin(), command());
+    return runTool(withConnection(args));
+  }
+  static json totals(std::vector<std::string> args) {
+    args.insert(args.begin(), "--json");
+    auto const result = transfer(args);
+    EXPECT_EQ(result.status, 0) << result.err;
+    return json::parse(result.out);
+  }
+
+  [[nodiscard]] std::string at(std::string const& name) const { return (dir_ / name).string(); }
+  [[nodiscard]] std::string source() const { return at("src/tree"); }
+  [[nodiscard]] std::string into() const { return at("dst/"); }
+  [[nodiscard]] fs::path copied(std::string const& name) const { return dir_ / "dst" / "tree" / name; }
+
+  void makeTree() {
+    writeFile(at("src/tree/a"), "alpha");
+    writeFile(at("src/tree/sub/b"), "bravo");
+    setTime(at("src/tree/a"), kOldTime);
+    setTime(at("src/tree/sub/b"), kOldTime);
+    ASSERT_EQ(totals({source(), into()})["files"], 2);
+  }
+
+  fs::path dir_;
+};
+
+TEST_P(SyncTest, UnchangedFilesAreLeftAloneByDefault) {
+  makeTree();
+  auto const again = totals({source(), into()});
+  EXPECT_EQ(again["files"], 0);
+  EXPECT_EQ(again["skipped"], 2);
+  EXPECT_EQ(again["deleted"], 0);
+  EXPECT_EQ(again["resumed"], 0);
+  EXPECT_EQ(again["bytes"], 0);
+  auto const summary = transfer({source(), into()});
+  EXPECT_EQ(summary.status, 0) << summary.err;
+  EXPECT_THAT(summary.err, MatchesRegex(command() + R"(: copied 0 files, 0 B in [0-9.]+ s \(.*\), 2 unchanged
+)"));
+  EXPECT_EQ(totals({"--ignore-times", source(), into()})["files"], 2);
+}
+
+TEST_P(SyncTest, AByteChangedUnderTheSameSizeAndTimeIsFoundWithChecksums) {
+  makeTree();
+  writeFile(at("src/tree/sub/b"), "bravO");
+  setTime(at("src/tree/sub/b"), kOldTime);
+  EXPECT_EQ(totals({source(), into()})["files"], 0);
+  EXPECT_EQ(readFile(copied("sub/b")), "bravo");
+  auto const checked = totals({"--checksum", source(), into()});
+  EXPECT_EQ(checked["files"], 1);
+  EXPECT_EQ(checked["skipped"], 1);
+  EXPECT_EQ(checked["bytes"], 5);
+  EXPECT_EQ(readFile(copied("sub/b")), "bravO");
+}
+
+TEST_P(SyncTest, DeleteRemovesWhatTheSourceLacks) {
+  makeTree();
+  writeFile(copied("stale"), "s");
+  writeFile(copied("sub/gone/deep"), "d");
+  auto const result = transfer({"--delete", source(), into()});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr(", 2 unchanged, 3 deleted\n"));
+  EXPECT_EQ(listNames(dir_ / "dst" / "tree"), (std::vector<std::string>{"a", "sub"}));
+  EXPECT_EQ(listNames(dir_ / "dst" / "tree" / "sub"), (std::vector<std::string>{"b"}));
+}
+
+TEST_P(SyncTest, DryRunPrintsThePlanAndChangesNothing) {
+  makeTree();
+  writeFile(at("src/tree/new"), "new!");
+  writeFile(copied("stale"), "s");
+  auto const planned = transfer({"-n", "--delete", source(), into()});
+  EXPECT_EQ(planned.status, 0) << planned.err;
+  EXPECT_EQ(planned.out, "copy " + copied("new").string() + " (4 B)\nskip " + copied("a").string() + " (5 B)\nskip " +
+                             copied("sub/b").string() + " (5 B)\ndelete " + copied("stale").string() + "\n");
+  EXPECT_THAT(planned.err, HasSubstr(command() + ": dry run, would copy 1 file, 4 B in "));
+  EXPECT_FALSE(fs::exists(copied("new")));
+  EXPECT_TRUE(fs::exists(copied("stale")));
+
+  auto const plan = totals({"--dry-run", "--delete", source(), into()});
+  EXPECT_EQ(plan["dryRun"], true);
+  EXPECT_EQ(plan["files"], 1);
+  EXPECT_EQ(plan["skipped"], 2);
+  EXPECT_EQ(plan["deleted"], 1);
+  EXPECT_EQ(plan["bytes"], 4);
+  ASSERT_EQ(plan["plan"].size(), 4U);
+  EXPECT_EQ(plan["plan"][0], json::parse(R"({"action": "copy", "bytes": 4, "path": ")" + copied("new").string() + "\"}"));
+  EXPECT_EQ(plan["plan"][3]["action"], "delete");
+  EXPECT_FALSE(fs::exists(copied("new")));
+}
+
+// ---- resume ----------------------------------------------------------------------------
+
+constexpr std::size_t kBigSize = 64U << 20U;
+
+class ResumeTest : public SyncTest {
+ protected:
+  void SetUp() override {
+    SyncTest::SetUp();
+    contents_ = randomBytes(kBigSize, 42);
+    writeFile(at("src/big"), contents_);
+    setTime(at("src/big"), kOldTime);
+    fs::create_directories(at("dst"));
+  }
+
+  // Starts the transfer and kills it (SIGKILL) once its temporary holds
+  // half the file; returns the temporary.
+  fs::path killHalfway() {
+    ToolProcess tool(withConnection({command(), at("src/big"), at("dst/big")}), {});
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    std::optional<fs::path> temp;
+    while (std::chrono::steady_clock::now() < deadline) {
+      auto const found = temporariesIn(at("dst"));
+      std::error_code error;
+      if (found.size() == 1 && fs::file_size(found[0], error) >= kBigSize / 2 && !error) {
+        temp = found[0];
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    tool.signal(SIGKILL);
+    tool.finish();
+    EXPECT_TRUE(temp) << "the temporary never reached half the file";
+    // What the server still had in hand lands now.
+    std::uintmax_t size = 0;
+    for (int still = 0; still < 5; std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
+      auto const now = temp ? fs::file_size(*temp) : 0;
+      still = now == size ? still + 1 : 0;
+      size = now;
+    }
+    EXPECT_FALSE(fs::exists(at("dst/big")));
+    return temp.value_or(fs::path());
+  }
+
+  std::string contents_;
+};
+
+TEST_P(ResumeTest, AKilledTransferResumesWithTheRestOfTheBytes) {
+  auto const temp = killHalfway();
+  ASSERT_FALSE(temp.empty());
+  EXPECT_EQ(temp.filename().string(), ".big.sshfa-partial-" + std::to_string(kBigSize) + "-" + std::to_string(kOldTime));
+  auto const kept = fs::file_size(temp);
+  EXPECT_LT(kept, kBigSize);
+  auto const again = totals({at("src/big"), at("dst/big")});
+  EXPECT_EQ(again["resumed"], 1);
+  EXPECT_EQ(again["files"], 1);
+  EXPECT_EQ(again["bytes"], kBigSize - kept);
+  EXPECT_LE(again["bytes"].get<std::uint64_t>(), kBigSize / 2);
+  EXPECT_TRUE(readFile(at("dst/big")) == contents_);
+  EXPECT_TRUE(temporariesIn(at("dst")).empty());
+}
+
+TEST_P(ResumeTest, ASourceChangedAfterTheKillStartsOver) {
+  auto const temp = killHalfway();
+  ASSERT_FALSE(temp.empty());
+  setTime(at("src/big"), kOldTime + 10);
+  auto const again = totals({at("src/big"), at("dst/big")});
+  EXPECT_EQ(again["resumed"], 0);
+  EXPECT_EQ(again["bytes"], kBigSize);
+  EXPECT_TRUE(readFile(at("dst/big")) == contents_);
+  EXPECT_TRUE(temporariesIn(at("dst")).empty());
+}
+
+TEST_P(ResumeTest, ACorruptedTemporaryStartsOver) {
+  auto const temp = killHalfway();
+  ASSERT_FALSE(temp.empty());
+  {
+    auto const fd = ::open(temp.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::pwrite(fd, "X", 1, 12345), 1);
+    ::close(fd);
+  }
+  auto const again = totals({at("src/big"), at("dst/big")});
+  EXPECT_EQ(again["resumed"], 0);
+  EXPECT_EQ(again["bytes"], kBigSize);
+  EXPECT_TRUE(readFile(at("dst/big")) == contents_);
+  EXPECT_TRUE(temporariesIn(at("dst")).empty());
+}
+
+TEST_P(ResumeTest, NoResumeStartsOverAndLeavesNothing) {
+  auto const temp = killHalfway();
+  ASSERT_FALSE(temp.empty());
+  auto const again = totals({"--no-resume", at("src/big"), at("dst/big")});
+  EXPECT_EQ(again["resumed"], 0);
+  EXPECT_EQ(again["bytes"], kBigSize);
+  EXPECT_TRUE(readFile(at("dst/big")) == contents_);
+  EXPECT_TRUE(temporariesIn(at("dst")).empty());
+}
+
+std::string directionName(::testing::TestParamInfo<bool> const& param) { return param.param ? "Put" : "Get"; }
+
+INSTANTIATE_TEST_SUITE_P(BothWays, SyncTest, ::testing::Values(true, false), directionName);
+INSTANTIATE_TEST_SUITE_P(BothWays, ResumeTest, ::testing::Values(true, false), directionName);
+
+}  // namespace
+}  // namespace sshfa::testing
