@@ -49,9 +49,12 @@ TIMED = {
     "sync": "wall time of the whole process (connection included). The destination holds the source's previous "
             "state, with equal bytes and modification times (whole seconds): for the no-op the tree stays in "
             "place and is checked before every step; for the changed tree the 100 old files are put back before "
-            "every step (untimed)",
+            "every step (untimed). No-op floors, for reference: sshfa-empty-folder is `sshfa put` of an empty "
+            "folder that is already there (connection, SFTP session, one listing), ssh-true the connection that "
+            "rsync starts with",
     "resume": "wall time of the whole re-run (connection included); before every step, untimed, the same "
-              "tool's upload into an empty folder is killed (SIGKILL) once its file there holds 512 MiB",
+              "tool's upload into an empty folder is killed (SIGKILL) once its file there holds 512 MiB. "
+              "sshfa-no-resume is the same re-run with `--no-resume` (it starts over), for reference",
 }
 
 # Columns from VALUES.tsv: key, heading, how to show a median.

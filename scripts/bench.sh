@@ -396,7 +396,7 @@ for i, rel in enumerate(open(listing).read().split()):
         out.write(os.urandom(size))
     os.utime(p, (newer, newer))
 PY
-  mkdir -p "$noop_dir" "$changed_dir"
+  mkdir -p "$noop_dir" "$changed_dir" "$noop_empty" "$noop_dir/empty"
   cp -a "$sync_old" "$noop_dir/tree"
   cp -a "$sync_old" "$changed_dir/tree"
 }
@@ -424,6 +424,7 @@ check_changed() { same_tree "$sync_new" "$changed_dir/tree"; }
 # Files written in the destination, and sshfa's own count from its summary.
 after_sync() {  # tool
   local dest=$noop_dir/tree
+  case $1 in sshfa | rsync-a | rclone-sync) ;; *) return 0 ;; esac
   [ "$step_workload" = noop-10k ] || dest=$changed_dir/tree
   note written "$(written "$dest")"
   if [ "$1" = sshfa ]; then
@@ -442,6 +443,11 @@ PY
 noop_sshfa() { "${sshfa_cmd[@]}" put --json "$sync_old" "$noop_dir/"; }
 noop_rsync() { rsync -a -e "$rsync_e" "$sync_old/" "bench:$noop_dir/tree/"; }
 noop_rclone() { rclone "${rclone_args[@]}" sync "$sync_old" "bench:$noop_dir/tree"; }
+# Floors, for reference: sshfa's put of an empty folder that is already there
+# (connection, SFTP session, one listing), and the connection under rsync.
+noop_empty=$local_dir/sync-empty/empty
+noop_sshfa_empty() { "${sshfa_cmd[@]}" put --json "$noop_empty" "$noop_dir/"; }
+noop_ssh_true() { ssh "${ssh_cfg[@]}" -o ControlPath=none bench true; }
 changed_sshfa() { "${sshfa_cmd[@]}" put --json "$sync_new" "$changed_dir/"; }
 changed_rsync() { rsync -a -e "$rsync_e" "$sync_new/" "bench:$changed_dir/tree/"; }
 changed_rclone() { rclone "${rclone_args[@]}" sync "$sync_new" "bench:$changed_dir/tree"; }
@@ -482,7 +488,7 @@ prepare_resume() {  # tool
   rm -rf "$resume_dir"
   mkdir -p "$resume_dir"
   case $1 in
-  sshfa) "${sshfa_cmd[@]}" put --json "$big_local" "$resume_dst" >/dev/null 2>&1 & ;;
+  sshfa*) "${sshfa_cmd[@]}" put --json "$big_local" "$resume_dst" >/dev/null 2>&1 & ;;
   rsync-*) rsync --partial -e "$rsync_e" "$big_local" "bench:$resume_dst" >/dev/null 2>&1 & ;;
   esac
   pid=$!
@@ -539,7 +545,7 @@ after_resume() {  # tool
   note size "$(stat -c %s "$big_local")"
   note leftover "$(find "$resume_dir" -mindepth 1 ! -path "$resume_dst" | wc -l)"
   case $1 in
-  sshfa)
+  sshfa*)
     $python - "$work/step.out" <<'PY' | while read -r k v; do note "$k" "$v"; done
 import json, sys
 a = json.load(open(sys.argv[1]))
@@ -555,6 +561,8 @@ PY
   esac
 }
 resume_sshfa() { "${sshfa_cmd[@]}" put --json "$big_local" "$resume_dst"; }
+# For reference: the same re-run starting over.
+resume_sshfa_over() { "${sshfa_cmd[@]}" put --json --no-resume "$big_local" "$resume_dst"; }
 # --partial: the kept part is the basis of rsync's delta transfer (checksums
 # of its blocks go up, only the missing part goes as data);
 # --append-verify: the rest is appended, then the whole file is checked.
@@ -616,7 +624,8 @@ for w in $workloads; do
   noop-10k)
     make_sync_trees
     after_step=after_sync
-    run_workload "$w" prepare_noop check_noop $(sync_steps noop)
+    run_workload "$w" prepare_noop check_noop $(sync_steps noop) sshfa-empty-folder:noop_sshfa_empty \
+      ssh-true:noop_ssh_true
     check_noop || { echo "bench.sh: $w: the destination changed during the counted rounds" >&2; exit 1; }
     after_step=
     ;;
@@ -629,8 +638,8 @@ for w in $workloads; do
   resume-1g)
     make_big
     after_step=after_resume
-    run_workload "$w" prepare_resume check_resume sshfa:resume_sshfa rsync-partial:resume_rsync_partial \
-      rsync-append-verify:resume_rsync_append
+    run_workload "$w" prepare_resume check_resume sshfa:resume_sshfa sshfa-no-resume:resume_sshfa_over \
+      rsync-partial:resume_rsync_partial rsync-append-verify:resume_rsync_append
     after_step=
     ;;
   esac
