@@ -2,8 +2,13 @@
 """Turns the timings of scripts/bench.sh into bench/results/<date>.md and one
 PNG bar chart per workload (gnuplot).
 
-Usage: report.py RESULTS.tsv MACHINE.tsv CIPHERS.tsv OUT_DIR
+Usage: report.py RESULTS.tsv MACHINE.tsv CIPHERS.tsv OUT_DIR [NAME [VALUES.tsv]]
 RESULTS.tsv: workload, tool, round, seconds (counted rounds only).
+NAME: the report's file name without .md (default: the date); the charts are
+NAME-<workload>.png.
+VALUES.tsv: workload, tool, round, key, value: what a step did besides taking
+time (round 0 is the warm-up); the report shows the median of the counted
+rounds.
 """
 
 import collections
@@ -26,6 +31,9 @@ WORKLOADS = collections.OrderedDict([
     ("exists-1000", "existence of 1,000 remote paths (half of them missing), connection set-up included"),
     ("list-100k", "recursive listing of 100,000 remote files"),
     ("connect", "connection set-up"),
+    ("noop-10k", "re-run of the upload of 10,000 files of 1-4 KiB in 100 folders, nothing changed"),
+    ("changed-10k", "re-run of the upload of 10,000 files of 1-4 KiB in 100 folders, 100 of them changed"),
+    ("resume-1g", "1 GiB file, re-run of an upload interrupted at about 512 MiB"),
 ])
 
 # What each tool's number is, per workload kind.
@@ -38,11 +46,35 @@ TIMED = {
                         "already up",
     "connect": "connect and authenticate (the Python libraries: and open SFTP); ssh: `ssh host true` in full; "
                "sshfa-first-command: the constructor and a first `exists`, which starts the persistent shell",
+    "sync": "wall time of the whole process (connection included). The destination holds the source's previous "
+            "state, with equal bytes and modification times (whole seconds): for the no-op the tree stays in "
+            "place and is checked before every step; for the changed tree the 100 old files are put back before "
+            "every step (untimed). No-op floors, for reference: sshfa-empty-folder is `sshfa put` of an empty "
+            "folder that is already there (connection, SFTP session, one listing), ssh-true the connection that "
+            "rsync starts with",
+    "resume": "wall time of the whole re-run (connection included); before every step, untimed, the same "
+              "tool's upload into an empty folder is killed (SIGKILL) once its file there holds 512 MiB. "
+              "sshfa-no-resume is the same re-run with `--no-resume` (it starts over), for reference",
 }
+
+# Columns from VALUES.tsv: key, heading, how to show a median.
+VALUE_COLUMNS = [
+    ("written", "files written in the destination", lambda v: f"{v:.0f}"),
+    ("files", "copied (sshfa's count)", lambda v: f"{v:.0f}"),
+    ("skipped", "skipped (sshfa's count)", lambda v: f"{v:.0f}"),
+    ("bytes", "file data sent (sshfa's count)", lambda v: mib_text(v)),
+    ("partial", "left by the interrupted run", lambda v: mib_text(v)),
+    ("sent", "file data sent by the re-run", lambda v: mib_text(v)),
+    ("share", "of the file", lambda v: f"{v * 100:.1f} %"),
+    ("wire", "all bytes sent (rsync's count)", lambda v: mib_text(v)),
+    ("resumed", "files resumed (sshfa's count)", lambda v: f"{v:.0f}"),
+    ("leftover", "other files left in the folder", lambda v: f"{v:.0f}"),
+]
 
 KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "transfer", "download-10k": "transfer",
         "small-1": "transfer", "small-300": "transfer",
-        "stat-10k": "query", "exists-1000": "query-with-setup", "list-100k": "query", "connect": "connect"}
+        "stat-10k": "query", "exists-1000": "query-with-setup", "list-100k": "query", "connect": "connect",
+        "noop-10k": "sync", "changed-10k": "sync", "resume-1g": "resume"}
 
 
 def read_tsv(path):
@@ -50,13 +82,19 @@ def read_tsv(path):
         return [line.rstrip("\n").split("\t") for line in f if line.strip()]
 
 
+def mib_text(b):
+    return f"{b / 1048576:.1f} MiB" if b >= 1048576 else f"{b / 1024:.1f} KiB" if b >= 1024 else f"{b:.0f} B"
+
+
 def seconds_text(s):
     return f"{s * 1000:.1f} ms" if s < 1 else f"{s:.3f} s"
 
 
-def goals(medians):
-    """(goal, measured, met) for every goal whose workload ran."""
+def goals(medians, values=None):
+    """(goal, measured, met) for every goal whose workload ran; values:
+    workload -> tool -> key -> median of the counted rounds."""
     rows = []
+    values = values or {}
 
     def ours(workload):
         return medians.get(workload, {}).get(OURS)
@@ -95,6 +133,17 @@ def goals(medians):
     if ours("connect") and peer("connect", "ssh-true"):
         ratio = ours("connect") / peer("connect", "ssh-true")
         rows.append(("connection set-up <= 0.25x of `ssh host true`", f"{ratio:.2f}x", ratio <= 0.25))
+    for w, label, most in (("noop-10k", "no-op re-run", 1 / 3), ("changed-10k", "re-run with 1 % changed", 1 / 2)):
+        if ours(w) and peer(w, "rsync-a"):
+            ratio = ours(w) / peer(w, "rsync-a")
+            rows.append((f"10,000 files, {label}: <= {'⅓' if most < 0.4 else '½'} of `rsync -a`'s time",
+                         f"ratio {ratio:.3f} ({seconds_text(ours(w))} against {seconds_text(peer(w, 'rsync-a'))})",
+                         ratio <= most + 1e-9))
+    resume = values.get("resume-1g", {}).get(OURS, {})
+    if ours("resume-1g") and "share" in resume:
+        share = resume["share"]
+        rows.append(("1 GiB upload interrupted at about 50 %: the re-run sends <= 55 % of the file",
+                     f"{share * 100:.1f} % ({mib_text(resume['sent'])})", share <= 0.55))
     return rows
 
 
@@ -130,8 +179,28 @@ plot "{data}" using 1:3:xtic(2) with boxes lc rgb "#4a7ebb", \\
     os.remove(data)
 
 
+def read_values(path):
+    """workload -> tool -> key -> median over the counted rounds (round > 0)."""
+    steps = collections.defaultdict(dict)
+    if path and os.path.exists(path):
+        for workload, tool, round_, key, value in read_tsv(path):
+            if int(round_) > 0 and value != "":
+                steps[workload, tool, round_][key] = float(value)
+    collected = collections.defaultdict(lambda: collections.defaultdict(lambda: collections.defaultdict(list)))
+    for (workload, tool, _), step in steps.items():
+        if "sent" in step and step.get("size"):
+            step["share"] = step["sent"] / step["size"]
+        for key, value in step.items():
+            collected[workload][tool][key].append(value)
+    return {w: {t: {k: statistics.median(v) for k, v in keys.items()} for t, keys in tools.items()}
+            for w, tools in collected.items()}
+
+
 def main():
     results_path, machine_path, ciphers_path, out_dir = sys.argv[1:5]
+    date = datetime.date.today().isoformat()
+    name = sys.argv[5] if len(sys.argv) > 5 else date
+    values = read_values(sys.argv[6] if len(sys.argv) > 6 else None)
     times = collections.defaultdict(lambda: collections.defaultdict(list))
     order = collections.defaultdict(list)
     for workload, tool, _, seconds in read_tsv(results_path):
@@ -143,7 +212,6 @@ def main():
     runs = dict(machine).get("runs", "?")
     medians = {w: {t: statistics.median(v) for t, v in tools.items()} for w, tools in times.items()}
 
-    date = datetime.date.today().isoformat()
     os.makedirs(out_dir, exist_ok=True)
     lines = [f"# Benchmarks of {date}", "",
              "Made by `scripts/bench.sh`: a private OpenSSH sshd on 127.0.0.1, every file on tmpfs, the tools run "
@@ -156,7 +224,7 @@ def main():
     lines += [f"- {tool}: {'over the ControlMaster connection' if c == 'none' else c}"
               for tool, c in sorted(ciphers.items())]
 
-    goal_rows = goals(medians)
+    goal_rows = goals(medians, values)
     if goal_rows:
         lines += ["", "## Goals", "", "| goal | measured | |", "|---|---|---|"]
         lines += [f"| {g} | {m} | {'met' if ok else '**missed**'} |" for g, m, ok in goal_rows]
@@ -166,22 +234,34 @@ def main():
             continue
         tools = order[workload]
         ours = medians[workload].get(OURS)
+        shown = values.get(workload, {})
+        columns = [c for c in VALUE_COLUMNS if any(c[0] in keys for keys in shown.values())]
         lines += ["", f"## {title[0].upper() + title[1:]}", "",
                   f"Time: {TIMED[KIND[workload]]}.", "",
-                  "| tool | median | min - max | sshfa ÷ tool |", "|---|---|---|---|"]
+                  "| tool | median | min - max | sshfa ÷ tool |" + "".join(f" {c[1]} |" for c in columns),
+                  "|---|---|---|---|" + "---|" * len(columns)]
         rows = []
         for tool in tools:
             v = times[workload][tool]
             med = medians[workload][tool]
             ratio = "" if tool == OURS or ours is None else f"{ours / med:.2f}"
+            extra = ""
+            for key, _, show in columns:
+                got = shown.get(tool, {}).get(key)
+                extra += f" {'' if got is None else show(got)} |"
             lines.append(f"| {tool} | {seconds_text(med)} | {seconds_text(min(v))} - {seconds_text(max(v))} "
-                         f"| {ratio} |")
+                         f"| {ratio} |{extra}")
             rows.append((tool, med, min(v), max(v)))
-        png = f"{date}-{workload}.png"
+        if columns:
+            lines += ["", "Counts: median of the counted rounds."
+                      + (" Files written in the destination: files whose inode or change time differs after the "
+                         "step (written, replaced or given their times again)."
+                         if any(c[0] == "written" for c in columns) else "")]
+        png = f"{name}-{workload}.png"
         chart(title, rows, os.path.join(out_dir, png))
         lines += ["", f"![{title}]({png})"]
 
-    report = os.path.join(out_dir, f"{date}.md")
+    report = os.path.join(out_dir, f"{name}.md")
     with open(report, "w", encoding="utf-8") as f:
         f.write("\n".join(lines) + "\n")
     print(report)

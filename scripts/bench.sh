@@ -10,12 +10,15 @@
 #   scripts/bench.sh [WORKLOAD ...]   upload-1g download-1g upload-10k
 #                                     download-10k small-1 small-300
 #                                     stat-10k exists-1000 list-100k
-#                                     connect (default: all)
+#                                     connect noop-10k changed-10k
+#                                     resume-1g (default: all)
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
 #   SSHFA_BENCH_OUT   report folder (default: bench/results)
 #   SSHFA_BENCH_SETTLE  seconds of rest before every step (default 0.5): the
 #                     kernel frees what the previous step removed meanwhile
+#   SSHFA_BENCH_NAME  a suffix for the report's name: <date>-NAME.md (an
+#                     existing report is never replaced: -2, -3, ... follow)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -24,11 +27,13 @@ build_dir=${BUILD_DIR:-build-bench}
 runs=${SSHFA_BENCH_RUNS:-5}
 out_dir=${SSHFA_BENCH_OUT:-bench/results}
 settle=${SSHFA_BENCH_SETTLE:-0.5}
+name=${SSHFA_BENCH_NAME:-}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
-all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k connect"
+all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k connect
+  noop-10k changed-10k resume-1g"
 workloads=${*:-$all_workloads}
 for w in $workloads; do
-  case " $all_workloads " in *" $w "*) ;; *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;; esac
+  case " $(echo $all_workloads) " in *" $w "*) ;; *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;; esac
 done
 
 if [ "$(id -u)" -eq 0 ]; then
@@ -82,6 +87,9 @@ LogLevel DEBUG1
 SetEnv SHLVL=1
 Subsystem sftp $sftp_server
 EOF
+# sshd refuses to start without its privilege separation folder, which the
+# system's service start makes (missing on a machine where sshd never ran).
+if [ ! -d /run/sshd ] && [ "$(id -u)" -eq 0 ]; then mkdir -p -m 0755 /run/sshd; fi
 # A log file, not -e: with -e, debug lines of a session reach its standard error.
 /usr/sbin/sshd -D -E "$work/sshd.log" -f "$work/sshd_config" &
 sshd_pid=$!
@@ -103,6 +111,7 @@ EOF
 : >"$work/empty_config"
 for _ in $(seq 100); do
   ssh -F "$work/ssh_config" -o ControlPath=none bench true 2>/dev/null && break
+  kill -0 "$sshd_pid" 2>/dev/null || { echo "bench.sh: sshd did not start:" >&2; cat "$work/sshd.log" >&2; exit 1; }
   sleep 0.1
 done
 ssh -F "$work/ssh_config" -o ControlMaster=yes -o ControlPersist=yes -fN bench
@@ -119,7 +128,9 @@ local_dir=$work/local
 remote_dir=$work/remote  # the sshd's side; the same machine, another folder
 mkdir -p "$local_dir" "$remote_dir"
 results=$work/results.tsv
+values=$work/values.tsv  # workload, tool, round, key, value: what a step did besides taking time
 : >"$results"
+: >"$values"
 
 # ---- timing ----------------------------------------------------------------
 # A step is a shell function. Its time: the wall time of the whole step, or,
@@ -162,17 +173,28 @@ library_time() {  # field command...
     "$work/answer.json" "$field" >"$work/seconds"
 }
 
+# Records a value of the current step (its workload, tool and round).
+step_workload= step_tool= step_round=
+note() {  # key value
+  printf '%s\t%s\t%s\t%s\t%s\n' "$step_workload" "$step_tool" "$step_round" "$1" "$2" >>"$values"
+}
+
 # Runs the tools of one workload interleaved; `prepare` runs before every step
-# (untimed), `verify` after each tool's warm-up.
+# (untimed; it is given the tool's name), `verify` after each tool's warm-up,
+# and $after_step, when set, after every step (untimed; the step's standard
+# output is in $work/step.out).
+after_step=
 run_workload() {  # workload prepare verify tool:function ...
   local workload=$1 prepare=$2 verify=$3 round pair
   shift 3
   echo "== $workload" >&2
   for round in $(seq 0 "$runs"); do
     for pair in "$@"; do
-      "$prepare"
+      step_workload=$workload step_tool=${pair%%:*} step_round=$round
+      "$prepare" "${pair%%:*}"
       sleep "$settle"
       run_step "$workload" "${pair%%:*}" "$round" "${pair#*:}"
+      [ -z "$after_step" ] || "$after_step" "${pair%%:*}"
       if [ "$round" -eq 0 ]; then
         "$verify" || { echo "bench.sh: $workload/${pair%%:*} gave a wrong result" >&2; exit 1; }
       fi
@@ -331,6 +353,222 @@ connect_ssh() { ssh "${ssh_cfg[@]}" -o ControlPath=none bench true; }
 connect_paramiko() { library_time connect "${paramiko_cmd[@]}" connect; }
 connect_asyncssh() { library_time connect "${asyncssh_cmd[@]}" connect; }
 
+# Re-runs of a tree upload (no-op and 1 % changed) and an interrupted upload's
+# re-run. The trees are make_tree's, copied with their modification times cut
+# to whole seconds: SFTP carries whole seconds and sshfa keeps times to the
+# second, so with fractions one tool's copy would look changed to another and
+# the no-op would not be one for every tool.
+sync_old=$local_dir/sync-old/tree      # the tree as the destination holds it
+sync_new=$local_dir/sync-new/tree      # the same with 1 % of its files changed
+noop_dir=$remote_dir/noop              # every tool addresses $noop_dir/tree
+changed_dir=$remote_dir/changed        # and $changed_dir/tree
+changed_list=$work/changed.list        # the changed files, relative
+rsync_e="ssh -F $work/ssh_config -o ControlPath=none"
+make_sync_trees() {
+  [ -d "$sync_old" ] && return
+  make_tree
+  mkdir -p "${sync_old%/tree}" "${sync_new%/tree}"
+  cp -a "$tree_local" "$sync_old"
+  # Whole seconds, a day in the past; the changed files an hour in the past,
+  # one per folder, every other one with a new size.
+  $python - "$sync_old" "$changed_list" <<'PY'
+import os, random, sys, time
+root, listing = sys.argv[1:3]
+base = int(time.time()) - 86400
+for d in range(100):
+    for f in range(100):
+        p = os.path.join(root, f"dir{d:03d}", f"file{f:03d}.dat")
+        os.utime(p, (base - d * 100 - f, base - d * 100 - f))
+with open(listing, "w") as out:
+    for d in range(100):
+        out.write(f"dir{d:03d}/file{(d * 37) % 100:03d}.dat\n")
+PY
+  cp -a "$sync_old" "$sync_new"
+  $python - "$sync_new" "$changed_list" <<'PY'
+import os, random, sys, time
+root, listing = sys.argv[1:3]
+random.seed(2)
+newer = int(time.time()) - 3600
+for i, rel in enumerate(open(listing).read().split()):
+    p = os.path.join(root, rel)
+    size = os.path.getsize(p) if i % 2 == 0 else random.randint(1024, 4096)
+    with open(p, "wb") as out:
+        out.write(os.urandom(size))
+    os.utime(p, (newer, newer))
+PY
+  mkdir -p "$noop_dir" "$changed_dir" "$noop_empty" "$noop_dir/empty"
+  cp -a "$sync_old" "$noop_dir/tree"
+  cp -a "$sync_old" "$changed_dir/tree"
+}
+# Path, size and modification time of every file, sorted.
+listing() { (cd "$1" && find . -type f -printf '%P %s %T@\n' | sort); }
+same_tree() { diff -r "$1" "$2" >/dev/null && cmp -s <(listing "$1") <(listing "$2"); }
+# Inode and change time of every file: a file written, replaced or given its
+# times again shows here.
+inodes() { (cd "$1" && find . -type f -printf '%P %i %C@\n' | sort) >"$2"; }
+written() { inodes "$1" "$work/inodes.after" && comm -13 "$work/inodes.before" "$work/inodes.after" | wc -l; }
+
+prepare_noop() {
+  cmp -s <(listing "$sync_old") <(listing "$noop_dir/tree") ||
+    { echo "bench.sh: $noop_dir/tree no longer equals its source" >&2; exit 1; }
+  inodes "$noop_dir/tree" "$work/inodes.before"
+}
+prepare_changed() {
+  (cd "$sync_old" && xargs -d '\n' cp -p --parents -t "$changed_dir/tree") <"$changed_list"
+  cmp -s <(listing "$sync_old") <(listing "$changed_dir/tree") ||
+    { echo "bench.sh: $changed_dir/tree could not be restored" >&2; exit 1; }
+  inodes "$changed_dir/tree" "$work/inodes.before"
+}
+check_noop() { same_tree "$sync_old" "$noop_dir/tree"; }
+check_changed() { same_tree "$sync_new" "$changed_dir/tree"; }
+# Files written in the destination, and sshfa's own count from its summary.
+after_sync() {  # tool
+  local dest=$noop_dir/tree
+  case $1 in sshfa | rsync-a | rclone-sync) ;; *) return 0 ;; esac
+  [ "$step_workload" = noop-10k ] || dest=$changed_dir/tree
+  note written "$(written "$dest")"
+  if [ "$1" = sshfa ]; then
+    $python - "$work/step.out" <<'PY' | while read -r k v; do note "$k" "$v"; done
+import json, sys
+a = json.load(open(sys.argv[1]))
+for k in ("files", "skipped", "bytes"):
+    if k in a:
+        print(k, a[k])
+PY
+  fi
+}
+
+# The destination is the parent folder with a trailing slash: the tree goes
+# into it under its own name, on the first run and on every re-run alike.
+noop_sshfa() { "${sshfa_cmd[@]}" put --json "$sync_old" "$noop_dir/"; }
+noop_rsync() { rsync -a -e "$rsync_e" "$sync_old/" "bench:$noop_dir/tree/"; }
+noop_rclone() { rclone "${rclone_args[@]}" sync "$sync_old" "bench:$noop_dir/tree"; }
+# Floors, for reference: sshfa's put of an empty folder that is already there
+# (connection, SFTP session, one listing), and the connection under rsync.
+noop_empty=$local_dir/sync-empty/empty
+noop_sshfa_empty() { "${sshfa_cmd[@]}" put --json "$noop_empty" "$noop_dir/"; }
+noop_ssh_true() { ssh "${ssh_cfg[@]}" -o ControlPath=none bench true; }
+changed_sshfa() { "${sshfa_cmd[@]}" put --json "$sync_new" "$changed_dir/"; }
+changed_rsync() { rsync -a -e "$rsync_e" "$sync_new/" "bench:$changed_dir/tree/"; }
+changed_rclone() { rclone "${rclone_args[@]}" sync "$sync_new" "bench:$changed_dir/tree"; }
+sync_tools=(sshfa rsync-a)
+if command -v rclone >/dev/null; then
+  # rclone's sftp backend, its defaults otherwise (size and modification time
+  # decide; changed files are checked afterwards with a remote md5sum).
+  cat >"$work/rclone.conf" <<EOF2
+[bench]
+type = sftp
+host = 127.0.0.1
+port = $port
+user = $user
+key_file = $work/user_key
+known_hosts_file = $work/known_hosts
+EOF2
+  rclone_args=(--config "$work/rclone.conf" --cache-dir "$work/rclone-cache")
+  sync_tools+=(rclone-sync)
+fi
+sync_steps() {  # noop|changed
+  local t
+  for t in "${sync_tools[@]}"; do
+    case $t in
+    sshfa) echo "sshfa:$1_sshfa" ;;
+    rsync-a) echo "rsync-a:$1_rsync" ;;
+    rclone-sync) echo "rclone-sync:$1_rclone" ;;
+    esac
+  done
+}
+
+# An upload of 1 GiB killed (SIGKILL) once 512 MiB of it are in the
+# destination folder, then run again; the re-run is timed.
+resume_dir=$remote_dir/resume
+resume_dst=$resume_dir/big.bin
+resume_half=536870912
+prepare_resume() {  # tool
+  local pid
+  rm -rf "$resume_dir"
+  mkdir -p "$resume_dir"
+  case $1 in
+  sshfa*) "${sshfa_cmd[@]}" put --json "$big_local" "$resume_dst" >/dev/null 2>&1 & ;;
+  rsync-*) rsync --partial -e "$rsync_e" "$big_local" "bench:$resume_dst" >/dev/null 2>&1 & ;;
+  esac
+  pid=$!
+  # Polls the largest file in the folder, kills the client past the half,
+  # then waits until the server's side has let go: the folder unchanged for
+  # 0.5 s and no rsync temporary left (rsync --partial renames it into place
+  # when its connection ends). The shell's "Killed" line goes to /dev/null.
+  {
+    $python - "$pid" "$resume_dir" "$resume_half" "$1" >"$work/killed" 2>&4 <<'PY'
+import os, signal, sys, time
+pid, folder, half, tool = int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), sys.argv[4]
+def state():
+    return sorted((e.name, e.stat().st_size) for e in os.scandir(folder) if e.is_file())
+def running():  # the client, not yet ended (a zombie until the shell waits for it)
+    try:
+        with open(f"/proc/{pid}/stat") as f:
+            return f.read().rsplit(")", 1)[1].split()[0] != "Z"
+    except FileNotFoundError:
+        return False
+def fail(message):
+    if running():
+        os.kill(pid, signal.SIGKILL)
+    sys.exit(f"bench.sh: {tool}: {message}")
+start = time.monotonic()
+while True:
+    sizes = [s for _, s in state()]
+    if sizes and max(sizes) > half:
+        break
+    if not running():
+        fail("the upload ended before it passed the half")
+    if time.monotonic() - start > 120:
+        fail("the upload did not pass the half in 120 s")
+    time.sleep(0.002)
+os.kill(pid, signal.SIGKILL)
+last, since = None, time.monotonic()
+while True:
+    now = state()
+    if now != last:
+        last, since = now, time.monotonic()
+    waiting = tool.startswith("rsync") and not any(n == "big.bin" for n, _ in now)
+    if time.monotonic() - since >= 0.5 and not waiting:
+        break
+    if time.monotonic() - start > 180:
+        sys.exit(f"bench.sh: {tool}: the folder did not settle: {now}")
+    time.sleep(0.05)
+print(max(s for _, s in now))
+PY
+    wait "$pid" || true
+  } 4>&2 2>/dev/null
+  note partial "$(cat "$work/killed")"
+}
+check_resume() { cmp -s "$big_local" "$resume_dst"; }
+after_resume() {  # tool
+  note size "$(stat -c %s "$big_local")"
+  note leftover "$(find "$resume_dir" -mindepth 1 ! -path "$resume_dst" | wc -l)"
+  case $1 in
+  sshfa*)
+    $python - "$work/step.out" <<'PY' | while read -r k v; do note "$k" "$v"; done
+import json, sys
+a = json.load(open(sys.argv[1]))
+print("sent", a["bytes"])
+if "resumed" in a:
+    print("resumed", a["resumed"])
+PY
+    ;;
+  rsync-*)
+    note sent "$(sed -n 's/^Literal data: \([0-9,]*\).*/\1/p' "$work/step.out" | tr -d ,)"
+    note wire "$(sed -n 's/^Total bytes sent: \([0-9,]*\).*/\1/p' "$work/step.out" | tr -d ,)"
+    ;;
+  esac
+}
+resume_sshfa() { "${sshfa_cmd[@]}" put --json "$big_local" "$resume_dst"; }
+# For reference: the same re-run starting over.
+resume_sshfa_over() { "${sshfa_cmd[@]}" put --json --no-resume "$big_local" "$resume_dst"; }
+# --partial: the kept part is the basis of rsync's delta transfer (checksums
+# of its blocks go up, only the missing part goes as data);
+# --append-verify: the rest is appended, then the whole file is checked.
+resume_rsync_partial() { rsync --partial --stats -e "$rsync_e" "$big_local" "bench:$resume_dst"; }
+resume_rsync_append() { rsync --partial --append-verify --stats -e "$rsync_e" "$big_local" "bench:$resume_dst"; }
+
 # ---- run ---------------------------------------------------------------------
 for w in $workloads; do
   case $w in
@@ -383,6 +621,27 @@ for w in $workloads; do
     run_workload "$w" nothing nothing sshfa:connect_sshfa sshfa-first-command:connect_sshfa_first \
       ssh-true:connect_ssh paramiko:connect_paramiko asyncssh:connect_asyncssh
     ;;
+  noop-10k)
+    make_sync_trees
+    after_step=after_sync
+    run_workload "$w" prepare_noop check_noop $(sync_steps noop) sshfa-empty-folder:noop_sshfa_empty \
+      ssh-true:noop_ssh_true
+    check_noop || { echo "bench.sh: $w: the destination changed during the counted rounds" >&2; exit 1; }
+    after_step=
+    ;;
+  changed-10k)
+    make_sync_trees
+    after_step=after_sync
+    run_workload "$w" prepare_changed check_changed $(sync_steps changed)
+    after_step=
+    ;;
+  resume-1g)
+    make_big
+    after_step=after_resume
+    run_workload "$w" prepare_resume check_resume sshfa:resume_sshfa sshfa-no-resume:resume_sshfa_over \
+      rsync-partial:resume_rsync_partial rsync-append-verify:resume_rsync_append
+    after_step=
+    ;;
   esac
 done
 
@@ -398,6 +657,7 @@ for tool in "${!ciphers[@]}"; do printf '%s\t%s\n' "$tool" "${ciphers[$tool]}"; 
   echo "openssh	$(ssh -V 2>&1)"
   echo "libssh	$(dpkg-query -W -f '${Version}' libssh-dev 2>/dev/null)"
   echo "rsync	$(rsync --version | head -n 1)"
+  ! command -v rclone >/dev/null || echo "rclone	$(rclone version | head -n 1)"
   echo "paramiko	$($python -c 'import paramiko; print(paramiko.__version__)')"
   echo "asyncssh	$($python -W ignore -c 'import asyncssh; print(asyncssh.__version__)')"
   echo "python	$($python --version 2>&1)"
@@ -405,5 +665,10 @@ for tool in "${!ciphers[@]}"; do printf '%s\t%s\n' "$tool" "${ciphers[$tool]}"; 
   echo "sshfa	$(git -C "$root" rev-parse --short HEAD)"
 } >"$work/machine.tsv"
 mkdir -p "$out_dir"
-cp "$results" "$out_dir/$(date +%F)-timings.tsv"
-$python bench/report.py "$results" "$work/machine.tsv" "$work/ciphers.tsv" "$out_dir"
+stem=$(date +%F)${name:+-$name}
+for n in '' $(seq 2 99); do
+  [ -e "$out_dir/$stem${n:+-$n}.md" ] || [ -e "$out_dir/$stem${n:+-$n}-timings.tsv" ] || { stem=$stem${n:+-$n}; break; }
+done
+cp "$results" "$out_dir/$stem-timings.tsv"
+[ ! -s "$values" ] || cp "$values" "$out_dir/$stem-values.tsv"
+$python bench/report.py "$results" "$work/machine.tsv" "$work/ciphers.tsv" "$out_dir" "$stem" "$values"

@@ -15,7 +15,7 @@ packages=(
   # the tool's manual page and completion scripts
   man-db bash zsh
   # benchmark peers and report
-  rsync python3 python3-paramiko python3-asyncssh gnuplot-nox
+  rsync rclone python3 python3-paramiko python3-asyncssh gnuplot-nox
 )
 
 missing=()
