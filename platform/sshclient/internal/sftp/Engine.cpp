@@ -209,9 +209,10 @@ class Connection {
   [[nodiscard]] std::size_t queued() const noexcept { return out_.size() - sent_; }
 
   // Sends what can go, receives what has come and hands every complete packet
-  // to `onPacket`; sleeps in the transport when nothing moved.
+  // to `onPacket`; sleeps in the transport when nothing moved, unless told
+  // not to wait (work of its own to go back to).
   template <class OnPacket>
-  void pump(OnPacket&& onPacket) {
+  void pump(OnPacket&& onPacket, bool mayWait = true) {
     bool moved = false;
     if (queued() > 0) {
       auto const n = transport_.send(std::span<std::uint8_t const>(out_).subspan(sent_));
@@ -230,7 +231,7 @@ class Connection {
       received += n;
     }
     while (auto packet = in_.next()) onPacket(*packet);
-    if (!moved && received == 0) transport_.wait(queued() > 0);
+    if (!moved && received == 0 && mayWait) transport_.wait(queued() > 0);
   }
 
  private:
@@ -491,6 +492,7 @@ class Engine {
                 std::optional<std::uint32_t>& mtime) const;
   void listLocal(std::size_t item, std::string const& source, std::string const& destination,
                  std::vector<std::pair<dev_t, ino_t>>& above);
+  void keepListing();
   void openFolder(std::size_t node);
   void onListing(Pending const& pending, Reply const& reply);
   void makeFolders();
@@ -580,6 +582,7 @@ class Engine {
   std::vector<bool> intoFolder_;
   std::vector<std::size_t> foldersWaiting_;
   std::size_t foldersOpen_ = 0;
+  std::size_t walked_ = 0;  // local entries listed, to serve the remote listing now and then
   TreeTransferReport report_;
 
   RemoteShell const* shell_ = nullptr;
@@ -1051,9 +1054,18 @@ Attributes localAttributes(struct stat const& st) {
   return attributes;
 }
 
+// A remote listing in flight goes on while a local tree is walked: its
+// answers are taken in every few entries, without waiting for them.
+void Engine::keepListing() {
+  if (++walked_ % 64 == 0 && !pending_.empty()) {
+    connection_.pump([this](ByteView packet) { onPacket(packet); }, false);
+  }
+}
+
 void Engine::listLocal(std::size_t item, std::string const& source, std::string const& destination,
                        std::vector<std::pair<dev_t, ino_t>>& above) {
   if (stopping_) return;
+  keepListing();
   bool const follow = trees_->getOptions().followLinks;
   struct stat st {};
   if ((follow ? ::stat(source.c_str(), &st) : ::lstat(source.c_str(), &st)) != 0) {
@@ -1320,6 +1332,7 @@ void Engine::listExisting(std::size_t item, std::string const& root) {
 }
 
 void Engine::listLocalExisting(std::size_t item, std::string const& path) {
+  keepListing();
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return;
   recordExisting(item, path, localAttributes(st));
