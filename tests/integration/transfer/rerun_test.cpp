@@ -195,6 +195,20 @@ TEST_P(Reruns, DeleteRemovesExactlyTheExtrasAndNothingOutsideTheRoot) {
   EXPECT_EQ(mtimeOf(dst() / "sub"), kOldTime);
 }
 
+// A link where the source has a folder would lead the copies out of the
+// destination: it is replaced by the folder, and what it points to stays.
+TEST_P(Reruns, ALinkWhereTheSourceHasAFolderIsReplacedNotFollowed) {
+  fs::create_directory(src() / "sub");
+  writeFile(src() / "sub" / "keep", "copied");
+  fs::create_directory(dst());
+  fs::create_symlink(scratch_ / "outside", dst() / "sub");
+  auto const report = copyTree({.skipUnchanged = UnchangedTest::SizeAndTime});
+  EXPECT_EQ(report.files, 1U);
+  EXPECT_FALSE(fs::is_symlink(dst() / "sub"));
+  EXPECT_EQ(readFile(dst() / "sub" / "keep"), "copied");
+  EXPECT_EQ(readFile(scratch_ / "outside" / "keep"), "not ours");
+}
+
 TEST_P(Reruns, DeleteKeepsWhatTheSourceHasInAnyForm) {
   writeFile(src() / "f", "f");
   ASSERT_EQ(::mkfifo((src() / "pipe").c_str(), 0600), 0);

@@ -301,7 +301,8 @@ struct FolderWork {
   std::string destination;
   std::size_t item = 0;
   bool fromSource = false;
-  bool existed = false;  // found as a folder in the destination listing
+  bool existed = false;       // found as a folder in the destination listing
+  bool linkInTheWay = false;  // found as a symbolic link there: replaced, never followed
   std::optional<std::uint32_t> mode;
   std::optional<std::uint32_t> atime;
   std::optional<std::uint32_t> mtime;
@@ -1448,7 +1449,11 @@ void Engine::decide() {
   report_.skipped = skipped_.size();
   for (auto& folder : folders_) {
     auto const there = existing_.find(folder.destination);
-    folder.existed = there != existing_.end() && there->second.type == modebits::kDirectory;
+    if (there == existing_.end()) continue;
+    folder.existed = there->second.type == modebits::kDirectory;
+    // Below a root only: a destination the caller named may be a link.
+    folder.linkInTheWay = folder.fromSource && there->second.type == modebits::kSymlink &&
+                          folder.destination != withoutTrailingSlashes(destinations_[folder.item]);
   }
   if (options.dryRun) return;
   removeStale(stale);
@@ -1713,6 +1718,7 @@ void Engine::makeFolders() {
         folders_[i].isFolder = true;
         continue;
       }
+      if (folders_[i].linkInTheWay) connection_.writer().remove(track(nullptr, Op::Cleanup), folders_[i].destination);
       connection_.writer().mkdir(track(nullptr, Op::MakeFolder, i), folders_[i].destination, Attributes{});
       connection_.writer().stat(track(nullptr, Op::CheckFolder, i), folders_[i].destination);
       if (connection_.queued() >= kOutboundLimit) connection_.pump([this](ByteView packet) { onPacket(packet); });
@@ -1725,6 +1731,7 @@ void Engine::makeFolders() {
         folder.isFolder = true;
         continue;
       }
+      if (folder.linkInTheWay) ::unlink(folder.destination.c_str());
       if (::mkdir(folder.destination.c_str(), mode) == 0) {
         folder.made = folder.isFolder = true;
         changedFolders_.insert(folderOf(folder.destination));
