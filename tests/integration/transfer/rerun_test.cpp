@@ -151,6 +151,29 @@ TEST_P(Reruns, OneByteChangedWithTheSameSizeAndTimeIsFoundOnlyByChecksum) {
   EXPECT_EQ(readFile(dst() / "sub" / "c"), "charliE");
 }
 
+// Checksums and deletions go through names as their bytes: the remote
+// hashes come back escaped, the extras are removed over SFTP or here.
+TEST_P(Reruns, HostileNamesAreComparedByChecksumAndDeleted) {
+  std::vector<std::string> const names = {"line\nfeed", "back\\slash", "tab\there", "byte\xff", "-leading", "$(x)"};
+  for (auto const& name : names) {
+    writeFile(src() / name, "same " + name);
+    setTime(src() / name, kOldTime);
+  }
+  copyTree({});
+  writeFile(src() / "line\nfeed", "SAME line\nfeed");
+  setTime(src() / "line\nfeed", kOldTime);
+  for (auto const& name : names) writeFile(dst() / ("extra " + name), "x");
+  auto const report = copyTree({.skipUnchanged = UnchangedTest::Checksum, .deleteExtraneous = true});
+  EXPECT_EQ(report.files, 1U);
+  EXPECT_EQ(report.skipped, names.size() - 1);
+  EXPECT_EQ(report.deleted, names.size());
+  EXPECT_EQ(readFile(dst() / "line\nfeed"), "SAME line\nfeed");
+  auto expected = names;
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(listNames(dst()), expected);
+  EXPECT_FALSE(fs::exists(scratch_ / "x"));
+}
+
 TEST_P(Reruns, EqualContentsWithOtherTimesAndModesAreSkippedByChecksumAndPutRight) {
   makeCopiedTree();
   setTime(dst() / "a", kOldTime + 99);
