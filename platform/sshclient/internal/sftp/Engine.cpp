@@ -525,6 +525,9 @@ class Engine {
   void onDeleted(Pending const& pending, Reply const& reply);
   void planDryRun();
   [[nodiscard]] bool unchangedFolder(FolderWork const& folder) const;
+  [[nodiscard]] bool modeDiffers(Existing const& entry, std::optional<std::uint32_t> mode) const;
+  [[nodiscard]] bool resuming() const;
+  [[nodiscard]] bool holdsResumableData(Job const& job) const;
   [[nodiscard]] bool keepsPartial(Job const& job) const;
   std::string remoteOutput(std::string const& command);
 
@@ -884,12 +887,15 @@ std::string Engine::context() const {
   return "SFTP session with " + peer_ + ": ";
 }
 
-// A resumable temporary with data in it stays when the transfer is stopped:
-// the next run continues it.
-bool Engine::keepsPartial(Job const& job) const {
-  return job.resumable && trees_ != nullptr && trees_->getOptions().resume && cancelled_ &&
-         (upload_ ? job.next > 0 : job.wrote || job.resumed);
+bool Engine::resuming() const { return trees_ != nullptr && trees_->getOptions().resume; }
+
+// A resumable temporary with data in it is what the next run continues.
+bool Engine::holdsResumableData(Job const& job) const {
+  return resuming() && job.resumable && (upload_ ? job.next > 0 : job.wrote || job.resumed);
 }
+
+// Such a temporary stays when the transfer is stopped.
+bool Engine::keepsPartial(Job const& job) const { return cancelled_ && holdsResumableData(job); }
 
 void Engine::discardTemp(Job& job) {
   if (job.temp.empty()) return;
@@ -931,7 +937,7 @@ void Engine::complete(Job& job) {
   job.phase = Job::Phase::Done;
   ++filesDone_;
   if (job.resumed) ++report_.resumed;
-  if (trees_ != nullptr) changedFolders_.insert(folderOf(job.destination));
+  if (listDestinations_) changedFolders_.insert(folderOf(job.destination));
 }
 
 void Engine::closeRemote(Job& job) {
@@ -954,11 +960,9 @@ std::string Engine::tempNameFor(std::string const& path) {
 // The stream broke: local temporaries go, but a resumable one that holds
 // data is kept for the next run (remote ones cannot be removed anyway).
 void Engine::abandon() noexcept {
-  bool const resume = trees_ != nullptr && trees_->getOptions().resume;
   for (auto& job : jobs_) {
     job->fd.reset();
-    bool const holdsData = job->wrote || job->resumed;
-    if (!upload_ && !job->temp.empty() && !(resume && job->resumable && holdsData)) ::unlink(job->temp.c_str());
+    if (!upload_ && !job->temp.empty() && !holdsResumableData(*job)) ::unlink(job->temp.c_str());
   }
 }
 
@@ -1055,6 +1059,54 @@ Attributes localAttributes(struct stat const& st) {
   return attributes;
 }
 
+// The text of a local symbolic link; nullopt with errno set when unreadable.
+std::optional<std::string> linkText(std::string const& path) {
+  std::string target(PATH_MAX, '\0');
+  auto const length = ::readlink(path.c_str(), target.data(), target.size());
+  if (length < 0) return std::nullopt;
+  target.resize(static_cast<std::size_t>(length));
+  return target;
+}
+
+// The names in a local folder but "." and ".."; nullopt with errno set when
+// it cannot be read.
+std::optional<std::vector<std::string>> folderEntries(std::string const& path) {
+  std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
+  if (!folder) return std::nullopt;
+  std::vector<std::string> names;
+  errno = 0;
+  while (auto const* entry = ::readdir(folder.get())) {
+    std::string_view const name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  if (errno != 0) return std::nullopt;
+  return names;
+}
+
+// Mode and times as an SFTP request sets them.
+Attributes modeAndTimes(std::optional<std::uint32_t> mode, std::optional<std::uint32_t> atime,
+                        std::optional<std::uint32_t> mtime) {
+  Attributes attributes;
+  attributes.permissions = mode;
+  attributes.atime = atime;
+  attributes.mtime = mtime;
+  return attributes;
+}
+
+// Sets what is given of mode and times on a local path; empty, or what failed.
+std::string setLocalModeAndTimes(std::string const& path, std::optional<std::uint32_t> mode,
+                                 std::optional<std::uint32_t> atime, std::optional<std::uint32_t> mtime) {
+  if (mode && ::chmod(path.c_str(), static_cast<mode_t>(*mode)) != 0) {
+    return "cannot set the mode of " + quoted(path) + ": " + errnoText(errno);
+  }
+  if (!mtime) return {};
+  struct timespec const times[2] = {{static_cast<time_t>(atime.value_or(*mtime)), 0}, {static_cast<time_t>(*mtime), 0}};
+  if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
+    return "cannot set the time of " + quoted(path) + ": " + errnoText(errno);
+  }
+  return {};
+}
+
 // A remote listing in flight goes on while a local tree is walked: its
 // answers are taken in every few entries, without waiting for them.
 void Engine::keepListing() {
@@ -1073,11 +1125,9 @@ void Engine::listLocal(std::size_t item, std::string const& source, std::string 
     return planFailure(item, "cannot read " + quoted(source) + ": " + errnoText(errno));
   }
   if (S_ISLNK(st.st_mode)) {
-    std::string target(PATH_MAX, '\0');
-    auto const length = ::readlink(source.c_str(), target.data(), target.size());
-    if (length < 0) return planFailure(item, "cannot read the link " + quoted(source) + ": " + errnoText(errno));
-    target.resize(static_cast<std::size_t>(length));
-    links_.emplace_back(destination, std::move(target), item);
+    auto target = linkText(source);
+    if (!target) return planFailure(item, "cannot read the link " + quoted(source) + ": " + errnoText(errno));
+    links_.emplace_back(destination, std::move(*target), item);
     return;
   }
   takeAttributes(item, source, destination, localAttributes(st), kNone, false);
@@ -1086,18 +1136,10 @@ void Engine::listLocal(std::size_t item, std::string const& source, std::string 
   if (std::find(above.begin(), above.end(), self) != above.end()) {
     return planFailure(item, quoted(source) + " leads back into a folder above it (a symbolic link loop)");
   }
-  std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(source.c_str()), &::closedir);
-  if (!folder) return planFailure(item, "cannot read folder " + quoted(source) + ": " + errnoText(errno));
-  std::vector<std::string> names;
-  errno = 0;
-  while (auto const* entry = ::readdir(folder.get())) {
-    std::string_view const name = entry->d_name;
-    if (name != "." && name != "..") names.emplace_back(name);
-  }
-  if (errno != 0) return planFailure(item, "cannot read folder " + quoted(source) + ": " + errnoText(errno));
-  folder.reset();
+  auto const names = folderEntries(source);
+  if (!names) return planFailure(item, "cannot read folder " + quoted(source) + ": " + errnoText(errno));
   above.push_back(self);
-  for (auto const& name : names) listLocal(item, joined(source, name), joined(destination, name), above);
+  for (auto const& name : *names) listLocal(item, joined(source, name), joined(destination, name), above);
   above.pop_back();
 }
 
@@ -1338,21 +1380,13 @@ void Engine::listLocalExisting(std::size_t item, std::string const& path) {
   if (::lstat(path.c_str(), &st) != 0) return;
   recordExisting(item, path, localAttributes(st));
   if (S_ISLNK(st.st_mode)) {
-    std::string target(PATH_MAX, '\0');
-    auto const length = ::readlink(path.c_str(), target.data(), target.size());
-    if (length >= 0) existing_[path].linkTarget = target.substr(0, static_cast<std::size_t>(length));
+    existing_[path].linkTarget = linkText(path);
     return;
   }
   if (!S_ISDIR(st.st_mode)) return;
-  std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
-  if (!folder) return;
-  std::vector<std::string> names;
-  while (auto const* entry = ::readdir(folder.get())) {
-    std::string_view const name = entry->d_name;
-    if (name != "." && name != "..") names.emplace_back(name);
+  for (auto const& name : folderEntries(path).value_or(std::vector<std::string>())) {
+    listLocalExisting(item, joined(path, name));
   }
-  folder.reset();
-  for (auto const& name : names) listLocalExisting(item, joined(path, name));
 }
 
 std::uint32_t typeOf(Attributes const& attributes) {
@@ -1384,12 +1418,9 @@ void Engine::recordTemporary(std::string const& path, Attributes const& attribut
 
 // `folder` is "" (the working folder) or ends with '/'.
 void Engine::listLocalTemporaries(std::string const& folder) {
-  std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.empty() ? "." : folder.c_str()), &::closedir);
-  if (!entries) return;
-  while (auto const* entry = ::readdir(entries.get())) {
-    std::string_view const name = entry->d_name;
-    if (!name.starts_with('.') || name.find(kTempMark) == std::string_view::npos) continue;
-    auto const path = folder + std::string(name);
+  for (auto const& name : folderEntries(folder.empty() ? "." : folder).value_or(std::vector<std::string>())) {
+    if (!name.starts_with('.') || name.find(kTempMark) == std::string::npos) continue;
+    auto const path = folder + name;
     struct stat st {};
     if (::lstat(path.c_str(), &st) == 0) recordTemporary(path, localAttributes(st));
   }
@@ -1477,7 +1508,7 @@ std::vector<std::string> Engine::claimTemporaries() {
     auto const owner = owners.find(temporary.owner);
     if (owner == owners.end()) continue;
     existing_.erase(temporary.path);
-    if (owner->second != kNone && trees_->getOptions().resume) {
+    if (owner->second != kNone && resuming()) {
       auto& file = files_[owner->second];
       if (file.resumeTemp.empty() && temporary.type == modebits::kRegular && temporary.size > 0 &&
           temporary.size <= *file.size &&
@@ -1568,33 +1599,26 @@ void Engine::removeStale(std::vector<std::string> const& paths) {
   drain();
 }
 
+// Whether an existing entry lacks the mode to keep (none to keep: never).
+bool Engine::modeDiffers(Existing const& entry, std::optional<std::uint32_t> mode) const {
+  auto const mask = trees_->getOptions().keepSpecialBits ? kModeBits : kPermissionBits;
+  return mode && (!entry.permissions || (*entry.permissions & mask) != *mode);
+}
+
+bool timeDiffers(Existing const& entry, std::optional<std::uint32_t> mtime) { return mtime && entry.mtime != mtime; }
+
 // Unchanged files get the source's mode and time where theirs differ.
 void Engine::fixAttributes() {
-  auto const& options = trees_->getOptions();
-  auto const mask = options.keepSpecialBits ? kModeBits : kPermissionBits;
   for (std::size_t k = 0; k < skipped_.size(); ++k) {
     auto const& file = skipped_[k];
     auto const& there = existing_.at(file.destination);
-    bool const mode = file.mode && (!there.permissions || (*there.permissions & mask) != *file.mode);
-    bool const time = file.mtime && there.mtime != file.mtime;
-    if (!mode && !time) continue;
+    if (!modeDiffers(there, file.mode) && !timeDiffers(there, file.mtime)) continue;
     if (upload_) {
-      Attributes attributes;
-      if (mode) attributes.permissions = file.mode;
-      if (time) {
-        attributes.atime = file.atime;
-        attributes.mtime = file.mtime;
-      }
-      connection_.writer().setstat(track(nullptr, Op::FixAttributes, k), file.destination, attributes);
-      continue;
-    }
-    if (mode && ::chmod(file.destination.c_str(), static_cast<mode_t>(*file.mode)) != 0) {
-      return planFailure(file.item, "cannot set the mode of " + quoted(file.destination) + ": " + errnoText(errno));
-    }
-    struct timespec const times[2] = {{static_cast<time_t>(file.atime.value_or(0)), 0},
-                                      {static_cast<time_t>(file.mtime.value_or(0)), 0}};
-    if (time && ::utimensat(AT_FDCWD, file.destination.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-      return planFailure(file.item, "cannot set the time of " + quoted(file.destination) + ": " + errnoText(errno));
+      connection_.writer().setstat(track(nullptr, Op::FixAttributes, k), file.destination,
+                                   modeAndTimes(file.mode, file.atime, file.mtime));
+    } else if (auto const failure = setLocalModeAndTimes(file.destination, file.mode, file.atime, file.mtime);
+               !failure.empty()) {
+      return planFailure(file.item, failure);
     }
   }
   drain();
@@ -1684,8 +1708,9 @@ void Engine::planDryRun() {
   report_.files = files_.size();
   report_.bytes = bytesTotal_;
   for (auto const& file : skipped_) add(Action::Skip, file.destination, *file.size);
-  for (auto const& path : extraneous()) add(Action::Delete, path, 0);
-  report_.deleted = report_.plan.size() - report_.folders - report_.links - report_.files - report_.skipped;
+  auto const extras = extraneous();
+  for (auto const& path : extras) add(Action::Delete, path, 0);
+  report_.deleted = extras.size();
   // Listings come in the servers' order; a plan reads best by name.
   auto const rank = [](PlannedChange const& change) {
     return change.action == Action::Resume ? static_cast<int>(Action::Copy) : static_cast<int>(change.action);
@@ -1702,10 +1727,8 @@ void Engine::planDryRun() {
 bool Engine::unchangedFolder(FolderWork const& folder) const {
   if (!folder.existed || changedFolders_.contains(folder.destination)) return false;
   auto const there = existing_.find(folder.destination);
-  if (there == existing_.end()) return false;
-  auto const mask = trees_->getOptions().keepSpecialBits ? kModeBits : kPermissionBits;
-  return (!folder.mode || (there->second.permissions && (*there->second.permissions & mask) == *folder.mode)) &&
-         (!folder.mtime || there->second.mtime == folder.mtime);
+  return there != existing_.end() && !modeDiffers(there->second, folder.mode) &&
+         !timeDiffers(there->second, folder.mtime);
 }
 
 // Every folder once, parents first, all requests in flight together; each
@@ -1841,23 +1864,11 @@ void Engine::finishFolders() {
     auto const& folder = folders_[i];
     if (!folder.fromSource || (!folder.mode && !folder.mtime) || unchangedFolder(folder)) continue;
     if (upload_) {
-      Attributes attributes;
-      attributes.permissions = folder.mode;
-      attributes.atime = folder.atime;
-      attributes.mtime = folder.mtime;
-      connection_.writer().setstat(track(nullptr, Op::FolderAttributes, i), folder.destination, attributes);
-      continue;
-    }
-    if (folder.mode && ::chmod(folder.destination.c_str(), static_cast<mode_t>(*folder.mode)) != 0) {
-      return planFailure(folder.item, "cannot set the mode of " + quoted(folder.destination) + ": " + errnoText(errno));
-    }
-    if (folder.mtime) {
-      struct timespec const times[2] = {{static_cast<time_t>(folder.atime.value_or(*folder.mtime)), 0},
-                                        {static_cast<time_t>(*folder.mtime), 0}};
-      if (::utimensat(AT_FDCWD, folder.destination.c_str(), times, 0) != 0) {
-        return planFailure(folder.item,
-                           "cannot set the time of " + quoted(folder.destination) + ": " + errnoText(errno));
-      }
+      connection_.writer().setstat(track(nullptr, Op::FolderAttributes, i), folder.destination,
+                                   modeAndTimes(folder.mode, folder.atime, folder.mtime));
+    } else if (auto const failure = setLocalModeAndTimes(folder.destination, folder.mode, folder.atime, folder.mtime);
+               !failure.empty()) {
+      return planFailure(folder.item, failure);
     }
   }
   drain();
@@ -1941,7 +1952,7 @@ void Engine::startUpload(Job& job) {
 void Engine::openRemoteTemp(Job& job) {
   ++job.tempAttempts;
   // The first try bears the resumable name; a clash falls back to a random one.
-  job.resumable = trees_ != nullptr && trees_->getOptions().resume && job.tempAttempts == 1;
+  job.resumable = resuming() && job.tempAttempts == 1;
   job.opening = job.resumable
                     ? resumeNameFor(job.destination, job.size, static_cast<std::uint32_t>(job.sourceMtime.tv_sec))
                     : tempNameFor(job.destination);
@@ -2124,7 +2135,7 @@ void Engine::startDownload(Job& job) {
   }
   while (!job.fd.valid()) {
     // The first try bears the resumable name; a clash falls back to a random one.
-    job.resumable = trees_ != nullptr && trees_->getOptions().resume && job.tempAttempts == 0;
+    job.resumable = resuming() && job.tempAttempts == 0;
     job.temp = job.resumable ? resumeNameFor(job.destination, work.size.value_or(0), work.listedMtime)
                              : tempNameFor(job.destination);
     job.fd = UniqueFd(::open(job.temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, static_cast<mode_t>(mode_)));
