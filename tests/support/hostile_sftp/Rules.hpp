@@ -31,8 +31,8 @@
 // process's uid and gid.
 //
 // FOLDER, NAME, LINKTARGET and PATH take C escapes for any byte: \t \n \r,
-// \\ (a backslash), \0 (NUL) and \xHH. No other byte is special there: '-', '@', '.', '..' and
-// '/' are names like any other.
+// \\ (a backslash), \0 (NUL) and \xHH. No other byte is special there:
+// '-', '@', '.', '..' and '/' are names like any other.
 //
 // Examples (shown with blanks; the file separates fields with one TAB):
 //   before   /r/tree  ../outside.txt  file  0644  @/r/outside.txt  @/r/outside.txt
