@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -40,7 +41,8 @@ class Backend {
   // Fixtures, set up and inspected directly on the backend's side.
   virtual void writeFile(ustring const& path, std::string const& bytes) = 0;  // makes the folders above
   [[nodiscard]] virtual std::string readFile(ustring const& path) = 0;
-  virtual void makeFolder(ustring const& path) = 0;  // and the folders above
+  virtual void makeFolder(ustring const& path) = 0;                           // and the folders above
+  virtual void makeLink(std::string const& target, ustring const& link) = 0;  // makes the folders above
   [[nodiscard]] virtual bool present(ustring const& path) = 0;
   virtual void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) = 0;
 
@@ -73,6 +75,10 @@ class ThisMachineBackend : public Backend {
   void writeFile(ustring const& path, std::string const& bytes) override { local::writeBytes(local::b(path), bytes); }
   std::string readFile(ustring const& path) override { return local::readBytes(local::b(path)); }
   void makeFolder(ustring const& path) override { local::makeFolders(local::b(path)); }
+  void makeLink(std::string const& target, ustring const& link) override {
+    local::makeFolders(std::filesystem::path(local::b(link)).parent_path());
+    local::makeSymlink(target, local::b(link));
+  }
   bool present(ustring const& path) override { return local::present(local::b(path)); }
   void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) override {
     local::setModificationTime(local::b(path), secondsSinceEpoch, nanoseconds);
