@@ -7,6 +7,7 @@
 #include <ctime>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/Utils.hpp"
@@ -253,6 +254,28 @@ void LocalFileAccess::archive(ustring const& source, ustring const& archivePath,
       entryNames.push_back(file.substr(start));
     }
     velmar::io::archive::core::createArchive(archivePath, files, entryNames, format);
+  });
+}
+
+void LocalFileAccess::archiveTree(ustring const& source, ustring const& archivePath, ustring const& format) {
+  guarded([&] {
+    const fs::file_status status = fs::symlink_status(source);
+    if ((status.bits() & fs::file_status::file_not_found) != 0) {
+      throw std::system_error(ENOENT, std::generic_category(), "cannot pack '" + ustr2str(source) + "'");
+    }
+    const ustring name = fs::detail::extract_filename(source);
+    if (name.empty()) throw std::invalid_argument("cannot pack '" + ustr2str(source) + "': it has no name of its own");
+    std::vector<ustring> paths{source};
+    std::vector<ustring> entryNames{name};
+    if (typeOf(status) == fs::file_status::directory_file) {
+      // Beneath the source, paths are the source as given joined by '/'.
+      for (fs::upath_recursive_directory_iterator it(source), end; it != end; ++it) {
+        const ustring& path = it->path_name();
+        paths.push_back(path);
+        entryNames.push_back(name + u'/' + path.substr(path.find_first_not_of(u'/', source.size())));
+      }
+    }
+    velmar::io::archive::core::createTreeArchive(archivePath, paths, entryNames, format);
   });
 }
 
