@@ -326,5 +326,51 @@ TEST_P(ConformanceTest, UnzipIntoMissingFolderGivesTheBackendsAnswer) {
   }
 }
 
+// ---- what unpacking keeps -----------------------------------------------------------------------
+
+// Archives of the same tree, made by the system's own tar and zip -y.
+void packWithSystemTools(Backend& side, ustring const& folder) {
+  const std::string at = "'" + fl::i18n::ustring_to_utf8(folder) + "'";
+  side.shell("cd " + at + "/src && tar -cf ../t.tar t && zip -qry ../t.zip t");
+}
+
+TEST_P(ConformanceTest, UntarAndUnzipRestoreLinksEmptyFoldersModesAndTimes) {
+  side().makeFolder(at("src"));
+  side().makeArchivableTree(at("src/t"));
+  packWithSystemTools(side(), at(""));
+  side().makeFolder(at("from-tar"));
+  fa().untar(at("t.tar"), at("from-tar"));
+  EXPECT_EQ(side().snapshot(at("from-tar/t")), side().snapshot(at("src/t")));
+  fa().unzip(at("t.zip"), at("from-zip"));
+  EXPECT_EQ(side().snapshot(at("from-zip/t")), side().snapshot(at("src/t")));
+}
+
+TEST_P(ConformanceTest, UntarIntoAFolderHoldingTheFilesReplacesThem) {
+  side().makeFolder(at("src"));
+  side().makeArchivableTree(at("src/t"));
+  packWithSystemTools(side(), at(""));
+  side().makeFolder(at("out"));
+  fa().untar(at("t.tar"), at("out"));
+  side().writeFile(at("out/t/a.txt"), "changed");
+  side().writeFile(at("out/t/sub/f"), "changed too");
+  fa().untar(at("t.tar"), at("out"));
+  EXPECT_EQ(side().snapshot(at("out/t")), side().snapshot(at("src/t")));
+}
+
+TEST_P(ConformanceTest, UnzipIntoAFolderHoldingTheFilesGivesTheBackendsAnswer) {
+  side().makeFolder(at("src"));
+  side().makeArchivableTree(at("src/t"));
+  packWithSystemTools(side(), at(""));
+  fa().unzip(at("t.zip"), at("out"));
+  side().writeFile(at("out/t/a.txt"), "changed");
+  if (side().unzipOverwritesExistingFiles()) {
+    fa().unzip(at("t.zip"), at("out"));
+    EXPECT_EQ(side().snapshot(at("out/t")), side().snapshot(at("src/t")));
+  } else {
+    expectFailureOn(side(), [&] { fa().unzip(at("t.zip"), at("out")); });
+    EXPECT_EQ(side().readFile(at("out/t/a.txt")), "changed");
+  }
+}
+
 }  // namespace
 }  // namespace sshfa::testing::conformance
