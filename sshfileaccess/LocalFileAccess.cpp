@@ -259,20 +259,21 @@ void LocalFileAccess::archive(ustring const& source, ustring const& archivePath,
 
 void LocalFileAccess::archiveTree(ustring const& source, ustring const& archivePath, ustring const& format) {
   guarded([&] {
-    const fs::file_status status = fs::symlink_status(source);
+    // Without trailing '/', so that a link is stored as the link, as tar does.
+    const ustring root = source.empty() ? source : fs::detail::make_native_form(source, true);
+    const fs::file_status status = fs::symlink_status(root);
     if ((status.bits() & fs::file_status::file_not_found) != 0) {
       throw std::system_error(ENOENT, std::generic_category(), "cannot pack '" + ustr2str(source) + "'");
     }
-    const ustring name = fs::detail::extract_filename(source);
+    const ustring name = fs::detail::extract_filename(root);
     if (name.empty()) throw std::invalid_argument("cannot pack '" + ustr2str(source) + "': it has no name of its own");
-    std::vector<ustring> paths{source};
+    std::vector<ustring> paths{root};
     std::vector<ustring> entryNames{name};
     if (typeOf(status) == fs::file_status::directory_file) {
-      // Beneath the source, paths are the source as given joined by '/'.
-      for (fs::upath_recursive_directory_iterator it(source), end; it != end; ++it) {
-        const ustring& path = it->path_name();
-        paths.push_back(path);
-        entryNames.push_back(name + u'/' + path.substr(path.find_first_not_of(u'/', source.size())));
+      // Paths beneath are the root, a '/' and the rest.
+      for (fs::upath_recursive_directory_iterator it(root), end; it != end; ++it) {
+        paths.push_back(it->path_name());
+        entryNames.push_back(name + it->path_name().substr(root.size()));
       }
     }
     velmar::io::archive::core::createTreeArchive(archivePath, paths, entryNames, format);

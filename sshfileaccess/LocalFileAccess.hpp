@@ -73,10 +73,10 @@ class SSHFA_EXPORT LocalFileAccess : public FileAccessInterface {
   // as tar and zip -y do on the remote side: the source under its own name,
   // and every folder (empty ones too), symbolic link (as a link) and regular
   // file beneath it, each with its permission bits and modification time.
-  // No link is followed, except that a source written with a trailing '/' is
-  // the folder it names. A FIFO, socket or device beneath fails the call,
-  // naming it; a missing source fails before the archive is made. Failures
-  // are converted as for tar.
+  // No link is followed, the source's own included (also when written with
+  // a trailing '/'). A FIFO, socket or device beneath fails the call, naming
+  // it; a missing source fails before the archive is made. Failures are
+  // converted as for tar.
   void archiveTree(ustring const& source, ustring const& archivePath, ustring const& format);
   // remove without the conversion of failures.
   void removeImpl(ustring const& path);

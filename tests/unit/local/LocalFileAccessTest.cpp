@@ -567,13 +567,12 @@ TEST_F(ArchiveTreeTest, EveryEntryIsStoredUnderTheSourcesNameTheSourceFirst) {
   EXPECT_EQ(read.contents.at("t/sub/f"), "sub file\n");
 }
 
-TEST_F(ArchiveTreeTest, ALinkIsStoredAsALinkAndALinkWithASlashAsItsFolder) {
+TEST_F(ArchiveTreeTest, ALinkIsStoredAsALinkAlsoWithATrailingSlash) {
   local.archiveTree(dir.uat("src/t/dlnk"), dir.uat("link.tar"), u"tar");
-  local.archiveTree(dir.uat("src/t/dlnk/"), dir.uat("folder.zip"), u"zip");
+  local.archiveTree(dir.uat("src/t/dlnk//"), dir.uat("link.zip"), u"zip");
   EXPECT_EQ(readArchive(dir.at("link.tar")).names, (std::vector<std::string>{"dlnk"}));
-  const auto names = readArchive(dir.at("folder.zip")).names;
-  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), (std::set<std::string>{"dlnk/", "dlnk/f"}));
-  local.untar(dir.uat("link.tar"), dir.uat("out"));
+  EXPECT_EQ(readArchive(dir.at("link.zip")).names, (std::vector<std::string>{"dlnk"}));
+  local.unzip(dir.uat("link.zip"), dir.uat("out"));
   EXPECT_EQ(std::filesystem::read_symlink(dir.at("out/dlnk")), "sub");
 }
 
