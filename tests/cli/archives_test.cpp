@@ -15,8 +15,8 @@
 
 #include "tests/cli/CliFiles.hpp"
 #include "tests/cli/ToolProcess.hpp"
+#include "tests/support/ArchivableTree.hpp"
 #include "tests/support/SshTestHelpers.hpp"
-#include "tests/support/TreeSnapshot.hpp"
 
 namespace sshfa::testing {
 namespace {
@@ -78,13 +78,13 @@ TEST_P(ToolArchives, TarRoundTripKeepsLinksEmptyFoldersModesAndTimes) {
   expectSuccess({"tar", at("src/t"), at("t.tar")});
   fs::create_directory(at("out"));
   expectSuccess({"untar", at("t.tar"), at("out")});
-  EXPECT_EQ(treeSnapshot(at("out/t")), treeSnapshot(at("src/t")));
+  EXPECT_EQ(archiveSnapshot(at("out/t")), archiveSnapshot(at("src/t")));
 }
 
 TEST_P(ToolArchives, ZipRoundTripKeepsLinksEmptyFoldersModesAndTimes) {
   expectSuccess({"zip", at("src/t"), at("t.zip")});
   expectSuccess({"unzip", at("t.zip"), at("out")});
-  EXPECT_EQ(treeSnapshot(at("out/t")), treeSnapshot(at("src/t")));
+  EXPECT_EQ(archiveSnapshot(at("out/t")), archiveSnapshot(at("src/t")));
 }
 
 TEST_P(ToolArchives, ALinkAsTheSourceIsStoredAsTheLink) {
@@ -113,10 +113,10 @@ TEST_P(ToolArchives, UnzipTwiceReplacesTheFilesAsUntarDoes) {
     std::erase_if(snapshot, [](auto const& entry) { return entry.second.starts_with("dir "); });
     return snapshot;
   };
-  EXPECT_EQ(files(treeSnapshot(at("zipped/t"))), files(treeSnapshot(at("src/t"))));
-  EXPECT_EQ(treeSnapshot(at("tarred/t")), treeSnapshot(at("src/t")));
+  EXPECT_EQ(files(archiveSnapshot(at("zipped/t"))), files(archiveSnapshot(at("src/t"))));
+  EXPECT_EQ(archiveSnapshot(at("tarred/t")), archiveSnapshot(at("src/t")));
   if (!GetParam()) {
-    EXPECT_EQ(treeSnapshot(at("zipped/t")), treeSnapshot(at("src/t")));
+    EXPECT_EQ(archiveSnapshot(at("zipped/t")), archiveSnapshot(at("src/t")));
   }
 }
 
@@ -124,7 +124,7 @@ TEST_P(ToolArchives, RmOfALinkWithATrailingSlashRemovesNothingThroughIt) {
   auto const result = sshfa({"rm", at("src/t/dlnk/")});
   EXPECT_EQ(result.status, kFailed);
   EXPECT_EQ(result.err, "sshfa: rm: cannot remove '" + at("src/t/dlnk/") + "': Not a directory\n");
-  EXPECT_EQ(treeSnapshot(at("src/t/sub")).size(), 2U);
+  EXPECT_EQ(archiveSnapshot(at("src/t/sub")).size(), 2U);
   EXPECT_EQ(readFile(at("src/t/sub/f")), "sub file\n");
   EXPECT_TRUE(fs::is_symlink(at("src/t/dlnk")));
 

@@ -25,7 +25,7 @@
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/FileAccessInterface.hpp"
-#include "tests/support/TreeSnapshot.hpp"
+#include "tests/support/ArchivableTree.hpp"
 #include "tests/unit/local/LocalTestSupport.hpp"
 
 namespace sshfa::testing::conformance {
@@ -49,7 +49,7 @@ class Backend {
   virtual void makeLink(std::string const& target, ustring const& link) = 0;  // makes the folders above
   [[nodiscard]] virtual bool present(ustring const& path) = 0;
   virtual void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) = 0;
-  // The tree of makeArchivableTree (tests/support/TreeSnapshot.hpp) at
+  // The tree of makeArchivableTree (tests/support/ArchivableTree.hpp) at
   // `root`, whose parent exists, and the snapshot of a tree.
   virtual void makeArchivableTree(ustring const& root) = 0;
   [[nodiscard]] virtual std::map<std::string, std::string> snapshot(ustring const& root) = 0;
@@ -98,7 +98,7 @@ class ThisMachineBackend : public Backend {
   }
   void makeArchivableTree(ustring const& root) override { sshfa::testing::makeArchivableTree(local::b(root)); }
   std::map<std::string, std::string> snapshot(ustring const& root) override {
-    return sshfa::testing::treeSnapshot(local::b(root));
+    return sshfa::testing::archiveSnapshot(local::b(root));
   }
   void shell(std::string const& command) override {
     if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);

@@ -14,8 +14,8 @@
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/platform/except/Exception.hpp"
 #include "sshfileaccess/platform/filesystem/FileSystem.hpp"
+#include "tests/support/ArchivableTree.hpp"
 #include "tests/support/LogCapture.hpp"
-#include "tests/support/TreeSnapshot.hpp"
 #include "tests/unit/local/ArchiveTestSupport.hpp"
 #include "tests/unit/local/LocalTestSupport.hpp"
 
@@ -25,9 +25,9 @@ using foundation::core::except::RuntimeError;
 using nimbal::remoteaccess::sshfileaccess::FileAccessException;
 using nimbal::remoteaccess::sshfileaccess::FileInfo;
 using nimbal::remoteaccess::sshfileaccess::LocalFileAccess;
+using sshfa::testing::archiveSnapshot;
 using sshfa::testing::LogCapture;
 using sshfa::testing::makeArchivableTree;
-using sshfa::testing::treeSnapshot;
 using namespace sshfa::testing::local;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -552,7 +552,7 @@ TEST_F(ArchiveTreeTest, RoundTripKeepsLinksEmptyFoldersModesAndTimes) {
   for (std::string const format : {"tar", "zip"}) {
     local.archiveTree(dir.uat("src/t"), dir.uat("t." + format), u(format));
     unpack(format, "t." + format, "out-" + format);
-    EXPECT_EQ(treeSnapshot(dir.at("out-" + format + "/t")), treeSnapshot(dir.at("src/t"))) << format;
+    EXPECT_EQ(archiveSnapshot(dir.at("out-" + format + "/t")), archiveSnapshot(dir.at("src/t"))) << format;
   }
 }
 
@@ -579,7 +579,7 @@ TEST_F(ArchiveTreeTest, ALinkIsStoredAsALinkAlsoWithATrailingSlash) {
 TEST_F(ArchiveTreeTest, ASingleFileIsStoredWithItsModeAndTime) {
   local.archiveTree(dir.uat("src/t/sub/f"), dir.uat("f.zip"), u"zip");
   local.unzip(dir.uat("f.zip"), dir.uat("out"));
-  EXPECT_EQ(treeSnapshot(dir.at("out/f")), treeSnapshot(dir.at("src/t/sub/f")));
+  EXPECT_EQ(archiveSnapshot(dir.at("out/f")), archiveSnapshot(dir.at("src/t/sub/f")));
 }
 
 TEST_F(ArchiveTreeTest, AMissingSourceFailsBeforeTheArchiveIsMade) {
@@ -614,7 +614,7 @@ TEST_F(ArchiveTreeTest, UnpackingAgainOverwritesWhatChanged) {
     std::filesystem::remove(dir.at(out + "/t/lnk"));
     writeBytes(dir.at(out + "/t/lnk"), "a file where the link was");
     unpack(format, "t." + format, out);
-    EXPECT_EQ(treeSnapshot(dir.at(out + "/t")), treeSnapshot(dir.at("src/t"))) << format;
+    EXPECT_EQ(archiveSnapshot(dir.at(out + "/t")), archiveSnapshot(dir.at("src/t"))) << format;
   }
 }
 

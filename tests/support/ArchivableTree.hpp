@@ -62,11 +62,12 @@ inline void makeArchivableTree(std::filesystem::path const& root) {
   setTimeAndMode(root, 981173110, 0755);
 }
 
-// Every path at or below `root` (the root itself as "."), in name order:
-// "dir MODE MTIME", "file MODE MTIME BYTES" or "link -> TARGET". Times in
-// whole seconds, which is what archives keep; a link's own time is left
-// out, since unzip does not restore it.
-inline std::map<std::string, std::string> treeSnapshot(std::filesystem::path const& root) {
+// What an archive must keep of every path at or below `root` (the root
+// itself as "."), in name order: "dir MODE MTIME", "file MODE MTIME BYTES" or
+// "link -> TARGET". Unlike treeSnapshot (TestFiles.hpp), times are in whole
+// seconds, which is what tar and zip keep, a link's own time is left out,
+// since unzip does not restore it, and the root is included.
+inline std::map<std::string, std::string> archiveSnapshot(std::filesystem::path const& root) {
   std::map<std::string, std::string> entries;
   auto describe = [&](std::filesystem::path const& path) {
     struct stat st {};
