@@ -187,7 +187,7 @@ struct TreeTransferOptions {
   // destination entries deleteExtraneous keeps; see Filter.hpp. Patterns
   // are matched against paths relative to the item's source folder; items
   // themselves are not filtered. Default: no rules, no cost.
-  Filter filter;
+  Filter filter{};
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
