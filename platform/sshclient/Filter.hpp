@@ -92,8 +92,9 @@
 //   before a shallower one. When none matches, the rules after gitignore()
 //   decide.
 // - Entries named ".git" are left out at every level.
-// - Not read: .git/info/exclude and git's core.excludesFile. A nested
-//   repository is entered like any folder (git lists it as one entry).
+// - Not read: .gitignore files above the folder being transferred,
+//   .git/info/exclude and git's core.excludesFile. A nested repository is
+//   entered like any folder (git lists it as one entry).
 
 #include <memory>
 #include <stdexcept>
