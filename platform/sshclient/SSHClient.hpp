@@ -28,6 +28,7 @@
 
 #include "sshfileaccess/export.hpp"
 #include "sshfileaccess/platform/i18n/ustring.hpp"
+#include "sshfileaccess/platform/sshclient/Filter.hpp"
 
 namespace foundation::sshclient {
 
@@ -193,12 +194,18 @@ struct TreeTransferOptions {
   // else is still copied. A link where the source has a folder is always
   // replaced, never followed.
   bool replaceInTheWay = false;
+  // Which entries below an item's source folder are taken (one left out is
+  // not listed; a folder left out is not read), and which extraneous
+  // destination entries deleteExtraneous keeps; see Filter.hpp. Patterns
+  // are matched against paths relative to the item's source folder; items
+  // themselves are not filtered. Default: no rules, no cost.
+  Filter filter{};
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
  public:
   CopyTreesCommand(std::vector<FileLocations> items, TransferDirection direction, TreeTransferOptions options = {})
-      : items_(std::move(items)), direction_(direction), options_(options) {}
+      : items_(std::move(items)), direction_(direction), options_(std::move(options)) {}
   [[nodiscard]] std::vector<FileLocations> const& getItems() const noexcept { return items_; }
   [[nodiscard]] TransferDirection getDirection() const noexcept { return direction_; }
   [[nodiscard]] TreeTransferOptions const& getOptions() const noexcept { return options_; }
