@@ -184,6 +184,11 @@ struct TreeTransferOptions {
   // Temporaries of the transfer's destinations left by other runs are
   // reused or removed.
   bool resume = false;
+  // A name a server lists that is not a plain name ("", ".", "..", or one
+  // holding '/' or NUL) is never joined to a path: it is skipped with a note
+  // in the report, no deletion runs, and the transfer fails once everything
+  // else is done. On: skipped with the note only.
+  bool ignoreSuspectNames = false;
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
@@ -313,6 +318,21 @@ class SSHFA_EXPORT SSHError : public std::runtime_error {
 
  private:
   Kind kind_;
+};
+
+// A tree transfer that failed: the message names the first failure (in
+// the order of the command's items); the report holds what was done until
+// the end, with its notes, and failures() every failure, one line each.
+class SSHFA_EXPORT TransferError : public SSHError {
+ public:
+  TransferError(std::string const& message, TreeTransferReport report, std::vector<std::string> failures)
+      : SSHError(Kind::Transfer, message), report_(std::move(report)), failures_(std::move(failures)) {}
+  [[nodiscard]] TreeTransferReport const& report() const noexcept { return report_; }
+  [[nodiscard]] std::vector<std::string> const& failures() const noexcept { return failures_; }
+
+ private:
+  TreeTransferReport report_;
+  std::vector<std::string> failures_;
 };
 
 // ---- the client --------------------------------------------------------------

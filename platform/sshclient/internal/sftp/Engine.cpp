@@ -21,6 +21,7 @@
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Protocol.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Paths.hpp"
 
 namespace foundation::sshclient::internal::sftp {
 
@@ -55,11 +56,7 @@ constexpr std::uint32_t kModeBits = 07777;
 
 std::string errnoText(int error) { return std::generic_category().message(error); }
 
-// `folder` + "/" + `name`, without doubling a separator the folder ends with.
-std::string joined(std::string const& folder, std::string_view name) {
-  if (!folder.empty() && folder.back() == '/') return folder + std::string(name);
-  return folder + "/" + std::string(name);
-}
+using transfer::joined;
 
 std::string withoutTrailingSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -269,6 +266,7 @@ enum class Op {
   PlaceLink,
   Destination,
   Probe,
+  Resolve,
   // re-runs
   FixAttributes,
   Delete,
@@ -339,6 +337,8 @@ struct ListNode {
   bool temporariesOnly = false;  // a folder above the destinations: only our temporaries count
   std::string real;              // its canonical path, when following links
   std::string handle;
+  bool sawDot = false;  // its listing's "." and "..": once each is the rule
+  bool sawDotDot = false;
 };
 
 // An entry of a destination tree, as listed before anything changes.
@@ -483,6 +483,8 @@ class Engine {
 
   // ---- trees
   void plan();
+  void resolvePaths();
+  std::optional<std::string> remoteRealPath(std::string const& path);
   void addParents(std::size_t item, std::string const& destination);
   void addFolder(FolderWork folder);
   void planFailure(std::size_t item, std::string const& cause);
@@ -514,6 +516,7 @@ class Engine {
   void recordTemporary(std::string const& path, Attributes const& attributes);
   void listLocalTemporaries(std::string const& folder);
   void folderRead(std::size_t node);
+  bool acceptName(std::size_t node, std::string_view name);
   void decide();
   std::vector<std::string> claimTemporaries();
   void compareChecksums(std::vector<std::size_t> const& candidates, std::vector<bool>& unchanged);
@@ -582,7 +585,9 @@ class Engine {
   std::unordered_map<std::string, std::size_t> folderIndex_;  // into folders_
   std::vector<LinkWork> links_;
   std::vector<ListNode> nodes_;
-  std::vector<std::string> destinations_;  // of the items, folders resolved
+  std::vector<std::string> sources_;         // of the items, "." and ".." resolved
+  std::vector<std::string> destinations_;    // of the items, resolved, into folders joined
+  std::optional<std::string> resolvedPath_;  // the answer to the last Resolve
   std::vector<bool> intoFolder_;
   std::vector<std::size_t> foldersWaiting_;
   std::size_t foldersOpen_ = 0;
@@ -599,6 +604,9 @@ class Engine {
   std::vector<FileWork> skipped_;
   std::vector<std::string> deletions_;              // of the delete pass, by its requests' offsets
   std::unordered_set<std::string> changedFolders_;  // folders whose entries changed
+  // Names a server listed that were never joined to a path: each fails the
+  // transfer (unless accepted) and stops every deletion.
+  std::vector<std::pair<std::size_t, std::string>> suspects_;
 };
 
 // ---- driving -------------------------------------------------------------------
@@ -645,18 +653,22 @@ void Engine::run() {
     throw;
   }
   if (cancelled_) std::rethrow_exception(cancelled_);
+  failures_.insert(failures_.end(), suspects_.begin(), suspects_.end());
   reportProgress(true);
   if (trees_ == nullptr || !trees_->getOptions().dryRun) {
     report_.files = filesDone_;
     report_.bytes = bytesDone_;
   }
   if (!failures_.empty()) {
-    auto const first = std::min_element(failures_.begin(), failures_.end());
-    auto message = first->second;
+    std::sort(failures_.begin(), failures_.end());
+    auto message = failures_.front().second;
     if (auto const more = failures_.size() - 1; more > 0) {
       message += " (and " + std::to_string(more) + (more == 1 ? " more file" : " more files") + " failed)";
     }
-    throw SSHError(SSHError::Kind::Transfer, message);
+    std::vector<std::string> lines;
+    lines.reserve(failures_.size());
+    for (auto& failure : failures_) lines.push_back(std::move(failure.second));
+    throw TransferError(message, report_, std::move(lines));
   }
 }
 
@@ -785,6 +797,11 @@ void Engine::dispatch(Pending const& pending, Reply const& reply) {
       return;
     case Op::Delete:
       return onDeleted(pending, reply);
+    case Op::Resolve:
+      if (reply.type == PacketType::Name && reply.names.size() == 1) {
+        resolvedPath_ = std::string(reply.names.front().filename);
+      }
+      return;
     default:
       break;
   }
@@ -969,10 +986,8 @@ void Engine::abandon() noexcept {
 // ---- trees -------------------------------------------------------------------
 
 std::string Engine::describePair(std::size_t item) const {
-  auto const& pair = trees_->getItems()[item];
-  auto const& resolved = destinations_[item];
-  auto const local = upload_ ? fl::i18n::ustring_to_utf8(pair.localPath) : resolved;
-  auto const remote = upload_ ? resolved : fl::i18n::ustring_to_utf8(pair.remotePath);
+  auto const& local = upload_ ? sources_[item] : destinations_[item];
+  auto const& remote = upload_ ? destinations_[item] : sources_[item];
   if (upload_) return "cannot upload " + quoted(local) + " to " + quoted(remote) + " on " + peer_ + ": ";
   return "cannot download " + quoted(remote) + " from " + peer_ + " to " + quoted(local) + ": ";
 }
@@ -1179,7 +1194,7 @@ void Engine::onListing(Pending const& pending, Reply const& reply) {
       case Op::ReadFolder:
         if (reply.type != PacketType::Name) return folderRead(index);
         for (auto const& entry : reply.names) {
-          if (entry.filename == "." || entry.filename == "..") continue;
+          if (!acceptName(index, entry.filename)) continue;
           if (nodes_[index].temporariesOnly) {
             recordTemporary(nodes_[index].source + std::string(entry.filename), entry.attributes);
             continue;
@@ -1245,7 +1260,7 @@ void Engine::onListing(Pending const& pending, Reply const& reply) {
         auto const folderSource = node.source;
         auto const folderDestination = node.destination;
         for (auto const& entry : reply.names) {
-          if (entry.filename == "." || entry.filename == "..") continue;
+          if (!acceptName(index, entry.filename)) continue;
           auto source = joined(folderSource, entry.filename);
           auto destination = joined(folderDestination, entry.filename);
           if (trees_->getOptions().followLinks && entry.attributes.isSymlink()) {
@@ -1287,14 +1302,65 @@ void Engine::folderRead(std::size_t node) {
   }
 }
 
+// A listed name is joined to its folder only when it is a plain name. The
+// one "." and ".." of each listing are dropped silently; any other suspect
+// name is skipped with a note naming it and its folder.
+bool Engine::acceptName(std::size_t node, std::string_view name) {
+  auto& folder = nodes_[node];
+  if (name == "." && !std::exchange(folder.sawDot, true)) return false;
+  if (name == ".." && !std::exchange(folder.sawDotDot, true)) return false;
+  if (!transfer::suspectName(name)) return true;
+  auto const where = quoted(std::string(name)) + " listed in " + quoted(folder.source);
+  report_.notes.push_back(fl::i18n::utf8_to_ustring("skipped the suspect name " + where + " by " + peer_));
+  if (!trees_->getOptions().ignoreSuspectNames) {
+    suspects_.emplace_back(folder.item, describePair(folder.item) + "suspect name " + where + " (skipped)");
+  }
+  return false;
+}
+
+std::optional<std::string> Engine::remoteRealPath(std::string const& path) {
+  resolvedPath_.reset();
+  connection_.writer().realpath(track(nullptr, Op::Resolve), path);
+  drain();
+  return std::exchange(resolvedPath_, std::nullopt);
+}
+
+// "." and ".." in a caller's path are resolved before anything is planned,
+// so that a source's own name and the root below which a mirror deletes come
+// from the real folders, never from the text.
+void Engine::resolvePaths() {
+  auto const& items = trees_->getItems();
+  sources_.reserve(items.size());
+  destinations_.reserve(items.size());
+  int localError = 0;
+  auto const localReal = [&localError](std::string const& path) -> std::optional<std::string> {
+    std::unique_ptr<char, decltype(&::free)> const real(::realpath(path.c_str(), nullptr), &::free);
+    if (!real) {
+      localError = errno;
+      return std::nullopt;
+    }
+    return std::string(real.get());
+  };
+  auto const remoteReal = [this](std::string const& path) { return remoteRealPath(path); };
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    auto const local = fl::i18n::ustring_to_utf8(items[i].localPath);
+    auto const remote = fl::i18n::ustring_to_utf8(items[i].remotePath);
+    auto const localResolved = transfer::resolved(local, localReal, upload_);
+    auto const remoteResolved = transfer::resolved(remote, remoteReal, !upload_);
+    sources_.push_back(upload_ ? localResolved.value_or(local) : remoteResolved.value_or(remote));
+    destinations_.push_back(upload_ ? remoteResolved.value_or(remote) : localResolved.value_or(local));
+    if (!localResolved) planFailure(i, "cannot resolve " + quoted(local) + ": " + errnoText(localError));
+    if (!remoteResolved) planFailure(i, "cannot resolve " + quoted(remote) + " on " + peer_ + ": No such file");
+  }
+}
+
 // Lists every source (remote ones over this session) into files_, folders_
 // and links_; totals are known afterwards.
 void Engine::plan() {
   auto const& items = trees_->getItems();
-  destinations_.reserve(items.size());
+  resolvePaths();
   intoFolder_.assign(items.size(), false);
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    destinations_.push_back(fl::i18n::ustring_to_utf8(upload_ ? items[i].remotePath : items[i].localPath));
+  for (std::size_t i = 0; i < items.size() && !stopping_; ++i) {
     if (!trees_->getOptions().intoFolders) continue;
     auto const& destination = destinations_.back();
     struct stat st {};
@@ -1308,8 +1374,7 @@ void Engine::plan() {
   }
   drain();
   for (std::size_t i = 0; i < items.size(); ++i) {
-    auto const source = fl::i18n::ustring_to_utf8(upload_ ? items[i].localPath : items[i].remotePath);
-    if (intoFolder_[i]) destinations_[i] = joined(destinations_[i], baseName(source));
+    if (intoFolder_[i]) destinations_[i] = joined(destinations_[i], baseName(sources_[i]));
     addParents(i, destinations_[i]);
   }
   // Remote destinations are listed while the local sources are.
@@ -1317,7 +1382,7 @@ void Engine::plan() {
     for (std::size_t i = 0; i < items.size(); ++i) listExisting(i, destinations_[i]);
   }
   for (std::size_t i = 0; i < items.size() && !stopping_; ++i) {
-    auto source = fl::i18n::ustring_to_utf8(upload_ ? items[i].localPath : items[i].remotePath);
+    auto source = sources_[i];
     auto destination = destinations_[i];
     if (upload_) {
       std::vector<std::pair<dev_t, ino_t>> above;
@@ -1629,10 +1694,10 @@ void Engine::fixAttributes() {
 std::vector<std::string> Engine::extraneous() const {
   std::vector<std::string> entries;
   std::vector<std::string> folders;
-  if (!trees_->getOptions().deleteExtraneous) return entries;
+  if (!trees_->getOptions().deleteExtraneous || !suspects_.empty()) return entries;
   for (auto const& [path, entry] : existing_) {
     if (!sourceIsFolder_[entry.item] || sourceNames_.contains(path)) continue;
-    if (path == withoutTrailingSlashes(destinations_[entry.item])) continue;
+    if (!transfer::strictlyBelow(destinations_[entry.item], path)) continue;
     (entry.type == modebits::kDirectory ? folders : entries).push_back(path);
   }
   std::sort(entries.begin(), entries.end());
