@@ -47,6 +47,8 @@ char const* actionName(ssh::PlannedChange::Action action) {
       return "mkdir";
     case ssh::PlannedChange::Action::Delete:
       return "delete";
+    case ssh::PlannedChange::Action::Replace:
+      return "replace";
   }
   return "?";
 }
