@@ -19,6 +19,19 @@ enum Kind : std::uint32_t { kOpen, kRead, kLink, kFollow, kExamine, kExamineLink
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
+// A name for a message: a NUL byte would end it.
+std::string shown(std::string_view name) {
+  std::string out;
+  for (char const c : name) {
+    if (c == '\0') {
+      out += "\\0";
+    } else {
+      out += c;
+    }
+  }
+  return quoted(out);
+}
+
 }  // namespace
 
 struct RemoteLister::Folder {
@@ -151,7 +164,7 @@ void RemoteLister::takeNames(Folder& folder, Reply const& reply) {
     if (name.filename == "." && !std::exchange(folder.sawDot, true)) continue;
     if (name.filename == ".." && !std::exchange(folder.sawDotDot, true)) continue;
     if (suspectName(name.filename)) {
-      folder.listing.suspects.push_back(quoted(name.filename) + " listed in " + quoted(folder.path));
+      folder.listing.suspects.push_back(shown(name.filename) + " listed in " + quoted(folder.path));
       continue;
     }
     auto entry = entryFromAttributes(std::string(name.filename), name.attributes);
@@ -177,6 +190,17 @@ void RemoteLister::settle(Folder& folder) {
     entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(*index));
   }
   folder.listing.sort();
+  // A name listed twice is a lie of the server's: neither is taken.
+  auto& sorted = folder.listing.entries;
+  for (auto first = sorted.begin(); first != sorted.end();) {
+    auto const last = std::find_if(first, sorted.end(), [&](Entry const& entry) { return entry.name != first->name; });
+    if (last - first > 1) {
+      folder.listing.suspects.push_back(quoted(first->name) + " listed twice in " + quoted(folder.path));
+      first = sorted.erase(first, last);
+    } else {
+      first = last;
+    }
+  }
   auto listing = std::move(folder.listing);
   auto* const cookie = folder.cookie;
   folders_.erase(&folder);

@@ -20,7 +20,7 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
   std::vector<std::string> remotePaths;
   remotePaths.reserve(names.size());
   for (auto const& name : names) {
-    remotePaths.push_back(upload_ ? destinationPathOf(folder, name) : sourcePathOf(folder, name));
+    remotePaths.push_back(upload_ ? target(folder, name) : sourcePathOf(folder, name));
   }
   std::vector<std::optional<std::string>> remoteHashes;
   remoteHashes.reserve(names.size());
@@ -38,7 +38,7 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
   }
   for (std::size_t k = 0; k < names.size() && !stopping_; ++k) {
     if (!remoteHashes[k]) continue;
-    auto const local = upload_ ? sourcePathOf(folder, names[k]) : destinationPathOf(folder, names[k]);
+    auto const local = upload_ ? sourcePathOf(folder, names[k]) : target(folder, names[k]);
     try {
       answers[names[k]] = sha256OfLocalFile(local) == *remoteHashes[k];
     } catch (SSHError const&) {
@@ -52,8 +52,8 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
 // A temporary continues only when its bytes are the source's first bytes:
 // SHA-256 of that prefix on both sides.
 bool TreeTransfer::verifyResume(Folder const& folder, Action const& action) {
-  auto const remotePath = upload_ ? destinationPathOf(folder, action.temporary) : sourcePathOf(folder, action.name);
-  auto const localPath = upload_ ? sourcePathOf(folder, action.name) : destinationPathOf(folder, action.temporary);
+  auto const remotePath = upload_ ? target(folder, action.temporary) : sourcePathOf(folder, action.name);
+  auto const localPath = upload_ ? sourcePathOf(folder, action.name) : target(folder, action.temporary);
   auto const output = remoteOutput(remotePrefixHashCommand(remotePath, action.resumeFrom));
   std::optional<std::string> remote;
   std::optional<std::string> local;

@@ -22,7 +22,7 @@ void TreeTransfer::removeExtras(Folder& folder) {
   for (std::size_t i = 0; i < folder.plan.actions.size(); ++i) {
     auto const& action = folder.plan.actions[i];
     if (action.step != Step::Delete) continue;
-    auto const path = destinationPathOf(folder, action.name);
+    auto const path = target(folder, action.name);
     bool const isFolder = action.existing->type == EntryType::Folder;
     if (upload_) {
       if (isFolder) {
@@ -63,11 +63,11 @@ void TreeTransfer::removeExtras(Folder& folder) {
 void TreeTransfer::replaceFolder(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
   folder.replaced.insert(index);
-  if (upload_) return removeTree(folder, destinationPathOf(folder, action.name), index);
+  if (upload_) return removeTree(folder, target(folder, action.name), index);
   std::size_t removed = 0;
   if (auto const error = folder.local->removeTree(action.name, removed); error != 0 && error != ENOENT) {
-    return fail(folder, describePair(folder.item) + "cannot replace " + quoted(destinationPathOf(folder, action.name)) +
-                            ": " + errnoText(error));
+    return fail(folder, describePair(folder.item) + "cannot replace " + quoted(target(folder, action.name)) + ": " +
+                            errnoText(error));
   }
   report_.deleted += removed;
   act(folder, index);
@@ -99,7 +99,7 @@ void TreeTransfer::removalListed(Removal& removal, Listing const& listing) {
     fail(folder, describePair(folder.item) + "suspect name " + where + " (skipped)");
   }
   for (auto const& entry : listing.entries) {
-    auto const path = joined(removal.path, entry.name);
+    auto const path = inside(folder.item, joined(removal.path, entry.name));
     if (entry.type == EntryType::Folder) {
       auto child = std::make_unique<Removal>();
       child->folder = &folder;

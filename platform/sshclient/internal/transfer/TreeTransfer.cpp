@@ -255,7 +255,7 @@ void TreeTransfer::carryOut(Folder& folder) {
 
 void TreeTransfer::act(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   switch (action.step) {
     case Step::RemoveTemporary:
       if (dryRun_) return;
@@ -302,7 +302,7 @@ void TreeTransfer::addChild(Folder& parent, std::size_t index, bool fresh) {
   child->item = parent.item;
   child->parent = &parent;
   child->source = sourcePathOf(parent, action.name);
-  child->destination = destinationPathOf(parent, action.name);
+  child->destination = target(parent, action.name);
   child->self = *action.source;
   if (!fresh && action.existing != nullptr && action.existing->type == EntryType::Folder) {
     child->existing = *action.existing;
@@ -354,7 +354,7 @@ bool TreeTransfer::loops(Folder& folder) {
 
 void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   if (action.replace) {
     ++report_.replaced;
     if (dryRun_) plan(Change::Replace, path, 0);
@@ -384,7 +384,7 @@ void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
 
 void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   if (action.replace && !folder.replaced.contains(index)) {
     ++report_.replaced;
     if (dryRun_) {
@@ -396,16 +396,16 @@ void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
   ++report_.links;
   if (dryRun_) return plan(Change::Link, path, 0);
   auto const temp = randomTemporaryName(action.name, random_);
-  auto const& target = *action.source->linkTarget;
+  auto const& text = *action.source->linkTarget;
   if (upload_) {
-    auto const tempPath = destinationPathOf(folder, temp);
+    auto const tempPath = target(folder, temp);
     folder.outstanding += 2;
     folder.temporaries[index] = tempPath;
-    session_.symlink({this, kMakeLink, &folder, index}, target, tempPath);
+    session_.symlink({this, kMakeLink, &folder, index}, text, tempPath);
     session_.rename({this, kPlaceLink, &folder, index}, tempPath, path);
     return;
   }
-  if (auto const error = folder.local->makeLink(target, temp); error != 0) {
+  if (auto const error = folder.local->makeLink(text, temp); error != 0) {
     --report_.links;
     return fail(folder, describePair(folder.item) + "cannot make the link " + quoted(path) + ": " + errnoText(error));
   }
@@ -419,7 +419,7 @@ void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
 
 void TreeTransfer::fixAttributes(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   ++report_.skipped;
   if (dryRun_) return plan(Change::Skip, path, action.source->size);
   auto const wanted = kept(*action.source, settings_);
@@ -436,7 +436,7 @@ void TreeTransfer::fixAttributes(Folder& folder, std::size_t index) {
 
 void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   auto const& source = *action.source;
   if (action.replace && !folder.replaced.contains(index)) {
     ++report_.replaced;
@@ -463,7 +463,7 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
     } else if (!dryRun_) {
       // Not the source's beginning: it goes, and the file starts over.
       if (upload_) {
-        session_.remove(sftp::SftpSession::ignored(), destinationPathOf(folder, action.temporary));
+        session_.remove(sftp::SftpSession::ignored(), target(folder, action.temporary));
       } else {
         folder.local->removeFile(action.temporary);
       }
@@ -514,7 +514,7 @@ void TreeTransfer::onReply(Ticket const& ticket, Reply const& reply) {
 
 void TreeTransfer::onFolderReply(Folder& folder, Ticket const& ticket, Reply const& reply) {
   auto const index = static_cast<std::size_t>(ticket.offset);
-  auto const pathOf = [&] { return destinationPathOf(folder, folder.plan.actions[index].name); };
+  auto const pathOf = [&] { return target(folder, folder.plan.actions[index].name); };
   switch (ticket.kind) {
     case kResolveFolder:
       if (reply.type != PacketType::Name || reply.names.size() != 1) {
@@ -648,6 +648,18 @@ void TreeTransfer::fail(Folder& folder, std::string const& message) {
 
 void TreeTransfer::plan(Change action, std::string const& path, std::uint64_t bytes) {
   report_.plan.push_back({action, fl::i18n::utf8_to_ustring(path), bytes});
+}
+
+std::string TreeTransfer::target(Folder const& folder, std::string const& name) const {
+  return inside(folder.item, folder.destination.empty() ? name : joined(folder.destination, name));
+}
+
+std::string const& TreeTransfer::inside(std::size_t item, std::string const& path) const {
+  auto const& root = roots_[item].destination;
+  if (path != root && !strictlyBelow(root, path)) {
+    throw std::logic_error("refusing to change " + quoted(path) + ": outside the destination " + quoted(root));
+  }
+  return path;
 }
 
 std::string TreeTransfer::where(std::string const& path) const {

@@ -104,10 +104,6 @@ struct TreeTransfer::Root {
 
 inline std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
-inline std::string destinationPathOf(TreeTransfer::Folder const& folder, std::string const& name) {
-  return folder.destination.empty() ? name : joined(folder.destination, name);
-}
-
 inline std::string sourcePathOf(TreeTransfer::Folder const& folder, std::string const& name) {
   return folder.aboveRoot ? folder.rootSource : joined(folder.source, name);
 }
