@@ -54,6 +54,8 @@ struct RemoteLister::Reading {
   void* cookie = nullptr;
   std::string handle;
   std::string text;
+  std::uint64_t limit = kMaxFileRead;
+  bool prefix = false;  // the first `limit` bytes are the answer
 };
 
 struct RemoteLister::Examined {
@@ -101,9 +103,11 @@ void RemoteLister::examine(std::string const& path, bool follow, void* cookie) {
   }
 }
 
-void RemoteLister::readFile(std::string const& path, void* cookie) {
+void RemoteLister::readFile(std::string const& path, void* cookie, std::optional<std::uint64_t> prefix) {
   auto reading = std::make_unique<Reading>();
   reading->cookie = cookie;
+  reading->prefix = prefix.has_value();
+  reading->limit = prefix.value_or(kMaxFileRead);
   auto* const raw = reading.get();
   reading_.emplace(raw, std::move(reading));
   session_.open({this, kFileOpen, raw}, path, sftp::openflags::kRead, sftp::Attributes{});
@@ -122,11 +126,16 @@ void RemoteLister::onRead(Reading& reading, Ticket const& ticket, Reply const& r
     reading.handle = std::string(reply.handle);
   } else if (reply.type == PacketType::Data) {
     reading.text.append(reinterpret_cast<char const*>(reply.data.data()), reply.data.size());
-    if (reading.text.size() > kMaxFileRead) return finish(false);
+    if (reading.prefix && reading.text.size() >= reading.limit) {
+      reading.text.resize(reading.limit);
+      return finish(true);
+    }
+    if (reading.text.size() > reading.limit) return finish(false);
   } else {
-    return finish(reply.type == PacketType::Status && reply.status == StatusCode::Eof);
+    return finish(!reading.prefix && reply.type == PacketType::Status && reply.status == StatusCode::Eof);
   }
-  session_.read({this, kFileRead, &reading}, reading.handle, reading.text.size(), kFileChunk);
+  auto const rest = std::min<std::uint64_t>(kFileChunk, reading.limit + 1 - reading.text.size());
+  session_.read({this, kFileRead, &reading}, reading.handle, reading.text.size(), static_cast<std::uint32_t>(rest));
 }
 
 void RemoteLister::onReply(Ticket const& ticket, Reply const& reply) {

@@ -52,7 +52,8 @@ class RemoteLister final : public sftp::ReplyHandler {
   // One path: LSTAT, or STAT when `follow` (a link's text read after LSTAT).
   void examine(std::string const& path, bool follow, void* cookie);
   // A small file read whole (at most 1 MiB): OPEN, READ to the end, CLOSE.
-  void readFile(std::string const& path, void* cookie);
+  // With `prefix`: its first `prefix` bytes only (fewer: not read whole).
+  void readFile(std::string const& path, void* cookie, std::optional<std::uint64_t> prefix = std::nullopt);
   // Folders whose listing is not complete yet.
   [[nodiscard]] std::size_t busy() const noexcept { return folders_.size(); }
 

@@ -251,7 +251,13 @@ void TreeTransfer::folderListed(Folder& folder) {
 }
 
 void TreeTransfer::read(void* cookie, std::optional<std::string> text) {
-  auto& folder = *static_cast<Folder*>(static_cast<Cookie*>(cookie)->owner);
+  auto const& request = *static_cast<Cookie*>(cookie);
+  if (request.kind == Cookie::Kind::Prefix) {
+    prefix_ = std::move(text);
+    prefixRead_ = true;
+    return;
+  }
+  auto& folder = *static_cast<Folder*>(request.owner);
   --listing_;
   if (!text) fail(folder, describePair(folder.item) + "cannot read " + quoted(joined(folder.source, ".gitignore")));
   folder.rules = std::move(text).value_or(std::string());

@@ -113,7 +113,9 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   // ---- checks that read
   ChecksumAnswers compareChecksums(Folder const& folder, std::vector<std::string> const& names);
   bool verifyResume(Folder const& folder, Action const& action);
-  std::string remoteOutput(std::string const& command);
+  std::optional<std::string> remoteOutput(std::string const& command);
+  ChecksumAnswers bySizeAndTime(Folder const& folder, std::vector<std::string> const& names);
+  std::optional<std::string> readRemotePrefix(std::string const& path, std::uint64_t length);
 
   // ---- report
   void fail(std::size_t item, std::string const& message);
@@ -152,6 +154,11 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
 
   std::vector<Root> roots_;
   std::optional<std::string> resolved_;  // the answer to the last REALPATH of a root
+  bool shellUsable_ = true;              // false: the server allows SFTP only
+  bool checksumNoted_ = false;
+  std::optional<std::string> prefix_;  // the answer to readRemotePrefix
+  bool prefixRead_ = false;
+  std::unique_ptr<Cookie> prefixCookie_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> folders_;
   std::vector<Folder*> waiting_;  // not started yet; the last is next (depth first)
   std::size_t listing_ = 0;       // folders whose listings are in flight

@@ -35,7 +35,7 @@ enum TreeRequest : std::uint32_t {
 };
 
 struct TreeTransfer::Cookie {
-  enum class Kind { Source, Destination, Rules, Removal, RootSource, RootDestination };
+  enum class Kind { Source, Destination, Rules, Prefix, Removal, RootSource, RootDestination };
   Kind kind;
   void* owner;
 };
