@@ -45,7 +45,9 @@ std::optional<std::string> FileCopier::current() const {
 
 void FileCopier::poll() {
   // Finished files make room for new ones.
-  std::erase_if(jobs_, [](auto const& job) { return job->phase == Job::Phase::Done && job->pending == 0; });
+  if (std::exchange(reapable_, false)) {
+    std::erase_if(jobs_, [](auto const& job) { return job->phase == Job::Phase::Done && job->pending == 0; });
+  }
   auto maxOpen = std::max<std::size_t>(1, settings_.maxOpenFiles);
   if (!session_.limitsKnown()) {
     maxOpen = std::min(maxOpen, kFilesBeforeLimits);
@@ -71,12 +73,12 @@ void FileCopier::poll() {
       issueReads(*job);
     }
   }
-  std::erase_if(jobs_, [](auto const& job) { return job->phase == Job::Phase::Done && job->pending == 0; });
 }
 
 void FileCopier::onReply(Ticket const& ticket, Reply const& reply) {
   auto& job = *static_cast<Job*>(ticket.subject);
   --job.pending;
+  reapable_ = reapable_ || (job.phase == Job::Phase::Done && job.pending == 0);
   switch (ticket.kind) {
     case kOpen:
       return settings_.upload ? onUploadOpen(job, reply) : onDownloadAnswer(job, kOpen, reply);
@@ -178,6 +180,7 @@ void FileCopier::fail(Job& job, std::string const& cause) {
     job.aside.clear();
   }
   job.phase = Job::Phase::Done;
+  reapable_ = true;
   if (cancelled_) return;
   job.failure = describe(job) + cause;
   // A cause being looked into is named once its answer is in.
@@ -188,6 +191,7 @@ void FileCopier::complete(Job& job) {
   busy_.erase(busy_.find(job.task.destination));
   job.temp.clear();
   job.phase = Job::Phase::Done;
+  reapable_ = true;
   ++counters_.filesDone;
   if (job.resumed) ++counters_.resumed;
   observer_.fileDone(job.task);

@@ -119,6 +119,7 @@ struct FileCopier::Job {
 
   FileTask task;
   std::string folder;       // uploads: the destination's folder, with its '/'
+  std::string name;         // uploads: the destination's name
   std::string temp;         // the temporary (uploads: its path; downloads: its name), once created
   std::string opening;      // uploads: the temporary being created
   std::string aside;        // uploads: the old destination while it is moved aside

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "sshfileaccess/platform/sshclient/internal/transfer/FileCopyJob.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Paths.hpp"
@@ -19,7 +20,7 @@ using namespace copying;  // NOLINT(google-build-using-namespace): this room's o
 
 void FileCopier::startUpload(Job& job) {
   auto const& task = job.task;
-  job.folder = splitPath(task.destination).first;
+  std::tie(job.folder, job.name) = splitPath(task.destination);
   job.fd = UniqueFd(::open(task.source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!job.fd.valid()) return fail(job, "cannot open " + quoted(task.source) + ": " + errnoText(errno));
   struct stat st {};
@@ -50,7 +51,7 @@ void FileCopier::startUpload(Job& job) {
 
 void FileCopier::openRemoteTemp(Job& job) {
   ++job.tempAttempts;
-  auto const name = splitPath(job.task.destination).second;
+  auto const& name = job.name;
   // The first try bears the resumable name; a clash falls back to a random one.
   job.resumable = settings_.resume && job.tempAttempts == 1;
   job.opening =
@@ -220,7 +221,7 @@ void FileCopier::onInspect(Job& job, Reply const& reply) {
   if (!job.plainRename || !regular) {
     return fail(job, "cannot replace " + quoted(job.task.destination) + ": " + job.renameError);
   }
-  job.aside = job.folder + randomTemporaryName(splitPath(job.task.destination).second, random_);
+  job.aside = job.folder + randomTemporaryName(job.name, random_);
   ++job.pending;
   session_.rename({this, kMoveAside, &job}, job.task.destination, job.aside, false);
 }
