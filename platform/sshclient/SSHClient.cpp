@@ -51,6 +51,17 @@ ExecuteCommandResult SSHClient::executeCommand(ExecuteCommand command) {
   return {output.exitStatus, fl::i18n::utf8_to_ustring(output.out), fl::i18n::utf8_to_ustring(output.err)};
 }
 
+bool SSHClient::shellAvailable() {
+  if (std::optional<bool> const known = impl_->session_.shellFound()) return *known;
+  try {
+    impl_->runner_->probe();
+  } catch (SSHError const& error) {
+    if (error.kind() != SSHError::Kind::NoShell) throw;
+    return false;
+  }
+  return true;
+}
+
 int SSHClient::executeStreaming(ustring const& command, CommandStreams const& streams) {
   return internal::runStreaming(impl_->session_, fl::i18n::ustring_to_utf8(command), streams);
 }

@@ -9,7 +9,10 @@
 // Errors: every failure is an SSHError (a std::runtime_error) with a kind and
 // a message naming user@host:port and the cause. No call waits forever: while
 // waiting on the server the client sends keepalive@openssh.com every
-// keep-alive interval and gives up after three unanswered in a row.
+// keep-alive interval and gives up after three unanswered in a row. Once a
+// command finds that the server runs no shell for the account, every later
+// command fails at once with the same SSHError(NoShell), without asking the
+// server again.
 //
 // Thread-safety: one client must not be used from two threads at once.
 // executeCommand, copyFiles and the keep-alive operations are virtual so that
@@ -305,6 +308,9 @@ class SSHFA_EXPORT SSHError : public std::runtime_error {
     Transfer,
     Timeout,
     ConnectionLost,
+    // The server runs no shell for this account (it allows SFTP only, say):
+    // no command can run on this connection.
+    NoShell,
   };
 
   SSHError(Kind kind, std::string const& message) : std::runtime_error(message), kind_(kind) {}
@@ -348,8 +354,17 @@ class SSHFA_EXPORT SSHClient {
 
   // Runs the line with POSIX sh semantics whatever the login shell; returns
   // exit status, standard output and standard error. A command killed by a
-  // signal reports 128 + the signal number.
+  // signal reports 128 + the signal number. A command is run only when a
+  // shell of the server says so; anything else that answers (an SFTP server
+  // forced on the account, a refusal) is SSHError(NoShell), never a result.
   virtual ExecuteCommandResult executeCommand(ExecuteCommand command);
+
+  // Whether commands can run here (see executeCommand). Known once a command
+  // has run or failed for want of a shell, which holds for the connection;
+  // otherwise found out now, by starting what the next command needs (the
+  // persistent shell, or one command on an exec channel). Throws SSHError
+  // for other failures.
+  [[nodiscard]] virtual bool shellAvailable();
 
   // Runs the line as executeCommand does, but on a channel of its own,
   // handing output over as it arrives and feeding standard input; returns

@@ -146,6 +146,7 @@ bool isConnectionFailure(ssh::SSHError::Kind kind) {
       return true;
     case ssh::SSHError::Kind::Channel:
     case ssh::SSHError::Kind::Transfer:
+    case ssh::SSHError::Kind::NoShell:
       return false;
   }
   return false;
@@ -305,6 +306,7 @@ int dispatch(CLI::App const& app, Invocation& inv) {
     inv.file.args = {inv.firstOperand, inv.secondOperand};
   }
   if (inv.verbose) enableTrace();
+  inv.connection.traceShell = inv.verbose;
 
   if (name == "demo") {
     if (inv.local) throw UsageError("demo starts its own server; --local does not apply");
