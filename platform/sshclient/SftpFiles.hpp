@@ -6,7 +6,8 @@
 // is opened again by the next call. Every operation takes a list and sends
 // the requests of all its paths at once (as many as the server allows in
 // flight), so n paths cost about as many round trips as one path: one for a
-// query, one per folder level for trees. Answers come in input order.
+// query, one per folder level for trees. Answers come in input order; an
+// empty list asks nothing (and opens no channel).
 //
 // Paths and names are bytes exactly as the server has them; nothing is
 // decoded, normalised or quoted. A relative path is taken from the login
@@ -86,6 +87,12 @@ struct Tree {
 // the status of what it points to, listed like a folder (as ls -R does).
 enum class RootLinks { Kept, Followed };
 
+// Where a pair's destination that is an existing folder (or a link to one)
+// puts the source: the destination names the result itself (Exact), or the
+// folder receives the source under the source's own name, as cp and mv do
+// (IntoFolder).
+enum class Destination { Exact, IntoFolder };
+
 // A mutation that failed for some paths: failures() holds one line per path
 // and cause, in input order; what() joins them with line feeds.
 class SSHFA_EXPORT SftpError : public SSHError {
@@ -124,12 +131,12 @@ class SSHFA_EXPORT SftpFiles {
   virtual void remove(Paths const& paths) = 0;
   // Each pair (from, to) in order; with posix-rename@openssh.com (where
   // offered) an existing file at `to` is replaced, else the server refuses.
-  virtual void rename(PathPairs const& pairs) = 0;
+  virtual void rename(PathPairs const& pairs, Destination destination) = 0;
   // Sets the modification and access times of each path (links followed) to
   // `seconds` since the epoch (nullopt: now, by this machine's clock); a
   // missing file is created empty first.
   virtual void touch(Paths const& paths, std::optional<std::int64_t> seconds) = 0;
-  // Copies each pair's file, link (as a link) or folder tree to exactly its
+  // Copies each pair's file, link (as a link) or folder tree to its
   // destination, on the server: with copy-data where the server offers it,
   // else read and written through this client. A file goes to a temporary
   // beside its destination, renamed into place when complete; new files and
@@ -137,7 +144,7 @@ class SSHFA_EXPORT SftpFiles {
   // time of the copy. A folder merges into an existing folder. Pairs go in
   // order: a pair whose source is missing, or a folder copied into itself,
   // ends the list before it.
-  virtual void copy(PathPairs const& pairs) = 0;
+  virtual void copy(PathPairs const& pairs, Destination destination) = 0;
 
  protected:
   SftpFiles() = default;

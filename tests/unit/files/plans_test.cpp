@@ -77,6 +77,12 @@ TEST(Plans, PairsThatTouchEachOtherGoInLaterRuns) {
   EXPECT_EQ(files::independentRuns(Pairs{}), (std::vector<std::size_t>{0}));
 }
 
+TEST(Plans, IntoAFolderUnderTheSourcesOwnName) {
+  EXPECT_EQ(files::intoFolder("/s/a.txt", "/d"), "/d/a.txt");
+  EXPECT_EQ(files::intoFolder("s/tree/", "/d/"), "/d/tree");
+  EXPECT_EQ(files::intoFolder("a", "d"), "d/a");
+}
+
 TEST(Plans, RemovalRefusesTheRootAndDotNames) {
   EXPECT_EQ(files::refusedRemoval("/"), "cannot remove '/': it is the root folder");
   EXPECT_EQ(files::refusedRemoval("///"), "cannot remove '///': it is the root folder");

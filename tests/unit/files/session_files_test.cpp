@@ -31,6 +31,8 @@ using ssh::FileKind;
 using ssh::FileStatus;
 using ssh::RootLinks;
 using ssh::SftpError;
+constexpr auto Exact = ssh::Destination::Exact;
+constexpr auto IntoFolder = ssh::Destination::IntoFolder;
 using Strings = std::vector<std::string>;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 using ::testing::HasSubstr;
@@ -384,7 +386,7 @@ TEST_F(SessionFilesTest, RenameKeepsTheOrderOfDependentPairsAndReplacesAFile) {
   write("a", "payload");
   write("old", "old");
   write("new", "new");
-  files_->rename({{at("a"), at("b")}, {at("b"), at("c")}, {at("new"), at("old")}});
+  files_->rename({{at("a"), at("b")}, {at("b"), at("c")}, {at("new"), at("old")}}, Exact);
   EXPECT_FALSE(fs::exists(at("a")));
   EXPECT_FALSE(fs::exists(at("b")));
   EXPECT_EQ(readFile(at("c")), "payload");
@@ -392,10 +394,24 @@ TEST_F(SessionFilesTest, RenameKeepsTheOrderOfDependentPairsAndReplacesAFile) {
 
   write("x", "x");
   EXPECT_EQ(failuresOf([&] {
-              files_->rename({{at("x"), at("nowhere/x")}, {at("nowhere/x"), at("y")}});
+              files_->rename({{at("x"), at("nowhere/x")}, {at("nowhere/x"), at("y")}}, Exact);
             }),
             (Strings{"cannot move '" + at("x") + "' to '" + at("nowhere/x") + "': No such file or directory"}));
   EXPECT_TRUE(fs::exists(at("x")));
+}
+
+TEST_F(SessionFilesTest, IntoAnExistingFolderTheSourceGoesUnderItsOwnName) {
+  write("a", "a");
+  write("t/x", "x");
+  fs::create_directory(at("d"));
+  fs::create_directory_symlink(at("d"), at("dl"));
+  files_->rename({{at("a"), at("d")}}, IntoFolder);
+  EXPECT_EQ(readFile(at("d/a")), "a");
+  files_->copy({{at("t/"), at("dl")}, {at("d/a"), at("new")}}, IntoFolder);
+  EXPECT_EQ(readFile(at("d/t/x")), "x");
+  EXPECT_EQ(readFile(at("new")), "a");
+  files_->rename({{at("new"), at("d/")}}, IntoFolder);
+  EXPECT_EQ(readFile(at("d/new")), "a");
 }
 
 TEST_F(SessionFilesTest, TouchSetsTimesAndMakesMissingFilesEmpty) {
@@ -461,7 +477,7 @@ TEST_P(SessionFilesCopyTest, CopiesFilesLinksAndTreesOnTheServer) {
   fs::create_symlink("sub/mid.bin", at("src/link"));
   write("dst/old", "old");
 
-  files_->copy({{at("src"), at("dst/tree")}, {at("src/one"), at("dst/old")}, {at("src/link"), at("dst/link")}});
+  files_->copy({{at("src"), at("dst/tree")}, {at("src/one"), at("dst/old")}, {at("src/link"), at("dst/link")}}, Exact);
   EXPECT_EQ(snapshot(at("dst/tree")), snapshot(at("src")));
   EXPECT_EQ(readFile(at("dst/old")), "1");
   EXPECT_EQ(permissionsOf(at("dst/tree/one")), 0640U);
@@ -479,7 +495,7 @@ TEST_P(SessionFilesCopyTest, CopiesFilesLinksAndTreesOnTheServer) {
 
   // Into an existing folder the tree merges.
   write("more/extra", "e");
-  files_->copy({{at("more"), at("dst/tree")}});
+  files_->copy({{at("more"), at("dst/tree")}}, Exact);
   EXPECT_EQ(readFile(at("dst/tree/extra")), "e");
   EXPECT_EQ(readFile(at("dst/tree/one")), "1");
 }
@@ -489,28 +505,28 @@ TEST_P(SessionFilesCopyTest, AListStopsBeforeAPairThatCannotBeCopied) {
   write("three", "3");
   write("t/in", "i");
   EXPECT_EQ(failuresOf([&] {
-              files_->copy({{at("one"), at("out1")}, {at("missing"), at("out2")}, {at("three"), at("out3")}});
+              files_->copy({{at("one"), at("out1")}, {at("missing"), at("out2")}, {at("three"), at("out3")}}, Exact);
             }),
             (Strings{"cannot stat '" + at("missing") + "': No such file or directory"}));
   EXPECT_EQ(readFile(at("out1")), "1");
   EXPECT_FALSE(fs::exists(at("out3")));
 
   EXPECT_EQ(failuresOf([&] {
-              files_->copy({{at("t"), at("t/sub")}});
+              files_->copy({{at("t"), at("t/sub")}}, Exact);
             }),
             (Strings{"cannot copy a directory, '" + at("t") + "', into itself, '" + at("t/sub") + "'"}));
   EXPECT_FALSE(fs::exists(at("t/sub")));
   EXPECT_EQ(failuresOf([&] {
-              files_->copy({{at("one"), at("./one")}});
+              files_->copy({{at("one"), at("./one")}}, Exact);
             }),
             (Strings{"'" + at("one") + "' and '" + at("./one") + "' are the same file"}));
   EXPECT_EQ(readFile(at("one")), "1");
   EXPECT_EQ(failuresOf([&] {
-              files_->copy({{at("t"), at("one")}});
+              files_->copy({{at("t"), at("one")}}, Exact);
             }),
             (Strings{"cannot overwrite non-directory '" + at("one") + "' with directory '" + at("t") + "'"}));
   EXPECT_EQ(failuresOf([&] {
-              files_->copy({{at("one"), at("t")}});
+              files_->copy({{at("one"), at("t")}}, Exact);
             }),
             (Strings{"cannot overwrite directory '" + at("t") + "' with non-directory"}));
 }
@@ -518,7 +534,7 @@ TEST_P(SessionFilesCopyTest, AListStopsBeforeAPairThatCannotBeCopied) {
 TEST_P(SessionFilesCopyTest, AFileThatCannotBeWrittenIsNamedWithTheCause) {
   write("src", "data");
   EXPECT_EQ(failuresOf([&] {
-              files_->copy({{at("src"), at("nofolder/f")}});
+              files_->copy({{at("src"), at("nofolder/f")}}, Exact);
             }),
             (Strings{"cannot create regular file '" + at("nofolder/f") + "': No such file or directory"}));
   EXPECT_FALSE(fs::exists(at("nofolder")));

@@ -105,6 +105,12 @@ std::vector<std::size_t> independentRuns(SftpFiles::PathPairs const& pairs) {
   return starts;
 }
 
+std::string intoFolder(std::string_view source, std::string_view folder) {
+  auto const trimmed = withoutTrailingSlashes(source);
+  auto const slash = trimmed.rfind('/');
+  return transfer::joined(folder, slash == std::string::npos ? trimmed : trimmed.substr(slash + 1));
+}
+
 std::optional<std::string> refusedRemoval(std::string_view path) {
   if (!path.empty() && path.find_first_not_of('/') == std::string_view::npos) {
     return "cannot remove '" + std::string(path) + "': it is the root folder";

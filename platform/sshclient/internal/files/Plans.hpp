@@ -43,6 +43,10 @@ namespace foundation::sshclient::internal::files {
 // pair of the current run (a -> b, then b -> c). Always starts with 0.
 [[nodiscard]] std::vector<std::size_t> independentRuns(SftpFiles::PathPairs const& pairs);
 
+// Where `source` goes in the existing folder `folder`: under its own (last)
+// name, as cp and mv put it.
+[[nodiscard]] std::string intoFolder(std::string_view source, std::string_view folder);
+
 // Why remove refuses `path`, or nullopt: "/" (any number of slashes), and
 // a path whose last name is "." or "..".
 [[nodiscard]] std::optional<std::string> refusedRemoval(std::string_view path);

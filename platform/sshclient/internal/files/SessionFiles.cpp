@@ -529,20 +529,37 @@ void removeAll(Work& work, Paths const& paths) {
   failures.throwIfAny();
 }
 
-void renameAll(Work& work, PathPairs const& pairs) {
+// The pairs [first, last) with each destination that is an existing folder
+// replaced by the place in it that the source takes (Destination::IntoFolder).
+PathPairs placed(Work& work, PathPairs const& pairs, std::size_t first, std::size_t last, Destination destination) {
+  PathPairs run(pairs.begin() + static_cast<std::ptrdiff_t>(first), pairs.begin() + static_cast<std::ptrdiff_t>(last));
+  if (destination == Destination::Exact) return run;
+  Paths destinations;
+  for (auto const& pair : run) destinations.push_back(pair.second);
+  auto const statuses = statAll(work, destinations, true);
+  for (std::size_t i = 0; i < run.size(); ++i) {
+    if (statuses[i].kind == FileKind::Folder) run[i].second = intoFolder(run[i].first, run[i].second);
+  }
+  return run;
+}
+
+void renameAll(Work& work, PathPairs const& pairs, Destination destination) {
   Failures failures;
   auto starts = independentRuns(pairs);
   starts.push_back(pairs.size());
   // A run goes only when the ones before it went well: a later pair may
   // depend on an earlier one.
   for (std::size_t run = 0; run + 1 < starts.size() && !failures.any(); ++run) {
-    for (auto k = starts[run]; k < starts[run + 1]; ++k) {
+    auto const first = starts[run];
+    auto const jobs = placed(work, pairs, first, starts[run + 1], destination);
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
       work.request.makeRoom();
-      work.session.rename(work.request([&, k](Reply const& reply) {
+      work.session.rename(work.request([&, i](Reply const& reply) {
         if (statusOf(reply, "RENAME") == StatusCode::Ok) return;
-        failures.add(k, filled("cannot move '{}' to '{}': {}", {pairs[k].first, pairs[k].second, causeOf(reply)}));
+        failures.add(first + i,
+                     filled("cannot move '{}' to '{}': {}", {jobs[i].first, jobs[i].second, causeOf(reply)}));
       }),
-                          pairs[k].first, pairs[k].second);
+                          jobs[i].first, jobs[i].second);
     }
     work.request.finish();
   }
@@ -854,8 +871,9 @@ std::optional<std::string> refusedCopy(std::pair<std::string, std::string> const
   return std::nullopt;
 }
 
-// Copies pairs [first, last), all planned and checked already.
-void copyRun(Work& work, PathPairs const& pairs, std::size_t first, std::size_t last, std::vector<Tree> const& trees,
+// Copies the pairs [0, count) of `pairs` (the first at position `first` of
+// the caller's list), all planned and checked already.
+void copyRun(Work& work, PathPairs const& pairs, std::size_t first, std::size_t count, std::vector<Tree> const& trees,
              std::vector<FileStatus> const& targets, Failures& failures) {
   std::map<std::size_t, std::vector<std::pair<std::string, std::uint32_t>>> levels;
   std::vector<FolderJob> folders;
@@ -880,10 +898,11 @@ void copyRun(Work& work, PathPairs const& pairs, std::size_t first, std::size_t 
         break;
     }
   };
-  for (auto k = first; k < last; ++k) {
-    auto const& [source, destination] = pairs[k];
-    auto const& tree = trees[k - first];
-    if (!(tree.root.kind == FileKind::Folder && targets[k - first].kind == FileKind::Folder)) {
+  for (std::size_t i = 0; i < count; ++i) {
+    auto const k = first + i;
+    auto const& [source, destination] = pairs[i];
+    auto const& tree = trees[i];
+    if (!(tree.root.kind == FileKind::Folder && targets[i].kind == FileKind::Folder)) {
       take(k, source, destination, tree.root, 0);
     }
     for (auto const& entry : tree.entries) {
@@ -956,28 +975,29 @@ void copyRun(Work& work, PathPairs const& pairs, std::size_t first, std::size_t 
   work.request.finish();
 }
 
-void copyAll(Work& work, PathPairs const& pairs) {
+void copyAll(Work& work, PathPairs const& pairs, Destination destination) {
   Failures failures;
   auto starts = independentRuns(pairs);
   starts.push_back(pairs.size());
   for (std::size_t run = 0; run + 1 < starts.size() && !failures.any(); ++run) {
     auto const first = starts[run];
-    auto last = starts[run + 1];
+    auto const jobs = placed(work, pairs, first, starts[run + 1], destination);
     Paths sources;
     Paths destinations;
-    for (auto k = first; k < last; ++k) {
-      sources.push_back(pairs[k].first);
-      destinations.push_back(pairs[k].second);
+    for (auto const& [source, target] : jobs) {
+      sources.push_back(source);
+      destinations.push_back(target);
     }
     auto const trees = walkTrees(work, sources, RootLinks::Kept);
     auto const targets = statAll(work, destinations, false);
     std::optional<std::string> refusal;
-    for (auto k = first; k < last && !refusal; ++k) {
-      refusal = refusedCopy(pairs[k], trees[k - first], targets[k - first]);
-      if (refusal) last = k;
+    auto count = jobs.size();
+    for (std::size_t i = 0; i < jobs.size() && !refusal; ++i) {
+      refusal = refusedCopy(jobs[i], trees[i], targets[i]);
+      if (refusal) count = i;
     }
-    copyRun(work, pairs, first, last, trees, targets, failures);
-    if (refusal) failures.add(last, std::move(*refusal));
+    copyRun(work, jobs, first, count, trees, targets, failures);
+    if (refusal) failures.add(first + count, std::move(*refusal));
   }
   failures.throwIfAny();
 }
@@ -1012,18 +1032,21 @@ void SessionFiles::run(std::function<void(Call&)> const& body) {
 
 std::vector<FileStatus> SessionFiles::lstat(Paths const& paths) {
   std::vector<FileStatus> out;
+  if (paths.empty()) return out;
   run([&](Work& work) { out = statAll(work, paths, false); });
   return out;
 }
 
 std::vector<FileStatus> SessionFiles::stat(Paths const& paths) {
   std::vector<FileStatus> out;
+  if (paths.empty()) return out;
   run([&](Work& work) { out = statAll(work, paths, true); });
   return out;
 }
 
 std::vector<FolderListing> SessionFiles::list(Paths const& folders) {
   std::vector<FolderListing> out(folders.size());
+  if (folders.empty()) return out;
   run([&](Work& work) {
     Lister lister(work, [&](Listed&& done) { out[done.tag] = std::move(done.listing); });
     for (std::size_t i = 0; i < folders.size(); ++i) lister.add(i, folders[i]);
@@ -1034,40 +1057,48 @@ std::vector<FolderListing> SessionFiles::list(Paths const& folders) {
 
 std::vector<Tree> SessionFiles::walk(Paths const& roots, RootLinks rootLinks) {
   std::vector<Tree> out;
+  if (roots.empty()) return out;
   run([&](Work& work) { out = walkTrees(work, roots, rootLinks); });
   return out;
 }
 
 std::vector<std::optional<std::string>> SessionFiles::readlink(Paths const& paths) {
   std::vector<std::optional<std::string>> out;
+  if (paths.empty()) return out;
   run([&](Work& work) { out = namesOf(work, paths, true); });
   return out;
 }
 
 std::vector<std::optional<std::string>> SessionFiles::realpath(Paths const& paths) {
   std::vector<std::optional<std::string>> out;
+  if (paths.empty()) return out;
   run([&](Work& work) { out = namesOf(work, paths, false); });
   return out;
 }
 
 void SessionFiles::makeFolders(Paths const& paths) {
+  if (paths.empty()) return;
   run([&](Work& work) { makeFoldersOf(work, paths); });
 }
 
 void SessionFiles::remove(Paths const& paths) {
+  if (paths.empty()) return;
   run([&](Work& work) { removeAll(work, paths); });
 }
 
-void SessionFiles::rename(PathPairs const& pairs) {
-  run([&](Work& work) { renameAll(work, pairs); });
+void SessionFiles::rename(PathPairs const& pairs, Destination destination) {
+  if (pairs.empty()) return;
+  run([&](Work& work) { renameAll(work, pairs, destination); });
 }
 
 void SessionFiles::touch(Paths const& paths, std::optional<std::int64_t> seconds) {
+  if (paths.empty()) return;
   run([&](Work& work) { touchAll(work, paths, seconds); });
 }
 
-void SessionFiles::copy(PathPairs const& pairs) {
-  run([&](Work& work) { copyAll(work, pairs); });
+void SessionFiles::copy(PathPairs const& pairs, Destination destination) {
+  if (pairs.empty()) return;
+  run([&](Work& work) { copyAll(work, pairs, destination); });
 }
 
 }  // namespace foundation::sshclient::internal::files

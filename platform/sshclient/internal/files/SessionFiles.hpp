@@ -87,9 +87,9 @@ class SessionFiles final : public SftpFiles {
 
   void makeFolders(Paths const& paths) override;
   void remove(Paths const& paths) override;
-  void rename(PathPairs const& pairs) override;
+  void rename(PathPairs const& pairs, Destination destination) override;
   void touch(Paths const& paths, std::optional<std::int64_t> seconds) override;
-  void copy(PathPairs const& pairs) override;
+  void copy(PathPairs const& pairs, Destination destination) override;
 
   // Whether the link is open (for tests of its life).
   [[nodiscard]] bool linked() const noexcept { return link_ != nullptr; }
