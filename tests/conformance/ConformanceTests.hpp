@@ -51,6 +51,8 @@ class Backend {
   [[nodiscard]] virtual std::vector<ustring> listOfFile(ustring const& file) const = 0;
   [[nodiscard]] virtual bool untarCreatesMissingDestination() const = 0;
   [[nodiscard]] virtual bool unzipCreatesMissingDestination() const = 0;
+  // Why the backend runs no programs (so no archives), or empty.
+  [[nodiscard]] virtual std::string whyNoPrograms() const { return {}; }
 
  protected:
   Backend() = default;
@@ -88,6 +90,7 @@ class ThisMachineBackend : public Backend {
 
 struct BackendFactory {
   std::string name;
+  // Null: the backend cannot be had here, and the tests are skipped.
   std::function<std::unique_ptr<Backend>()> make;
 };
 
