@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <boost/date_time/posix_time/conversion.hpp>
-#include <boost/lexical_cast/bad_lexical_cast.hpp>
 #include <ctime>
 
-#include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/Utils.hpp"
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/SftpFiles.hpp"
@@ -26,30 +24,8 @@ class InterfaceQueries final : public Queries {
   std::vector<bool> isFile(PathList const& paths) override { return side_.isFile(paths); }
   std::vector<bool> isDir(PathList const& paths) override { return side_.isDir(paths); }
 
-  // All paths in one call. When the answer of the remote stat cannot be read
-  // (a name with a line feed breaks its line), each path is asked on its
-  // own, so that the failure names the path it belongs to and the others are
-  // still answered.
   StatAnswer stat(PathList const& paths) override {
-    StatAnswer answer;
-    answer.errors.assign(paths.size(), std::string());
-    try {
-      answer.infos = side_.getFileInfo(paths);
-      return answer;
-    } catch (sfa::FileAccessException const&) {
-    } catch (boost::bad_lexical_cast const&) {
-    }
-    answer.infos.resize(paths.size());
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-      try {
-        answer.infos[i] = side_.getFileInfo(paths[i]);
-      } catch (sfa::FileAccessException const& e) {
-        answer.errors[i] = unreadable(e.what());
-      } catch (boost::bad_lexical_cast const& e) {
-        answer.errors[i] = unreadable(e.what());
-      }
-    }
-    return answer;
+    return {side_.getFileInfo(paths), std::vector<std::string>(paths.size())};
   }
 
   // Folders cost one round trip, files and missing paths one more.
@@ -73,8 +49,6 @@ class InterfaceQueries final : public Queries {
   }
 
  private:
-  static std::string unreadable(std::string const& what) { return "the answer of stat cannot be read (" + what + ")"; }
-
   sfa::FileAccessInterface& side_;
 };
 
