@@ -77,8 +77,11 @@ std::vector<bool> whether(ssh::SftpFiles& files, FileAccessInterface::PathList c
 
 void noteSuspectNames(std::string const& folder, std::vector<std::string> const& names) {
   for (auto const& name : names) {
-    logRecord(kSwallowedErrorSeverity,
-              [&] { return "Left out a name that is not a plain name in '" + folder + "': '" + name + "'"; });
+    logRecord(kSwallowedErrorSeverity, [&] {
+      std::string text = "Left out a name that is not a plain name in '";
+      text.append(folder).append("': '").append(name).append("'");
+      return text;
+    });
   }
 }
 

@@ -179,6 +179,22 @@ std::vector<FileStatus> statAll(Work& work, Paths const& paths, bool followLinks
   return out;
 }
 
+// Starts the queued jobs, at most `limit` of them active at once (`active`
+// counts them; start() and the replies change it), and takes in replies
+// until every job is done.
+template <class Job, class Start>
+void runQueue(Work& work, std::deque<Job>& queue, std::size_t limit, std::size_t const& active, Start start) {
+  for (;;) {
+    while (active < limit && !queue.empty()) {
+      auto job = std::move(queue.front());
+      queue.pop_front();
+      start(std::move(job));
+    }
+    if (active == 0 && queue.empty()) break;
+    work.request.pump();
+  }
+}
+
 // One folder listed.
 struct Listed {
   std::size_t tag = 0;  // the caller's
@@ -198,15 +214,8 @@ class Lister {
   void add(std::size_t tag, std::string folder) { queue_.push_back({tag, std::move(folder)}); }
 
   void run() {
-    for (;;) {
-      while (open_ < work_.options.foldersOpen && !queue_.empty()) {
-        auto next = std::move(queue_.front());
-        queue_.pop_front();
-        start(next.first, std::move(next.second));
-      }
-      if (open_ == 0 && queue_.empty()) break;
-      work_.request.pump();
-    }
+    runQueue(work_, queue_, work_.options.foldersOpen, open_,
+             [this](std::pair<std::size_t, std::string>&& next) { start(next.first, std::move(next.second)); });
   }
 
  private:
@@ -362,8 +371,9 @@ bool underOneOf(std::unordered_set<std::string> const& paths, std::string const&
 void makeLevels(Work& work, std::map<std::size_t, std::vector<std::pair<std::string, std::uint32_t>>> const& levels,
                 std::unordered_set<std::string>& failed,
                 std::function<void(std::string const&, std::string const&, bool)> const& failure) {
-  for (auto const& [level, folders] : levels) {
-    for (auto const& [path, bits] : folders) {
+  for (auto const& level : levels) {
+    for (auto const& folder : level.second) {
+      std::string const& path = folder.first;
       if (underOneOf(failed, path)) {
         failed.insert(path);
         continue;
@@ -386,7 +396,7 @@ void makeLevels(Work& work, std::map<std::size_t, std::vector<std::pair<std::str
         }),
                           path);
       }),
-                         path, permissions(bits));
+                         path, permissions(folder.second));
     }
     work.request.finish();
   }
@@ -640,14 +650,7 @@ class FileCopier {
   void add(FileJob job) { queue_.push_back(std::move(job)); }
 
   void run() {
-    for (;;) {
-      while (active_ < work_.options.filesOpen && !queue_.empty()) {
-        start(std::move(queue_.front()));
-        queue_.pop_front();
-      }
-      if (active_ == 0 && queue_.empty()) break;
-      work_.request.pump();
-    }
+    runQueue(work_, queue_, work_.options.filesOpen, active_, [this](FileJob&& job) { start(std::move(job)); });
   }
 
  private:
