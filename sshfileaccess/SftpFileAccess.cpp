@@ -64,12 +64,12 @@ std::vector<Result> eachPath(FileAccessInterface::PathList const& paths, Single 
 
 // Whether each path is of `wanted` kind by STAT (links followed, as test
 // does); Missing asks whether it exists at all.
-std::vector<bool> whether(ssh::SftpFiles& files, FileAccessInterface::PathList const& paths, FileKind wanted) {
+std::vector<bool> whether(SSHFileAccess& access, FileAccessInterface::PathList const& paths, FileKind wanted) {
   if (paths.empty()) return {};
   trace("stat", paths);
   std::vector<bool> answers;
   answers.reserve(paths.size());
-  for (auto const& status : files.stat(bytesOf(paths))) {
+  for (auto const& status : access.sftp().stat(bytesOf(paths))) {
     answers.push_back(wanted == FileKind::Missing ? status.exists() : status.kind == wanted);
   }
   return answers;
@@ -102,15 +102,15 @@ SftpFileAccess::~SftpFileAccess() = default;
 
 bool SftpFileAccess::exists(ustring const& path) { return exists(PathList{path}).at(0); }
 
-std::vector<bool> SftpFileAccess::exists(PathList const& paths) { return whether(sftp(), paths, FileKind::Missing); }
+std::vector<bool> SftpFileAccess::exists(PathList const& paths) { return whether(*this, paths, FileKind::Missing); }
 
 bool SftpFileAccess::isFile(ustring const& path) { return isFile(PathList{path}).at(0); }
 
-std::vector<bool> SftpFileAccess::isFile(PathList const& paths) { return whether(sftp(), paths, FileKind::File); }
+std::vector<bool> SftpFileAccess::isFile(PathList const& paths) { return whether(*this, paths, FileKind::File); }
 
 bool SftpFileAccess::isDir(ustring const& path) { return isDir(PathList{path}).at(0); }
 
-std::vector<bool> SftpFileAccess::isDir(PathList const& paths) { return whether(sftp(), paths, FileKind::Folder); }
+std::vector<bool> SftpFileAccess::isDir(PathList const& paths) { return whether(*this, paths, FileKind::Folder); }
 
 ustring SftpFileAccess::parent(ustring const& path) { return remoteParent(path); }
 
