@@ -189,6 +189,13 @@ struct TreeTransferOptions {
   // in the report, no deletion runs, and the transfer fails once everything
   // else is done. On: skipped with the note only.
   bool ignoreSuspectNames = false;
+  // What the destination holds in the way of the source is replaced, as
+  // rsync does: a file (or special file) where the source has a folder, and
+  // with deleteExtraneous also a folder (with all it holds) where the source
+  // has a file or link. Off: each is one error naming it, and everything
+  // else is still copied. A link where the source has a folder is always
+  // replaced, never followed.
+  bool replaceInTheWay = false;
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
@@ -207,7 +214,9 @@ class SSHFA_EXPORT CopyTreesCommand {
 
 // One change of a dry run, named by its destination path.
 struct PlannedChange {
-  enum class Action { Copy, Resume, Skip, Link, Folder, Delete };
+  // Replace: an entry of another type in the destination's way goes first
+  // (followed by the Folder, Copy or Link that takes its place).
+  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace };
   Action action = Action::Copy;
   ustring path;
   std::uint64_t bytes = 0;  // file data to send (Resume: the rest only)
@@ -223,6 +232,7 @@ struct TreeTransferReport {
   std::size_t skipped = 0;          // files left as they were: unchanged
   std::size_t deleted = 0;          // destination entries removed (deleteExtraneous)
   std::size_t resumed = 0;          // files continued from an earlier run's temporary
+  std::size_t replaced = 0;         // destination entries of another type replaced (replaceInTheWay)
   std::vector<ustring> notes;       // one line per special file left out
   std::vector<PlannedChange> plan;  // dryRun only: by action (as listed above), then path
 };
@@ -233,6 +243,9 @@ struct TransferProgress {
   std::size_t filesDone = 0;
   std::size_t filesTotal = 0;
   ustring currentFile;
+  // Tree transfers list and copy one folder at a time: while folders remain
+  // to be listed, the totals are what was found so far and still grow.
+  bool listing = false;
 };
 
 // ---- options and errors ------------------------------------------------------

@@ -124,10 +124,11 @@ class SSHFA_EXPORT SftpFiles {
   // Each folder with every missing folder above it; an existing folder (or
   // a link to one) is no error.
   virtual void makeFolders(Paths const& paths) = 0;
-  // Files, links and whole folder trees; links are removed, never followed
-  // (a path ending in '/' that names a link removes nothing: "Not a
-  // directory"). A missing path is no error; "/" and paths ending in "." or
-  // ".." are refused.
+  // Files, links and whole folder trees; links are removed, never followed.
+  // A missing path is no error. Refused, and ending the list before them:
+  // "/", paths whose last name is "." or "..", and a path ending in '/' that
+  // names no folder (a link: nothing is removed through it, "Not a
+  // directory").
   virtual void remove(Paths const& paths) = 0;
   // Each pair (from, to) in order; with posix-rename@openssh.com (where
   // offered) an existing file at `to` is replaced, else the server refuses.

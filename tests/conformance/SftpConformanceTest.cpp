@@ -40,6 +40,7 @@ class SftpBackend : public ThisMachineBackend<SftpFileAccess> {
   std::vector<ustring> listOfFile(ustring const& file) const override { return {file}; }
   bool untarCreatesMissingDestination() const override { return false; }
   bool unzipCreatesMissingDestination() const override { return false; }
+  bool unzipOverwritesExistingFiles() const override { return false; }
   std::string whyNoPrograms() const override { return "this connection works over SFTP only"; }
 };
 
@@ -93,6 +94,20 @@ class AccountBackend : public Backend {
     local::makeFolders(here(path));
     handTo(local_, account_.login.user);
   }
+  void makeLink(std::string const& target, ustring const& link) override {
+    local::makeFolders(fs::path(here(link)).parent_path());
+    local::makeSymlink(target, here(link));
+    handTo(local_, account_.login.user);
+  }
+  void makeArchivableTree(ustring const& root) override {
+    sshfa::testing::makeArchivableTree(here(root));
+    handTo(local_, account_.login.user);
+  }
+  std::map<std::string, std::string> snapshot(ustring const& root) override {
+    return sshfa::testing::archiveSnapshot(here(root));
+  }
+  // The account runs no commands, and the tests that would are skipped.
+  void shell(std::string const& command) override { throw std::logic_error("no shell for the account: " + command); }
   bool present(ustring const& path) override { return local::present(here(path)); }
   void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) override {
     local::setModificationTime(here(path), secondsSinceEpoch, nanoseconds);
@@ -103,6 +118,7 @@ class AccountBackend : public Backend {
   std::vector<ustring> listOfFile(ustring const& file) const override { return {file}; }
   bool untarCreatesMissingDestination() const override { return false; }
   bool unzipCreatesMissingDestination() const override { return false; }
+  bool unzipOverwritesExistingFiles() const override { return false; }
   std::string whyNoPrograms() const override { return "the server allows SFTP only"; }
 
   [[nodiscard]] FileAccess& facade() { return *access_; }

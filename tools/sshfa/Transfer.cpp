@@ -47,6 +47,8 @@ char const* actionName(ssh::PlannedChange::Action action) {
       return "mkdir";
     case ssh::PlannedChange::Action::Delete:
       return "delete";
+    case ssh::PlannedChange::Action::Replace:
+      return "replace";
   }
   return "?";
 }
@@ -86,6 +88,8 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
   options.dryRun = flags.dryRun;
   options.resume = !flags.noResume;
   options.ignoreSuspectNames = flags.ignoreSuspectNames;
+  // As rsync: what is in the way is replaced (a folder only with --delete).
+  options.replaceInTheWay = true;
 
   InterruptGuard const interruptible;
   TransferReporter reporter(isTerminal(STDERR_FILENO));
@@ -99,7 +103,11 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
     ReporterScope const scope(progress, reporter);
     report = upload ? access.upload(pairs, options) : access.download(pairs, options);
   } catch (ssh::TransferError const& e) {
+    // What was found goes out before the failure: a dry run's plan too.
     printNotes(e.report());
+    if (flags.dryRun && !json) {
+      for (auto const& change : e.report().plan) writeTo(stdout, describeChange(change));
+    }
     throw;
   }
   TransferTotals totals = reporter.finish();
@@ -119,9 +127,9 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
     }
     writeTo(stdout, fmt::format("{{{}\"files\": {}, \"skipped\": {}, \"deleted\": {}, \"resumed\": {}, "
                                 "\"bytes\": {}, \"seconds\": {:.3f}, \"folders\": {}, \"links\": {}, "
-                                "\"special\": {}}}\n",
+                                "\"special\": {}, \"replaced\": {}}}\n",
                                 plan, totals.files, report.skipped, report.deleted, report.resumed, totals.bytes,
-                                totals.seconds, report.folders, report.links, report.special));
+                                totals.seconds, report.folders, report.links, report.special, report.replaced));
     return 0;
   }
   if (flags.dryRun) {
@@ -133,6 +141,7 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
   if (report.resumed > 0) extra += fmt::format(", {} resumed", report.resumed);
   if (report.skipped > 0) extra += fmt::format(", {} unchanged", report.skipped);
   if (report.deleted > 0) extra += fmt::format(", {} deleted", report.deleted);
+  if (report.replaced > 0) extra += fmt::format(", {} replaced", report.replaced);
   writeTo(stderr, fmt::format("{}: {} {}{}\n", name, flags.dryRun ? "dry run, would copy" : "copied",
                               describeTotals(totals), extra));
   return 0;

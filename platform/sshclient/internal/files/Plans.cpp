@@ -4,13 +4,12 @@
 #include <unordered_set>
 
 #include "sshfileaccess/platform/sshclient/internal/transfer/Paths.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
 
 namespace foundation::sshclient::internal::files {
 
 namespace {
 
-// Keeps a temporary's name within NAME_MAX.
-constexpr std::size_t kTemporaryBaseLength = 200;
 constexpr std::uint32_t kModeBits = 07777;
 
 // `path` normalized, and whether it is absolute.
@@ -127,11 +126,9 @@ std::optional<std::string> refusedRemoval(std::string_view path) {
 
 std::string copyTemporary(std::string_view destination, std::string_view suffix) {
   auto const slash = destination.rfind('/');
-  auto const folder = slash == std::string_view::npos ? std::string_view() : destination.substr(0, slash + 1);
-  auto const name = destination.substr(slash == std::string_view::npos ? 0 : slash + 1).substr(0, kTemporaryBaseLength);
-  std::string temporary(folder);
-  temporary.append(1, '.').append(name).append(".sshfa-copy-").append(suffix);
-  return temporary;
+  auto const cut = slash == std::string_view::npos ? 0 : slash + 1;
+  std::string temporary(destination.substr(0, cut));
+  return temporary.append(transfer::temporaryName(destination.substr(cut), "copy-" + std::string(suffix)));
 }
 
 FileStatus statusOf(sftp::Attributes const& attributes) {

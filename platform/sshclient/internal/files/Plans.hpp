@@ -52,7 +52,8 @@ namespace foundation::sshclient::internal::files {
 [[nodiscard]] std::optional<std::string> refusedRemoval(std::string_view path);
 
 // "<folder>/.<name>.sshfa-copy-<suffix>": a copy's temporary beside its
-// destination, the name cut to keep it within NAME_MAX.
+// destination, named as a transfer's temporaries are (transfer::
+// temporaryName), so that a later transfer knows it for a leftover.
 [[nodiscard]] std::string copyTemporary(std::string_view destination, std::string_view suffix);
 
 // The status that attributes describe; no type bits: a file, as the

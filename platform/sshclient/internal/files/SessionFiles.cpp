@@ -461,35 +461,37 @@ void removeAll(Work& work, Paths const& paths) {
     std::string path;
     std::size_t order;
   };
-  std::vector<Item> asked;
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    if (auto refused = refusedRemoval(paths[i])) {
-      failures.add(i, std::move(*refused));
-    } else {
-      asked.push_back({withoutTrailingSlashes(paths[i]), i});
-    }
+  // A path that is refused ends the list before it: the paths after it may
+  // have counted on it.
+  std::size_t stop = paths.size();
+  std::optional<std::string> refusal;
+  for (std::size_t i = 0; i < paths.size() && !refusal; ++i) {
+    refusal = refusedRemoval(paths[i]);
+    if (refusal) stop = i;
   }
   Paths names;
-  for (auto const& item : asked) names.push_back(item.path);
+  for (std::size_t i = 0; i < stop; ++i) names.push_back(withoutTrailingSlashes(paths[i]));
   auto const statuses = statAll(work, names, false);
+  for (std::size_t i = 0; i < stop; ++i) {
+    // "dir/link/" names what the link points to: nothing is removed through it.
+    if (paths[i].ends_with('/') && statuses[i].exists() && statuses[i].kind != FileKind::Folder) {
+      refusal = cannot("remove", paths[i], "Not a directory");
+      stop = i;
+    }
+  }
 
   std::vector<Item> files;
   std::vector<Item> folders;
   std::vector<std::pair<std::size_t, std::string>> roots;
-  for (std::size_t k = 0; k < asked.size(); ++k) {
-    auto const& [name, order] = asked[k];
-    auto const& status = statuses[k];
-    auto const& given = paths[order];
+  for (std::size_t i = 0; i < stop; ++i) {
+    auto const& status = statuses[i];
     if (!status.exists()) {
-      if (!status.error.empty()) failures.add(order, cannot("remove", given, status.error));
-    } else if (given.ends_with('/') && status.kind != FileKind::Folder) {
-      // "dir/link/" names what the link points to: nothing is removed through it.
-      failures.add(order, cannot("remove", given, "Not a directory"));
+      if (!status.error.empty()) failures.add(i, cannot("remove", paths[i], status.error));
     } else if (status.kind == FileKind::Folder) {
-      folders.push_back(asked[k]);
-      roots.emplace_back(order, name);
+      folders.push_back({names[i], i});
+      roots.emplace_back(i, names[i]);
     } else {
-      files.push_back(asked[k]);
+      files.push_back({names[i], i});
     }
   }
   std::unordered_map<std::string, std::string> unreadable;
@@ -536,6 +538,7 @@ void removeAll(Work& work, Paths const& paths) {
   std::map<std::size_t, std::vector<Item>, std::greater<>> levels;
   for (auto& folder : folders) levels[depth(folder.path)].push_back(std::move(folder));
   for (auto const& [level, items] : levels) removeEach(items, true);
+  if (refusal) failures.add(stop, std::move(*refusal));
   failures.throwIfAny();
 }
 
