@@ -31,6 +31,7 @@
 
 #include "sshfileaccess/export.hpp"
 #include "sshfileaccess/platform/i18n/ustring.hpp"
+#include "sshfileaccess/platform/sshclient/Filter.hpp"
 
 namespace foundation::sshclient {
 
@@ -196,12 +197,18 @@ struct TreeTransferOptions {
   // else is still copied. A link where the source has a folder is always
   // replaced, never followed.
   bool replaceInTheWay = false;
+  // Which entries below an item's source folder are taken (one left out is
+  // not listed; a folder left out is not read), and which extraneous
+  // destination entries deleteExtraneous keeps; see Filter.hpp. Patterns
+  // are matched against paths relative to the item's source folder; items
+  // themselves are not filtered. Default: no rules, no cost.
+  Filter filter{};
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
  public:
   CopyTreesCommand(std::vector<FileLocations> items, TransferDirection direction, TreeTransferOptions options = {})
-      : items_(std::move(items)), direction_(direction), options_(options) {}
+      : items_(std::move(items)), direction_(direction), options_(std::move(options)) {}
   [[nodiscard]] std::vector<FileLocations> const& getItems() const noexcept { return items_; }
   [[nodiscard]] TransferDirection getDirection() const noexcept { return direction_; }
   [[nodiscard]] TreeTransferOptions const& getOptions() const noexcept { return options_; }
@@ -394,22 +401,27 @@ class SSHFA_EXPORT SSHClient {
   // creator's umask.
   virtual void copyFiles(CopyFilesCommand command);
 
-  // Copies files, folder trees and symbolic links over the same SFTP
-  // session: the sources are listed first (remote ones over SFTP, every name
-  // as its bytes), then every destination folder is made (missing parents
-  // of the destinations included), then links and files follow, each file
-  // through a temporary and a rename as with copyFiles. Modes and times
-  // follow the command's options and are set on the temporary before the
-  // rename; folders get theirs last. FIFOs, sockets and devices are left out
-  // and named in the report's notes. Progress (the client's callback) knows
-  // every total before the first byte moves. The first failure stops new
-  // work; throws SSHError(Transfer) naming it (a folder blocked by a file
-  // is named once), or the connection's kinds. A file whose size or time
-  // changes while it is read fails ("changed while being read"): its
-  // temporary goes and an old destination stays. The options' re-run
-  // choices (skipUnchanged, deleteExtraneous, dryRun, resume) list the
-  // destination too, before anything changes; checksums and resumed
-  // prefixes are hashed on the remote host through executeCommand's shell.
+  // Copies files, folder trees and symbolic links over one SFTP session,
+  // one folder at a time: each folder of a source is listed beside its
+  // destination (remote ones over SFTP, every name as its bytes; a name that
+  // is not a plain name is never joined to a path), planned, and carried out
+  // (folders made, links placed, each file through a temporary and a rename
+  // as with copyFiles). "." and ".." in the items' paths are resolved first,
+  // and missing parents of the destinations are made. Modes and times follow
+  // the command's options and are set on the temporary before the rename; a
+  // folder gets its own once everything below it is done. FIFOs, sockets and
+  // devices are left out and named in the report's notes. Memory follows the
+  // widest folder, not the tree; progress totals grow while folders remain
+  // to be listed (TransferProgress::listing). A source that cannot be read
+  // fails the transfer before anything changes; any other failure is one
+  // failure and the rest goes on: afterwards TransferError names the first
+  // (a folder blocked by a file is named once), or the connection's kinds
+  // are thrown. A file whose size or time changes while it is read fails
+  // ("changed while being read"): its temporary goes and an old destination
+  // stays. The options' re-run choices (skipUnchanged, deleteExtraneous,
+  // dryRun, resume) compare with the destination's listing; checksums and
+  // resumed prefixes are hashed on the remote host through executeCommand's
+  // shell.
   virtual TreeTransferReport copyTrees(CopyTreesCommand command);
 
   // Files on the server over SFTP, many paths per call (see SftpFiles): the

@@ -651,7 +651,10 @@ void TreeTransfer::plan(Change action, std::string const& path, std::uint64_t by
 }
 
 std::string TreeTransfer::target(Folder const& folder, std::string const& name) const {
-  return inside(folder.item, folder.destination.empty() ? name : joined(folder.destination, name));
+  auto path = folder.destination.empty() ? name : joined(folder.destination, name);
+  // Beside a root only the root's own temporaries are ever touched.
+  if (folder.aboveRoot && name != folder.rootName && temporaryOwner(name) == ownerKey(folder.rootName)) return path;
+  return inside(folder.item, path);
 }
 
 std::string const& TreeTransfer::inside(std::size_t item, std::string const& path) const {

@@ -117,7 +117,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   [[nodiscard]] std::string describePair(std::size_t item) const;
   [[nodiscard]] std::string where(std::string const& path) const;
   // The destination path of a name in a folder, which every change in the
-  // destination goes through: it must be the item's root or lie below it.
+  // destination goes through: it must be the item's root or lie below it,
+  // or be one of the root's own temporaries beside it.
   [[nodiscard]] std::string target(Folder const& folder, std::string const& name) const;
   [[nodiscard]] std::string const& inside(std::size_t item, std::string const& path) const;
 
