@@ -106,7 +106,9 @@ class OptionLikeName : public ::testing::TestWithParam<std::string> {
   void TearDown() override {
     if (account_ == nullptr) return;
     EXPECT_EQ(treeOf(account_->canary()), account_->canaryTree()) << "something outside the login folder changed";
-    if (shellUsed_) EXPECT_GT(account_->starts(), startsBefore_) << "the login did not talk";
+    if (shellUsed_) {
+      EXPECT_GT(account_->starts(), startsBefore_) << "the login did not talk";
+    }
     // The next name starts from an empty login folder.
     for (auto const& entry : fs::directory_iterator(account_->home())) fs::remove_all(entry.path());
   }
