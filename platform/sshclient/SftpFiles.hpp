@@ -12,8 +12,9 @@
 // Paths and names are bytes exactly as the server has them; nothing is
 // decoded, normalised or quoted. A relative path is taken from the login
 // folder. A name a folder listing holds that is not a plain name (empty,
-// ".", "..", or holding '/' or NUL) is never joined to a path: it is handed
-// back apart (the one "." and the one ".." of a folder are dropped).
+// ".", "..", or holding '/' or NUL), or that it holds twice, is never joined
+// to a path (the second time): it is handed back apart (the one "." and the
+// one ".." of a folder are dropped).
 //
 // Errors: queries answer a missing path, or one the server will not show,
 // in their result. Mutations do all they can, then throw SftpError listing

@@ -273,15 +273,16 @@ TEST(SessionFilesNames, NamesThatAreNotPlainAreHandedBackApart) {
             out.push_back(status(r.id, StatusCode::Eof).framed());
           } else {
             Body names(PacketType::Name);
-            names.u32(r.id).u32(8);
+            names.u32(r.id).u32(9);
             entry(names, ".", 040755);
             entry(names, "..", 040755);
-            entry(names, "good", 0100644);
+            entry(names, "good", 0120777);
             entry(names, "..", 040755);
             entry(names, "../outside", 0100644);
             entry(names, "a/b", 040755);
             entry(names, "", 0100644);
             entry(names, ".", 040755);
+            entry(names, "good", 040755);
             out.push_back(names.framed());
           }
           listed = !listed;
@@ -295,12 +296,13 @@ TEST(SessionFilesNames, NamesThatAreNotPlainAreHandedBackApart) {
   auto const listing = fake.list({"/R/tree"});
   ASSERT_EQ(listing[0].entries.size(), 1U);
   EXPECT_EQ(listing[0].entries[0].name, "good");
-  EXPECT_EQ(listing[0].suspectNames, (Strings{"..", "../outside", "a/b", "", "."}));
+  EXPECT_EQ(listing[0].entries[0].status.kind, FileKind::Link);
+  EXPECT_EQ(listing[0].suspectNames, (Strings{"..", "../outside", "a/b", "", ".", "good"}));
 
   auto const trees = fake.walk({"/R/tree"}, RootLinks::Kept);
   ASSERT_EQ(trees[0].entries.size(), 1U);
   EXPECT_EQ(trees[0].entries[0].path, "/R/tree/good");
-  ASSERT_EQ(trees[0].suspectNames.size(), 5U);
+  ASSERT_EQ(trees[0].suspectNames.size(), 6U);
   EXPECT_EQ(trees[0].suspectNames[1].folder, "/R/tree");
   EXPECT_EQ(trees[0].suspectNames[1].name, "../outside");
 }

@@ -224,12 +224,13 @@ class Lister {
     std::string handle;
     bool dot = false;
     bool dotDot = false;
+    std::unordered_set<std::string> names;
   };
   using JobRef = std::list<Job>::iterator;
 
   void start(std::size_t tag, std::string folder) {
     ++open_;
-    auto const job = jobs_.insert(jobs_.end(), Job{{tag, std::move(folder), {}, {}}, {}, false, false});
+    auto const job = jobs_.insert(jobs_.end(), Job{{tag, std::move(folder), {}, {}}, {}, false, false, {}});
     work_.session.opendir(work_.request([this, job](Reply const& reply) { opened(job, reply); }), job->listed.folder);
   }
 
@@ -259,15 +260,16 @@ class Lister {
     finish(job);
   }
 
-  // The one "." and ".." go; other names that are not plain names are kept
-  // apart, never joined.
+  // The one "." and ".." go; other names that are not plain names, and a
+  // name listed again (a folder after a link of that name), are kept apart,
+  // never joined.
   static void absorb(Job& job, sftp::NameEntry const& entry) {
     auto& listing = job.listed.listing;
     if (entry.filename == "." && !job.dot) {
       job.dot = true;
     } else if (entry.filename == ".." && !job.dotDot) {
       job.dotDot = true;
-    } else if (transfer::suspectName(entry.filename)) {
+    } else if (transfer::suspectName(entry.filename) || !job.names.emplace(entry.filename).second) {
       listing.suspectNames.emplace_back(entry.filename);
     } else {
       listing.entries.push_back({std::string(entry.filename), files::statusOf(entry.attributes)});
