@@ -31,16 +31,25 @@ using nimbal::remoteaccess::sshfileaccess::FileAccess;
 using nimbal::remoteaccess::sshfileaccess::RemoteBackend;
 using nimbal::remoteaccess::sshfileaccess::SftpFileAccess;
 
-class SftpBackend : public ThisMachineBackend<SftpFileAccess> {
+// The SFTP backend's answers where the backends differ by design.
+template <class Base>
+class SftpAnswers : public Base {
  public:
-  SftpBackend() : ThisMachineBackend(SftpFileAccess(TestSshd::instance().connect())) {}
-
   FileAccessException::Code errorCode() const override { return FileAccessException::Code::RemoteError; }
   bool listShowsHiddenEntries() const override { return false; }
   std::vector<ustring> listOfFile(ustring const& file) const override { return {file}; }
+  // No archives at all (whyNoPrograms says why).
   bool untarCreatesMissingDestination() const override { return false; }
   bool unzipCreatesMissingDestination() const override { return false; }
   bool unzipOverwritesExistingFiles() const override { return false; }
+
+ protected:
+  using Base::Base;
+};
+
+class SftpBackend : public SftpAnswers<ThisMachineBackend<SftpFileAccess>> {
+ public:
+  SftpBackend() : SftpAnswers(SftpFileAccess(TestSshd::instance().connect())) {}
   std::string whyNoPrograms() const override { return "this connection works over SFTP only"; }
 };
 
@@ -60,7 +69,7 @@ void handTo(fs::path const& root, std::string const& user) {
 // A fresh folder inside the account's own, which the account names by its
 // own path (under a chroot: from the chroot's root). The remote side is the
 // facade's choice on a server that allows SFTP only.
-class AccountBackend : public Backend {
+class AccountBackend : public SftpAnswers<Backend> {
  public:
   explicit AccountBackend(TestSshd::SftpOnlyAccount account) : account_(std::move(account)) {
     std::string pattern = (account_.folder / "conformance-XXXXXX").string();
@@ -113,12 +122,6 @@ class AccountBackend : public Backend {
     local::setModificationTime(here(path), secondsSinceEpoch, nanoseconds);
   }
 
-  FileAccessException::Code errorCode() const override { return FileAccessException::Code::RemoteError; }
-  bool listShowsHiddenEntries() const override { return false; }
-  std::vector<ustring> listOfFile(ustring const& file) const override { return {file}; }
-  bool untarCreatesMissingDestination() const override { return false; }
-  bool unzipCreatesMissingDestination() const override { return false; }
-  bool unzipOverwritesExistingFiles() const override { return false; }
   std::string whyNoPrograms() const override { return "the server allows SFTP only"; }
 
   [[nodiscard]] FileAccess& facade() { return *access_; }

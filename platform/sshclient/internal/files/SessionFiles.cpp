@@ -558,15 +558,21 @@ PathPairs placed(Work& work, PathPairs const& pairs, std::size_t first, std::siz
   return run;
 }
 
-void renameAll(Work& work, PathPairs const& pairs, Destination destination) {
-  Failures failures;
+// Calls `each(first, jobs)` for each run of pairs that may go out together
+// (from position `first`, placed as `destination` says), while nothing has
+// failed: a later pair may depend on an earlier one.
+void inRuns(Work& work, PathPairs const& pairs, Destination destination, Failures const& failures,
+            std::function<void(std::size_t, PathPairs const&)> const& each) {
   auto starts = independentRuns(pairs);
   starts.push_back(pairs.size());
-  // A run goes only when the ones before it went well: a later pair may
-  // depend on an earlier one.
   for (std::size_t run = 0; run + 1 < starts.size() && !failures.any(); ++run) {
-    auto const first = starts[run];
-    auto const jobs = placed(work, pairs, first, starts[run + 1], destination);
+    each(starts[run], placed(work, pairs, starts[run], starts[run + 1], destination));
+  }
+}
+
+void renameAll(Work& work, PathPairs const& pairs, Destination destination) {
+  Failures failures;
+  inRuns(work, pairs, destination, failures, [&](std::size_t first, PathPairs const& jobs) {
     for (std::size_t i = 0; i < jobs.size(); ++i) {
       work.request.makeRoom();
       work.session.rename(work.request([&, i](Reply const& reply) {
@@ -577,7 +583,7 @@ void renameAll(Work& work, PathPairs const& pairs, Destination destination) {
                           jobs[i].first, jobs[i].second);
     }
     work.request.finish();
-  }
+  });
   failures.throwIfAny();
 }
 
@@ -985,11 +991,7 @@ void copyRun(Work& work, PathPairs const& pairs, std::size_t first, std::size_t 
 
 void copyAll(Work& work, PathPairs const& pairs, Destination destination) {
   Failures failures;
-  auto starts = independentRuns(pairs);
-  starts.push_back(pairs.size());
-  for (std::size_t run = 0; run + 1 < starts.size() && !failures.any(); ++run) {
-    auto const first = starts[run];
-    auto const jobs = placed(work, pairs, first, starts[run + 1], destination);
+  inRuns(work, pairs, destination, failures, [&](std::size_t first, PathPairs const& jobs) {
     Paths sources;
     Paths destinations;
     for (auto const& [source, target] : jobs) {
@@ -1006,7 +1008,7 @@ void copyAll(Work& work, PathPairs const& pairs, Destination destination) {
     }
     copyRun(work, jobs, first, count, trees, targets, failures);
     if (refusal) failures.add(first + count, std::move(*refusal));
-  }
+  });
   failures.throwIfAny();
 }
 
