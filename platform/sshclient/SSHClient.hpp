@@ -223,7 +223,8 @@ class SSHFA_EXPORT CopyTreesCommand {
 struct PlannedChange {
   // Replace: an entry of another type in the destination's way goes first
   // (followed by the Folder, Copy or Link that takes its place).
-  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace };
+  // Exclude: left out by the filter (the source's path).
+  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace, Exclude };
   Action action = Action::Copy;
   ustring path;
   std::uint64_t bytes = 0;  // file data to send (Resume: the rest only)

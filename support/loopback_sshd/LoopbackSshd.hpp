@@ -36,7 +36,7 @@ class LoopbackSshd {
     std::chrono::milliseconds startTimeout{15000};
     // Match blocks, placed after the generated lines (a Match block runs to
     // the end of the file).
-    std::string matchBlocks{};
+    std::string matchBlocks = {};
   };
 
   explicit LoopbackSshd(Settings settings);

@@ -245,7 +245,7 @@ int tourWith(DemoSettings const& settings, ScratchFolder const& scratch) {
                                   fs::perms::others_read | fs::perms::others_exec);
   auto const server = tour.timed("start sshd", [&] {
     return std::make_unique<loopback::LoopbackSshd>(
-        loopback::LoopbackSshd::Settings{sshdFolder, {}, std::chrono::seconds(15), {}});
+        loopback::LoopbackSshd::Settings{sshdFolder, {}, std::chrono::seconds(15)});
   });
   loopback::LoopbackSshd const& sshd = *server;
   Tour::detail(fmt::format("listening on {}:{} (pid {}), keys and log in {}", sshd.host(), sshd.port(), sshd.pid(),

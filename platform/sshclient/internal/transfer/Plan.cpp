@@ -136,7 +136,7 @@ std::vector<std::string> checksumCandidates(Listing const& source, Listing const
 }
 
 FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSettings const& settings,
-                      FolderScope scope, ChecksumAnswers const& checksums) {
+                      FolderScope scope, ChecksumAnswers const& checksums, KeptNames const& kept) {
   std::array<std::vector<Action>, kSteps> steps;
   auto const add = [&steps](Action action) {
     steps[static_cast<std::size_t>(action.step)].push_back(std::move(action));
@@ -189,7 +189,7 @@ FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSet
 
   if (destination != nullptr && scope.deletes && !scope.aboveRoots && settings.deleteExtraneous) {
     for (auto const& entry : destination->entries) {
-      if (sourceNames.contains(entry.name) || claimed.contains(&entry)) continue;
+      if (sourceNames.contains(entry.name) || claimed.contains(&entry) || kept.contains(entry.name)) continue;
       add(actionFor(Step::Delete, entry.name, nullptr, &entry));
     }
   }

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fstream>
+#include <sstream>
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
@@ -201,6 +203,16 @@ void TreeTransfer::beginFolder(Folder& folder) {
   folderListed(folder);
 }
 
+// A small local file whole (a .gitignore); nullopt when it cannot be read.
+std::optional<std::string> TreeTransfer::readLocalFile(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) return std::nullopt;
+  return text.str();
+}
+
 void TreeTransfer::listed(void* cookie, Listing listing) {
   auto& request = *static_cast<Cookie*>(cookie);
   if (request.kind == Cookie::Kind::Removal) return removalListed(*static_cast<Removal*>(request.owner), listing);
@@ -220,6 +232,63 @@ void TreeTransfer::listed(void* cookie, Listing listing) {
 
 void TreeTransfer::folderListed(Folder& folder) {
   if (stopping_) return release(folder);
+  if (!folder.aboveRoot && !options_.filter.empty()) {
+    // A folder's .gitignore decides for its own entries: it is read first.
+    auto const* rules = options_.filter.readsGitignore() ? folder.sourceListing.find(".gitignore") : nullptr;
+    if (rules != nullptr && rules->type == EntryType::File && !rules->followed && !folder.rules) {
+      auto const path = joined(folder.source, rules->name);
+      if (!upload_) {
+        folder.state = Folder::State::Rules;
+        ++listing_;
+        return lister_.readFile(path, &folder.rulesCookie);
+      }
+      folder.rules = readLocalFile(path);
+      if (!folder.rules) fail(folder, describePair(folder.item) + "cannot read " + quoted(path));
+    }
+    filterListing(folder);
+  }
+  decide(folder);
+}
+
+void TreeTransfer::read(void* cookie, std::optional<std::string> text) {
+  auto const& request = *static_cast<Cookie*>(cookie);
+  if (request.kind == Cookie::Kind::Prefix) {
+    prefix_ = std::move(text);
+    prefixRead_ = true;
+    return;
+  }
+  auto& folder = *static_cast<Folder*>(request.owner);
+  --listing_;
+  if (!text) fail(folder, describePair(folder.item) + "cannot read " + quoted(joined(folder.source, ".gitignore")));
+  folder.rules = std::move(text).value_or(std::string());
+  if (stopping_) return release(folder);
+  filterListing(folder);
+  decide(folder);
+}
+
+// The entries a filter leaves out go from the source's listing (a folder
+// left out is never read), and the destination's entries it protects are
+// kept from any removal.
+void TreeTransfer::filterListing(Folder& folder) {
+  auto const text = folder.rules.value_or(std::string());
+  folder.filter =
+      folder.parent->aboveRoot ? options_.filter.root(text) : folder.parent->filter.enter(folder.self.name, text);
+  auto& entries = folder.sourceListing.entries;
+  std::erase_if(entries, [&](Entry const& entry) {
+    if (folder.filter.takes(entry.name, entry.type == EntryType::Folder)) return false;
+    if (dryRun_) plan(Change::Exclude, sourcePathOf(folder, entry.name), 0);
+    return true;
+  });
+  if (!settings_.deleteExtraneous || !folder.destinationKnown) return;
+  for (auto const& entry : folder.destinationListing.entries) {
+    if (folder.sourceListing.find(entry.name) == nullptr &&
+        folder.filter.protects(entry.name, entry.type == EntryType::Folder)) {
+      folder.kept.insert(entry.name);
+    }
+  }
+}
+
+void TreeTransfer::decide(Folder& folder) {
   auto& source = folder.sourceListing;
   auto& destination = folder.destinationListing;
   for (auto const& listing : {&source, &destination}) {
@@ -240,7 +309,7 @@ void TreeTransfer::folderListed(Folder& folder) {
     checksums = compareChecksums(folder, names);
   }
   FolderScope const scope{.deletes = !folder.aboveRoot, .aboveRoots = folder.aboveRoot};
-  folder.plan = planFolder(source, existing, settings_, scope, checksums);
+  folder.plan = planFolder(source, existing, settings_, scope, checksums, folder.kept);
   folder.state = Folder::State::Working;
   carryOut(folder);
   tryFinish(folder);
