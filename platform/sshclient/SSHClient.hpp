@@ -358,6 +358,8 @@ class SSHFA_EXPORT TransferError : public SSHError {
 
 // ---- the client --------------------------------------------------------------
 
+class SftpFiles;
+
 class SSHFA_EXPORT SSHClient {
  public:
   // host: a name, an address or an alias of the SSH configuration.
@@ -422,6 +424,11 @@ class SSHFA_EXPORT SSHClient {
   // resumed prefixes are hashed on the remote host through executeCommand's
   // shell.
   virtual TreeTransferReport copyTrees(CopyTreesCommand command);
+
+  // Files on the server over SFTP, many paths per call (see SftpFiles): the
+  // client's one instance, whose channel is opened on first use and kept
+  // for the client's life. A test double without a connection overrides it.
+  virtual SftpFiles& sftp();
 
   virtual void setKeepaliveInterval(std::chrono::seconds interval);
   [[nodiscard]] virtual std::chrono::seconds getKeepaliveInterval() const;

@@ -354,7 +354,7 @@ int dispatch(CLI::App const& app, Invocation& inv) {
     return runTransfer(*access, progress, name == "put", inv.pairs, inv.transfer, inv.json);
   }
   if (name == "exec") return runExec(*access, inv.words, inv.json, inv.noInput);
-  return runFileCommand(*access->remote(), inv.file);
+  return runRemoteFileCommand(*access, inv.file);
 }
 
 // Everything after "exec" is the remote command, in order and options
