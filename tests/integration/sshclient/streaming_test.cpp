@@ -5,8 +5,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "tests/support/SshTestHelpers.hpp"
 
@@ -134,12 +138,38 @@ TEST_F(ExecuteStreaming, AStopRequestEndsTheRemoteCommandWith130) {
   ssh::CommandStreams streams;
   streams.out = [&](std::string_view text) { out += text; };
   streams.stopRequested = [&] { return out == "started\n"; };
+  std::vector<int> signals;
+  streams.signalled = [&](int number) { signals.push_back(number); };
   int const status = client_->executeStreaming(u("echo started; exec sleep 4711; echo never"), streams);
   EXPECT_EQ(status, 130);
   EXPECT_EQ(out, "started\n");
+  EXPECT_EQ(signals, std::vector<int>{SIGINT});
   // Nothing of it is left on the server.
   auto const left = client_->executeCommand(ssh::ExecuteCommand(u("ps -eo args | grep -c '^sleep 4711$'")));
   EXPECT_EQ(left.getStdout(), u"0\n");
+}
+
+// A command that ignores SIGINT gets SIGTERM after the grace, one that also
+// ignores SIGTERM gets SIGKILL; none of it stays on the server.
+TEST_F(ExecuteStreaming, ACommandThatIgnoresSignalsGetsHarderOnes) {
+  for (auto const& [ignored, expected] : std::vector<std::pair<std::string, std::vector<int>>>{
+           {"INT", {SIGINT, SIGTERM}}, {"INT TERM", {SIGINT, SIGTERM, SIGKILL}}}) {
+    std::string out;
+    ssh::CommandStreams streams;
+    streams.out = [&](std::string_view text) { out += text; };
+    streams.stopRequested = [&] { return out == "started\n"; };
+    std::vector<int> signals;
+    streams.signalled = [&](int number) { signals.push_back(number); };
+    auto const started = std::chrono::steady_clock::now();
+    int const status =
+        client_->executeStreaming(u("trap '' " + ignored + "; echo started; while :; do sleep 4713; done"), streams);
+    auto const took = std::chrono::steady_clock::now() - started;
+    EXPECT_EQ(status, 130) << ignored;
+    EXPECT_EQ(signals, expected) << ignored;
+    EXPECT_GE(took, std::chrono::seconds(2) * (expected.size() - 1)) << ignored;
+    auto const left = client_->executeCommand(ssh::ExecuteCommand(u("ps -eo args | grep -c '^sleep 4713$'")));
+    EXPECT_EQ(left.getStdout(), u"0\n") << ignored;
+  }
 }
 
 TEST_F(ExecuteStreaming, ReportsACommandKilledBySignal) { EXPECT_EQ(run("kill -9 $$").status, 128 + 9); }
