@@ -57,6 +57,8 @@ char const* actionName(ssh::PlannedChange::Action action) {
       return "replace";
     case ssh::PlannedChange::Action::Exclude:
       return "exclude";
+    case ssh::PlannedChange::Action::Fix:
+      return "fix";
   }
   return "?";
 }
