@@ -368,6 +368,24 @@ TEST_F(ScriptsTest, RemoteNamesCompleteInTheOperandsOwnForm) {
   EXPECT_EQ(none.err, "");
 }
 
+// A remote command that ignores SIGINT gets SIGTERM after the grace, and
+// the tool says each signal it sends.
+TEST_F(ScriptsTest, AStoppedExecEscalatesAndSaysSo) {
+  ToolProcess tool(withConnection({"exec", "trap '' INT; echo started; while :; do sleep 4714; done"}), {});
+  ASSERT_TRUE(tool.waitForOutput("started\n", std::chrono::seconds(30))) << tool.outputSoFar();
+  tool.signal(SIGINT);
+  auto const result = tool.finish();
+  EXPECT_EQ(result.status, kInterrupted);
+  EXPECT_EQ(result.out, "started\n");
+  EXPECT_EQ(result.err,
+            "sshfa: exec: stopping the remote command: SIGINT\n"
+            "\nsshfa: still stopping; a second Ctrl-C (or signal) quits at once\n"
+            "sshfa: exec: the remote command still runs 2 s after SIGINT: SIGTERM\n"
+            "sshfa: interrupted\n");
+  auto const left = remote({"exec", "ps -eo args | grep -c '^sleep 4714$'"});
+  EXPECT_EQ(left.out, "0\n");
+}
+
 // ---- habits ----------------------------------------------------------------------------
 
 TEST_F(ScriptsTest, MistypedOptionsGetASuggestion) {
