@@ -371,11 +371,11 @@ on the destination; --delete-excluded removes it too. --gitignore reads every
 .gitignore of the source tree with git's rules and leaves out .git itself.
 A bad rule stops before anything is sent (exit status 2).
 Examples:
-  sshfa put --exclude '*.o' --exclude build/ proj host:proj
-  sshfa put --include '*/' --include '*.c' --exclude '*' src host:src
-  sshfa put --exclude-from rules.txt proj host:proj
-  sshfa put --gitignore --delete proj host:proj
-  sshfa get -n -v --exclude '*.log' host:/srv/app ./app)";
+  sshfa sync --exclude '*.o' --exclude build/ proj host:proj
+  sshfa sync --include '*/' --include '*.c' --exclude '*' src host:src
+  sshfa sync --exclude-from rules.txt proj host:proj
+  sshfa sync --gitignore --delete proj host:proj
+  sshfa sync -n -v --exclude '*.log' host:/srv/app ./app)";
 
 // The hand-written sections of the manual page: pairs of a term and what it
 // says, each shown as a tagged paragraph.
