@@ -276,6 +276,7 @@ TEST_F(ScriptsTest, EveryCommandPrintsOneJsonDocumentOnSuccessAndOnFailure) {
       {"get", {"get", at("up"), at("down")}},
       {"sync", {"sync", at("tree"), there("mirror")}},
       {"exec", {"exec", "true"}},
+      {"demo", {"demo", "--files", "10"}},
   };
   for (auto const& [command, args] : succeeding) {
     std::vector<std::string> all{"--json"};
@@ -298,7 +299,7 @@ TEST_F(ScriptsTest, EveryCommandPrintsOneJsonDocumentOnSuccessAndOnFailure) {
       {"rm", {"rm"}},
       {"tar", {"tar", at("missing"), at("m.tar")}},
       {"untar", {"untar", at("missing.tar"), at("dst")}},
-      {"zip", {"zip", at("tree")}},
+      {"zip", {"zip", at("missing"), at("m.zip")}},
       {"unzip", {"unzip", at("missing.zip"), at("dst")}},
       {"put", {"put", at("missing"), at("up2")}},
       {"get", {"get", at("missing"), at("down2")}},
@@ -335,6 +336,12 @@ TEST_F(ScriptsTest, MutationsReportWhatTheyDid) {
             json::parse(R"({"removed": [")" + at("h.txt") + R"("], "missing": [")" + at("missing") + R"("]})"));
   EXPECT_EQ(answer(remote({"--json", "tar", at("old"), at("o.tar")})),
             json::parse(R"({"packed": ")" + at("old") + R"(", "archive": ")" + at("o.tar") + R"("})"));
+  // zip of a source it cannot find fails, and nothing is reported as packed.
+  auto const nothing = remote({"--json", "zip", at("missing"), at("m.zip")});
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_EQ(json::parse(nothing.out)["exitCode"], 1);
+  EXPECT_EQ(nothing.err, "sshfa: zip: cannot pack '" + at("missing") + "': No such file or directory\n");
+  EXPECT_FALSE(fs::exists(at("m.zip")));
   // rm of a missing path succeeds, as rm -f does, and says nothing.
   auto const plain = remote({"rm", at("missing")});
   EXPECT_EQ(plain.status, 0);
