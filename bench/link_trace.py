@@ -56,7 +56,7 @@ def window(events, rtt):
             per_rtt.append(cumulative[i] - before)
         rate = total / span / 1e6 if span > 0 else 0
         print(f"{direction}: {total} bytes in {span:.3f} s ({rate:.1f} MB/s)")
-        if per_rtt:
+        if per_rtt and total >= 1 << 20:  # a direction that carried data, not only answers
             per_rtt.sort()
             p90 = per_rtt[int(len(per_rtt) * 0.9)]
             print(f"  entering per round trip: median {statistics.median(per_rtt) / 1048576:.2f} MiB, "

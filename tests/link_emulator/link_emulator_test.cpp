@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -436,6 +438,93 @@ TEST(LinkEmulator, TheTraceHasEveryChunkInAndOut) {
   }
   EXPECT_EQ(totals, (std::map<std::string, std::size_t>{
                         {"down in", 100'000}, {"down out", 100'000}, {"up in", 100'000}, {"up out", 100'000}}));
+}
+
+// ---- the program -------------------------------------------------------------------
+
+// link_emulator with `arguments`, its standard output and error on pipes.
+struct Program {
+  explicit Program(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), SSHFA_LINK_EMULATOR);
+    std::vector<char*> argv;
+    for (auto& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    int out[2];
+    int err[2];
+    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) fail("cannot create a pipe");
+    pid = ::fork();
+    if (pid == 0) {
+      ::dup2(out[1], STDOUT_FILENO);
+      ::dup2(err[1], STDERR_FILENO);
+      ::execv(argv[0], argv.data());
+      ::_exit(127);
+    }
+    ::close(out[1]);
+    ::close(err[1]);
+    output = out[0];
+    errors = err[0];
+  }
+  ~Program() {
+    if (pid > 0) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+    ::close(output);
+    ::close(errors);
+  }
+  Program(Program const&) = delete;
+  Program& operator=(Program const&) = delete;
+
+  static std::string readAll(int fd) {
+    std::string all;
+    char buffer[4096];
+    for (ssize_t n = 0; (n = ::read(fd, buffer, sizeof buffer)) > 0;) all.append(buffer, static_cast<std::size_t>(n));
+    return all;
+  }
+  // The first line of standard output.
+  [[nodiscard]] std::string line() const {
+    std::string text;
+    char c = 0;
+    while (::read(output, &c, 1) == 1 && c != '\n') text += c;
+    return text;
+  }
+  // Exit status once it ended.
+  int wait() {
+    int status = 0;
+    ::waitpid(std::exchange(pid, 0), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+  pid_t pid = 0;
+  int output = -1;
+  int errors = -1;
+};
+
+TEST(LinkEmulatorProgram, SigusrOneResetsTheConnectionsAndSigtermStopsIt) {
+  Server server(echo);
+  Program program({"--target", "127.0.0.1:" + std::to_string(server.port()), "--delay-ms", "1", "--rate", "1G"});
+  std::string const listening = program.line();
+  ASSERT_TRUE(listening.starts_with("listening 127.0.0.1:")) << listening;
+  EXPECT_EQ(program.line(), "target 127.0.0.1:" + std::to_string(server.port()) +
+                                ", delay up 1.000 ms, down 1.000 ms, rate 1000000000 bit/s, buffer 250000 bytes");
+  auto const client = Socket::connectTo(std::stoi(listening.substr(listening.rfind(':') + 1)));
+  client.sendAll("x");
+  ASSERT_EQ(client.receive(1), "x");
+  ::kill(program.pid, SIGUSR1);
+  auto const [rest, error] = client.drain();
+  EXPECT_EQ(error, ECONNRESET);
+  ::kill(program.pid, SIGTERM);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(Program::readAll(program.errors), "link_emulator: 1 connections, 1 reset, 1 bytes up, 1 bytes down\n");
+}
+
+TEST(LinkEmulatorProgram, ABadCommandLineIsRefusedByName) {
+  Program program({"--target", "127.0.0.1:22", "--rate", "1X"});
+  EXPECT_EQ(program.wait(), 2);
+  std::string const errors = Program::readAll(program.errors);
+  EXPECT_TRUE(errors.starts_with("link_emulator: invalid rate '1X'\nusage: link_emulator --target HOST:PORT"))
+      << errors;
+  EXPECT_EQ(Program::readAll(program.output), "");
 }
 
 // ---- an SSH connection through the link ------------------------------------------
