@@ -447,6 +447,7 @@ struct Program {
   explicit Program(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), SSHFA_LINK_EMULATOR);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (auto& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     int out[2];
