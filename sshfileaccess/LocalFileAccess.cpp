@@ -7,6 +7,7 @@
 #include <ctime>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/Utils.hpp"
@@ -253,6 +254,29 @@ void LocalFileAccess::archive(ustring const& source, ustring const& archivePath,
       entryNames.push_back(file.substr(start));
     }
     velmar::io::archive::core::createArchive(archivePath, files, entryNames, format);
+  });
+}
+
+void LocalFileAccess::archiveTree(ustring const& source, ustring const& archivePath, ustring const& format) {
+  guarded([&] {
+    // Without trailing '/', so that a link is stored as the link, as tar does.
+    const ustring root = source.empty() ? source : fs::detail::make_native_form(source, true);
+    const fs::file_status status = fs::symlink_status(root);
+    if ((status.bits() & fs::file_status::file_not_found) != 0) {
+      throw std::system_error(ENOENT, std::generic_category(), "cannot pack '" + ustr2str(source) + "'");
+    }
+    const ustring name = fs::detail::extract_filename(root);
+    if (name.empty()) throw std::invalid_argument("cannot pack '" + ustr2str(source) + "': it has no name of its own");
+    std::vector<ustring> paths{root};
+    std::vector<ustring> entryNames{name};
+    if (typeOf(status) == fs::file_status::directory_file) {
+      // Paths beneath are the root, a '/' and the rest.
+      for (fs::upath_recursive_directory_iterator it(root), end; it != end; ++it) {
+        paths.push_back(it->path_name());
+        entryNames.push_back(name + it->path_name().substr(root.size()));
+      }
+    }
+    velmar::io::archive::core::createTreeArchive(archivePath, paths, entryNames, format);
   });
 }
 

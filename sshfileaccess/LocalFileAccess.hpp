@@ -69,6 +69,15 @@ class SSHFA_EXPORT LocalFileAccess : public FileAccessInterface {
   void listRecursively(ustring const& path, std::vector<ustring>& out);
   // Packs the regular files beneath `source` in `format` ("tar" or "zip").
   void archive(ustring const& source, ustring const& archivePath, ustring const& format);
+  // Packs `source` as it is into a new archive in `format` ("tar" or "zip"),
+  // as tar and zip -y do on the remote side: the source under its own name,
+  // and every folder (empty ones too), symbolic link (as a link) and regular
+  // file beneath it, each with its permission bits and modification time.
+  // No link is followed, the source's own included (also when written with
+  // a trailing '/'). A FIFO, socket or device beneath fails the call, naming
+  // it; a missing source fails before the archive is made. Failures are
+  // converted as for tar.
+  void archiveTree(ustring const& source, ustring const& archivePath, ustring const& format);
   // remove without the conversion of failures.
   void removeImpl(ustring const& path);
 };

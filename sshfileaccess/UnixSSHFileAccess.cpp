@@ -87,6 +87,27 @@ void restoreStartPaths(std::vector<ustring> const& paths, std::vector<ustring>& 
   }
 }
 
+// Path-list lines "<prefix>'<p1>' '<p2>' ..." for the paths [first, last).
+template <class Iterator>
+std::vector<ustring> pathListLines(ustring prefix, Iterator first, Iterator last) {
+  CommandBatcher batcher = CommandBatcher::pathList(std::move(prefix), {});
+  for (; first != last; ++first) batcher.add(operand(*first));
+  return batcher.finish();
+}
+
+// "dir/link/" names the folder behind the link, and "rm -rf" would empty it.
+bool namesFolderOnly(ustring const& path) {
+  return !path.empty() && path.back() == u'/' && path.find_first_not_of(u'/') != ustring::npos;
+}
+
+// Removes a path that ends in '/' only when its last name is no symbolic
+// link; otherwise fails with the words of the local side.
+ustring guardedRemoval(ustring const& path) {
+  const ustring named = path.substr(0, path.find_last_not_of(u'/') + 1);
+  return u"if test -L " + operand(named) + u"; then printf '%s' " +
+         quoted(u"cannot remove '" + path + u"': Not a directory") + u" >&2; else rm -rf " + operand(path) + u"; fi";
+}
+
 ustring finalName(ustring const& path) {
   if (path.empty()) return {};
   return fsd::make_generic_form(fsd::extract_filename(fsd::make_native_form(path, true)));
@@ -243,9 +264,7 @@ std::vector<std::optional<FileInfo>> UnixSSHFileAccess::getFileInfo(PathList con
 // ---- mutations -------------------------------------------------------------------------
 
 void UnixSSHFileAccess::runPathListCommand(ustring prefix, PathList const& paths) {
-  CommandBatcher batcher = CommandBatcher::pathList(std::move(prefix), {});
-  for (auto const& path : paths) batcher.add(operand(path));
-  executeExpectNoError(batcher.finish());
+  executeExpectNoError(pathListLines(std::move(prefix), paths.begin(), paths.end()));
 }
 
 void UnixSSHFileAccess::runCommandChain(ustring const& commandWord, PathPairs const& pairs) {
@@ -273,7 +292,20 @@ void UnixSSHFileAccess::touch(PathList const& paths) { runPathListCommand(u"touc
 
 void UnixSSHFileAccess::remove(ustring const& path) { remove(PathList{path}); }
 
-void UnixSSHFileAccess::remove(PathList const& paths) { runPathListCommand(u"rm -rf ", paths); }
+// A path that ends in '/' gets a guarded line of its own between the batched
+// lines of the others, so the paths are still removed in their order.
+void UnixSSHFileAccess::remove(PathList const& paths) {
+  std::vector<ustring> lines;
+  auto plain = paths.begin();
+  for (auto path = paths.begin(); path != paths.end(); ++path) {
+    if (!namesFolderOnly(*path)) continue;
+    for (auto& line : pathListLines(u"rm -rf ", plain, path)) lines.push_back(std::move(line));
+    lines.push_back(guardedRemoval(*path));
+    plain = std::next(path);
+  }
+  for (auto& line : pathListLines(u"rm -rf ", plain, paths.end())) lines.push_back(std::move(line));
+  executeExpectNoError(lines);
+}
 
 void UnixSSHFileAccess::makeDir(ustring const& path) { makeDir(PathList{path}); }
 

@@ -1,6 +1,7 @@
 #pragma once
 // Archive library (velmar::io::archive::core): writes tar and zip archives of
-// regular files and unpacks tar (plain or compressed) and zip archives.
+// regular files or of whole trees, and unpacks tar (plain or compressed) and
+// zip archives.
 //
 // Names are ustring and reach the OS and the archive as the lossless UTF-8 of
 // fl::i18n, so entry names that are not valid UTF-8 survive a round trip.
@@ -27,6 +28,15 @@ namespace velmar::io::archive::core {
 // given. The lists must have equal length. Returns the entry names written.
 std::vector<fl::ustring> createArchive(fl::ustring const& archivePath, std::vector<fl::ustring> const& files,
                                        std::vector<fl::ustring> const& entryNames, fl::ustring const& format);
+
+// Like createArchive, but each paths[i] is stored as what it is, never
+// followed: a folder as a folder entry (its name ending in '/'), a symbolic
+// link as a link with its target text, a regular file with its bytes; each
+// with its permission bits, modification time and owner. Any other kind of
+// file (FIFO, socket, device) fails the call, naming it. The archive being
+// written is left out where it is met.
+std::vector<fl::ustring> createTreeArchive(fl::ustring const& archivePath, std::vector<fl::ustring> const& paths,
+                                           std::vector<fl::ustring> const& entryNames, fl::ustring const& format);
 
 // Unpacks every entry beneath `destinationFolder`, which is created when
 // missing; existing files are replaced. `format` restricts what is read

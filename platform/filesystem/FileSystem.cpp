@@ -27,10 +27,12 @@ std::string quotedPath(std::string const& bytes) { return "'" + bytes + "'"; }
 
 std::error_code errorCode(int err) { return {err, std::generic_category()}; }
 
-// The one throw site of the layer: "<action>: <OS text>".
-[[noreturn]] void fail(std::string const& action, std::error_code const& ec) {
-  foundation::core::except::throwRuntimeError(action + ": " + ec.message());
+// The one throw site of the layer: "<action>: <reason>", mostly the OS text.
+[[noreturn]] void fail(std::string const& action, std::string const& reason) {
+  foundation::core::except::throwRuntimeError(action + ": " + reason);
 }
+
+[[noreturn]] void fail(std::string const& action, std::error_code const& ec) { fail(action, ec.message()); }
 
 const ptime kEpoch(boost::gregorian::date(1970, 1, 1));
 
@@ -148,23 +150,7 @@ bool isWithin(stdfs::path const& inner, stdfs::path const& outer) {
   return std::mismatch(b.begin(), b.end(), a.begin(), a.end()).first == b.end();
 }
 
-// ---- removal ------------------------------------------------------------------------
-
-std::uintmax_t removeTree(stdfs::path const& path) {
-  std::error_code ec;
-  const stdfs::file_status st = stdfs::symlink_status(path, ec);
-  if (st.type() == stdfs::file_type::not_found) return 0;
-  std::uintmax_t count = 0;
-  if (!ec && st.type() == stdfs::file_type::directory) {
-    for (stdfs::directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec))
-      count += removeTree(it->path());
-  }
-  if (!ec) stdfs::remove(path, ec);
-  if (ec) fail("cannot remove " + quotedPath(path.native()), ec);
-  return count + 1;
-}
-
-// ---- iteration ------------------------------------------------------------------------
+// ---- removal ------------------------------------------------------------------------------
 
 struct DirCloser {
   void operator()(DIR* dir) const noexcept { ::closedir(dir); }
@@ -174,6 +160,67 @@ using DirPtr = std::unique_ptr<DIR, DirCloser>;
 bool isDotOrDotDot(char const* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
+
+std::string removeAction(std::string const& shown) { return "cannot remove " + quotedPath(shown); }
+
+// The next entry, or nullptr at the end of the folder. `shownPath` builds the
+// folder's path for the message only when there is one to write.
+template <class ShownPath>
+dirent* readEntry(DIR* dir, ShownPath&& shownPath) {
+  errno = 0;
+  dirent* entry = ::readdir(dir);
+  const int err = errno;
+  if (entry == nullptr && err != 0) fail("cannot read folder " + quotedPath(shownPath()), errorCode(err));
+  return entry;
+}
+
+std::string below(std::string const& folder, char const* name) {
+  return (folder.empty() || folder.back() == '/' ? folder : folder + '/') + name;
+}
+
+// Removes `name` in the folder `dirFd` and everything beneath it; `shown` is
+// its path for messages. Each folder is opened relative to its parent and
+// never through a link, so a link that takes a folder's place meanwhile is
+// removed as a link, not followed. With `folderOnly` (the caller wrote a
+// trailing '/') only a folder is removed: a link there fails with ENOTDIR,
+// since the path names what the link points to, and anything else is not
+// there (as for rm -f).
+std::uintmax_t removeAt(int dirFd, std::string const& name, std::string const& shown, bool folderOnly) {
+  struct stat st {};
+  if (::fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    const int err = errno;
+    if (err == ENOENT || err == ENOTDIR) return 0;
+    fail(removeAction(shown), errorCode(err));
+  }
+  const bool folder = S_ISDIR(st.st_mode);
+  if (folderOnly && S_ISLNK(st.st_mode)) fail(removeAction(shown), errorCode(ENOTDIR));
+  if (folderOnly && !folder) return 0;
+  std::uintmax_t count = 0;
+  if (folder) {
+    const int fd = ::openat(dirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const DirPtr dir(fd >= 0 ? ::fdopendir(fd) : nullptr);
+    if (!dir) {
+      const int err = errno;
+      if (fd >= 0) ::close(fd);
+      fail("cannot open folder " + quotedPath(shown), errorCode(err));
+    }
+    // Read to the end before removing, so removal cannot disturb the reading.
+    std::vector<std::string> names;
+    while (dirent* entry = readEntry(dir.get(), [&] { return shown; })) {
+      if (!isDotOrDotDot(entry->d_name)) names.emplace_back(entry->d_name);
+    }
+    for (auto const& entry : names) {
+      count += removeAt(::dirfd(dir.get()), entry, below(shown, entry.c_str()), false);
+    }
+  }
+  if (::unlinkat(dirFd, name.c_str(), folder ? AT_REMOVEDIR : 0) != 0) {
+    const int err = errno;
+    if (err != ENOENT) fail(removeAction(shown), errorCode(err));
+  }
+  return count + 1;
+}
+
+// ---- iteration ------------------------------------------------------------------------
 
 ustring joined(ustring const& folder, ustring const& name) {
   ustring out = folder;
@@ -190,16 +237,6 @@ std::string joinedBytes(ustring const& folder, char const* name) {
 
 DirPtr openFolder(std::string const& bytes) { return DirPtr(::opendir(bytes.c_str())); }
 
-// The next entry, or nullptr at the end of the folder.
-dirent* readEntry(DIR* dir, ustring const& folder) {
-  errno = 0;
-  dirent* entry = ::readdir(dir);
-  const int err = errno;
-  if (entry == nullptr && err != 0)
-    fail("cannot read folder " + quotedPath(detail::native_bytes(folder)), errorCode(err));
-  return entry;
-}
-
 }  // namespace
 
 std::string detail::native_bytes(ustring const& path) {
@@ -212,6 +249,8 @@ std::string detail::native_bytes(ustring const& path) {
 }
 
 file_status status(ustring const& path) { return statusOf(detail::native_bytes(path), 0); }
+
+file_status symlink_status(ustring const& path) { return statusOf(detail::native_bytes(path), AT_SYMLINK_NOFOLLOW); }
 
 bool exists(ustring const& path) { return (status(path).bits() & file_status::file_not_found) == 0; }
 
@@ -236,7 +275,21 @@ void rename(ustring const& from, ustring const& to, rename_options const& option
   }
 }
 
-std::uintmax_t remove_all(ustring const& path) { return removeTree(stdfs::path(detail::native_bytes(path))); }
+char const* detail::removal_refusal(std::string_view bytes) {
+  const std::size_t end = bytes.find_last_not_of('/');
+  if (end == std::string_view::npos) return bytes.empty() ? nullptr : "it is the root folder";
+  const std::string_view named = bytes.substr(0, end + 1);
+  const std::string_view last = named.substr(named.find_last_of('/') + 1);
+  return last == "." || last == ".." ? "it ends in '.' or '..'" : nullptr;
+}
+
+std::uintmax_t remove_all(ustring const& path) {
+  const std::string bytes = detail::native_bytes(path);
+  if (char const* reason = detail::removal_refusal(bytes)) fail(removeAction(bytes), reason);
+  const std::size_t end = bytes.find_last_not_of('/');
+  if (end == std::string::npos) return 0;
+  return removeAt(AT_FDCWD, bytes.substr(0, end + 1), bytes, end + 1 != bytes.size());
+}
 
 bool create_directories(ustring const& path) {
   if (path.empty()) return false;
@@ -279,7 +332,7 @@ struct upath_directory_iterator::State {
   std::optional<directory_entry> entry;
 
   bool advance() {
-    while (dirent* next = readEntry(dir.get(), folder)) {
+    while (dirent* next = readEntry(dir.get(), [&] { return detail::native_bytes(folder); })) {
       if (skipDots && isDotOrDotDot(next->d_name)) continue;
       ustring name = fl::i18n::utf8_to_ustring(next->d_name);
       ustring pathName = joined(folder, name);
@@ -324,7 +377,7 @@ struct upath_recursive_directory_iterator::State {
     if (entry && isFolder(entry->status())) descend();
     while (!levels.empty()) {
       Level const& top = levels.back();
-      dirent* next = readEntry(top.dir.get(), top.folder);
+      dirent* next = readEntry(top.dir.get(), [&] { return detail::native_bytes(top.folder); });
       if (next == nullptr) {
         levels.pop_back();
         continue;

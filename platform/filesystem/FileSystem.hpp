@@ -15,7 +15,8 @@
 // Symbolic links: status() and exists() follow them. copy(), remove_all() and
 // upath_recursive_directory_iterator never follow a link into a folder (a
 // link is copied, removed or listed as a link), so a link loop cannot make
-// them recurse forever.
+// them recurse forever. remove_all() of "link/" (a trailing '/' names the
+// folder behind the link) removes nothing and fails with ENOTDIR.
 //
 // No state; every call is as thread-safe as the OS calls it makes. Iterators
 // are input iterators whose copies share one position.
@@ -26,6 +27,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "sshfileaccess/platform/i18n/ustring.hpp"
@@ -67,6 +69,9 @@ class file_status {
 // Follows symbolic links. A missing path (or one whose folder part is a file)
 // gives file_not_found; any other failure throws.
 file_status status(ustring const& path);
+// As status(), but a symbolic link reports symlink_file. A path that ends in
+// '/' is followed all the same, as the OS resolves it.
+file_status symlink_status(ustring const& path);
 bool exists(ustring const& path);
 
 enum class copy_option : unsigned {
@@ -97,7 +102,11 @@ struct rename_options {
 void rename(ustring const& from, ustring const& to, rename_options const& options);
 
 // Removes the path and, for a folder, everything beneath it. Returns the
-// number of entries removed (0 for a missing path).
+// number of entries removed (0 for a missing path). A symbolic link is
+// removed as a link. A path ending in '/' names a folder only: a link there
+// fails ("cannot remove 'dir/link/': Not a directory") and a file is not
+// there. Refused without touching anything: the paths detail::removal_refusal
+// names.
 std::uintmax_t remove_all(ustring const& path);
 
 // Creates the folder and every missing folder above it. Returns whether it
@@ -187,6 +196,11 @@ namespace detail {
 // The bytes the OS sees for a path (lossless UTF-8). Throws for a path
 // holding a NUL character, which would otherwise cut it short silently.
 std::string native_bytes(ustring const& path);
+
+// Why remove_all refuses `bytes` by its text alone, or nullptr: the root
+// folder, and a path whose last name is "." or "..", which would empty a
+// folder that the path does not name itself (rm refuses both too).
+char const* removal_refusal(std::string_view bytes);
 }  // namespace detail
 
 }  // namespace fl::filesystem

@@ -181,6 +181,18 @@ struct TreeTransferOptions {
   // Temporaries of the transfer's destinations left by other runs are
   // reused or removed.
   bool resume = false;
+  // A name a server lists that is not a plain name ("", ".", "..", or one
+  // holding '/' or NUL) is never joined to a path: it is skipped with a note
+  // in the report, no deletion runs, and the transfer fails once everything
+  // else is done. On: skipped with the note only.
+  bool ignoreSuspectNames = false;
+  // What the destination holds in the way of the source is replaced, as
+  // rsync does: a file (or special file) where the source has a folder, and
+  // with deleteExtraneous also a folder (with all it holds) where the source
+  // has a file or link. Off: each is one error naming it, and everything
+  // else is still copied. A link where the source has a folder is always
+  // replaced, never followed.
+  bool replaceInTheWay = false;
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
@@ -199,7 +211,9 @@ class SSHFA_EXPORT CopyTreesCommand {
 
 // One change of a dry run, named by its destination path.
 struct PlannedChange {
-  enum class Action { Copy, Resume, Skip, Link, Folder, Delete };
+  // Replace: an entry of another type in the destination's way goes first
+  // (followed by the Folder, Copy or Link that takes its place).
+  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace };
   Action action = Action::Copy;
   ustring path;
   std::uint64_t bytes = 0;  // file data to send (Resume: the rest only)
@@ -215,6 +229,7 @@ struct TreeTransferReport {
   std::size_t skipped = 0;          // files left as they were: unchanged
   std::size_t deleted = 0;          // destination entries removed (deleteExtraneous)
   std::size_t resumed = 0;          // files continued from an earlier run's temporary
+  std::size_t replaced = 0;         // destination entries of another type replaced (replaceInTheWay)
   std::vector<ustring> notes;       // one line per special file left out
   std::vector<PlannedChange> plan;  // dryRun only: by action (as listed above), then path
 };
@@ -225,6 +240,9 @@ struct TransferProgress {
   std::size_t filesDone = 0;
   std::size_t filesTotal = 0;
   ustring currentFile;
+  // Tree transfers list and copy one folder at a time: while folders remain
+  // to be listed, the totals are what was found so far and still grow.
+  bool listing = false;
 };
 
 // ---- options and errors ------------------------------------------------------
@@ -307,6 +325,21 @@ class SSHFA_EXPORT SSHError : public std::runtime_error {
 
  private:
   Kind kind_;
+};
+
+// A tree transfer that failed: the message names the first failure (in
+// the order of the command's items); the report holds what was done until
+// the end, with its notes, and failures() every failure, one line each.
+class SSHFA_EXPORT TransferError : public SSHError {
+ public:
+  TransferError(std::string const& message, TreeTransferReport report, std::vector<std::string> failures)
+      : SSHError(Kind::Transfer, message), report_(std::move(report)), failures_(std::move(failures)) {}
+  [[nodiscard]] TreeTransferReport const& report() const noexcept { return report_; }
+  [[nodiscard]] std::vector<std::string> const& failures() const noexcept { return failures_; }
+
+ private:
+  TreeTransferReport report_;
+  std::vector<std::string> failures_;
 };
 
 // ---- the client --------------------------------------------------------------

@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -93,6 +95,20 @@ bool waitForExit(pid_t pid, std::chrono::milliseconds timeout, int& status) {
 }
 
 }  // namespace
+
+bool definesSubsystem(std::string const& config, std::string const& name) {
+  std::istringstream lines(config);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string keyword;
+    std::string subsystem;
+    words >> keyword >> subsystem;
+    std::transform(keyword.begin(), keyword.end(), keyword.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (keyword == "subsystem" && subsystem == name) return true;
+  }
+  return false;
+}
 
 std::string currentUserName() {
   passwd const* pw = ::getpwuid(::geteuid());
@@ -197,7 +213,7 @@ void LoopbackSshd::writeConfig() const {
   config += "X11Forwarding no\n";
   config += "MaxStartups 64\n";
   config += "MaxSessions 64\n";
-  config += "Subsystem sftp internal-sftp\n";
+  if (!definesSubsystem(config, "sftp")) config += "Subsystem sftp internal-sftp\n";
   // bash sources ~/.bashrc for sshd's commands only at shell level 1; that
   // can cost far more than the command itself.
   config += "SetEnv SHLVL=1\n";

@@ -30,8 +30,8 @@ class LoopbackSshd {
   struct Settings {
     std::filesystem::path directory;  // must exist; every file is written here
     // Configuration lines placed before the generated ones; sshd keeps the
-    // first value of a keyword, so these override the defaults. No Match
-    // blocks here.
+    // first value of a keyword, so these override the defaults (a Subsystem
+    // line replaces the generated one of its name). No Match blocks here.
     std::string extraConfig;
     std::chrono::milliseconds startTimeout{15000};
   };
@@ -81,5 +81,9 @@ std::string currentUserName();
 // std::runtime_error with that text when it cannot be started or exits
 // non-zero.
 std::string runProgram(std::vector<std::string> const& argv);
+
+// Whether sshd_config text has a Subsystem line for `name`: sshd refuses a
+// second one, so a caller's line replaces the generated one.
+bool definesSubsystem(std::string const& config, std::string const& name);
 
 }  // namespace sshfa::loopback

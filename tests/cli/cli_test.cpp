@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "tests/cli/CliFiles.hpp"
+#include "tests/cli/ToolConnection.hpp"
 #include "tests/cli/ToolProcess.hpp"
 #include "tests/support/SshTestHelpers.hpp"
 
@@ -68,21 +69,7 @@ class CliTest : public ::testing::Test {
   static TestSshd& server() { return TestSshd::instance(); }
 
   // Connection options for the test server, without ~/.ssh/config.
-  static std::vector<std::string> connection() {
-    return {"-H",
-            server().host(),
-            "-p",
-            std::to_string(server().port()),
-            "-u",
-            server().user(),
-            "-i",
-            server().identityFile(),
-            "--known-hosts",
-            server().knownHostsFile(),
-            "-F",
-            "/dev/null",
-            "--batch"};
-  }
+  static std::vector<std::string> connection() { return connectionArgs(server()); }
 
   static ToolResult remote(std::vector<std::string> const& args, ToolOptions const& options = {}) {
     std::vector<std::string> all = connection();

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tests/cli/CliFiles.hpp"
+#include "tests/cli/ToolConnection.hpp"
 #include "tests/cli/ToolProcess.hpp"
 #include "tests/support/SshTestHelpers.hpp"
 
@@ -53,20 +54,7 @@ class SyncTest : public ::testing::TestWithParam<bool> {
   static TestSshd& server() { return TestSshd::instance(); }
 
   static std::vector<std::string> withConnection(std::vector<std::string> const& args) {
-    auto& sshd = server();
-    std::vector<std::string> all{"-H",
-                                 sshd.host(),
-                                 "-p",
-                                 std::to_string(sshd.port()),
-                                 "-u",
-                                 sshd.user(),
-                                 "-i",
-                                 sshd.identityFile(),
-                                 "--known-hosts",
-                                 sshd.knownHostsFile(),
-                                 "-F",
-                                 "/dev/null",
-                                 "--batch"};
+    auto all = connectionArgs(server());
     all.insert(all.end(), args.begin(), args.end());
     return all;
   }

@@ -1,11 +1,12 @@
-// The tool's pure parts: host:path operands, messages in its words and the
-// progress line.
+// The tool's pure parts: host:path operands, messages in its words, the
+// progress line and its own remote zip and unzip lines.
 
 #include <gtest/gtest.h>
 
 #include "tools/sshfa/Commands.hpp"
 #include "tools/sshfa/Messages.hpp"
 #include "tools/sshfa/Progress.hpp"
+#include "tools/sshfa/RemoteArchive.hpp"
 #include "tools/sshfa/RemoteOperand.hpp"
 
 namespace sshfa::cli {
@@ -127,6 +128,21 @@ TEST(ProgressLine, NarrowTerminalsDropWholeFieldsFromTheRight) {
 
 TEST(ProgressLine, NoRateYetMeansNoEstimate) {
   EXPECT_EQ(progressLine(halfway(), 0, 60), " 50%  1.0 MiB / 2.0 MiB  -  150/300 files  ETA -:--");
+}
+
+TEST(RemoteArchive, ZipStoresLinksAsLinksFromTheSourcesParent) {
+  EXPECT_EQ(zipLine(u"/r/src", u"t", u"/r/t.zip"), u"cd '/r/src' && zip -r -y '/r/t.zip' 't'");
+  EXPECT_EQ(zipLine(u"", u"it's", u"a b.zip"), u"cd '' && zip -r -y 'a b.zip' 'it'\\''s'");
+}
+
+TEST(RemoteArchive, UnzipReplacesWhatTheFolderHolds) {
+  EXPECT_EQ(unzipLine(u"/r/t.zip", u"/r/out dir"), u"unzip -o '/r/t.zip' -d '/r/out dir'");
+}
+
+TEST(RemoteArchive, RelativePathsThatReadAsOptionsGetTheDotSlashForm) {
+  EXPECT_EQ(zipLine(u"-p", u"-n", u"-a.zip"), u"cd './-p' && zip -r -y './-a.zip' './-n'");
+  EXPECT_EQ(unzipLine(u"-a.zip", u"-d"), u"unzip -o './-a.zip' -d './-d'");
+  EXPECT_EQ(unzipLine(u"/-a.zip", u"x/-d"), u"unzip -o '/-a.zip' -d 'x/-d'");
 }
 
 }  // namespace

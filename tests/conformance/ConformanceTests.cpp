@@ -174,6 +174,48 @@ TEST_P(ConformanceTest, RemoveTakesFilesAndWholeTreesAndIgnoresMissingPaths) {
   EXPECT_FALSE(side().present(at("t")));
 }
 
+// "rm dir/link/" names the folder behind the link; nothing is removed
+// through it, and both sides say so in the same words.
+TEST_P(ConformanceTest, RemoveOfALinkWithATrailingSlashRemovesNothingThroughIt) {
+  side().writeFile(at("real/keep"), "k");
+  side().writeFile(at("file"), "f");
+  side().makeLink("../real", at("dir/link"));
+  side().makeLink("../file", at("dir/flink"));
+  for (std::string const name : {"dir/link/", "dir/link//", "dir/flink/"}) {
+    try {
+      fa().remove(at(name));
+      ADD_FAILURE() << name << ": no FileAccessException";
+    } catch (FileAccessException const& e) {
+      EXPECT_EQ(e.code(), side().errorCode());
+      EXPECT_EQ(std::string(e.what()), "cannot remove '" + fl::i18n::ustring_to_utf8(at(name)) + "': Not a directory");
+    }
+  }
+  EXPECT_EQ(side().readFile(at("real/keep")), "k");
+  EXPECT_EQ(side().readFile(at("dir/link/keep")), "k");
+  EXPECT_EQ(side().readFile(at("file")), "f");
+}
+
+TEST_P(ConformanceTest, RemoveOverAListStopsAtALinkWithATrailingSlash) {
+  side().writeFile(at("real/keep"), "k");
+  side().writeFile(at("a"), "a");
+  side().writeFile(at("b"), "b");
+  side().makeLink(fl::i18n::ustring_to_utf8(at("real")), at("link"));
+  expectFailureOn(side(), [&] { fa().remove(std::vector<ustring>{at("a"), at("link/"), at("b")}); });
+  EXPECT_FALSE(side().present(at("a")));
+  EXPECT_EQ(side().readFile(at("real/keep")), "k");
+  EXPECT_EQ(side().readFile(at("b")), "b");
+}
+
+TEST_P(ConformanceTest, RemoveWithATrailingSlashTakesAFolderAndALinkWithoutOne) {
+  side().writeFile(at("real/keep"), "k");
+  side().writeFile(at("gone/sub/f"), "f");
+  side().makeLink("real", at("link"));
+  fa().remove(std::vector<ustring>{at("gone/"), at("link")});
+  EXPECT_FALSE(side().present(at("gone")));
+  EXPECT_FALSE(side().present(at("link")));
+  EXPECT_EQ(side().readFile(at("real/keep")), "k");
+}
+
 TEST_P(ConformanceTest, CopyIntoMissingTreeMakesTheFoldersFirst) {
   side().writeFile(at("src.txt"), "content");
   fa().copy(at("src.txt"), at("a/b/c.txt"));
@@ -281,6 +323,52 @@ TEST_P(ConformanceTest, UnzipIntoMissingFolderGivesTheBackendsAnswer) {
   } else {
     expectFailureOn(side(), [&] { fa().unzip(at("s.zip"), at("new")); });
     EXPECT_FALSE(side().present(at("new")));
+  }
+}
+
+// ---- what unpacking keeps -----------------------------------------------------------------------
+
+// Archives of the same tree, made by the system's own tar and zip -y.
+void packWithSystemTools(Backend& side, ustring const& folder) {
+  const std::string at = "'" + fl::i18n::ustring_to_utf8(folder) + "'";
+  side.shell("cd " + at + "/src && tar -cf ../t.tar t && zip -qry ../t.zip t");
+}
+
+TEST_P(ConformanceTest, UntarAndUnzipRestoreLinksEmptyFoldersModesAndTimes) {
+  side().makeFolder(at("src"));
+  side().makeArchivableTree(at("src/t"));
+  packWithSystemTools(side(), at(""));
+  side().makeFolder(at("from-tar"));
+  fa().untar(at("t.tar"), at("from-tar"));
+  EXPECT_EQ(side().snapshot(at("from-tar/t")), side().snapshot(at("src/t")));
+  fa().unzip(at("t.zip"), at("from-zip"));
+  EXPECT_EQ(side().snapshot(at("from-zip/t")), side().snapshot(at("src/t")));
+}
+
+TEST_P(ConformanceTest, UntarIntoAFolderHoldingTheFilesReplacesThem) {
+  side().makeFolder(at("src"));
+  side().makeArchivableTree(at("src/t"));
+  packWithSystemTools(side(), at(""));
+  side().makeFolder(at("out"));
+  fa().untar(at("t.tar"), at("out"));
+  side().writeFile(at("out/t/a.txt"), "changed");
+  side().writeFile(at("out/t/sub/f"), "changed too");
+  fa().untar(at("t.tar"), at("out"));
+  EXPECT_EQ(side().snapshot(at("out/t")), side().snapshot(at("src/t")));
+}
+
+TEST_P(ConformanceTest, UnzipIntoAFolderHoldingTheFilesGivesTheBackendsAnswer) {
+  side().makeFolder(at("src"));
+  side().makeArchivableTree(at("src/t"));
+  packWithSystemTools(side(), at(""));
+  fa().unzip(at("t.zip"), at("out"));
+  side().writeFile(at("out/t/a.txt"), "changed");
+  if (side().unzipOverwritesExistingFiles()) {
+    fa().unzip(at("t.zip"), at("out"));
+    EXPECT_EQ(side().snapshot(at("out/t")), side().snapshot(at("src/t")));
+  } else {
+    expectFailureOn(side(), [&] { fa().unzip(at("t.zip"), at("out")); });
+    EXPECT_EQ(side().readFile(at("out/t/a.txt")), "changed");
   }
 }
 

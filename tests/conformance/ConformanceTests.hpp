@@ -14,13 +14,18 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/FileAccessInterface.hpp"
+#include "tests/support/ArchivableTree.hpp"
 #include "tests/unit/local/LocalTestSupport.hpp"
 
 namespace sshfa::testing::conformance {
@@ -40,9 +45,17 @@ class Backend {
   // Fixtures, set up and inspected directly on the backend's side.
   virtual void writeFile(ustring const& path, std::string const& bytes) = 0;  // makes the folders above
   [[nodiscard]] virtual std::string readFile(ustring const& path) = 0;
-  virtual void makeFolder(ustring const& path) = 0;  // and the folders above
+  virtual void makeFolder(ustring const& path) = 0;                           // and the folders above
+  virtual void makeLink(std::string const& target, ustring const& link) = 0;  // makes the folders above
   [[nodiscard]] virtual bool present(ustring const& path) = 0;
   virtual void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) = 0;
+  // The tree of makeArchivableTree (tests/support/ArchivableTree.hpp) at
+  // `root`, whose parent exists, and the snapshot of a tree.
+  virtual void makeArchivableTree(ustring const& root) = 0;
+  [[nodiscard]] virtual std::map<std::string, std::string> snapshot(ustring const& root) = 0;
+  // Runs a shell command on the backend's side, to make archives with the
+  // system's own tools.
+  virtual void shell(std::string const& command) = 0;
 
   // Where the backends differ by design.
   [[nodiscard]] virtual FileAccessException::Code errorCode() const = 0;
@@ -51,6 +64,8 @@ class Backend {
   [[nodiscard]] virtual std::vector<ustring> listOfFile(ustring const& file) const = 0;
   [[nodiscard]] virtual bool untarCreatesMissingDestination() const = 0;
   [[nodiscard]] virtual bool unzipCreatesMissingDestination() const = 0;
+  // Whether unzip replaces files that the destination holds already.
+  [[nodiscard]] virtual bool unzipOverwritesExistingFiles() const = 0;
 
  protected:
   Backend() = default;
@@ -73,9 +88,20 @@ class ThisMachineBackend : public Backend {
   void writeFile(ustring const& path, std::string const& bytes) override { local::writeBytes(local::b(path), bytes); }
   std::string readFile(ustring const& path) override { return local::readBytes(local::b(path)); }
   void makeFolder(ustring const& path) override { local::makeFolders(local::b(path)); }
+  void makeLink(std::string const& target, ustring const& link) override {
+    local::makeFolders(std::filesystem::path(local::b(link)).parent_path());
+    local::makeSymlink(target, local::b(link));
+  }
   bool present(ustring const& path) override { return local::present(local::b(path)); }
   void setModificationTime(ustring const& path, std::int64_t secondsSinceEpoch, long nanoseconds) override {
     local::setModificationTime(local::b(path), secondsSinceEpoch, nanoseconds);
+  }
+  void makeArchivableTree(ustring const& root) override { sshfa::testing::makeArchivableTree(local::b(root)); }
+  std::map<std::string, std::string> snapshot(ustring const& root) override {
+    return sshfa::testing::archiveSnapshot(local::b(root));
+  }
+  void shell(std::string const& command) override {
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
   }
 
  protected:

@@ -28,6 +28,9 @@ class RemoteBackend : public ThisMachineBackend<UnixSSHFileAccess> {
   // "cd" into a missing folder fails before tar runs; "unzip -d" creates it.
   bool untarCreatesMissingDestination() const override { return false; }
   bool unzipCreatesMissingDestination() const override { return true; }
+  // unzip without -o asks before replacing a file and, with no answer,
+  // fails on its question.
+  bool unzipOverwritesExistingFiles() const override { return false; }
 };
 
 INSTANTIATE_TEST_SUITE_P(Remote, ConformanceTest,

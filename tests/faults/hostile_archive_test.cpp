@@ -1,8 +1,10 @@
-// Remote archives built to write outside their destination: members named
-// "../x" and "/absolute/x", and a member written through a symbolic link
-// to ".." that the archive created first. Unpacked on the remote host by its
-// tar and unzip, they write nothing outside the destination folder; the
-// operation reports the tool's complaint.
+// Archives built to write outside their destination: members named "../x"
+// and "/absolute/x", and a member written through a symbolic link to ".."
+// that the archive created first. Unpacked on the remote host by its tar and
+// unzip, they write nothing outside the destination folder; the operation
+// reports the tool's complaint. The same holds for the sshfa tool on both
+// sides: its remote unzip (with -o, to replace existing files) and its local
+// unpacking.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -71,6 +73,20 @@ TEST_F(HostileArchive, ZipWritesNothingOutsideTheDestination) {
   EXPECT_THAT(message, ::testing::HasSubstr("unable to process zlink/escaped-zip-via-link."));
   expectNothingOutside();
   EXPECT_EQ(readFile(base_ / "out" / "inside"), "x");
+}
+
+TEST_F(HostileArchive, TheToolWritesNothingOutsideTheDestinationOnEitherSide) {
+  for (bool const remote : {false, true}) {
+    for (std::string const command : {"untar", "unzip"}) {
+      auto const archive = (base_ / (command == "untar" ? "evil.tar" : "evil.zip")).string();
+      auto const args = joined(remote ? toolConnection(TestSshd::instance()) : std::vector<std::string>{"--local"},
+                               {command, archive, (base_ / "out").string()});
+      auto const result = runTool(args);
+      EXPECT_EQ(result.status, 1) << command << (remote ? " remote" : " local");
+      EXPECT_THAT(result.err, ::testing::StartsWith("sshfa: " + command + ": ")) << result.err;
+      expectNothingOutside();
+    }
+  }
 }
 
 }  // namespace

@@ -1,10 +1,15 @@
 #pragma once
 // Contents and listings for tests that compare files with what they should be.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
+#include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,6 +35,27 @@ inline std::vector<std::string> listNames(std::filesystem::path const& folder) {
   for (auto const& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
+}
+
+// Everything below a folder, by path relative to it: type and mode, time to
+// the nanosecond, and bytes or link target. Links are not followed.
+inline std::map<std::string, std::string> treeSnapshot(std::filesystem::path const& root) {
+  std::map<std::string, std::string> entries;
+  for (auto const& entry : std::filesystem::recursive_directory_iterator(root)) {
+    struct stat st {};
+    ::lstat(entry.path().c_str(), &st);
+    std::string what = std::to_string(st.st_mode) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+                       std::to_string(st.st_mtim.tv_nsec) + " ";
+    if (S_ISREG(st.st_mode)) {
+      std::ifstream in(entry.path(), std::ios::binary);
+      std::ostringstream bytes;
+      bytes << in.rdbuf();
+      what += bytes.str();
+    }
+    if (S_ISLNK(st.st_mode)) what += std::filesystem::read_symlink(entry.path()).string();
+    entries[std::filesystem::relative(entry.path(), root).string()] = what;
+  }
+  return entries;
 }
 
 }  // namespace sshfa::testing

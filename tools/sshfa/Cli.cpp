@@ -233,6 +233,9 @@ CLI::App* addTransferCommand(CLI::App& app, Invocation& inv, std::string const& 
   sub->add_flag("-n,--dry-run", inv.transfer.dryRun, "Print what would be copied, skipped and deleted; change nothing");
   sub->add_flag("--no-resume", inv.transfer.noResume,
                 "Start interrupted files over, and keep nothing of a file when interrupted");
+  sub->add_flag("--ignore-suspect-names", inv.transfer.ignoreSuspectNames,
+                "Skip names a server lists that are not plain names (\"..\", \"a/b\") with a warning, "
+                "instead of failing");
   return sub;
 }
 

@@ -16,8 +16,12 @@
 #include <string_view>
 
 #include "sshfileaccess/FileAccessException.hpp"
+#include "sshfileaccess/LocalFileAccess.hpp"
+#include "sshfileaccess/SSHFileAccess.hpp"
+#include "sshfileaccess/platform/filesystem/Path.hpp"
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "tools/sshfa/Interrupt.hpp"
+#include "tools/sshfa/RemoteArchive.hpp"
 #include "tools/sshfa/Text.hpp"
 
 namespace sshfa::cli {
@@ -273,6 +277,38 @@ void archiveCommand(sfa::FileAccessInterface& side, FileCommand const& command,
   }
 }
 
+// The tool's archives keep what a tree is on both sides: links as links,
+// empty folders, modes and times. Locally that is archiveTree; remotely the
+// library's tar, and zip with -y.
+void packTar(sfa::FileAccessInterface& side, ustring const& source, ustring const& archive) {
+  if (auto* local = dynamic_cast<sfa::LocalFileAccess*>(&side)) {
+    local->archiveTree(source, archive, u"tar");
+  } else {
+    side.tar(source, archive);
+  }
+}
+
+void packZip(sfa::FileAccessInterface& side, ustring const& source, ustring const& archive) {
+  if (auto* local = dynamic_cast<sfa::LocalFileAccess*>(&side)) {
+    local->archiveTree(source, archive, u"zip");
+  } else if (auto* remote = dynamic_cast<sfa::SSHFileAccess*>(&side)) {
+    remote->executeExpectNoError(
+        zipLine(side.parent(source), fl::filesystem::detail::extract_filename(source), archive));
+  } else {
+    side.zip(source, archive);
+  }
+}
+
+// unzip replaces what the destination holds, as untar does: the local side
+// always does, the remote one with the tool's own line.
+void unpackZip(sfa::FileAccessInterface& side, ustring const& archive, ustring const& folder) {
+  if (auto* remote = dynamic_cast<sfa::SSHFileAccess*>(&side)) {
+    remote->executeExpectNoError(unzipLine(archive, folder));
+  } else {
+    side.unzip(archive, folder);
+  }
+}
+
 using Handler = std::function<int(sfa::FileAccessInterface&, FileCommand const&)>;
 
 std::map<std::string, Handler> const& handlers() {
@@ -334,14 +370,14 @@ std::map<std::string, Handler> const& handlers() {
        [](auto& side, auto const& c) {
          requireArgs(c, 2, "SOURCE ARCHIVE");
          refuseCompressedName(c);
-         archiveCommand(side, c, [&side](auto const& from, auto const& to) { side.tar(from, to); });
+         archiveCommand(side, c, [&side](auto const& from, auto const& to) { packTar(side, from, to); });
          return 0;
        }},
       {"zip",
        [](auto& side, auto const& c) {
          requireArgs(c, 2, "SOURCE ARCHIVE");
          refuseCompressedName(c);
-         archiveCommand(side, c, [&side](auto const& from, auto const& to) { side.zip(from, to); });
+         archiveCommand(side, c, [&side](auto const& from, auto const& to) { packZip(side, from, to); });
          return 0;
        }},
       {"untar",
@@ -353,7 +389,7 @@ std::map<std::string, Handler> const& handlers() {
       {"unzip",
        [](auto& side, auto const& c) {
          requireArgs(c, 2, "ARCHIVE FOLDER");
-         archiveCommand(side, c, [&side](auto const& from, auto const& to) { side.unzip(from, to); });
+         archiveCommand(side, c, [&side](auto const& from, auto const& to) { unpackZip(side, from, to); });
          return 0;
        }},
   };

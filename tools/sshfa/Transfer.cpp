@@ -47,6 +47,8 @@ char const* actionName(ssh::PlannedChange::Action action) {
       return "mkdir";
     case ssh::PlannedChange::Action::Delete:
       return "delete";
+    case ssh::PlannedChange::Action::Replace:
+      return "replace";
   }
   return "?";
 }
@@ -85,20 +87,27 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
   options.deleteExtraneous = flags.deleteExtraneous;
   options.dryRun = flags.dryRun;
   options.resume = !flags.noResume;
+  options.ignoreSuspectNames = flags.ignoreSuspectNames;
 
   InterruptGuard const interruptible;
   TransferReporter reporter(isTerminal(STDERR_FILENO));
+  auto const printNotes = [name](sfa::TransferReport const& done) {
+    for (auto const& note : done.notes) {
+      writeTo(stderr, fmt::format("sshfa: {}: {}\n", name, forStream(STDERR_FILENO, note)));
+    }
+  };
   sfa::TransferReport report;
-  {
+  try {
     ReporterScope const scope(progress, reporter);
     report = upload ? access.upload(pairs, options) : access.download(pairs, options);
+  } catch (ssh::TransferError const& e) {
+    printNotes(e.report());
+    throw;
   }
   TransferTotals totals = reporter.finish();
   totals.files = report.files;
   totals.bytes = report.bytes;
-  for (auto const& note : report.notes) {
-    writeTo(stderr, fmt::format("sshfa: {}: {}\n", name, forStream(STDERR_FILENO, note)));
-  }
+  printNotes(report);
   if (json) {
     std::string plan;
     if (flags.dryRun) {

@@ -23,6 +23,7 @@ struct TransferFlags {
   bool deleteExtraneous = false;
   bool dryRun = false;
   bool noResume = false;
+  bool ignoreSuspectNames = false;
 };
 
 // put (upload) and get: SOURCE... DESTINATION, as cp and scp take them: a

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/support/SshTestHelpers.hpp"
+#include "tests/support/TestFiles.hpp"
 #include "tests/unit/sftp/TransferFiles.hpp"
 
 namespace sshfa::testing {
@@ -39,22 +40,6 @@ std::int64_t mtimeOf(fs::path const& path) {
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) throw std::runtime_error("cannot lstat " + path.string());
   return st.st_mtim.tv_sec;
-}
-
-// Everything below a folder: type, mode, time to the nanosecond, and bytes
-// or link target.
-std::map<std::string, std::string> snapshot(fs::path const& root) {
-  std::map<std::string, std::string> entries;
-  for (auto const& entry : fs::recursive_directory_iterator(root)) {
-    struct stat st {};
-    ::lstat(entry.path().c_str(), &st);
-    std::string what = std::to_string(st.st_mode) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
-                       std::to_string(st.st_mtim.tv_nsec) + " ";
-    if (S_ISREG(st.st_mode)) what += readFile(entry.path());
-    if (S_ISLNK(st.st_mode)) what += fs::read_symlink(entry.path()).string();
-    entries[fs::relative(entry.path(), root).string()] = what;
-  }
-  return entries;
 }
 
 std::vector<std::string> temporariesIn(fs::path const& folder) {
@@ -114,13 +99,13 @@ std::unique_ptr<ssh::SSHClient> Reruns::client_;
 
 TEST_P(Reruns, AnUnchangedTreeCopiesNothing) {
   makeCopiedTree();
-  auto const before = snapshot(dst());
+  auto const before = treeSnapshot(dst());
   auto const report = copyTree({.skipUnchanged = UnchangedTest::SizeAndTime});
   EXPECT_EQ(report.files, 0U);
   EXPECT_EQ(report.skipped, 3U);
   EXPECT_EQ(report.bytes, 0U);
   EXPECT_EQ(report.folders, 0U);
-  EXPECT_EQ(snapshot(dst()), before);
+  EXPECT_EQ(treeSnapshot(dst()), before);
 }
 
 TEST_P(Reruns, AChangedFileIsCopiedAndTheRestSkipped) {
@@ -258,9 +243,9 @@ TEST_P(Reruns, ADryRunChangesNothingAndNamesEveryChange) {
   fs::create_directory(src() / "fresh");
   fs::create_symlink("a", src() / "link");
   writeFile(dst() / "extra", "x");
-  auto const before = snapshot(dst());
+  auto const before = treeSnapshot(dst());
   auto const report = copyTree({.skipUnchanged = UnchangedTest::SizeAndTime, .deleteExtraneous = true, .dryRun = true});
-  EXPECT_EQ(snapshot(dst()), before);
+  EXPECT_EQ(treeSnapshot(dst()), before);
   EXPECT_EQ(report.files, 2U);
   EXPECT_EQ(report.bytes, 13U);
   EXPECT_EQ(report.skipped, 2U);

@@ -263,6 +263,60 @@ TEST_F(ArchiveTest, ZipWithDotDotEntryIsRefused) {
   EXPECT_TRUE(std::filesystem::is_empty(outside()));
 }
 
+TEST_F(ArchiveTest, ZipWriteThroughItsOwnSymlinkIsRefused) {
+  craftArchive(dir.at("evil.zip"), CraftedFormat::Zip, {symlinkEntry("zl", outside()), fileEntry("zl/evil", "EVIL")});
+  EXPECT_EQ(messageOf([&] { extractArchive(dir.uat("evil.zip"), u(dest()), u"", u""); }),
+            "cannot extract 'zl/evil' from archive '" + dir.at("evil.zip") + "': Cannot extract through symlink " +
+                dest() + "/zl/evil");
+  EXPECT_TRUE(std::filesystem::is_empty(outside()));
+}
+
+TEST_F(ArchiveTest, WriteThroughALinkAlreadyInTheDestinationIsRefused) {
+  makeSymlink(outside(), dest() + "/pre");
+  EXPECT_EQ(refusal({fileEntry("pre/evil", "EVIL")}), "cannot extract 'pre/evil' from archive '" + dir.at("evil.tar") +
+                                                          "': Cannot extract through symlink " + dest() + "/pre/evil");
+}
+
+TEST_F(ArchiveTest, AFolderEntryReplacesALinkInItsPlace) {
+  makeSymlink(outside(), dest() + "/pre");
+  craftArchive(dir.at("in.tar"), CraftedFormat::GnuTar, {folderEntry("pre/"), fileEntry("pre/x", "x")});
+  extractArchive(dir.uat("in.tar"), u(dest()), u"", u"");
+  EXPECT_FALSE(std::filesystem::is_symlink(dest() + "/pre"));
+  EXPECT_EQ(readBytes(dest() + "/pre/x"), "x");
+  EXPECT_TRUE(std::filesystem::is_empty(outside()));
+}
+
+// The folder's mode and time are set once everything is written; by then a
+// link to the outside holds its name, and neither reaches through it.
+TEST_F(ArchiveTest, ALinkThatTakesAFolderPlaceLaterPassesNoModeOrTimeOutside) {
+  ASSERT_EQ(::chmod(outside().c_str(), 0700), 0);
+  setModificationTime(outside(), 12345, 0);
+  craftArchive(dir.at("evil.tar"), CraftedFormat::GnuTar,
+               {folderEntry("d/"), fileEntry("d/a", "a"), symlinkEntry("d", outside())});
+  try {
+    extractArchive(dir.uat("evil.tar"), u(dest()), u"", u"");
+  } catch (RuntimeError const&) {
+    // Refusing the link is as good as replacing the folder with it.
+  }
+  struct stat st {};
+  ASSERT_EQ(::stat(outside().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700U);
+  EXPECT_EQ(st.st_mtim.tv_sec, 12345);
+  EXPECT_TRUE(std::filesystem::is_empty(outside()));
+}
+
+TEST_F(ArchiveTest, AnExistingFolderGetsItsTimeAfterTheEntriesWrittenIntoIt) {
+  makeFolders(dest() + "/top");
+  writeBytes(dest() + "/top/old", "replaced by a folder's entries");
+  craftArchive(dir.at("in.tar"), CraftedFormat::GnuTar,
+               {folderEntry("top/"), fileEntry("top/new", "n"), fileEntry("./top/deeper/f", "f")});
+  for (int round = 0; round < 2; ++round) {
+    std::filesystem::remove(dest() + "/top/new");
+    extractArchive(dir.uat("in.tar"), u(dest()), u"", u"");
+    EXPECT_EQ(modificationTime(dest() + "/top").tv_sec, 1'000'000'000) << round;
+  }
+}
+
 TEST_F(ArchiveTest, DestinationReachedThroughALinkIsUsable) {
   makeSymlink(dest(), dir.at("via-link"));
   craftArchive(dir.at("in.tar"), CraftedFormat::GnuTar, {fileEntry("sub/a", "a")});

@@ -258,6 +258,53 @@ TEST_F(FileSystemTest, RemoveAllNamesTheEntryItCannotRemove) {
             "cannot remove '" + dir.at("t/locked/f") + "': Operation not permitted");
 }
 
+TEST_F(FileSystemTest, RemoveAllOfALinkWithATrailingSlashRemovesNothingThroughIt) {
+  writeBytes(dir.at("real/keep"), "k");
+  makeSymlink(dir.at("real"), dir.at("link"));
+  EXPECT_EQ(messageOf([&] { fs::remove_all(dir.uat("link/")); }),
+            "cannot remove '" + dir.at("link/") + "': Not a directory");
+  EXPECT_EQ(readBytes(dir.at("link/keep")), "k");
+}
+
+TEST_F(FileSystemTest, RemoveAllWithATrailingSlashTakesAFolderOnly) {
+  writeBytes(dir.at("t/sub/f"), "f");
+  writeBytes(dir.at("file"), "f");
+  EXPECT_EQ(fs::remove_all(dir.uat("t//")), 3U);
+  EXPECT_FALSE(present(dir.at("t")));
+  EXPECT_EQ(fs::remove_all(dir.uat("file/")), 0U);
+  EXPECT_EQ(readBytes(dir.at("file")), "f");
+}
+
+TEST_F(FileSystemTest, RemoveAllRefusesAPathEndingInDotOrDotDot) {
+  writeBytes(dir.at("t/sub/f"), "f");
+  makeSymlink(dir.at("t"), dir.at("link"));
+  for (std::string const name : {"t/.", "t/sub/..", "link/.", "t/./"}) {
+    EXPECT_EQ(messageOf([&] { fs::remove_all(dir.uat(name)); }),
+              "cannot remove '" + dir.at(name) + "': it ends in '.' or '..'");
+  }
+  EXPECT_EQ(readBytes(dir.at("t/sub/f")), "f");
+}
+
+TEST_F(FileSystemTest, RemovalRefusalIsDecidedByTheTextAlone) {
+  using fs::detail::removal_refusal;
+  EXPECT_STREQ(removal_refusal("/"), "it is the root folder");
+  EXPECT_STREQ(removal_refusal("///"), "it is the root folder");
+  for (char const* dots : {".", "..", "./", "a/.", "/a/..", "a/..//"}) {
+    EXPECT_STREQ(removal_refusal(dots), "it ends in '.' or '..'") << dots;
+  }
+  for (char const* fine : {"", "a", "a/", ".a", "a.", "...", "./a", "../a", "/a/.b/"}) {
+    EXPECT_EQ(removal_refusal(fine), nullptr) << fine;
+  }
+}
+
+TEST_F(FileSystemTest, RemoveAllNamesNestedEntriesBelowAPathWithATrailingSlash) {
+  writeBytes(dir.at("t/locked/f"), "f");
+  const ImmutableGuard guard(dir.at("t/locked"));
+  if (!guard.active()) GTEST_SKIP() << "immutable flag not available here";
+  EXPECT_EQ(messageOf([&] { fs::remove_all(dir.uat("t/")); }),
+            "cannot remove '" + dir.at("t/locked/f") + "': Operation not permitted");
+}
+
 // ---- create_directories, last_write_time, ofstream ------------------------------------------------
 
 TEST_F(FileSystemTest, CreateDirectoriesMakesEveryLevel) {

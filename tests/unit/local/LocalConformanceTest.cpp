@@ -19,6 +19,7 @@ class LocalBackend : public ThisMachineBackend<LocalFileAccess> {
   std::vector<ustring> listOfFile(ustring const& file) const override { return {file}; }
   bool untarCreatesMissingDestination() const override { return true; }
   bool unzipCreatesMissingDestination() const override { return true; }
+  bool unzipOverwritesExistingFiles() const override { return true; }
 };
 
 INSTANTIATE_TEST_SUITE_P(Local, ConformanceTest,

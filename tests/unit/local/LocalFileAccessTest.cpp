@@ -14,6 +14,7 @@
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/platform/except/Exception.hpp"
 #include "sshfileaccess/platform/filesystem/FileSystem.hpp"
+#include "tests/support/ArchivableTree.hpp"
 #include "tests/support/LogCapture.hpp"
 #include "tests/unit/local/ArchiveTestSupport.hpp"
 #include "tests/unit/local/LocalTestSupport.hpp"
@@ -24,7 +25,9 @@ using foundation::core::except::RuntimeError;
 using nimbal::remoteaccess::sshfileaccess::FileAccessException;
 using nimbal::remoteaccess::sshfileaccess::FileInfo;
 using nimbal::remoteaccess::sshfileaccess::LocalFileAccess;
+using sshfa::testing::archiveSnapshot;
 using sshfa::testing::LogCapture;
+using sshfa::testing::makeArchivableTree;
 using namespace sshfa::testing::local;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -525,6 +528,94 @@ TEST_F(LocalFileAccessTest, UnpackingMissingArchiveFails) {
   EXPECT_EQ(localErrorOf([&] { local.untar(dir.uat("missing.tar"), dir.uat("dest")); }),
             "cannot extract archive '" + dir.at("missing.tar") + "': Failed to open '" + dir.at("missing.tar") +
                 "': No such file or directory");
+}
+
+// ---- archiveTree -----------------------------------------------------------------------------------
+
+class ArchiveTreeTest : public LocalFileAccessTest {
+ protected:
+  void SetUp() override {
+    makeFolders(dir.at("src"));
+    makeArchivableTree(dir.at("src/t"));
+  }
+  // Unpacks `archive` with the operation of its own format.
+  void unpack(std::string const& format, std::string const& archive, std::string const& folder) {
+    if (format == "tar") {
+      local.untar(dir.uat(archive), dir.uat(folder));
+    } else {
+      local.unzip(dir.uat(archive), dir.uat(folder));
+    }
+  }
+};
+
+TEST_F(ArchiveTreeTest, RoundTripKeepsLinksEmptyFoldersModesAndTimes) {
+  for (std::string const format : {"tar", "zip"}) {
+    local.archiveTree(dir.uat("src/t"), dir.uat("t." + format), u(format));
+    unpack(format, "t." + format, "out-" + format);
+    EXPECT_EQ(archiveSnapshot(dir.at("out-" + format + "/t")), archiveSnapshot(dir.at("src/t"))) << format;
+  }
+}
+
+TEST_F(ArchiveTreeTest, EveryEntryIsStoredUnderTheSourcesNameTheSourceFirst) {
+  local.archiveTree(u(dir.at("src//t/")), dir.uat("t.tar"), u"tar");
+  const ReadArchive read = readArchive(dir.at("t.tar"));
+  EXPECT_EQ(read.formatName, "GNU tar format");
+  ASSERT_FALSE(read.names.empty());
+  EXPECT_EQ(read.names.front(), "t/");
+  EXPECT_EQ(std::set<std::string>(read.names.begin(), read.names.end()),
+            (std::set<std::string>{"t/", "t/a.txt", "t/sub/", "t/sub/f", "t/empty/", "t/lnk", "t/dlnk", "t/dangling"}));
+  EXPECT_EQ(read.contents.at("t/sub/f"), "sub file\n");
+}
+
+TEST_F(ArchiveTreeTest, ALinkIsStoredAsALinkAlsoWithATrailingSlash) {
+  local.archiveTree(dir.uat("src/t/dlnk"), dir.uat("link.tar"), u"tar");
+  local.archiveTree(dir.uat("src/t/dlnk//"), dir.uat("link.zip"), u"zip");
+  EXPECT_EQ(readArchive(dir.at("link.tar")).names, (std::vector<std::string>{"dlnk"}));
+  EXPECT_EQ(readArchive(dir.at("link.zip")).names, (std::vector<std::string>{"dlnk"}));
+  local.unzip(dir.uat("link.zip"), dir.uat("out"));
+  EXPECT_EQ(std::filesystem::read_symlink(dir.at("out/dlnk")), "sub");
+}
+
+TEST_F(ArchiveTreeTest, ASingleFileIsStoredWithItsModeAndTime) {
+  local.archiveTree(dir.uat("src/t/sub/f"), dir.uat("f.zip"), u"zip");
+  local.unzip(dir.uat("f.zip"), dir.uat("out"));
+  EXPECT_EQ(archiveSnapshot(dir.at("out/f")), archiveSnapshot(dir.at("src/t/sub/f")));
+}
+
+TEST_F(ArchiveTreeTest, AMissingSourceFailsBeforeTheArchiveIsMade) {
+  EXPECT_EQ(localErrorOf([&] { local.archiveTree(dir.uat("src/none"), dir.uat("none.tar"), u"tar"); }),
+            "cannot pack '" + dir.at("src/none") + "': No such file or directory");
+  EXPECT_FALSE(present(dir.at("none.tar")));
+}
+
+TEST_F(ArchiveTreeTest, AFifoBeneathFailsTheCallNamingIt) {
+  ASSERT_EQ(::mkfifo(dir.at("src/t/sub/fifo").c_str(), 0600), 0);
+  EXPECT_EQ(localErrorOf([&] { local.archiveTree(dir.uat("src/t"), dir.uat("t.tar"), u"tar"); }),
+            "cannot add '" + dir.at("src/t/sub/fifo") + "' to archive '" + dir.at("t.tar") +
+                "': not a regular file, folder or symbolic link");
+}
+
+TEST_F(ArchiveTreeTest, TheArchiveIsLeftOutOfItself) {
+  writeBytes(dir.at("src/t/t.zip"), "an earlier archive");
+  local.archiveTree(dir.uat("src/t"), dir.uat("src/t/t.zip"), u"zip");
+  const auto names = readArchive(dir.at("src/t/t.zip")).names;
+  EXPECT_EQ(std::count(names.begin(), names.end(), "t/t.zip"), 0);
+  EXPECT_EQ(names.size(), 8U);
+}
+
+TEST_F(ArchiveTreeTest, UnpackingAgainOverwritesWhatChanged) {
+  for (std::string const format : {"tar", "zip"}) {
+    const std::string out = "again-" + format;
+    local.archiveTree(dir.uat("src/t"), dir.uat("t." + format), u(format));
+    unpack(format, "t." + format, out);
+    writeBytes(dir.at(out + "/t/a.txt"), "changed");
+    ASSERT_EQ(::chmod(dir.at(out + "/t/sub/f").c_str(), 0600), 0);
+    ASSERT_EQ(::chmod(dir.at(out + "/t/sub").c_str(), 0700), 0);
+    std::filesystem::remove(dir.at(out + "/t/lnk"));
+    writeBytes(dir.at(out + "/t/lnk"), "a file where the link was");
+    unpack(format, "t." + format, out);
+    EXPECT_EQ(archiveSnapshot(dir.at(out + "/t")), archiveSnapshot(dir.at("src/t"))) << format;
+  }
 }
 
 // ---- names that are not valid UTF-8 or hold newlines ---------------------------------------------

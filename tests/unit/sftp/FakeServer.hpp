@@ -1,8 +1,8 @@
 #pragma once
-// Test doubles at the packet level: a builder of server replies, an in-memory
-// server that answers requests through a handler (to send malformed,
-// reordered or short replies), and a transport decorator that records the
-// requests a client sends.
+// Test doubles at the packet level: an in-memory server that answers
+// requests through a handler (to send malformed, reordered or short replies;
+// replies are built with SftpPackets.hpp's Body), and a transport decorator
+// that records the requests a client sends.
 
 #include <algorithm>
 #include <functional>
@@ -14,83 +14,11 @@
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Protocol.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Transport.hpp"
+#include "tests/support/SftpPackets.hpp"
 
 namespace sshfa::testing {
 
 using namespace foundation::sshclient::internal::sftp;
-
-// Builds a packet body (type byte onwards) field by field.
-class Body {
- public:
-  explicit Body(PacketType type) { u8(static_cast<std::uint8_t>(type)); }
-  Body& u8(std::uint8_t v) {
-    bytes_.push_back(v);
-    return *this;
-  }
-  Body& u32(std::uint32_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8) bytes_.push_back(static_cast<std::uint8_t>(v >> shift));
-    return *this;
-  }
-  Body& u64(std::uint64_t v) {
-    u32(static_cast<std::uint32_t>(v >> 32U));
-    return u32(static_cast<std::uint32_t>(v));
-  }
-  Body& str(std::string const& s) {
-    u32(static_cast<std::uint32_t>(s.size()));
-    bytes_.insert(bytes_.end(), s.begin(), s.end());
-    return *this;
-  }
-  [[nodiscard]] Bytes const& bytes() const { return bytes_; }
-  // The body without its last `n` bytes.
-  [[nodiscard]] Bytes cut(std::size_t n) const { return Bytes(bytes_.begin(), bytes_.end() - static_cast<long>(n)); }
-  // The body with its length field in front, as on the wire.
-  [[nodiscard]] Bytes framed() const {
-    Bytes out;
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(bytes_.size() >> shift));
-    out.insert(out.end(), bytes_.begin(), bytes_.end());
-    return out;
-  }
-
- private:
-  Bytes bytes_;
-};
-
-inline Body status(std::uint32_t id, StatusCode code) {
-  return std::move(Body(PacketType::Status).u32(id).u32(static_cast<std::uint32_t>(code)).str("").str(""));
-}
-
-// One request as the server sees it.
-struct Request {
-  PacketType type{};
-  std::uint32_t id = 0;
-  Bytes body;  // after the id
-
-  // Reads the string field at the front of the body (paths, handles).
-  [[nodiscard]] std::string firstString() const {
-    auto const length =
-        (std::uint32_t{body[0]} << 24U) | (std::uint32_t{body[1]} << 16U) | (std::uint32_t{body[2]} << 8U) | body[3];
-    return std::string(body.begin() + 4, body.begin() + 4 + length);
-  }
-  // The 64-bit and 32-bit fields after the first string (READ's offset, length).
-  [[nodiscard]] std::pair<std::uint64_t, std::uint32_t> offsetAndLength() const {
-    std::size_t at = 4 + firstString().size();
-    std::uint64_t offset = 0;
-    for (int i = 0; i < 8; ++i) offset = (offset << 8U) | body[at++];
-    std::uint32_t length = 0;
-    for (int i = 0; i < 4; ++i) length = (length << 8U) | body[at++];
-    return {offset, length};
-  }
-};
-
-inline Request parseRequest(ByteView packet) {
-  Request request;
-  request.type = static_cast<PacketType>(packet[0]);
-  if (request.type == PacketType::Init) return request;
-  request.id = (std::uint32_t{packet[1]} << 24U) | (std::uint32_t{packet[2]} << 16U) |
-               (std::uint32_t{packet[3]} << 8U) | packet[4];
-  request.body.assign(packet.begin() + 5, packet.end());
-  return request;
-}
 
 // Answers each request through `handler`, which appends whole reply packets
 // (Body::framed()) to its output. Replies to the requests of one send() call

@@ -1,12 +1,12 @@
 #pragma once
-// A local OpenSSH sftp-server child process spoken to over pipes: the transfer
-// engine's server without any SSH in between. The "remote" side is this
-// machine's file system, as seen by the child.
+// A local OpenSSH sftp-server child process (or another program serving
+// SFTP) spoken to over pipes: the transfer engine's server without any SSH in
+// between. The "remote" side is this machine's file system, as seen by the
+// child.
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,48 +18,26 @@
 
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Transport.hpp"
-
-extern char** environ;
+#include "tests/support/PipedProcess.hpp"
+#include "tests/support/SftpPackets.hpp"
 
 namespace sshfa::testing {
-
-inline std::string sftpServerPath() {
-  for (char const* path : {"/usr/lib/openssh/sftp-server", "/usr/libexec/openssh/sftp-server",
-                           "/usr/libexec/sftp-server", "/usr/lib/ssh/sftp-server"}) {
-    if (::access(path, X_OK) == 0) return path;
-  }
-  throw std::runtime_error("no sftp-server binary found");
-}
 
 class SftpServerProcess : public foundation::sshclient::internal::sftp::Transport {
  public:
   // `arguments` go to sftp-server (e.g. {"-u", "077"} or {"-P", "limits@openssh.com"}).
   explicit SftpServerProcess(std::vector<std::string> const& arguments = {}, int waitTimeoutMs = 20000)
+      : SftpServerProcess(sftpServerPath(), arguments, waitTimeoutMs) {}
+
+  // Another program that serves SFTP on its standard input and output.
+  SftpServerProcess(std::string const& program, std::vector<std::string> const& arguments, int waitTimeoutMs = 20000)
       : waitTimeoutMs_(waitTimeoutMs) {
     // A write into the pipe of a killed server must fail, not end the test.
     ::signal(SIGPIPE, SIG_IGN);
-    int toChild[2];
-    int fromChild[2];
-    if (::pipe2(toChild, O_CLOEXEC) != 0 || ::pipe2(fromChild, O_CLOEXEC) != 0) {
-      throw std::runtime_error("pipe failed");
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, toChild[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, fromChild[1], 1);
-    auto const program = sftpServerPath();
-    std::vector<std::string> args{program};
-    args.insert(args.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    int const rc = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(toChild[0]);
-    ::close(fromChild[1]);
-    toServer_ = toChild[1];
-    fromServer_ = fromChild[0];
-    if (rc != 0) throw std::runtime_error("cannot start sftp-server");
+    auto const child = startPiped(program, arguments);
+    pid_ = child.pid;
+    toServer_ = child.input;
+    fromServer_ = child.output;
     ::fcntl(toServer_, F_SETFL, O_NONBLOCK);
     ::fcntl(fromServer_, F_SETFL, O_NONBLOCK);
   }

@@ -1,0 +1,37 @@
+#pragma once
+// The "sftp" subsystem of one session channel as the byte stream an SFTP
+// session drives (sftp::Transport). The channel is opened and the subsystem
+// asked for at construction; the first requests may follow without waiting
+// for the answer, which receive() checks: a refusal is SSHError(Transfer)
+// "the server offers no SFTP service", and a server that ends the session
+// is SSHError(Transfer) with what it wrote to standard error. Closed when
+// destroyed; must not outlive its Session.
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "sshfileaccess/platform/sshclient/internal/Session.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Transport.hpp"
+
+namespace foundation::sshclient::internal {
+
+class SftpChannel final : public sftp::Transport {
+ public:
+  explicit SftpChannel(Session& session);
+
+  std::size_t send(std::span<std::uint8_t const> data) override;
+  std::size_t receive(std::span<std::uint8_t> buffer) override;
+  void wait(bool wantSend) override;
+
+ private:
+  Session& session_;
+  Channel channel_;
+  bool arrived_ = false;
+  ArrivalWatch watch_{channel_.raw(), arrived_};
+  std::string diagnostics_;
+  bool accepted_ = false;
+};
+
+}  // namespace foundation::sshclient::internal

@@ -1,0 +1,161 @@
+#pragma once
+// One SFTP session over a byte stream: the only code that speaks SFTP.
+//
+// Owns the framing (outgoing packets queued, incoming bytes cut into
+// packets), the request ids, the table of requests awaiting a reply, the
+// count of file data in flight, and what the server said of itself (version,
+// extensions, limits). Every request carries a Ticket naming the ReplyHandler
+// that gets its reply, with the handler's own kind, subject and numbers; the
+// replies are handed over from pump(), in arrival order. It knows nothing of
+// files, trees, temporaries or options.
+//
+// One transfer may drive several sessions (one per channel of a connection):
+// each has its own ids and queues; pump each with mayWait = false, then wait
+// on one of them.
+//
+// Errors: a reply that cannot be decoded, or that answers no request, throws
+// ProtocolError; the transport throws SSHError (ConnectionLost, Timeout,
+// Transfer) when the stream ends or stalls. Afterwards the session is dead.
+// A handler's exception passes through pump() unchanged.
+// Not thread-safe.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "sshfileaccess/platform/sshclient/internal/sftp/Protocol.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/Transport.hpp"
+
+namespace foundation::sshclient::internal::sftp {
+
+class ReplyHandler;
+
+// What a reply is for, in the words of the handler that asked.
+struct Ticket {
+  ReplyHandler* handler = nullptr;
+  std::uint32_t kind = 0;
+  void* subject = nullptr;
+  std::uint64_t offset = 0;  // of file data, or an index of the handler's
+  std::uint32_t length = 0;  // of file data asked for or sent
+};
+
+class ReplyHandler {
+ public:
+  // `reply` and the views in it live only for the call.
+  virtual void onReply(Ticket const& ticket, Reply const& reply) = 0;
+
+ protected:
+  ReplyHandler() = default;
+  ~ReplyHandler() = default;
+  ReplyHandler(ReplyHandler const&) = default;
+  ReplyHandler& operator=(ReplyHandler const&) = default;
+};
+
+class SftpSession {
+ public:
+  // `peer` ("user@host:port") names the server in messages.
+  SftpSession(Transport& transport, std::string peer);
+  SftpSession(SftpSession const&) = delete;
+  SftpSession& operator=(SftpSession const&) = delete;
+
+  // Sends INIT and waits for VERSION; asks for the server's limits when it
+  // offers them, without waiting: limitsKnown() tells when they arrived.
+  // Throws ProtocolError for another protocol version.
+  void start();
+
+  [[nodiscard]] std::string const& peer() const noexcept { return peer_; }
+  [[nodiscard]] bool offers(std::string_view extension) const noexcept;
+  [[nodiscard]] bool limitsKnown() const noexcept { return limitsKnown_; }
+  // Bytes per READ and WRITE: the server's stated limits (at most 1 MiB),
+  // else 32 KiB.
+  [[nodiscard]] std::uint32_t readChunk() const noexcept { return readChunk_; }
+  [[nodiscard]] std::uint32_t writeChunk() const noexcept { return writeChunk_; }
+  // Handles the server allows open at once; 0 when it did not say.
+  [[nodiscard]] std::uint64_t handleLimit() const noexcept { return handleLimit_; }
+
+  // ---- requests: each reply goes to ticket.handler
+  void open(Ticket const& ticket, std::string_view path, std::uint32_t flags, Attributes const& attributes);
+  void close(Ticket const& ticket, std::string_view handle);
+  // READ and WRITE count ticket.length (WRITE: the data's size) as in flight
+  // until answered.
+  void read(Ticket const& ticket, std::string_view handle, std::uint64_t offset, std::uint32_t length);
+  void write(Ticket const& ticket, std::string_view handle, std::uint64_t offset, ByteView data);
+  void lstat(Ticket const& ticket, std::string_view path);
+  void stat(Ticket const& ticket, std::string_view path);
+  void setstat(Ticket const& ticket, std::string_view path, Attributes const& attributes);
+  void fsetstat(Ticket const& ticket, std::string_view handle, Attributes const& attributes);
+  void opendir(Ticket const& ticket, std::string_view path);
+  void readdir(Ticket const& ticket, std::string_view handle);
+  void remove(Ticket const& ticket, std::string_view path);
+  void mkdir(Ticket const& ticket, std::string_view path, Attributes const& attributes);
+  void rmdir(Ticket const& ticket, std::string_view path);
+  void realpath(Ticket const& ticket, std::string_view path);
+  // posix-rename@openssh.com (replaces an existing target) where offered,
+  // else the plain RENAME (which refuses one).
+  void rename(Ticket const& ticket, std::string_view from, std::string_view to, bool replacing = true);
+  void readlink(Ticket const& ticket, std::string_view path);
+  void symlink(Ticket const& ticket, std::string_view target, std::string_view link);
+  void statvfs(Ticket const& ticket, std::string_view path);
+  // A request whose answer nobody needs (closing a handle after a failure,
+  // removing a temporary): its reply is read and dropped.
+  [[nodiscard]] static Ticket ignored() noexcept { return {}; }
+  // Whether posix-rename is used (the server offers it and it is allowed).
+  [[nodiscard]] bool replacingRename() const noexcept { return posixRename_; }
+  void usePosixRename(bool allowed) noexcept;
+
+  // ---- driving
+  // Sends what can go, takes in what has come and hands every reply to its
+  // handler; sleeps in the transport when nothing moved and `mayWait`.
+  void pump(bool mayWait = true);
+  // Pumps until every request sent so far is answered.
+  void drain();
+  // Sleeps until the stream may move (see Transport::wait).
+  void wait();
+
+  [[nodiscard]] std::size_t pending() const noexcept { return pending_.size(); }
+  [[nodiscard]] std::size_t queuedBytes() const noexcept { return out_.size() - sent_; }
+  [[nodiscard]] std::uint64_t dataInFlight() const noexcept { return dataInFlight_; }
+
+ private:
+  struct Waiting {
+    Ticket ticket;
+    std::uint32_t data = 0;  // file data counted in flight
+  };
+  // The answer to limits@openssh.com, taken in by the session itself.
+  class LimitsReply final : public ReplyHandler {
+   public:
+    explicit LimitsReply(SftpSession& session) : session_(session) {}
+    void onReply(Ticket const& ticket, Reply const& reply) override;
+
+   private:
+    SftpSession& session_;
+  };
+
+  std::uint32_t track(Ticket const& ticket, std::uint32_t data = 0);
+  PacketWriter writer();
+  void onPacket(ByteView packet);
+  void adopt(Limits const& limits);
+
+  Transport& transport_;
+  std::string peer_;
+  Bytes out_;
+  std::size_t sent_ = 0;
+  PacketReader in_;
+  std::uint32_t nextId_ = 0;
+  std::unordered_map<std::uint32_t, Waiting> pending_;
+  std::uint64_t dataInFlight_ = 0;
+
+  bool versionReceived_ = false;
+  std::vector<Extension> extensions_;
+  bool posixRename_ = false;
+  bool limitsKnown_ = false;
+  std::uint32_t readChunk_;
+  std::uint32_t writeChunk_;
+  std::uint64_t handleLimit_ = 0;
+  LimitsReply limitsReply_{*this};
+};
+
+}  // namespace foundation::sshclient::internal::sftp

@@ -1,0 +1,160 @@
+#pragma once
+// Files sent over an SFTP session, many at once: the execution of copies.
+//
+// Speed comes from never waiting for one reply before sending the next
+// request: many READ/WRITE requests of a file are in flight at once (bounded
+// by a window of outstanding bytes, not by a request count), and the next
+// files are opened while earlier ones are still moving.
+//
+// Safety: each file is written to a temporary beside its destination
+// (".<name>.sshfa-<random>", created exclusively; a file that may resume
+// bears ".<name>.sshfa-partial-<size>-<mtime>" of its source) and renamed
+// over the destination only once complete, so an existing destination is
+// either untouched or wholly replaced. Mode and times are set on the
+// temporary before the rename. Remote renames use posix-rename where
+// offered, else a plain rename and, where that refuses to replace a regular
+// file, a move aside and back. Local files are made in their folder's open
+// descriptor (LocalDir), never through a link. A file whose size or time
+// changes while it is read fails ("changed while being read").
+//
+// A failed file's temporary goes and the observer is told; with
+// stopOnFailure no new file starts afterwards. cancel() (a stop) fails every
+// file in flight quietly, keeping resumable temporaries that hold data;
+// abandon() (a broken stream) only closes and removes local temporaries.
+// Owns its jobs; calls only the session, the local file system and the
+// observer. Not thread-safe.
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+struct CopySettings {
+  bool upload = true;
+  std::uint64_t windowBytes = 8U * 1024U * 1024U;  // file data in flight
+  std::size_t maxOpenFiles = 128;                  // also bounded by the server's handle limit
+  std::optional<std::uint32_t> chunkSize;          // bytes per READ/WRITE; unset: the server's
+  std::uint32_t createMode = 0600;                 // temporaries are created with it (less the umask)
+  bool resume = false;                             // resumable temporaries, kept when stopped
+  bool stopOnFailure = false;
+};
+
+struct FileTask {
+  std::size_t item = 0;     // of the command, to order failures
+  std::string source;       // full path, local or remote
+  std::string destination;  // full path, for messages and remote requests
+  // Downloads: the destination's folder and its name there; a null folder
+  // is opened from the destination's path (a caller's own file).
+  std::shared_ptr<LocalDir> folder;
+  std::string name;
+  std::optional<std::uint64_t> size;  // as listed
+  std::optional<std::uint32_t> listedMtime;
+  Kept kept;               // mode and times to set
+  std::string resumeTemp;  // an earlier run's verified temporary (its name)
+  std::uint64_t resumeFrom = 0;
+  void* owner = nullptr;  // the caller's, handed back
+};
+
+class FileObserver {
+ public:
+  virtual void fileDone(FileTask const& task) = 0;
+  virtual void fileFailed(FileTask const& task, std::string const& message) = 0;
+
+ protected:
+  FileObserver() = default;
+  ~FileObserver() = default;
+  FileObserver(FileObserver const&) = default;
+  FileObserver& operator=(FileObserver const&) = default;
+};
+
+struct TransferCounters {
+  std::uint64_t bytesDone = 0;
+  std::uint64_t bytesTotal = 0;
+  std::size_t filesDone = 0;
+  std::size_t resumed = 0;
+};
+
+class FileCopier final : public sftp::ReplyHandler {
+ public:
+  FileCopier(sftp::SftpSession& session, CopySettings const& settings, FileObserver& observer,
+             TransferCounters& counters);
+  ~FileCopier();
+  FileCopier(FileCopier const&) = delete;
+  FileCopier& operator=(FileCopier const&) = delete;
+
+  void add(FileTask task);
+  // Starts queued files and sends data as the window allows.
+  void poll();
+  [[nodiscard]] bool idle() const noexcept;
+  [[nodiscard]] std::size_t waiting() const noexcept;  // queued, not started
+  [[nodiscard]] bool stopped() const noexcept { return stopping_; }
+  // The source of the oldest file in flight, for progress.
+  [[nodiscard]] std::optional<std::string> current() const;
+  // "cannot upload 'a' to 'b' on peer: " for the file in flight, for a failure of the whole stream.
+  [[nodiscard]] std::string context() const;
+
+  void cancel();
+  void abandon() noexcept;
+
+  void onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) override;
+
+ private:
+  struct Job;
+  void start(Job& job);
+  void fail(Job& job, std::string const& cause);
+  void complete(Job& job);
+  void closeRemote(Job& job);
+  void discardTemp(Job& job);
+  [[nodiscard]] std::string describe(Job const& job) const;
+  [[nodiscard]] bool holdsResumableData(Job const& job) const;
+  [[nodiscard]] bool changedWhileRead(Job& job);
+  void diagnose(Job& job, sftp::StatusCode status, std::string_view message);
+  void onStatvfs(Job& job, sftp::Reply const& reply);
+
+  void startUpload(Job& job);
+  void openRemoteTemp(Job& job);
+  void onUploadOpen(Job& job, sftp::Reply const& reply);
+  bool readAhead(Job& job);
+  void issueWrites(Job& job);
+  void onWrite(Job& job, sftp::Ticket const& ticket, sftp::Reply const& reply);
+  void finishUpload(Job& job);
+  void onUploadClose(Job& job, sftp::Reply const& reply);
+  void onRename(Job& job, std::uint32_t kind, sftp::Reply const& reply);
+  void onInspect(Job& job, sftp::Reply const& reply);
+
+  void startDownload(Job& job);
+  void onDownloadAnswer(Job& job, std::uint32_t kind, sftp::Reply const& reply);
+  void issueReads(Job& job);
+  void onRead(Job& job, sftp::Ticket const& ticket, sftp::Reply const& reply);
+  void onProbe(Job& job, sftp::Reply const& reply);
+  bool writeBehind(Job& job, std::uint64_t offset, sftp::ByteView data);
+  bool flush(Job& job);
+  void finishDownload(Job& job);
+
+  [[nodiscard]] std::uint32_t chunk() const noexcept;
+
+  sftp::SftpSession& session_;
+  CopySettings settings_;
+  FileObserver& observer_;
+  TransferCounters& counters_;
+  std::mt19937_64 random_;
+  std::deque<FileTask> queue_;
+  std::vector<std::unique_ptr<Job>> jobs_;
+  // Destinations of unfinished files: a later file to the same place waits,
+  // so that it is the one that stays.
+  std::unordered_multiset<std::string> busy_;
+  bool stopping_ = false;
+  bool cancelled_ = false;
+};
+
+}  // namespace foundation::sshclient::internal::transfer

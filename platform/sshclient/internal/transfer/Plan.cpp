@@ -1,0 +1,236 @@
+#include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <unordered_set>
+
+#include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+namespace {
+
+constexpr std::uint32_t kPermissionBits = 0777;
+constexpr std::uint32_t kModeBits = 07777;
+constexpr std::size_t kSteps = static_cast<std::size_t>(Step::Delete) + 1;
+
+Action actionFor(Step step, std::string const& name, Entry const* source, Entry const* existing) {
+  Action action;
+  action.step = step;
+  action.name = name;
+  action.source = source;
+  action.existing = existing;
+  return action;
+}
+
+bool unchangedFile(Entry const& source, Entry const& existing, PlanSettings const& settings,
+                   ChecksumAnswers const& checksums) {
+  if (settings.skipUnchanged == UnchangedTest::None || existing.type != EntryType::File ||
+      existing.size != source.size) {
+    return false;
+  }
+  if (settings.skipUnchanged == UnchangedTest::Checksum) {
+    auto const answer = checksums.find(source.name);
+    return answer != checksums.end() && answer->second;
+  }
+  return source.mtime && existing.mtime == source.mtime;
+}
+
+// What a source file or link becomes where `existing` lies.
+Action placeData(Entry const& source, Entry const* existing, PlanSettings const& settings,
+                 ChecksumAnswers const& checksums) {
+  auto action = actionFor(source.type == EntryType::Link ? Step::Link : Step::Copy, source.name, &source, existing);
+  if (existing == nullptr) return action;
+  if (existing->type == EntryType::Folder) {
+    if (settings.replaceInTheWay && settings.deleteExtraneous) {
+      action.replace = true;
+    } else {
+      action.step = Step::Fail;
+      action.problem = Problem::FolderInTheWay;
+    }
+    return action;
+  }
+  if (source.type == EntryType::Link) {
+    // An equal link is left as it is, like an unchanged file.
+    bool const equal = existing->type == EntryType::Link && existing->linkTarget == source.linkTarget;
+    if (settings.skipUnchanged != UnchangedTest::None && equal) action.step = Step::Skip;
+    return action;
+  }
+  if (unchangedFile(source, *existing, settings, checksums)) {
+    auto const wanted = kept(source, settings);
+    bool const differs = modeDiffers(*existing, wanted, settings) || timeDiffers(*existing, wanted);
+    action.step = differs ? Step::FixAttributes : Step::Skip;
+  }
+  return action;
+}
+
+// What a source folder becomes where `existing` lies. A link there is
+// replaced, never followed.
+Action placeFolder(Entry const& source, Entry const* existing, PlanSettings const& settings) {
+  auto action = actionFor(Step::MakeFolder, source.name, &source, existing);
+  if (existing == nullptr) return action;
+  if (existing->type == EntryType::Folder) {
+    action.step = Step::EnterFolder;
+  } else if (existing->type == EntryType::Link || settings.replaceInTheWay) {
+    action.replace = true;
+  } else {
+    action.step = Step::Fail;
+    action.problem = Problem::FileInTheWay;
+  }
+  return action;
+}
+
+bool resumableFor(Action const& action, Entry const& temporary, PlanSettings const& settings) {
+  auto const& source = *action.source;
+  return settings.resume && action.step == Step::Copy && source.type == EntryType::File && action.temporary.empty() &&
+         temporary.type == EntryType::File && temporary.size > 0 && temporary.size <= source.size &&
+         temporary.name == resumableName(source.name, source.size, source.mtime);
+}
+
+}  // namespace
+
+PlanSettings PlanSettings::from(TreeTransferOptions const& options) {
+  PlanSettings settings;
+  settings.skipUnchanged = options.skipUnchanged;
+  settings.deleteExtraneous = options.deleteExtraneous;
+  settings.resume = options.resume;
+  settings.keepPermissions = options.keepPermissions;
+  settings.keepSpecialBits = options.keepSpecialBits;
+  settings.keepTimes = options.keepTimes;
+  settings.replaceInTheWay = options.replaceInTheWay;
+  return settings;
+}
+
+Kept kept(Entry const& source, PlanSettings const& settings) {
+  Kept wanted;
+  if (settings.keepPermissions && source.mode) {
+    wanted.mode = *source.mode & (settings.keepSpecialBits ? kModeBits : kPermissionBits);
+  }
+  if (settings.keepTimes && source.mtime) {
+    wanted.mtime = source.mtime;
+    wanted.atime = source.atime.value_or(*source.mtime);
+  }
+  return wanted;
+}
+
+bool modeDiffers(Entry const& existing, Kept const& wanted, PlanSettings const& settings) {
+  auto const mask = settings.keepSpecialBits ? kModeBits : kPermissionBits;
+  return wanted.mode && (!existing.mode || (*existing.mode & mask) != *wanted.mode);
+}
+
+bool timeDiffers(Entry const& existing, Kept const& wanted) { return wanted.mtime && existing.mtime != wanted.mtime; }
+
+std::vector<std::string> checksumCandidates(Listing const& source, Listing const* destination,
+                                            PlanSettings const& settings) {
+  std::vector<std::string> names;
+  if (settings.skipUnchanged != UnchangedTest::Checksum || destination == nullptr) return names;
+  for (auto const& entry : source.entries) {
+    if (entry.type != EntryType::File) continue;
+    auto const* existing = destination->find(entry.name);
+    if (existing != nullptr && existing->type == EntryType::File && existing->size == entry.size) {
+      names.push_back(entry.name);
+    }
+  }
+  return names;
+}
+
+FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSettings const& settings,
+                      FolderScope scope, ChecksumAnswers const& checksums) {
+  std::array<std::vector<Action>, kSteps> steps;
+  auto const add = [&steps](Action action) {
+    steps[static_cast<std::size_t>(action.step)].push_back(std::move(action));
+  };
+
+  // Temporaries of ours in the destination, by the name they were made for.
+  std::unordered_map<std::string_view, std::vector<Entry const*>> temporaries;
+  if (destination != nullptr) {
+    for (auto const& entry : destination->entries) {
+      if (auto const owner = temporaryOwner(entry.name)) temporaries[*owner].push_back(&entry);
+    }
+  }
+  std::unordered_set<Entry const*> claimed;
+  std::unordered_set<std::string_view> sourceNames;
+  sourceNames.reserve(source.entries.size());
+
+  for (auto const& entry : source.entries) {
+    sourceNames.insert(entry.name);
+    auto const* existing = destination != nullptr ? destination->find(entry.name) : nullptr;
+    Action action;
+    switch (entry.type) {
+      case EntryType::Folder:
+        action = placeFolder(entry, existing, settings);
+        break;
+      case EntryType::File:
+      case EntryType::Link:
+        action = placeData(entry, existing, settings, checksums);
+        break;
+      default:
+        action = actionFor(Step::Special, entry.name, &entry, existing);
+        break;
+    }
+    if (entry.type == EntryType::File || entry.type == EntryType::Link) {
+      // A file's temporaries: the resumable one continues its copy, the
+      // others go. Temporaries of names the source lacks are left alone.
+      if (auto const found = temporaries.find(ownerKey(entry.name)); found != temporaries.end()) {
+        for (auto const* temporary : found->second) {
+          if (!claimed.insert(temporary).second) continue;
+          if (resumableFor(action, *temporary, settings)) {
+            action.temporary = temporary->name;
+            action.resumeFrom = temporary->size;
+            continue;
+          }
+          add(actionFor(Step::RemoveTemporary, temporary->name, nullptr, temporary));
+        }
+      }
+    }
+    add(std::move(action));
+  }
+
+  if (destination != nullptr && scope.deletes && !scope.aboveRoots && settings.deleteExtraneous) {
+    for (auto const& entry : destination->entries) {
+      if (sourceNames.contains(entry.name) || claimed.contains(&entry)) continue;
+      add(actionFor(Step::Delete, entry.name, nullptr, &entry));
+    }
+  }
+
+  FolderPlan plan;
+  std::size_t total = 0;
+  for (auto const& step : steps) total += step.size();
+  plan.actions.reserve(total);
+  for (auto& step : steps) std::move(step.begin(), step.end(), std::back_inserter(plan.actions));
+  return plan;
+}
+
+Entry const* Listing::find(std::string_view name) const {
+  auto const at = std::lower_bound(entries.begin(), entries.end(), name,
+                                   [](Entry const& entry, std::string_view key) { return entry.name < key; });
+  return at != entries.end() && at->name == name ? &*at : nullptr;
+}
+
+void Listing::sort() {
+  std::sort(entries.begin(), entries.end(), [](Entry const& a, Entry const& b) { return a.name < b.name; });
+}
+
+EntryType typeOfMode(std::uint32_t mode) noexcept {
+  switch (mode & 0170000U) {
+    case 0040000U:
+      return EntryType::Folder;
+    case 0120000U:
+      return EntryType::Link;
+    case 0010000U:
+      return EntryType::Fifo;
+    case 0140000U:
+      return EntryType::Socket;
+    case 0020000U:
+    case 0060000U:
+      return EntryType::Device;
+    case 0100000U:
+    case 0U:
+      return EntryType::File;
+    default:
+      return EntryType::Other;
+  }
+}
+
+}  // namespace foundation::sshclient::internal::transfer

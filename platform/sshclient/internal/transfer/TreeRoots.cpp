@@ -1,0 +1,324 @@
+// The roots of a tree transfer: the caller's paths resolved, destinations
+// that receive their source under its own name, missing parents made, and
+// each source and destination looked at, before the walk begins.
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <unordered_set>
+
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/TreeTransferParts.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+using sftp::PacketType;
+using sftp::Reply;
+using sftp::StatusCode;
+using sftp::Ticket;
+
+namespace {
+
+std::string withoutTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+// The last name of a path ("a" for "x/a/").
+std::string baseName(std::string const& path) {
+  auto const trimmed = withoutTrailingSlashes(path);
+  auto const slash = trimmed.rfind('/');
+  return slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
+}
+
+// A missing parent of a destination, being made.
+struct Parent {
+  std::string path;
+  std::size_t item = 0;
+  bool made = false;
+  bool isFolder = false;
+  bool inTheWay = false;
+  std::string error;
+};
+
+}  // namespace
+
+std::string TreeTransfer::describePair(std::size_t item) const {
+  auto const& root = roots_[item];
+  if (upload_)
+    return "cannot upload " + quoted(root.source) + " to " + quoted(root.destination) + " on " + session_.peer() + ": ";
+  return "cannot download " + quoted(root.source) + " from " + session_.peer() + " to " + quoted(root.destination) +
+         ": ";
+}
+
+// A source that cannot be read stops everything before anything changes:
+// the caller named something that is not there.
+void TreeTransfer::prepareRoots() {
+  resolvePaths();
+  placeIntoFolders();
+  examineSources();
+  if (!failures_.empty()) return;
+  if (!dryRun_) makeParents();
+  examineDestinations();
+  for (auto& root : roots_) {
+    if (!root.failed) startRoot(root);
+  }
+}
+
+// Runs the session until every request sent so far is answered.
+void TreeTransfer::await() {
+  while (session_.pending() > 0 || session_.queuedBytes() > 0) {
+    session_.pump();
+    reportProgress(false);
+  }
+}
+
+// "." and ".." in a caller's path are resolved before anything is planned,
+// so that a source's own name and the root below which a mirror deletes come
+// from the real folders, never from the text.
+void TreeTransfer::resolvePaths() {
+  auto const& items = command_.getItems();
+  roots_.resize(items.size());
+  int localError = 0;
+  auto const localReal = [&localError](std::string const& path) -> std::optional<std::string> {
+    std::unique_ptr<char, decltype(&::free)> const real(::realpath(path.c_str(), nullptr), &::free);
+    if (!real) {
+      localError = errno;
+      return std::nullopt;
+    }
+    return std::string(real.get());
+  };
+  auto const remoteReal = [this](std::string const& path) {
+    resolved_.reset();
+    session_.realpath({this, kResolve}, path);
+    await();
+    return std::exchange(resolved_, std::nullopt);
+  };
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    auto& root = roots_[i];
+    root.item = i;
+    auto const local = fl::i18n::ustring_to_utf8(items[i].localPath);
+    auto const remote = fl::i18n::ustring_to_utf8(items[i].remotePath);
+    auto const localResolved = resolved(local, localReal, upload_);
+    auto const remoteResolved = resolved(remote, remoteReal, !upload_);
+    root.source = upload_ ? localResolved.value_or(local) : remoteResolved.value_or(remote);
+    root.destination = upload_ ? remoteResolved.value_or(remote) : localResolved.value_or(local);
+    if (!localResolved) fail(i, describePair(i) + "cannot resolve " + quoted(local) + ": " + errnoText(localError));
+    if (!remoteResolved) {
+      fail(i, describePair(i) + "cannot resolve " + quoted(remote) + " on " + session_.peer() + ": No such file");
+    }
+    root.failed = !localResolved || !remoteResolved;
+  }
+}
+
+void TreeTransfer::placeIntoFolders() {
+  if (options_.intoFolders) {
+    for (auto& root : roots_) {
+      if (root.failed) continue;
+      if (root.destination.ends_with('/')) {
+        root.into = true;
+      } else if (upload_) {
+        session_.stat({this, kInto, nullptr, root.item}, root.destination);
+      } else {
+        struct stat st {};
+        root.into = ::stat(root.destination.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+      }
+    }
+    await();
+  }
+  for (auto& root : roots_) {
+    if (root.into) root.destination = joined(root.destination, baseName(root.source));
+    root.destination = withoutTrailingSlashes(root.destination);
+  }
+}
+
+// Every missing parent of a destination is made, as mkdir -p does; one that
+// cannot be made is named once, and what lies below it is not named again.
+void TreeTransfer::makeParents() {
+  std::vector<Parent> parents;
+  std::unordered_set<std::string> asked;
+  for (auto const& root : roots_) {
+    if (root.failed) continue;
+    auto const& destination = root.destination;
+    for (auto slash = destination.find('/', 1); slash != std::string::npos; slash = destination.find('/', slash + 1)) {
+      auto parent = withoutTrailingSlashes(destination.substr(0, slash));
+      if (parent == "/" || parent == "." || parent == ".." || parent.ends_with("/..")) continue;
+      if (!asked.insert(parent).second) continue;
+      Parent missing;
+      missing.path = std::move(parent);
+      missing.item = root.item;
+      parents.push_back(std::move(missing));
+    }
+  }
+  mode_t const mode = options_.keepPermissions ? 0700 : 0777;
+  for (std::size_t i = 0; i < parents.size(); ++i) {
+    auto& parent = parents[i];
+    if (upload_) {
+      session_.mkdir({this, kParent, &parent}, parent.path, sftp::Attributes{});
+      session_.stat({this, kParentCheck, &parent}, parent.path);
+      continue;
+    }
+    if (::mkdir(parent.path.c_str(), mode) == 0) {
+      parent.made = parent.isFolder = true;
+      continue;
+    }
+    parent.error = errnoText(errno);
+    struct stat st {};
+    if (::stat(parent.path.c_str(), &st) == 0) {
+      parent.isFolder = S_ISDIR(st.st_mode);
+      parent.inTheWay = !parent.isFolder;
+    }
+  }
+  await();
+  std::vector<std::string const*> failed;
+  for (auto const& parent : parents) {
+    if (parent.made && parent.isFolder) ++report_.folders;
+    if (parent.isFolder) continue;
+    bool const below = std::any_of(failed.begin(), failed.end(),
+                                   [&](std::string const* above) { return strictlyBelow(*above, parent.path); });
+    auto& root = roots_[parent.item];
+    root.failed = true;
+    if (below) continue;
+    failed.push_back(&parent.path);
+    fail(root.item, describePair(root.item) + "cannot make folder " + where(parent.path) + ": " +
+                        (parent.inTheWay ? std::string("a file is in the way") : parent.error));
+  }
+  // A root below a parent that failed fails with it.
+  for (auto& root : roots_) {
+    if (std::any_of(failed.begin(), failed.end(),
+                    [&](std::string const* above) { return strictlyBelow(*above, root.destination); })) {
+      root.failed = true;
+    }
+  }
+}
+
+void TreeTransfer::onRootReply(Ticket const& ticket, Reply const& reply) {
+  switch (ticket.kind) {
+    case kResolve:
+      if (reply.type == PacketType::Name && reply.names.size() == 1) {
+        resolved_ = std::string(reply.names.front().filename);
+      }
+      return;
+    case kInto:
+      roots_[static_cast<std::size_t>(ticket.offset)].into =
+          reply.type == PacketType::Attrs && reply.attributes.isDirectory();
+      return;
+    case kParent: {
+      auto& parent = *static_cast<Parent*>(ticket.subject);
+      if (reply.type == PacketType::Status && reply.status == StatusCode::Ok) {
+        parent.made = true;
+      } else {
+        parent.error = sftp::describeStatus(reply.status, reply.message);
+      }
+      return;
+    }
+    case kParentCheck: {
+      auto& parent = *static_cast<Parent*>(ticket.subject);
+      parent.isFolder = reply.type == PacketType::Attrs && reply.attributes.isDirectory();
+      parent.inTheWay = reply.type == PacketType::Attrs && !parent.isFolder;
+      return;
+    }
+    default:
+      return;
+  }
+}
+
+void TreeTransfer::examineSources() {
+  bool const follow = options_.followLinks;
+  for (auto& root : roots_) {
+    if (root.failed) continue;
+    if (!upload_) {
+      lister_.examine(root.source, follow, &root.sourceCookie);
+      continue;
+    }
+    int error = 0;
+    root.sourceEntry = localEntry(root.source, follow, error);
+    if (!root.sourceEntry) {
+      root.failed = true;
+      fail(root.item, describePair(root.item) + "cannot read " + quoted(root.source) + ": " + errnoText(error));
+    }
+  }
+  await();
+}
+
+void TreeTransfer::examineDestinations() {
+  for (auto& root : roots_) {
+    if (root.failed) continue;
+    // A destination the caller named may be a link to a folder: it is
+    // followed where a folder is copied.
+    bool const followDestination = root.sourceEntry->type == EntryType::Folder;
+    if (upload_) {
+      lister_.examine(root.destination, followDestination, &root.destinationCookie);
+    } else {
+      int error = 0;
+      root.destinationEntry = localEntry(root.destination, followDestination, error);
+      if (!root.destinationEntry && followDestination)
+        root.destinationEntry = localEntry(root.destination, false, error);
+    }
+  }
+  await();
+}
+
+void TreeTransfer::examined(void* cookie, std::optional<Entry> entry, std::string const& error) {
+  auto& request = *static_cast<Cookie*>(cookie);
+  auto& root = *static_cast<Root*>(request.owner);
+  if (request.kind == Cookie::Kind::RootDestination) {
+    root.destinationEntry = std::move(entry);
+    return;
+  }
+  if (!entry) {
+    root.failed = true;
+    fail(root.item, describePair(root.item) + "cannot read " + quoted(root.source) + ": " + error);
+    return;
+  }
+  root.sourceEntry = std::move(entry);
+}
+
+// The level above the root: its one source entry is the root under the
+// destination's name; its destination entries are the root's own (and, for
+// a file that may resume, its temporaries there).
+void TreeTransfer::startRoot(Root& root) {
+  auto const slash = root.destination.rfind('/');
+  auto folder = std::make_unique<Folder>();
+  folder->item = root.item;
+  folder->aboveRoot = true;
+  folder->rootSource = root.source;
+  folder->destination = slash == std::string::npos ? std::string() : root.destination.substr(0, slash == 0 ? 1 : slash);
+  folder->rootName = slash == std::string::npos ? root.destination : root.destination.substr(slash + 1);
+  if (suspectName(folder->rootName)) {
+    root.failed = true;
+    return fail(root.item, describePair(root.item) + quoted(root.destination) + " names no entry to copy to");
+  }
+  auto entry = *root.sourceEntry;
+  entry.name = folder->rootName;
+  folder->sourceListing.entries.push_back(std::move(entry));
+  folder->sourceListed = true;
+  if (!upload_) {
+    int error = 0;
+    folder->local = LocalDir::open(folder->destination.empty() ? std::string() : folder->destination, error);
+    if (!folder->local && !dryRun_) {
+      root.failed = true;
+      return fail(root.item, describePair(root.item) + "cannot open folder " + quoted(folder->destination) + ": " +
+                                 errnoText(error));
+    }
+  }
+  bool const listsTemporaries =
+      root.sourceEntry->type == EntryType::File &&
+      (settings_.skipUnchanged != UnchangedTest::None || settings_.deleteExtraneous || settings_.resume || dryRun_);
+  if (!listsTemporaries || (!upload_ && !folder->local)) {
+    if (root.destinationEntry) {
+      auto existing = *root.destinationEntry;
+      existing.name = folder->rootName;
+      folder->destinationListing.entries.push_back(std::move(existing));
+    }
+    folder->destinationKnown = true;
+  }
+  auto* const raw = folder.get();
+  folders_.emplace(raw, std::move(folder));
+  waiting_.push_back(raw);
+}
+
+}  // namespace foundation::sshclient::internal::transfer

@@ -1,0 +1,682 @@
+#include "sshfileaccess/platform/sshclient/internal/transfer/TreeTransfer.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Paths.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/TreeTransferParts.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+using sftp::PacketType;
+using sftp::Reply;
+using sftp::StatusCode;
+using sftp::Ticket;
+using Change = PlannedChange::Action;
+
+namespace {
+
+// Folders whose listings are in flight at once.
+constexpr std::size_t kFoldersListed = 32;
+// Files queued ahead of the copies before more folders are listed.
+constexpr std::size_t kFilesAhead = 256;
+
+bool ok(Reply const& reply) { return reply.type == PacketType::Status && reply.status == StatusCode::Ok; }
+
+std::string statusOf(Reply const& reply) { return sftp::describeStatus(reply.status, reply.message); }
+
+char const* specialKind(EntryType type) {
+  switch (type) {
+    case EntryType::Fifo:
+      return "a FIFO";
+    case EntryType::Socket:
+      return "a socket";
+    case EntryType::Device:
+      return "a device";
+    default:
+      return "a special file";
+  }
+}
+
+sftp::Attributes attributesOf(Kept const& wanted) {
+  sftp::Attributes attributes;
+  attributes.permissions = wanted.mode;
+  attributes.atime = wanted.atime;
+  attributes.mtime = wanted.mtime;
+  return attributes;
+}
+
+}  // namespace
+
+TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& command,
+                           sftp::ProgressCallback const& progress, sftp::RemoteShell const& shell,
+                           sftp::EngineOptions const& options)
+    : session_(session),
+      command_(command),
+      options_(command.getOptions()),
+      settings_(PlanSettings::from(command.getOptions())),
+      upload_(command.getDirection() == TransferDirection::LocalToRemote),
+      dryRun_(command.getOptions().dryRun),
+      progress_(progress),
+      shell_(shell),
+      progressInterval_(options.progressInterval),
+      lastReport_(std::chrono::steady_clock::now()),
+      random_(std::random_device{}()),
+      lister_(session, *this, command.getOptions().followLinks) {
+  CopySettings copy;
+  copy.upload = upload_;
+  copy.windowBytes = upload_ ? std::min(options.windowBytes, options.uploadWindowBytes) : options.windowBytes;
+  copy.maxOpenFiles = upload_ ? std::min(options.maxOpenFiles, options.maxOpenUploads) : options.maxOpenFiles;
+  copy.chunkSize = options.chunkSize;
+  // Private until the final mode is set.
+  copy.createMode = options_.keepPermissions ? 0600U : 0666U;
+  copy.resume = options_.resume;
+  copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
+  session_.usePosixRename(options.usePosixRename);
+}
+
+TreeTransfer::~TreeTransfer() = default;
+
+TreeTransferReport TreeTransfer::run() {
+  try {
+    session_.start();
+    prepareRoots();
+    rootsReady_ = true;
+    walk();
+  } catch (SSHError const& e) {
+    copier_->abandon();
+    std::string cause = e.what();
+    if (cause.starts_with(session_.peer() + ": ")) cause.erase(0, session_.peer().size() + 2);
+    auto context = copier_->context();
+    if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
+    throw SSHError(e.kind(), context + cause);
+  } catch (sftp::ProtocolError const& e) {
+    copier_->abandon();
+    auto context = copier_->context();
+    if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
+    throw SSHError(SSHError::Kind::Transfer, context + e.what());
+  } catch (...) {
+    copier_->abandon();
+    throw;
+  }
+  if (cancelled_) std::rethrow_exception(cancelled_);
+  reportProgress(true);
+  if (!dryRun_) {
+    report_.files = counters_.filesDone;
+    report_.bytes = counters_.bytesDone;
+    report_.resumed = counters_.resumed;
+  } else {
+    // Listings come in the servers' order; a plan reads best by name.
+    auto const rank = [](PlannedChange const& change) {
+      return change.action == Change::Resume ? static_cast<int>(Change::Copy) : static_cast<int>(change.action);
+    };
+    std::stable_sort(report_.plan.begin(), report_.plan.end(), [&](PlannedChange const& a, PlannedChange const& b) {
+      return rank(a) != rank(b) ? rank(a) < rank(b) : a.path < b.path;
+    });
+  }
+  if (!failures_.empty()) {
+    std::sort(failures_.begin(), failures_.end());
+    auto message = failures_.front().second;
+    if (auto const more = failures_.size() - 1; more > 0) {
+      message += " (and " + std::to_string(more) + (more == 1 ? " more file" : " more files") + " failed)";
+    }
+    std::vector<std::string> lines;
+    lines.reserve(failures_.size());
+    for (auto& failure : failures_) lines.push_back(std::move(failure.second));
+    throw TransferError(message, report_, std::move(lines));
+  }
+  return report_;
+}
+
+// ---- the walk ------------------------------------------------------------------
+
+void TreeTransfer::walk() {
+  for (;;) {
+    startFolders();
+    copier_->poll();
+    if (waiting_.empty() && folders_.empty() && removals_.empty() && copier_->idle() && session_.pending() == 0 &&
+        session_.queuedBytes() == 0) {
+      return;
+    }
+    if (session_.pending() == 0 && session_.queuedBytes() == 0 && (!waiting_.empty() || !copier_->idle())) {
+      // Work that needs no answer: go round without sleeping.
+      continue;
+    }
+    if (session_.pending() == 0 && session_.queuedBytes() == 0) throw std::logic_error("tree transfer stalled");
+    session_.pump();
+    reportProgress(false);
+  }
+}
+
+void TreeTransfer::startFolders() {
+  while (!waiting_.empty() && !stopping_ && listing_ < kFoldersListed && copier_->waiting() < kFilesAhead) {
+    auto* const folder = waiting_.back();
+    waiting_.pop_back();
+    beginFolder(*folder);
+  }
+  if (stopping_) {
+    for (auto* folder : waiting_) release(*folder);
+    waiting_.clear();
+  }
+}
+
+void TreeTransfer::beginFolder(Folder& folder) {
+  folder.state = Folder::State::Listing;
+  if (!folder.aboveRoot && options_.followLinks && loops(folder)) {
+    fail(folder.item, describePair(folder.item) + quoted(folder.source) +
+                          " leads back into a folder above it (a symbolic link loop)");
+    folder.parent->broken = true;
+    return release(folder);
+  }
+  if (!folder.sourceListed) {
+    if (upload_) {
+      folder.sourceListing = listLocalFolder(folder.source, options_.followLinks);
+      folder.sourceListed = true;
+    } else {
+      ++folder.listings;
+      lister_.list(folder.source, &folder.sourceCookie);
+    }
+  }
+  if (!folder.destinationKnown && !folder.fresh) {
+    if (upload_) {
+      ++folder.listings;
+      lister_.list(folder.destination, &folder.destinationCookie);
+    } else if (folder.local) {
+      folder.destinationListing = folder.local->list();
+      folder.destinationKnown = true;
+      if (folder.aboveRoot) keepRootEntries(folder.destinationListing, folder.rootName);
+    }
+  }
+  if (folder.listings > 0) {
+    ++listing_;
+    return;
+  }
+  folderListed(folder);
+}
+
+void TreeTransfer::listed(void* cookie, Listing listing) {
+  auto& request = *static_cast<Cookie*>(cookie);
+  if (request.kind == Cookie::Kind::Removal) return removalListed(*static_cast<Removal*>(request.owner), listing);
+  auto& folder = *static_cast<Folder*>(request.owner);
+  if (request.kind == Cookie::Kind::Source) {
+    folder.sourceListing = std::move(listing);
+    folder.sourceListed = true;
+  } else {
+    folder.destinationListing = std::move(listing);
+    folder.destinationKnown = true;
+    if (folder.aboveRoot) keepRootEntries(folder.destinationListing, folder.rootName);
+  }
+  if (--folder.listings > 0) return;
+  --listing_;
+  folderListed(folder);
+}
+
+void TreeTransfer::folderListed(Folder& folder) {
+  if (stopping_) return release(folder);
+  auto& source = folder.sourceListing;
+  auto& destination = folder.destinationListing;
+  for (auto const& listing : {&source, &destination}) {
+    for (auto const& where : listing->suspects) {
+      report_.notes.push_back(
+          fl::i18n::utf8_to_ustring("skipped the suspect name " + where + " by " + session_.peer()));
+      if (!options_.ignoreSuspectNames)
+        fail(folder, describePair(folder.item) + "suspect name " + where + " (skipped)");
+    }
+  }
+  if (!source.error.empty()) fail(folder, describePair(folder.item) + source.error);
+  for (auto const& problem : source.problems) fail(folder, describePair(folder.item) + problem);
+  // A destination that cannot be read is only not known: nothing there is removed.
+  if (!destination.error.empty() || !destination.problems.empty()) folder.broken = true;
+  auto const* existing = folder.destinationKnown ? &destination : nullptr;
+  ChecksumAnswers checksums;
+  if (auto const names = checksumCandidates(source, existing, settings_); !names.empty()) {
+    checksums = compareChecksums(folder, names);
+  }
+  FolderScope const scope{.deletes = !folder.aboveRoot, .aboveRoots = folder.aboveRoot};
+  folder.plan = planFolder(source, existing, settings_, scope, checksums);
+  folder.state = Folder::State::Working;
+  carryOut(folder);
+  tryFinish(folder);
+}
+
+void TreeTransfer::carryOut(Folder& folder) {
+  // The folder stays while its actions run: they hold on to it.
+  ++folder.outstanding;
+  for (std::size_t i = 0; i < folder.plan.actions.size() && !stopping_; ++i) act(folder, i);
+  --folder.outstanding;
+}
+
+void TreeTransfer::act(Folder& folder, std::size_t index) {
+  auto const& action = folder.plan.actions[index];
+  auto const path = destinationPathOf(folder, action.name);
+  switch (action.step) {
+    case Step::RemoveTemporary:
+      if (dryRun_) return;
+      folder.changed = true;
+      if (upload_) {
+        session_.remove(sftp::SftpSession::ignored(), path);
+      } else if (folder.local) {
+        folder.local->removeFile(action.name);
+      }
+      return;
+    case Step::Fail:
+      return fail(folder,
+                  describePair(folder.item) + (action.problem == Problem::FileInTheWay
+                                                   ? "cannot make folder " + where(path) + ": a file is in the way"
+                                                   : "cannot replace " + quoted(path) + ": it is a folder"));
+    case Step::Special:
+      ++report_.special;
+      report_.notes.push_back(fl::i18n::utf8_to_ustring("skipped " + quoted(sourcePathOf(folder, action.name)) + ": " +
+                                                        specialKind(action.source->type)));
+      return;
+    case Step::MakeFolder:
+      return makeFolder(folder, index);
+    case Step::EnterFolder:
+      return addChild(folder, index, false);
+    case Step::Link:
+      return placeLink(folder, index);
+    case Step::FixAttributes:
+      return fixAttributes(folder, index);
+    case Step::Copy:
+      return copyFile(folder, index);
+    case Step::Skip:
+      if (action.source->type != EntryType::File) return;
+      ++report_.skipped;
+      if (dryRun_) plan(Change::Skip, path, action.source->size);
+      return;
+    case Step::Delete:
+      return;  // once the folder's files are in
+  }
+}
+
+void TreeTransfer::addChild(Folder& parent, std::size_t index, bool fresh) {
+  auto const& action = parent.plan.actions[index];
+  auto child = std::make_unique<Folder>();
+  child->item = parent.item;
+  child->parent = &parent;
+  child->source = sourcePathOf(parent, action.name);
+  child->destination = destinationPathOf(parent, action.name);
+  child->self = *action.source;
+  if (!fresh && action.existing != nullptr && action.existing->type == EntryType::Folder) {
+    child->existing = *action.existing;
+  }
+  child->fresh = fresh;
+  child->real = options_.followLinks && !upload_ && !parent.aboveRoot && !action.source->followed
+                    ? joined(parent.real, action.name)
+                    : std::string();
+  if (!upload_ && !(dryRun_ && fresh)) {
+    int error = 0;
+    // A root's destination is the caller's: a link there is followed.
+    if (parent.aboveRoot) {
+      child->local = LocalDir::open(child->destination, error);
+    } else if (parent.local) {
+      child->local = parent.local->child(action.name, error);
+    }
+    if (!child->local) {
+      // Something other than a folder came in its way meanwhile.
+      return fail(parent, describePair(parent.item) + "cannot make folder " + quoted(child->destination) + ": " +
+                              (error == ENOTDIR || error == ELOOP ? "a file is in the way" : errnoText(error)));
+    }
+  }
+  ++parent.outstanding;
+  auto* const raw = child.get();
+  folders_.emplace(raw, std::move(child));
+  if (options_.followLinks && !upload_ && raw->real.empty()) {
+    // Reached through a link: its canonical path tells a loop.
+    raw->state = Folder::State::Resolving;
+    return session_.realpath({this, kResolveFolder, raw}, raw->source);
+  }
+  waiting_.push_back(raw);
+}
+
+bool TreeTransfer::loops(Folder& folder) {
+  if (!upload_) {
+    for (auto const* above = folder.parent; above != nullptr && !above->aboveRoot; above = above->parent) {
+      if (above->real == folder.real) return true;
+    }
+    return false;
+  }
+  auto const identity = folderIdentity(folder.source);
+  if (!identity) return false;
+  folder.identity = identity;
+  for (auto const* above = folder.parent; above != nullptr && !above->aboveRoot; above = above->parent) {
+    if (above->identity == identity) return true;
+  }
+  return false;
+}
+
+void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
+  auto const& action = folder.plan.actions[index];
+  auto const path = destinationPathOf(folder, action.name);
+  if (action.replace) {
+    ++report_.replaced;
+    if (dryRun_) plan(Change::Replace, path, 0);
+  }
+  if (dryRun_) {
+    plan(Change::Folder, path, 0);
+    ++report_.folders;
+    return addChild(folder, index, true);
+  }
+  if (upload_) {
+    // What is in the way goes first; the server answers in order.
+    if (action.replace) session_.remove(sftp::SftpSession::ignored(), path);
+    ++folder.outstanding;
+    session_.mkdir({this, kMakeFolder, &folder, index}, path, sftp::Attributes{});
+    return;
+  }
+  if (action.replace) folder.local->removeFile(action.name);
+  auto const error = folder.local->makeFolder(action.name, options_.keepPermissions ? 0700 : 0777);
+  if (error == 0) {
+    ++report_.folders;
+    folder.changed = true;
+    return addChild(folder, index, true);
+  }
+  if (error == EEXIST) return addChild(folder, index, false);
+  fail(folder, describePair(folder.item) + "cannot make folder " + quoted(path) + ": " + errnoText(error));
+}
+
+void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
+  auto const& action = folder.plan.actions[index];
+  auto const path = destinationPathOf(folder, action.name);
+  if (action.replace && !folder.replaced.contains(index)) {
+    ++report_.replaced;
+    if (dryRun_) {
+      plan(Change::Replace, path, 0);
+    } else {
+      return replaceFolder(folder, index);
+    }
+  }
+  ++report_.links;
+  if (dryRun_) return plan(Change::Link, path, 0);
+  auto const temp = randomTemporaryName(action.name, random_);
+  auto const& target = *action.source->linkTarget;
+  if (upload_) {
+    auto const tempPath = destinationPathOf(folder, temp);
+    folder.outstanding += 2;
+    folder.temporaries[index] = tempPath;
+    session_.symlink({this, kMakeLink, &folder, index}, target, tempPath);
+    session_.rename({this, kPlaceLink, &folder, index}, tempPath, path);
+    return;
+  }
+  if (auto const error = folder.local->makeLink(target, temp); error != 0) {
+    --report_.links;
+    return fail(folder, describePair(folder.item) + "cannot make the link " + quoted(path) + ": " + errnoText(error));
+  }
+  if (auto const error = folder.local->rename(temp, action.name); error != 0) {
+    folder.local->removeFile(temp);
+    --report_.links;
+    return fail(folder, describePair(folder.item) + "cannot replace " + quoted(path) + ": " + errnoText(error));
+  }
+  folder.changed = true;
+}
+
+void TreeTransfer::fixAttributes(Folder& folder, std::size_t index) {
+  auto const& action = folder.plan.actions[index];
+  auto const path = destinationPathOf(folder, action.name);
+  ++report_.skipped;
+  if (dryRun_) return plan(Change::Skip, path, action.source->size);
+  auto const wanted = kept(*action.source, settings_);
+  if (upload_) {
+    ++folder.outstanding;
+    session_.setstat({this, kFixAttributes, &folder, index}, path, attributesOf(wanted));
+    return;
+  }
+  if (auto const error = folder.local->setAttributes(action.name, wanted); error != 0) {
+    fail(folder,
+         describePair(folder.item) + "cannot set the mode and time of " + quoted(path) + ": " + errnoText(error));
+  }
+}
+
+void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
+  auto const& action = folder.plan.actions[index];
+  auto const path = destinationPathOf(folder, action.name);
+  auto const& source = *action.source;
+  if (action.replace && !folder.replaced.contains(index)) {
+    ++report_.replaced;
+    if (dryRun_) {
+      plan(Change::Replace, path, 0);
+    } else {
+      return replaceFolder(folder, index);
+    }
+  }
+  FileTask task;
+  task.item = folder.item;
+  task.source = sourcePathOf(folder, action.name);
+  task.destination = path;
+  task.folder = folder.local;
+  task.name = action.name;
+  task.size = source.size;
+  task.listedMtime = source.mtime;
+  task.kept = kept(source, settings_);
+  task.owner = &folder;
+  if (!action.temporary.empty()) {
+    if (verifyResume(folder, action)) {
+      task.resumeTemp = action.temporary;
+      task.resumeFrom = action.resumeFrom;
+    } else if (!dryRun_) {
+      // Not the source's beginning: it goes, and the file starts over.
+      if (upload_) {
+        session_.remove(sftp::SftpSession::ignored(), destinationPathOf(folder, action.temporary));
+      } else {
+        folder.local->removeFile(action.temporary);
+      }
+    }
+  }
+  ++filesTotal_;
+  counters_.bytesTotal += source.size - task.resumeFrom;
+  if (dryRun_) {
+    ++report_.files;
+    report_.bytes += source.size - task.resumeFrom;
+    if (task.resumeFrom > 0) ++report_.resumed;
+    return plan(task.resumeFrom > 0 ? Change::Resume : Change::Copy, path, source.size - task.resumeFrom);
+  }
+  ++folder.outstanding;
+  copier_->add(std::move(task));
+}
+
+void TreeTransfer::fileDone(FileTask const& task) {
+  auto& folder = *static_cast<Folder*>(task.owner);
+  folder.changed = true;
+  --folder.outstanding;
+  tryFinish(folder);
+}
+
+void TreeTransfer::fileFailed(FileTask const& task, std::string const& message) {
+  auto& folder = *static_cast<Folder*>(task.owner);
+  fail(folder, message);
+  --folder.outstanding;
+  tryFinish(folder);
+}
+
+void TreeTransfer::onReply(Ticket const& ticket, Reply const& reply) {
+  switch (ticket.kind) {
+    case kRemoveEntry:
+    case kRemoveFolder:
+      return onRemovalReply(*static_cast<Removal*>(ticket.subject), ticket, reply);
+    case kResolve:
+    case kInto:
+    case kParent:
+    case kParentCheck:
+      return onRootReply(ticket, reply);
+    default:
+      break;
+  }
+  auto& folder = *static_cast<Folder*>(ticket.subject);
+  onFolderReply(folder, ticket, reply);
+}
+
+void TreeTransfer::onFolderReply(Folder& folder, Ticket const& ticket, Reply const& reply) {
+  auto const index = static_cast<std::size_t>(ticket.offset);
+  auto const pathOf = [&] { return destinationPathOf(folder, folder.plan.actions[index].name); };
+  switch (ticket.kind) {
+    case kResolveFolder:
+      if (reply.type != PacketType::Name || reply.names.size() != 1) {
+        fail(*folder.parent,
+             describePair(folder.item) + "cannot resolve " + quoted(folder.source) + ": " + statusOf(reply));
+        return release(folder);
+      }
+      folder.real = std::string(reply.names.front().filename);
+      folder.state = Folder::State::Waiting;
+      waiting_.push_back(&folder);
+      return;
+    case kMakeFolder:
+      if (ok(reply)) {
+        ++report_.folders;
+        folder.changed = true;
+        addChild(folder, index, true);
+        break;
+      }
+      // Made meanwhile by someone else, or something in the way: look.
+      folder.errors[index] = statusOf(reply);
+      session_.lstat({this, kCheckFolder, &folder, index}, pathOf());
+      return;
+    case kCheckFolder:
+      if (reply.type == PacketType::Attrs && reply.attributes.isDirectory()) {
+        addChild(folder, index, false);
+      } else {
+        fail(folder,
+             describePair(folder.item) + "cannot make folder " + where(pathOf()) + ": " +
+                 (reply.type == PacketType::Attrs ? std::string("a file is in the way") : folder.errors[index]));
+      }
+      break;
+    case kMakeLink:
+      if (!ok(reply)) {
+        folder.linkFailed.insert(index);
+        --report_.links;
+        fail(folder, describePair(folder.item) + "cannot make the link " + where(pathOf()) + ": " + statusOf(reply));
+      }
+      break;
+    case kPlaceLink:
+      if (folder.linkFailed.contains(index)) break;
+      if (ok(reply)) {
+        folder.changed = true;
+      } else {
+        --report_.links;
+        session_.remove(sftp::SftpSession::ignored(), folder.temporaries[index]);
+        fail(folder, describePair(folder.item) + "cannot replace " + quoted(pathOf()) + ": " + statusOf(reply));
+      }
+      break;
+    case kFixAttributes:
+    case kFolderAttributes:
+      if (!ok(reply)) {
+        auto const path = ticket.kind == kFixAttributes ? pathOf() : folder.destination;
+        fail(folder,
+             describePair(folder.item) + "cannot set the mode and time of " + quoted(path) + ": " + statusOf(reply));
+      }
+      break;
+    case kDelete:
+      if (ok(reply)) {
+        ++report_.deleted;
+        folder.changed = true;
+      } else if (reply.status != StatusCode::NoSuchFile) {
+        fail(folder, describePair(folder.item) + "cannot delete " + where(pathOf()) + ": " + statusOf(reply));
+      }
+      break;
+    default:
+      return;
+  }
+  --folder.outstanding;
+  tryFinish(folder);
+}
+
+// A folder is done once its files are in and every folder below it is done;
+// then what its source lacks goes, then its own mode and times are set.
+void TreeTransfer::tryFinish(Folder& folder) {
+  if (folder.outstanding > 0) return;
+  if (folder.state == Folder::State::Working) {
+    folder.state = Folder::State::Removing;
+    if (!folder.broken && !stopping_) removeExtras(folder);
+    if (folder.outstanding > 0) return;
+  }
+  if (folder.state == Folder::State::Removing) {
+    folder.state = Folder::State::Closing;
+    if (!stopping_) finish(folder);
+    if (folder.outstanding > 0) return;
+  }
+  if (folder.state == Folder::State::Closing) release(folder);
+}
+
+// Folders get their modes and times last: files written into them would
+// change the times, and a read-only mode would keep the files out. One that
+// was there with the source's mode and time, and whose entries did not
+// change, needs neither set again.
+void TreeTransfer::finish(Folder& folder) {
+  if (folder.aboveRoot || dryRun_) return;
+  auto const wanted = kept(folder.self, settings_);
+  if (!wanted.mode && !wanted.mtime) return;
+  if (folder.existing && !folder.changed && !modeDiffers(*folder.existing, wanted, settings_) &&
+      !timeDiffers(*folder.existing, wanted)) {
+    return;
+  }
+  if (upload_) {
+    ++folder.outstanding;
+    session_.setstat({this, kFolderAttributes, &folder}, folder.destination, attributesOf(wanted));
+    return;
+  }
+  bool modeFailed = false;
+  if (!folder.local) return;
+  if (auto const error = setAttributesOf(folder.local->fd(), wanted, modeFailed); error != 0) {
+    fail(folder, describePair(folder.item) + (modeFailed ? "cannot set the mode of " : "cannot set the time of ") +
+                     quoted(folder.destination) + ": " + errnoText(error));
+  }
+}
+
+void TreeTransfer::release(Folder& folder) {
+  folder.state = Folder::State::Done;
+  auto* const parent = folder.parent;
+  folders_.erase(&folder);
+  if (parent == nullptr) return;
+  --parent->outstanding;
+  tryFinish(*parent);
+}
+
+// ---- report --------------------------------------------------------------------
+
+void TreeTransfer::fail(std::size_t item, std::string const& message) { failures_.emplace_back(item, message); }
+
+void TreeTransfer::fail(Folder& folder, std::string const& message) {
+  folder.broken = true;
+  fail(folder.item, message);
+}
+
+void TreeTransfer::plan(Change action, std::string const& path, std::uint64_t bytes) {
+  report_.plan.push_back({action, fl::i18n::utf8_to_ustring(path), bytes});
+}
+
+std::string TreeTransfer::where(std::string const& path) const {
+  return quoted(path) + (upload_ ? " on " + session_.peer() : std::string());
+}
+
+void TreeTransfer::reportProgress(bool final) {
+  if (!progress_ || cancelled_) return;
+  auto const now = std::chrono::steady_clock::now();
+  if (!final && now - lastReport_ < progressInterval_) return;
+  lastReport_ = now;
+  TransferProgress progress;
+  // While the roots are looked at nothing is known yet; afterwards the
+  // totals grow with every folder listed.
+  if (rootsReady_) {
+    progress.bytesDone = counters_.bytesDone;
+    progress.bytesTotal = counters_.bytesTotal;
+    progress.filesDone = counters_.filesDone;
+    progress.filesTotal = filesTotal_;
+    progress.listing = !waiting_.empty() || listing_ > 0;
+    if (auto const current = copier_->current()) progress.currentFile = fl::i18n::utf8_to_ustring(*current);
+  }
+  try {
+    progress_(progress);
+  } catch (...) {
+    cancelled_ = std::current_exception();
+    stopping_ = true;
+    copier_->cancel();
+  }
+}
+
+}  // namespace foundation::sshclient::internal::transfer

@@ -1,0 +1,150 @@
+#pragma once
+// A tree transfer (SSHClient::copyTrees), one folder at a time.
+//
+// For each folder pair the source and the destination are listed side by
+// side (the remote side over the SFTP session, many folders at once), the
+// folder's plan is made (Plan.hpp decides everything), and its actions run:
+// folders made, links placed, unchanged files' modes and times put right,
+// copies handed to the FileCopier. Once a folder's files are in and every
+// folder below it is done, what its source lacks is removed (never when a
+// listing or a copy in it failed) and its own mode and times are set.
+// Folders are worked depth first with a bounded number listed ahead and a
+// bounded queue of files ahead of the copies, so memory follows the widest
+// folder and the window, not the size of the tree.
+//
+// Before anything is planned, "." and ".." in every caller's path are
+// resolved, a destination that is a folder (or ends with '/') receives its
+// source under the source's own name when asked, and missing parents of the
+// destinations are made. A failure of one entry is one failure; everything
+// else goes on. The transfer then throws TransferError naming the first
+// failure (in the order of the command's items); a broken stream throws the
+// stream's SSHError. A stop (the progress callback throws) ends everything
+// at once, keeping resumable temporaries, and its exception propagates.
+//
+// Owns the walk, its folders and the report; speaks SFTP only through the
+// session, and hashes remote files through `shell`. Not thread-safe.
+
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
+#include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/FileCopy.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/RemoteListing.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+class TreeTransfer final : public ListingSink, public FileObserver, public sftp::ReplyHandler {
+ public:
+  TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& command, sftp::ProgressCallback const& progress,
+               sftp::RemoteShell const& shell, sftp::EngineOptions const& options);
+  ~TreeTransfer();
+  TreeTransfer(TreeTransfer const&) = delete;
+  TreeTransfer& operator=(TreeTransfer const&) = delete;
+
+  TreeTransferReport run();
+
+  void listed(void* cookie, Listing listing) override;
+  void examined(void* cookie, std::optional<Entry> entry, std::string const& error) override;
+  void fileDone(FileTask const& task) override;
+  void fileFailed(FileTask const& task, std::string const& message) override;
+  void onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) override;
+
+ public:
+  // The walk's pieces, defined in TreeTransferParts.hpp.
+  struct Folder;
+  struct Removal;
+  struct Root;
+  struct Cookie;
+
+ private:
+  // ---- roots (TreeRoots.cpp)
+  void prepareRoots();
+  void resolvePaths();
+  void placeIntoFolders();
+  void makeParents();
+  void examineSources();
+  void examineDestinations();
+  void startRoot(Root& root);
+  void await();
+
+  // ---- the walk
+  void walk();
+  void startFolders();
+  void beginFolder(Folder& folder);
+  void folderListed(Folder& folder);
+  void carryOut(Folder& folder);
+  void act(Folder& folder, std::size_t index);
+  void makeFolder(Folder& folder, std::size_t index);
+  void placeLink(Folder& folder, std::size_t index);
+  void copyFile(Folder& folder, std::size_t index);
+  void fixAttributes(Folder& folder, std::size_t index);
+  void addChild(Folder& parent, std::size_t index, bool fresh);
+  void onFolderReply(Folder& folder, sftp::Ticket const& ticket, sftp::Reply const& reply);
+  void onRootReply(sftp::Ticket const& ticket, sftp::Reply const& reply);
+  void tryFinish(Folder& folder);
+  void finish(Folder& folder);
+  void release(Folder& folder);
+  [[nodiscard]] bool loops(Folder& folder);
+
+  // ---- removals: what a source lacks, and what is in the way (TreeRemoval.cpp)
+  void removeExtras(Folder& folder);
+  // A remote folder with all it holds; `then` (an action of `folder`) goes on once it is gone.
+  void removeTree(Folder& folder, std::string const& path, std::optional<std::size_t> then = std::nullopt);
+  void replaceFolder(Folder& folder, std::size_t index);
+  void removalListed(Removal& removal, Listing const& listing);
+  void onRemovalReply(Removal& removal, sftp::Ticket const& ticket, sftp::Reply const& reply);
+  void removalDone(Removal& removal);
+
+  // ---- checks that read
+  ChecksumAnswers compareChecksums(Folder const& folder, std::vector<std::string> const& names);
+  bool verifyResume(Folder const& folder, Action const& action);
+  std::string remoteOutput(std::string const& command);
+
+  // ---- report
+  void fail(std::size_t item, std::string const& message);
+  void fail(Folder& folder, std::string const& message);
+  void plan(PlannedChange::Action action, std::string const& path, std::uint64_t bytes);
+  void reportProgress(bool final);
+  [[nodiscard]] std::string describePair(std::size_t item) const;
+  [[nodiscard]] std::string where(std::string const& path) const;
+
+  sftp::SftpSession& session_;
+  CopyTreesCommand const& command_;
+  TreeTransferOptions const& options_;
+  PlanSettings settings_;
+  bool upload_;
+  bool dryRun_;
+  sftp::ProgressCallback const& progress_;
+  sftp::RemoteShell const& shell_;
+  std::chrono::milliseconds progressInterval_;
+  std::chrono::steady_clock::time_point lastReport_;
+  std::mt19937_64 random_;
+
+  TransferCounters counters_;
+  std::size_t filesTotal_ = 0;
+  std::unique_ptr<FileCopier> copier_;
+  RemoteLister lister_;
+  TreeTransferReport report_;
+  std::vector<std::pair<std::size_t, std::string>> failures_;
+  std::exception_ptr cancelled_;
+  bool stopping_ = false;
+  bool rootsReady_ = false;
+
+  std::vector<Root> roots_;
+  std::optional<std::string> resolved_;  // the answer to the last REALPATH of a root
+  std::unordered_map<Folder*, std::unique_ptr<Folder>> folders_;
+  std::vector<Folder*> waiting_;  // not started yet; the last is next (depth first)
+  std::size_t listing_ = 0;       // folders whose listings are in flight
+  std::unordered_map<Removal*, std::unique_ptr<Removal>> removals_;
+};
+
+}  // namespace foundation::sshclient::internal::transfer
