@@ -190,8 +190,9 @@ void LinkEmulator::Relay::run() {
     if (killRequested.exchange(false)) {
       for (auto& c : connections_) {
         if (c.dead) continue;
-        abort(c);
+        // Counted first: whoever sees the reset may ask at once.
         ++killed;
+        abort(c);
       }
     }
     auto deadline = Clock::time_point::max();
@@ -325,8 +326,8 @@ void LinkEmulator::Relay::readInto(Connection& c, Direction& d, int fd, char con
   note(c, name, "in", got, now);
   c.carried += got;
   if (settings_.killAfterBytes != 0 && c.carried >= settings_.killAfterBytes) {
-    abort(c);
     ++killed;
+    abort(c);
   }
 }
 
