@@ -27,6 +27,9 @@ namespace {
 // sender's socket, not in a second queue in front of the bottleneck.
 constexpr int kReceiveBuffer = 64 * 1024;
 constexpr int kListenBacklog = 128;
+// Chunks one direction holds at most: many tiny reads cost little memory
+// each, but not without bound.
+constexpr std::size_t kMostChunks = 4096;
 
 [[noreturn]] void fail(std::string const& what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
 
@@ -74,6 +77,11 @@ struct Chunk {
 
 struct Direction {
   Direction(LinkShape shape, Clock::time_point opensAt) : link(shape, opensAt) {}
+
+  // Bytes may enter now.
+  [[nodiscard]] bool reading(Clock::time_point now) const {
+    return !eofRead && chunks.size() < kMostChunks && link.room(now) > 0;
+  }
 
   LinkDirection link;
   std::deque<Chunk> chunks;
@@ -156,7 +164,7 @@ class LinkEmulator::Relay {
                Clock::time_point now);
   // When this direction next needs the relay without a socket event.
   static Clock::time_point nextTimer(Direction const& d, bool receiverReady, Clock::time_point now);
-  static short interest(Direction const& reading, Direction const& writing, Clock::time_point now);
+  static short interest(Direction const& source, Direction const& sink, Clock::time_point now);
   void abort(Connection& c) noexcept {
     c.client.abort();
     c.target.abort();
@@ -178,6 +186,7 @@ class LinkEmulator::Relay {
   Clock::time_point started_;
   std::list<Connection> connections_;
   std::uint64_t nextId_ = 1;
+  std::vector<char> readBuffer_;
 };
 
 void LinkEmulator::Relay::run() {
@@ -304,11 +313,10 @@ void LinkEmulator::Relay::finishConnect(Connection& c) {
 }
 
 void LinkEmulator::Relay::readInto(Connection& c, Direction& d, int fd, char const* name, Clock::time_point now) {
-  std::size_t const room = d.link.room(now);
-  if (room == 0 || d.eofRead) return;
-  Chunk chunk;
-  chunk.bytes.resize(room);
-  ssize_t const n = ::read(fd, chunk.bytes.data(), room);
+  if (!d.reading(now)) return;
+  // Read into one buffer, kept in a chunk of the size that came.
+  readBuffer_.resize(d.link.room(now));
+  ssize_t const n = ::read(fd, readBuffer_.data(), readBuffer_.size());
   if (n < 0) {
     if (errno != EAGAIN && errno != EINTR) abort(c);
     return;
@@ -319,7 +327,8 @@ void LinkEmulator::Relay::readInto(Connection& c, Direction& d, int fd, char con
     return;
   }
   auto const got = static_cast<std::size_t>(n);
-  chunk.bytes.resize(got);
+  Chunk chunk;
+  chunk.bytes.assign(readBuffer_.begin(), readBuffer_.begin() + n);
   chunk.arrival = d.link.admit(now, got);
   d.chunks.push_back(std::move(chunk));
   if (d.link.held() > mostHeld.load()) mostHeld = d.link.held();
@@ -372,10 +381,10 @@ Clock::time_point LinkEmulator::Relay::nextTimer(Direction const& d, bool receiv
   return next;
 }
 
-short LinkEmulator::Relay::interest(Direction const& reading, Direction const& writing, Clock::time_point now) {
+short LinkEmulator::Relay::interest(Direction const& source, Direction const& sink, Clock::time_point now) {
   int events = 0;
-  if (!reading.eofRead && reading.link.room(now) > 0) events |= POLLIN;
-  if (writing.writeBlocked) events |= POLLOUT;
+  if (source.reading(now)) events |= POLLIN;
+  if (sink.writeBlocked) events |= POLLOUT;
   return static_cast<short>(events);
 }
 

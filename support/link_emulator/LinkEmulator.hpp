@@ -12,7 +12,7 @@
 // than one round trip after accepting. TCP's own congestion control is not
 // emulated (no slow start, no loss): a loss-free, well-tuned long link.
 // TCP_NODELAY is set on both sides. Per connection and direction at most
-// LinkDirection::memoryBound() bytes are held.
+// LinkDirection::memoryBound() bytes are held, in at most 4096 chunks.
 //
 // The constructor listens and starts the relay thread; it throws
 // std::runtime_error naming the address and the cause when it cannot listen
