@@ -71,6 +71,9 @@ cmake --build "$build_dir" --target sshfa workload link_emulator -j "$(nproc)"
 sshfa_bin=$root/$build_dir/tools/sshfa/sshfa
 workload_bin=$root/$build_dir/bench/workload
 link_bin=$root/$build_dir/support/link_emulator/link_emulator
+# What was measured: the commit built now, not the one checked out when the run ends.
+sshfa_commit=$(git -C "$root" rev-parse --short HEAD)
+[ -z "$(git -C "$root" status --porcelain --untracked-files=no)" ] || sshfa_commit+=" with uncommitted changes"
 
 # ---- a private sshd on tmpfs -------------------------------------------------
 [ "$(stat -f -c %T /dev/shm)" = tmpfs ] || { echo "bench.sh: /dev/shm is not a tmpfs" >&2; exit 1; }
@@ -856,7 +859,7 @@ for tool in "${!ciphers[@]}"; do printf '%s\t%s\n' "$tool" "${ciphers[$tool]}"; 
   echo "asyncssh	$($python -W ignore -c 'import asyncssh; print(asyncssh.__version__)')"
   echo "python	$($python --version 2>&1)"
   echo "runs	$runs"
-  echo "sshfa	$(git -C "$root" rev-parse --short HEAD)"
+  echo "sshfa	$sshfa_commit"
 } >"$work/machine.tsv"
 mkdir -p "$out_dir"
 stem=$(date +%F)${name:+-$name}
