@@ -451,17 +451,23 @@ void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
   fail(folder, describePair(folder.item) + "cannot make folder " + quoted(path) + ": " + errnoText(error));
 }
 
+// A folder in the way of a file or link goes first (in a dry run it is only
+// named); true while the action waits for that.
+bool TreeTransfer::waitsForTheWay(Folder& folder, std::size_t index, std::string const& path) {
+  if (!folder.plan.actions[index].replace || folder.replaced.contains(index)) return false;
+  ++report_.replaced;
+  if (dryRun_) {
+    plan(Change::Replace, path, 0);
+    return false;
+  }
+  replaceFolder(folder, index);
+  return true;
+}
+
 void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
   auto const path = target(folder, action.name);
-  if (action.replace && !folder.replaced.contains(index)) {
-    ++report_.replaced;
-    if (dryRun_) {
-      plan(Change::Replace, path, 0);
-    } else {
-      return replaceFolder(folder, index);
-    }
-  }
+  if (waitsForTheWay(folder, index, path)) return;
   ++report_.links;
   if (dryRun_) return plan(Change::Link, path, 0);
   auto const temp = randomTemporaryName(action.name, random_);
@@ -507,14 +513,7 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
   auto const path = target(folder, action.name);
   auto const& source = *action.source;
-  if (action.replace && !folder.replaced.contains(index)) {
-    ++report_.replaced;
-    if (dryRun_) {
-      plan(Change::Replace, path, 0);
-    } else {
-      return replaceFolder(folder, index);
-    }
-  }
+  if (waitsForTheWay(folder, index, path)) return;
   FileTask task;
   task.item = folder.item;
   task.source = sourcePathOf(folder, action.name);

@@ -88,6 +88,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void carryOut(Folder& folder);
   void act(Folder& folder, std::size_t index);
   void makeFolder(Folder& folder, std::size_t index);
+  bool waitsForTheWay(Folder& folder, std::size_t index, std::string const& path);
   void placeLink(Folder& folder, std::size_t index);
   void copyFile(Folder& folder, std::size_t index);
   void fixAttributes(Folder& folder, std::size_t index);
