@@ -25,8 +25,11 @@ using Change = PlannedChange::Action;
 
 namespace {
 
-// Folders whose listings are in flight at once.
+// Folders whose listings are in flight at once, at most; fewer when the
+// folders are wide, so that what is listed ahead stays near kEntriesAhead
+// entries, whatever the width of the tree's folders.
 constexpr std::size_t kFoldersListed = 32;
+constexpr std::size_t kEntriesAhead = 2048;
 // Files queued ahead of the copies before more folders are listed.
 constexpr std::size_t kFilesAhead = 256;
 
@@ -158,7 +161,10 @@ void TreeTransfer::walk() {
 }
 
 void TreeTransfer::startFolders() {
-  while (!waiting_.empty() && !stopping_ && listing_ < kFoldersListed && copier_->waiting() < kFilesAhead) {
+  // The width of the folders listed so far decides how many go at once.
+  auto const width = std::max<std::size_t>(1, entriesListed_ / std::max<std::size_t>(1, foldersListed_));
+  auto const listings = std::clamp<std::size_t>(kEntriesAhead / width, 1, kFoldersListed);
+  while (!waiting_.empty() && !stopping_ && listing_ < listings && copier_->waiting() < kFilesAhead) {
     auto* const folder = waiting_.back();
     waiting_.pop_back();
     beginFolder(*folder);
@@ -232,6 +238,8 @@ void TreeTransfer::listed(void* cookie, Listing listing) {
 
 void TreeTransfer::folderListed(Folder& folder) {
   if (stopping_) return release(folder);
+  ++foldersListed_;
+  entriesListed_ += std::max(folder.sourceListing.entries.size(), folder.destinationListing.entries.size());
   if (!folder.aboveRoot && !options_.filter.empty()) {
     // A folder's .gitignore decides for its own entries: it is read first.
     auto const* rules = options_.filter.readsGitignore() ? folder.sourceListing.find(".gitignore") : nullptr;
