@@ -31,6 +31,8 @@ WORKLOADS = collections.OrderedDict([
     ("stat-10k", "size and time of 10,000 remote files"),
     ("exists-1000", "existence of 1,000 remote paths (half of them missing), connection set-up included"),
     ("list-100k", "recursive listing of 100,000 remote files"),
+    ("sftp-exists-1000", "existence of 1,000 remote paths (half of them missing), SFTP backend against the loops"),
+    ("sftp-stat-1000", "size and time of 1,000 remote files, SFTP backend against the loops"),
     ("connect", "connection set-up"),
     ("noop-10k", "re-run of the upload of 10,000 files of 1-4 KiB in 100 folders, nothing changed"),
     ("changed-10k", "re-run of the upload of 10,000 files of 1-4 KiB in 100 folders, 100 of them changed"),
@@ -96,6 +98,7 @@ VALUE_COLUMNS = [
 KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "transfer", "download-10k": "transfer",
         "small-1": "transfer", "small-300": "transfer",
         "stat-10k": "query", "exists-1000": "query-with-setup", "list-100k": "query", "connect": "connect",
+        "sftp-exists-1000": "query", "sftp-stat-1000": "query",
         "noop-10k": "sync", "changed-10k": "sync", "resume-1g": "resume",
         "lat-up-128m": "transfer", "lat-down-128m": "transfer", "lat-small-300": "transfer",
         "lat-exists-200": "latency-exists", "lat-connect": "latency-connect"}
@@ -184,6 +187,11 @@ def goals(medians, values=None):
             faster = peer("exists-1000", tool) / ours("exists-1000")
             rows.append((f"`exists` of 1,000 paths, set-up included: faster than {tool}'s `stat` loop",
                          f"{faster:.2f}x", faster > 1.0))
+    for w, label in (("sftp-exists-1000", "`exists`"), ("sftp-stat-1000", "`getFileInfo`")):
+        if ours(w) and peer(w, "paramiko"):
+            faster = peer(w, "paramiko") / ours(w)
+            rows.append((f"{label} of 1,000 paths on the SFTP backend: >= 5x faster than paramiko's loop",
+                         f"{faster:.1f}x", faster >= 5))
     for direction, ours_tool, scp_tool in (("put", "sshfa-put", "scp-put"), ("get", "sshfa-get", "scp-get")):
         if peer("small-300", ours_tool) and peer("small-300", scp_tool):
             ratio = peer("small-300", ours_tool) / peer("small-300", scp_tool)

@@ -2,16 +2,19 @@
 // command line and the same one-line JSON answer as the Python peers in
 // bench/peers, so the script treats every library alike.
 //
-// Usage: workload --host H --port P --user U --key FILE --known-hosts FILE OP [ARG]
+// Usage: workload --host H --port P --user U --key FILE --known-hosts FILE
+//                 [--backend shell|sftp] OP [ARG]
 //   connect         FileAccess constructor (work: the first command, which
-//                   starts the persistent shell; the other workloads run it
+//                   starts the persistent shell, or with --backend sftp
+//                   opens the SFTP channel; the other workloads run it
 //                   before their clock starts)
 //   stat LIST       getFileInfo over the paths in LIST (one per line), one call
 //   exists LIST     exists over the paths in LIST, one call
 //   walk DIR        listRecursively of DIR
+// --backend: the remote backend, UnixSSHFileAccess (shell, the default) or
+// SftpFileAccess (sftp: every list form one batch of pipelined requests).
 // Prints {"connect": s, "first": s, "work": s, "count": n} (first: the first
-// command, which starts the persistent shell); exit status 1 and a message on
-// standard error on failure.
+// command); exit status 1 and a message on standard error on failure.
 
 #include <algorithm>
 #include <chrono>
@@ -33,6 +36,7 @@ namespace {
 
 namespace ssh = foundation::sshclient;
 using nimbal::remoteaccess::sshfileaccess::FileAccess;
+using nimbal::remoteaccess::sshfileaccess::RemoteBackend;
 using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
@@ -84,15 +88,19 @@ int main(int argc, char** argv) {
       if (!options.contains(needed)) throw std::runtime_error(std::string("missing --") + needed);
     }
     if (rest.empty() || rest.size() > 2) throw std::runtime_error("expected OP [ARG]");
+    std::string const backend = options.contains("backend") ? options["backend"] : "shell";
+    if (backend != "shell" && backend != "sftp") throw std::runtime_error("--backend: shell or sftp");
     ssh::SSHClientOptions clientOptions;
     clientOptions.knownHostsFiles = {options["known-hosts"]};
     clientOptions.readSshConfig = false;
     clientOptions.ciphers = "aes128-gcm@openssh.com";
 
     auto const start = Clock::now();
-    FileAccess access(std::make_unique<ssh::SSHClient>(
-        fl::i18n::utf8_to_ustring(options["host"]), std::stoi(options["port"]),
-        ssh::AuthMethods{ssh::IdentityFileAuth{options["user"], options["key"], std::nullopt}}, clientOptions));
+    FileAccess access(
+        std::make_unique<ssh::SSHClient>(
+            fl::i18n::utf8_to_ustring(options["host"]), std::stoi(options["port"]),
+            ssh::AuthMethods{ssh::IdentityFileAuth{options["user"], options["key"], std::nullopt}}, clientOptions),
+        backend == "sftp" ? RemoteBackend::Sftp : RemoteBackend::Shell);
     double const connect = secondsSince(start);
     auto const firstStart = Clock::now();
     access.remote()->exists(fl::ustring(u"/"));

@@ -10,6 +10,7 @@
 #   scripts/bench.sh [WORKLOAD ...]   upload-1g download-1g upload-10k
 #                                     download-10k small-1 small-300
 #                                     stat-10k exists-1000 list-100k
+#                                     sftp-exists-1000 sftp-stat-1000
 #                                     connect noop-10k changed-10k
 #                                     resume-1g (default: all of these)
 #                                     latency, or some of lat-up-128m
@@ -40,8 +41,8 @@ out_dir=${SSHFA_BENCH_OUT:-bench/results}
 settle=${SSHFA_BENCH_SETTLE:-0.5}
 name=${SSHFA_BENCH_NAME:-}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
-all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k connect
-  noop-10k changed-10k resume-1g"
+all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k
+  sftp-exists-1000 sftp-stat-1000 connect noop-10k changed-10k resume-1g"
 latency_workloads="lat-up-128m lat-down-128m lat-small-300 lat-exists-200 lat-connect"
 links=${SSHFA_BENCH_LINKS:-0 20 50 100 50/100M}
 workloads= latency_rows=
@@ -158,6 +159,7 @@ lib_args=(--host 127.0.0.1 --port "$port" --user "$user" --key "$work/user_key" 
 paramiko_cmd=("$python" "$root/bench/peers/paramiko_peer.py" "${lib_args[@]}")
 asyncssh_cmd=("$python" "$root/bench/peers/asyncssh_peer.py" "${lib_args[@]}")
 ours_cmd=("$workload_bin" "${lib_args[@]}")
+ours_sftp_cmd=("$workload_bin" "${lib_args[@]}" --backend sftp)
 
 local_dir=$work/local
 remote_dir=$work/remote  # the sshd's side; the same machine, another folder
@@ -338,14 +340,17 @@ small_tools=(sshfa-put:sup_sshfa sshfa-get:sdown_sshfa scp-put:sup_scp scp-get:s
 # too leave connection set-up out.
 nothing() { :; }
 stat_list=$work/stat-10k.list
+stat_1000_list=$work/stat-1000.list
 exists_list=$work/exists-1000.list
 make_lists() {
   find "$tree_remote" -type f | sort >"$stat_list"
+  head -n 1000 "$stat_list" >"$stat_1000_list"
   head -n 500 "$stat_list" | while read -r p; do printf '%s\n%s.missing\n' "$p" "$p"; done >"$exists_list"
 }
 # A step's answer held N items: a library's JSON count, or N lines of a command's output.
 answered() { grep -Eq "\"count\": $1[,}]" "$work/step.out" || [ "$(grep -c . "$work/step.out")" -eq "$1" ]; }
 check_stat() { answered 10000; }
+check_stat_1000() { answered 1000; }
 check_exists() { answered 500; }
 
 stat_sshfa() { library_time work "${ours_cmd[@]}" stat "$stat_list"; cat "$work/answer.json"; }
@@ -356,6 +361,18 @@ stat_ssh() { ssh "${ssh_cfg[@]}" bench "xargs -d '\n' stat -c '%s %Y'" <"$stat_l
 exists_sshfa() { library_time connect+first+work "${ours_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
 exists_paramiko() { library_time connect+work "${paramiko_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
 exists_asyncssh() { library_time connect+work "${asyncssh_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+# The SFTP backend: every path of the list in one batch of pipelined
+# requests, against the same lists by the Python libraries' loops and by the
+# shell backend. Its SFTP channel is opened before the clock starts (first),
+# as the Python libraries open theirs on connecting.
+sftp_exists_sshfa() { library_time work "${ours_sftp_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+sftp_exists_shell() { library_time work "${ours_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+sftp_exists_paramiko() { library_time work "${paramiko_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+sftp_exists_asyncssh() { library_time work "${asyncssh_cmd[@]}" exists "$exists_list"; cat "$work/answer.json"; }
+sftp_stat_sshfa() { library_time work "${ours_sftp_cmd[@]}" stat "$stat_1000_list"; cat "$work/answer.json"; }
+sftp_stat_shell() { library_time work "${ours_cmd[@]}" stat "$stat_1000_list"; cat "$work/answer.json"; }
+sftp_stat_paramiko() { library_time work "${paramiko_cmd[@]}" stat "$stat_1000_list"; cat "$work/answer.json"; }
+sftp_stat_asyncssh() { library_time work "${asyncssh_cmd[@]}" stat "$stat_1000_list"; cat "$work/answer.json"; }
 exists_ssh() {
   local p
   while read -r p; do
@@ -803,6 +820,18 @@ for w in $workloads; do
     make_lists
     run_workload "$w" nothing check_exists sshfa:exists_sshfa paramiko:exists_paramiko asyncssh:exists_asyncssh \
       ssh-controlmaster:exists_ssh
+    ;;
+  sftp-exists-1000)
+    make_tree
+    make_lists
+    run_workload "$w" nothing check_exists sshfa:sftp_exists_sshfa sshfa-shell:sftp_exists_shell \
+      paramiko:sftp_exists_paramiko asyncssh:sftp_exists_asyncssh
+    ;;
+  sftp-stat-1000)
+    make_tree
+    make_lists
+    run_workload "$w" nothing check_stat_1000 sshfa:sftp_stat_sshfa sshfa-shell:sftp_stat_shell \
+      paramiko:sftp_stat_paramiko asyncssh:sftp_stat_asyncssh
     ;;
   list-100k)
     make_wide

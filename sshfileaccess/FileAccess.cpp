@@ -12,7 +12,7 @@ using foundation::sshclient::TransferDirection;
 // destination by cutting the source's length off the front, makes every
 // destination folder on `destinationSide`, logs the list and hands all files
 // to one transfer.
-void transfer(FileAccessInterface& sourceSide, FileAccessInterface& destinationSide, UnixSSHFileAccess& remote,
+void transfer(FileAccessInterface& sourceSide, FileAccessInterface& destinationSide, SSHFileAccess& remote,
               TransferDirection direction, FileAccessInterface::PathPairs const& pairs) {
   std::vector<ustring> sources;
   std::vector<ustring> destinations;
@@ -36,16 +36,40 @@ FileAccess::FileAccess(ustring host, int port, AuthMethods authMethods)
 FileAccess::FileAccess(std::unique_ptr<foundation::sshclient::SSHClient> client)
     : local_(std::make_unique<LocalFileAccess>()), remote_(std::make_unique<UnixSSHFileAccess>(std::move(client))) {}
 
+FileAccess::FileAccess(std::unique_ptr<foundation::sshclient::SSHClient> client, RemoteBackend backend)
+    : local_(std::make_unique<LocalFileAccess>()), backend_(backend) {
+  if (backend == RemoteBackend::Sftp) {
+    remote_ = std::make_unique<SftpFileAccess>(std::move(client));
+  } else {
+    remote_ = std::make_unique<UnixSSHFileAccess>(std::move(client));
+  }
+}
+
 FileAccess::FileAccess(FileAccess&& other) noexcept = default;
 FileAccess& FileAccess::operator=(FileAccess&& other) noexcept = default;
 FileAccess::~FileAccess() = default;
+
+SSHFileAccess* FileAccess::remote() {
+  if (remote_ && backend_ == RemoteBackend::Automatic) {
+    if (remote_->shellAvailable()) {
+      backend_ = RemoteBackend::Shell;
+    } else {
+      remote_ = std::make_unique<SftpFileAccess>(std::move(*remote_));
+      backend_ = RemoteBackend::Sftp;
+    }
+  }
+  return remote_.get();
+}
+
+foundation::sshclient::SftpFiles& FileAccess::sftp() { return remote_->sftp(); }
 
 void FileAccess::localToRemoteCopy(ustring const& source, ustring const& destination) {
   localToRemoteCopy(PathPairs{{source, destination}});
 }
 
 void FileAccess::localToRemoteCopy(PathPairs const& pairs) {
-  transfer(*local_, *remote_, *remote_, TransferDirection::LocalToRemote, pairs);
+  SSHFileAccess& side = *remote();
+  transfer(*local_, side, side, TransferDirection::LocalToRemote, pairs);
 }
 
 void FileAccess::remoteToLocalCopy(ustring const& source, ustring const& destination) {
@@ -53,7 +77,8 @@ void FileAccess::remoteToLocalCopy(ustring const& source, ustring const& destina
 }
 
 void FileAccess::remoteToLocalCopy(PathPairs const& pairs) {
-  transfer(*remote_, *local_, *remote_, TransferDirection::RemoteToLocal, pairs);
+  SSHFileAccess& side = *remote();
+  transfer(side, *local_, side, TransferDirection::RemoteToLocal, pairs);
 }
 
 TransferReport FileAccess::upload(PathPairs const& pairs, TransferOptions const& options) {

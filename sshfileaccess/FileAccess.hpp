@@ -1,8 +1,13 @@
 #pragma once
 // The one object a caller holds to work on two machines at once: it owns a
-// LocalFileAccess and a UnixSSHFileAccess (which owns the SSH connection),
+// LocalFileAccess and a remote backend (which owns the SSH connection),
 // hands them out for single-side work, and copies files and folder trees
 // between them in either direction.
+//
+// The remote backend is a UnixSSHFileAccess (shell commands). Where the
+// server runs no shell for the account (it allows SFTP only), remote() hands
+// out a SftpFileAccess on the same connection instead, found out on its
+// first call; a RemoteBackend chosen at construction is used as it is.
 //
 // Move-only. A moved-from object has no backends (local() and remote() give
 // null) and may only be destroyed or assigned to. Nothing here catches
@@ -16,6 +21,7 @@
 #include <vector>
 
 #include "sshfileaccess/LocalFileAccess.hpp"
+#include "sshfileaccess/SftpFileAccess.hpp"
 #include "sshfileaccess/UnixSSHFileAccess.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {
@@ -23,6 +29,13 @@ namespace nimbal::remoteaccess::sshfileaccess {
 // What upload and download keep (modes, times, links) and what they did.
 using TransferOptions = foundation::sshclient::TreeTransferOptions;
 using TransferReport = foundation::sshclient::TreeTransferReport;
+
+// The remote backend of a FileAccess.
+enum class RemoteBackend {
+  Automatic,  // UnixSSHFileAccess where the server runs a shell, else SftpFileAccess
+  Shell,      // UnixSSHFileAccess
+  Sftp,       // SftpFileAccess, whatever the server allows
+};
 
 class SSHFA_EXPORT FileAccess {
  public:
@@ -35,6 +48,7 @@ class SSHFA_EXPORT FileAccess {
   FileAccess(ustring host, int port, AuthMethods authMethods);
   // Takes over a client the caller built (with its own options, or a double).
   explicit FileAccess(std::unique_ptr<foundation::sshclient::SSHClient> client);
+  FileAccess(std::unique_ptr<foundation::sshclient::SSHClient> client, RemoteBackend backend);
   FileAccess(FileAccess&& other) noexcept;
   FileAccess& operator=(FileAccess&& other) noexcept;
   FileAccess(FileAccess const&) = delete;
@@ -42,7 +56,17 @@ class SSHFA_EXPORT FileAccess {
   ~FileAccess();
 
   [[nodiscard]] LocalFileAccess* local() noexcept { return local_.get(); }
-  [[nodiscard]] UnixSSHFileAccess* remote() noexcept { return remote_.get(); }
+  // The remote backend. With RemoteBackend::Automatic, the first call finds
+  // out whether the server runs a shell (see SSHClient::shellAvailable),
+  // which may throw SSHError.
+  [[nodiscard]] SSHFileAccess* remote();
+  // The backend remote() hands out: Automatic until it has been decided.
+  [[nodiscard]] RemoteBackend remoteBackend() const noexcept { return backend_; }
+
+  // Beside the interface: the client's SFTP files, which answer many paths
+  // in one round trip and carry every name as its bytes (SftpFiles), on any
+  // server; asks nothing about the shell.
+  [[nodiscard]] foundation::sshclient::SftpFiles& sftp();
 
   // Copies a file to exactly `destination`, or every regular file below a
   // folder to `destination` + the part of its path after `source` (cut by
@@ -81,7 +105,8 @@ class SSHFA_EXPORT FileAccess {
  private:
   // Declaration order matters: remote_ is destroyed (connection closed) first.
   std::unique_ptr<LocalFileAccess> local_;
-  std::unique_ptr<UnixSSHFileAccess> remote_;
+  std::unique_ptr<SSHFileAccess> remote_;
+  RemoteBackend backend_ = RemoteBackend::Automatic;
 };
 
 }  // namespace nimbal::remoteaccess::sshfileaccess

@@ -82,6 +82,10 @@ ssh::TreeTransferReport SSHFileAccess::copyTrees(TransferDirection direction, Pa
   return client_->copyTrees(ssh::CopyTreesCommand(std::move(items), direction, options));
 }
 
+bool SSHFileAccess::shellAvailable() { return client_->shellAvailable(); }
+
+foundation::sshclient::SftpFiles& SSHFileAccess::sftp() { return client_->sftp(); }
+
 void SSHFileAccess::setKeepaliveInterval(std::chrono::seconds interval) { client_->setKeepaliveInterval(interval); }
 
 std::chrono::seconds SSHFileAccess::getKeepaliveInterval() const { return client_->getKeepaliveInterval(); }

@@ -14,6 +14,7 @@
 
 #include "sshfileaccess/FileAccessInterface.hpp"
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/SftpFiles.hpp"
 
 namespace nimbal::remoteaccess::sshfileaccess {
 
@@ -57,6 +58,12 @@ class SSHFA_EXPORT SSHFileAccess : public FileAccessInterface {
 
   void setKeepaliveInterval(std::chrono::seconds interval);
   [[nodiscard]] std::chrono::seconds getKeepaliveInterval() const;
+
+  // Beside the interface: whether the server runs commands for this account
+  // (see SSHClient::shellAvailable), and the client's SFTP files, which
+  // answer many paths in one round trip (see SSHClient::sftp).
+  [[nodiscard]] bool shellAvailable();
+  [[nodiscard]] foundation::sshclient::SftpFiles& sftp();
 
  private:
   std::unique_ptr<foundation::sshclient::SSHClient> client_;

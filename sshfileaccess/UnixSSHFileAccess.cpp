@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "sshfileaccess/FileAccessException.hpp"
+#include "sshfileaccess/RemotePath.hpp"
 #include "sshfileaccess/Utils.hpp"
 #include "sshfileaccess/platform/filesystem/Path.hpp"
 
@@ -185,12 +186,7 @@ std::vector<bool> UnixSSHFileAccess::isDir(PathList const& paths) {
   return eachPath<bool>(paths, [this](ustring const& path) { return isDir(path); });
 }
 
-ustring UnixSSHFileAccess::parent(ustring const& path) {
-  const ustring native = path.empty() ? ustring() : fsd::make_native_form(path, true);
-  ustring parentPath = fsd::extract_parent_path(native);
-  if (!parentPath.empty()) parentPath = fsd::make_native_form(parentPath, true);
-  return fsd::make_generic_form(parentPath);
-}
+ustring UnixSSHFileAccess::parent(ustring const& path) { return remoteParent(path); }
 
 std::vector<ustring> UnixSSHFileAccess::parent(PathList const& paths) {
   return eachPath<ustring>(paths, [this](ustring const& path) { return parent(path); });

@@ -9,7 +9,10 @@
 // Errors: every failure is an SSHError (a std::runtime_error) with a kind and
 // a message naming user@host:port and the cause. No call waits forever: while
 // waiting on the server the client sends keepalive@openssh.com every
-// keep-alive interval and gives up after three unanswered in a row.
+// keep-alive interval and gives up after three unanswered in a row. Once a
+// command finds that the server runs no shell for the account, every later
+// command fails at once with the same SSHError(NoShell), without asking the
+// server again.
 //
 // Thread-safety: one client must not be used from two threads at once.
 // executeCommand, copyFiles and the keep-alive operations are virtual so that
@@ -28,6 +31,7 @@
 
 #include "sshfileaccess/export.hpp"
 #include "sshfileaccess/platform/i18n/ustring.hpp"
+#include "sshfileaccess/platform/sshclient/Filter.hpp"
 
 namespace foundation::sshclient {
 
@@ -193,12 +197,18 @@ struct TreeTransferOptions {
   // else is still copied. A link where the source has a folder is always
   // replaced, never followed.
   bool replaceInTheWay = false;
+  // Which entries below an item's source folder are taken (one left out is
+  // not listed; a folder left out is not read), and which extraneous
+  // destination entries deleteExtraneous keeps; see Filter.hpp. Patterns
+  // are matched against paths relative to the item's source folder; items
+  // themselves are not filtered. Default: no rules, no cost.
+  Filter filter{};
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
  public:
   CopyTreesCommand(std::vector<FileLocations> items, TransferDirection direction, TreeTransferOptions options = {})
-      : items_(std::move(items)), direction_(direction), options_(options) {}
+      : items_(std::move(items)), direction_(direction), options_(std::move(options)) {}
   [[nodiscard]] std::vector<FileLocations> const& getItems() const noexcept { return items_; }
   [[nodiscard]] TransferDirection getDirection() const noexcept { return direction_; }
   [[nodiscard]] TreeTransferOptions const& getOptions() const noexcept { return options_; }
@@ -213,7 +223,8 @@ class SSHFA_EXPORT CopyTreesCommand {
 struct PlannedChange {
   // Replace: an entry of another type in the destination's way goes first
   // (followed by the Folder, Copy or Link that takes its place).
-  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace };
+  // Exclude: left out by the filter (the source's path).
+  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace, Exclude };
   Action action = Action::Copy;
   ustring path;
   std::uint64_t bytes = 0;  // file data to send (Resume: the rest only)
@@ -318,6 +329,9 @@ class SSHFA_EXPORT SSHError : public std::runtime_error {
     Transfer,
     Timeout,
     ConnectionLost,
+    // The server runs no shell for this account (it allows SFTP only, say):
+    // no command can run on this connection.
+    NoShell,
   };
 
   SSHError(Kind kind, std::string const& message) : std::runtime_error(message), kind_(kind) {}
@@ -344,6 +358,8 @@ class SSHFA_EXPORT TransferError : public SSHError {
 
 // ---- the client --------------------------------------------------------------
 
+class SftpFiles;
+
 class SSHFA_EXPORT SSHClient {
  public:
   // host: a name, an address or an alias of the SSH configuration.
@@ -359,8 +375,17 @@ class SSHFA_EXPORT SSHClient {
 
   // Runs the line with POSIX sh semantics whatever the login shell; returns
   // exit status, standard output and standard error. A command killed by a
-  // signal reports 128 + the signal number.
+  // signal reports 128 + the signal number. A command is run only when a
+  // shell of the server says so; anything else that answers (an SFTP server
+  // forced on the account, a refusal) is SSHError(NoShell), never a result.
   virtual ExecuteCommandResult executeCommand(ExecuteCommand command);
+
+  // Whether commands can run here (see executeCommand). Known once a command
+  // has run or failed for want of a shell, which holds for the connection;
+  // otherwise found out now, by starting what the next command needs (the
+  // persistent shell, or one command on an exec channel). Throws SSHError
+  // for other failures.
+  [[nodiscard]] virtual bool shellAvailable();
 
   // Runs the line as executeCommand does, but on a channel of its own,
   // handing output over as it arrives and feeding standard input; returns
@@ -377,23 +402,33 @@ class SSHFA_EXPORT SSHClient {
   // creator's umask.
   virtual void copyFiles(CopyFilesCommand command);
 
-  // Copies files, folder trees and symbolic links over the same SFTP
-  // session: the sources are listed first (remote ones over SFTP, every name
-  // as its bytes), then every destination folder is made (missing parents
-  // of the destinations included), then links and files follow, each file
-  // through a temporary and a rename as with copyFiles. Modes and times
-  // follow the command's options and are set on the temporary before the
-  // rename; folders get theirs last. FIFOs, sockets and devices are left out
-  // and named in the report's notes. Progress (the client's callback) knows
-  // every total before the first byte moves. The first failure stops new
-  // work; throws SSHError(Transfer) naming it (a folder blocked by a file
-  // is named once), or the connection's kinds. A file whose size or time
-  // changes while it is read fails ("changed while being read"): its
-  // temporary goes and an old destination stays. The options' re-run
-  // choices (skipUnchanged, deleteExtraneous, dryRun, resume) list the
-  // destination too, before anything changes; checksums and resumed
-  // prefixes are hashed on the remote host through executeCommand's shell.
+  // Copies files, folder trees and symbolic links over one SFTP session,
+  // one folder at a time: each folder of a source is listed beside its
+  // destination (remote ones over SFTP, every name as its bytes; a name that
+  // is not a plain name is never joined to a path), planned, and carried out
+  // (folders made, links placed, each file through a temporary and a rename
+  // as with copyFiles). "." and ".." in the items' paths are resolved first,
+  // and missing parents of the destinations are made. Modes and times follow
+  // the command's options and are set on the temporary before the rename; a
+  // folder gets its own once everything below it is done. FIFOs, sockets and
+  // devices are left out and named in the report's notes. Memory follows the
+  // widest folder, not the tree; progress totals grow while folders remain
+  // to be listed (TransferProgress::listing). A source that cannot be read
+  // fails the transfer before anything changes; any other failure is one
+  // failure and the rest goes on: afterwards TransferError names the first
+  // (a folder blocked by a file is named once), or the connection's kinds
+  // are thrown. A file whose size or time changes while it is read fails
+  // ("changed while being read"): its temporary goes and an old destination
+  // stays. The options' re-run choices (skipUnchanged, deleteExtraneous,
+  // dryRun, resume) compare with the destination's listing; checksums and
+  // resumed prefixes are hashed on the remote host through executeCommand's
+  // shell.
   virtual TreeTransferReport copyTrees(CopyTreesCommand command);
+
+  // Files on the server over SFTP, many paths per call (see SftpFiles): the
+  // client's one instance, whose channel is opened on first use and kept
+  // for the client's life. A test double without a connection overrides it.
+  virtual SftpFiles& sftp();
 
   virtual void setKeepaliveInterval(std::chrono::seconds interval);
   [[nodiscard]] virtual std::chrono::seconds getKeepaliveInterval() const;

@@ -217,6 +217,7 @@ void LoopbackSshd::writeConfig() const {
   // bash sources ~/.bashrc for sshd's commands only at shell level 1; that
   // can cost far more than the command itself.
   config += "SetEnv SHLVL=1\n";
+  config += settings_.matchBlocks;
   writeFile(dir / "sshd_config", config, fs::perms::owner_read | fs::perms::owner_write);
   writeFile(knownHostsFile_, "[" + host_ + "]:" + std::to_string(port_) + " " + hostPublicKey_ + "\n",
             fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);

@@ -34,6 +34,9 @@ class LoopbackSshd {
     // line replaces the generated one of its name). No Match blocks here.
     std::string extraConfig;
     std::chrono::milliseconds startTimeout{15000};
+    // Match blocks, placed after the generated lines (a Match block runs to
+    // the end of the file).
+    std::string matchBlocks = {};
   };
 
   explicit LoopbackSshd(Settings settings);

@@ -575,12 +575,14 @@ TEST_F(CliTest, LocalModeNeedsNoConnection) {
 
 // ---- tracing -------------------------------------------------------------------------
 
-TEST_F(CliTest, VerboseTracesTheCommandsSent) {
+TEST_F(CliTest, VerboseTracesTheRequestsAndCommandsSent) {
   auto const result = remote({"-v", "isdir", at("it's")});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "false\n");
-  EXPECT_THAT(result.err, HasSubstr("sshfa: trace: Executing command: "));
-  EXPECT_THAT(result.err, HasSubstr("'" + at("it") + "'\\''s'"));
+  EXPECT_THAT(result.err, HasSubstr("sshfa: trace: SFTP stat: '" + at("it") + "'\\''s'\n"));
+  auto const made = remote({"-v", "mkdir", at("it's")});
+  EXPECT_EQ(made.status, 0) << made.err;
+  EXPECT_THAT(made.err, HasSubstr("sshfa: trace: Executing command: mkdir -p '" + at("it") + "'\\''s'\n"));
   EXPECT_EQ(remote({"isdir", at("it's")}).err, "");
 }
 

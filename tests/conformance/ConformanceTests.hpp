@@ -66,6 +66,8 @@ class Backend {
   [[nodiscard]] virtual bool unzipCreatesMissingDestination() const = 0;
   // Whether unzip replaces files that the destination holds already.
   [[nodiscard]] virtual bool unzipOverwritesExistingFiles() const = 0;
+  // Why the backend runs no programs (so no archives), or empty.
+  [[nodiscard]] virtual std::string whyNoPrograms() const { return {}; }
 
  protected:
   Backend() = default;
@@ -114,6 +116,7 @@ class ThisMachineBackend : public Backend {
 
 struct BackendFactory {
   std::string name;
+  // Null: the backend cannot be had here, and the tests are skipped.
   std::function<std::unique_ptr<Backend>()> make;
 };
 

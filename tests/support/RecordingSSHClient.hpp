@@ -27,6 +27,9 @@ class RecordingSSHClient : public ssh::SSHClient {
     return responder ? responder(command.getCommand()) : ssh::ExecuteCommandResult{};
   }
 
+  // Its commands are answered here, so they always run.
+  bool shellAvailable() override { return true; }
+
   void copyFiles(ssh::CopyFilesCommand command) override { transfers.push_back(std::move(command)); }
 
   void setKeepaliveInterval(std::chrono::seconds interval) override { keepalive = interval; }

@@ -31,6 +31,24 @@ namespace {
 
 constexpr char const* kLoopback = "127.0.0.1";
 
+// The accounts limited to SFTP, named in every server's configuration.
+constexpr char const* kSftpOnlyUser = "sshfa-sftp";
+constexpr char const* kChrootedSftpUser = "sshfa-sftpjail";
+// Root-owned at every level, as sshd demands of a chroot.
+constexpr char const* kChrootFolder = "/var/lib/sshfa-test-chroot";
+
+std::string sftpOnlyMatchBlocks() {
+  return std::string("Match User ") + kSftpOnlyUser +
+         "\n"
+         "  ForceCommand internal-sftp\n"
+         "Match User " +
+         kChrootedSftpUser +
+         "\n"
+         "  ForceCommand internal-sftp\n"
+         "  ChrootDirectory " +
+         kChrootFolder + "\n";
+}
+
 std::string readFile(fs::path const& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
@@ -46,8 +64,8 @@ std::string shellQuoted(std::string const& text) {
 
 bool isRoot() { return geteuid() == 0; }
 
-fs::path makeDirectory(char const* prefix) {
-  std::string pattern = (fs::temp_directory_path() / (std::string(prefix) + ".XXXXXX")).string();
+fs::path makeDirectory(char const* prefix, fs::path const& parent = fs::temp_directory_path()) {
+  std::string pattern = (parent / (std::string(prefix) + ".XXXXXX")).string();
   if (mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error("TestSshd: cannot create a temporary folder: " + std::string(std::strerror(errno)));
   }
@@ -176,8 +194,10 @@ class TestSshd::Impl {
   ServerLog serverLog;
   std::optional<Account> passwordAccount;
   std::optional<Account> cshAccount;
+  std::optional<SftpOnlyAccount> sftpOnlyAccount;
+  std::optional<SftpOnlyAccount> chrootedSftpAccount;
 
-  explicit Impl(std::string const& extraConfig);
+  Impl(std::string const& extraConfig, std::string const& matchBlocks);
   ~Impl();
   Impl(Impl const&) = delete;
   Impl& operator=(Impl const&) = delete;
@@ -187,17 +207,20 @@ class TestSshd::Impl {
   [[nodiscard]] std::vector<pid_t> connectionPids() const;
 };
 
-TestSshd::Impl::Impl(std::string const& extraConfig) {
+TestSshd::Impl::Impl(std::string const& extraConfig, std::string const& matchBlocks) {
   dir = makeDirectory("sshfa-sshd");
   std::string config = extraConfig + "\nPermitRootLogin yes\n";
-  // Password checks need PAM, which needs root.
+  // Password checks need PAM, which needs root; so do other accounts.
+  std::string blocks = matchBlocks;
   if (isRoot()) {
     config += "UsePAM yes\nPasswordAuthentication yes\nKbdInteractiveAuthentication yes\n";
+    if (!blocks.empty() && blocks.back() != '\n') blocks += '\n';
+    blocks += sftpOnlyMatchBlocks();
   } else {
     config += "UsePAM no\nPasswordAuthentication no\nKbdInteractiveAuthentication no\n";
   }
-  sshd =
-      std::make_unique<loopback::LoopbackSshd>(loopback::LoopbackSshd::Settings{dir, config, std::chrono::seconds(20)});
+  sshd = std::make_unique<loopback::LoopbackSshd>(
+      loopback::LoopbackSshd::Settings{dir, config, std::chrono::seconds(20), blocks});
   serverLog.file = sshd->logFile().string();
   serverLog.port = sshd->port();
   liveLogs().insert(&serverLog);
@@ -247,7 +270,8 @@ void TestSshd::Impl::signalConnections(int signal) const {
 
 // ---- TestSshd ------------------------------------------------------------------------
 
-TestSshd::TestSshd(std::string const& extraConfig) : impl_(std::make_unique<Impl>(extraConfig)) {}
+TestSshd::TestSshd(std::string const& extraConfig, std::string const& matchBlocks)
+    : impl_(std::make_unique<Impl>(extraConfig, matchBlocks)) {}
 TestSshd::~TestSshd() = default;
 
 TestSshd& TestSshd::instance() {
@@ -320,6 +344,36 @@ std::optional<TestSshd::Account> TestSshd::accountWithHome(std::string const& na
   ensureAccount(account.user, loginShell, account.password, home.string());
   TestSshd::shell("chown -R " + shellQuoted(name) + " " + shellQuoted(home.string()));
   return account;
+}
+
+std::optional<TestSshd::SftpOnlyAccount> TestSshd::sftpOnlyAccount() {
+  if (!isRoot()) return std::nullopt;
+  if (!impl_->sftpOnlyAccount) {
+    Account login{kSftpOnlyUser, randomPassword()};
+    ensureAccount(login.user, "/bin/sh", login.password);
+    fs::path folder = makeTempDir();
+    TestSshd::shell("chown " + shellQuoted(login.user) + " " + shellQuoted(folder.string()));
+    impl_->sftpOnlyAccount = SftpOnlyAccount{login, folder, folder.string(), fs::path()};
+  }
+  return impl_->sftpOnlyAccount;
+}
+
+std::optional<TestSshd::SftpOnlyAccount> TestSshd::chrootedSftpAccount() {
+  if (!isRoot()) return std::nullopt;
+  if (!impl_->chrootedSftpAccount) {
+    Account login{kChrootedSftpUser, randomPassword()};
+    fs::path const chroot = kChrootFolder;
+    fs::create_directories(chroot);
+    fs::permissions(chroot, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                fs::perms::others_read | fs::perms::others_exec);
+    // Home "/": inside the chroot, its root.
+    ensureAccount(login.user, "/bin/sh", login.password);
+    fs::path folder = makeDirectory("files", chroot);
+    tempDirs().paths.push_back(folder);
+    TestSshd::shell("chown " + shellQuoted(login.user) + " " + shellQuoted(folder.string()));
+    impl_->chrootedSftpAccount = SftpOnlyAccount{login, folder, "/" + folder.filename().string(), chroot};
+  }
+  return impl_->chrootedSftpAccount;
 }
 
 std::string TestSshd::accountsUnavailableReason() {

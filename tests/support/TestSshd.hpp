@@ -10,7 +10,9 @@
 // ed25519 host key, a client key (identityFile(), authorized for every
 // account), a known_hosts file naming the host key, the pid file and the log
 // (LogLevel VERBOSE). It runs as the current user; as root it also uses PAM,
-// so that password and keyboard-interactive logins work for passwordAccount().
+// so that password and keyboard-interactive logins work for passwordAccount(),
+// and its configuration limits the accounts of sftpOnlyAccount() and
+// chrootedSftpAccount() to SFTP.
 // While a test fails, the lines the server logged during that test are
 // printed (a GoogleTest listener).
 //
@@ -32,7 +34,8 @@ namespace sshfa::testing {
 class TestSshd {
  public:
   // extraConfig: sshd_config lines; they take precedence over the generated ones.
-  explicit TestSshd(std::string const& extraConfig = {});
+  // matchBlocks: Match blocks, placed at the end.
+  explicit TestSshd(std::string const& extraConfig = {}, std::string const& matchBlocks = {});
   ~TestSshd();
   TestSshd(TestSshd const&) = delete;
   TestSshd& operator=(TestSshd const&) = delete;
@@ -90,6 +93,25 @@ class TestSshd {
   // with identityFile().
   std::optional<Account> accountWithHome(std::string const& name, std::string const& loginShell,
                                          std::filesystem::path const& home);
+  // Accounts that may use SFTP and nothing else: ForceCommand internal-sftp,
+  // so sshd answers every command or shell request with a line of refusal
+  // and closes the channel. Key login with identityFile(). Root only, as
+  // above.
+  struct SftpOnlyAccount {
+    Account login;
+    // A fresh folder the account owns (removed at process exit): its path on
+    // this machine, and the path by which the account names it (they differ
+    // under ChrootDirectory).
+    std::filesystem::path folder;
+    std::string folderForAccount;
+    // The ChrootDirectory (root-owned, mode 0755); empty when none.
+    std::filesystem::path chroot;
+  };
+  std::optional<SftpOnlyAccount> sftpOnlyAccount();
+  // The same, also confined to a ChrootDirectory: a folder kept for all runs,
+  // /var/lib/sshfa-test-chroot (a chroot must not lie below a world-writable
+  // folder such as /tmp).
+  std::optional<SftpOnlyAccount> chrootedSftpAccount();
   [[nodiscard]] static std::string accountsUnavailableReason();
 
   // Runs `commandLine` with /bin/sh locally and returns its standard output;

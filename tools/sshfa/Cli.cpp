@@ -146,6 +146,7 @@ bool isConnectionFailure(ssh::SSHError::Kind kind) {
       return true;
     case ssh::SSHError::Kind::Channel:
     case ssh::SSHError::Kind::Transfer:
+    case ssh::SSHError::Kind::NoShell:
       return false;
   }
   return false;
@@ -233,6 +234,21 @@ CLI::App* addTransferCommand(CLI::App& app, Invocation& inv, std::string const& 
   sub->add_flag("-n,--dry-run", inv.transfer.dryRun, "Print what would be copied, skipped and deleted; change nothing");
   sub->add_flag("--no-resume", inv.transfer.noResume,
                 "Start interrupted files over, and keep nothing of a file when interrupted");
+  auto const* const choosing = "Choosing files (rsync's rules; the first that matches decides)";
+  auto const repeatable = [&](std::string const& option, std::vector<std::string>& values, std::string const& what,
+                              std::string const& type) {
+    sub->add_option(option, values, what)->type_name(type)->allow_extra_args(false)->group(choosing);
+  };
+  repeatable("--exclude", inv.transfer.excludes, "Leave out what PATTERN matches", "PATTERN");
+  repeatable("--include", inv.transfer.includes, "Take what PATTERN matches", "PATTERN");
+  repeatable("--exclude-from", inv.transfer.excludesFrom, "--exclude each pattern of FILE ('#' comments)", "FILE");
+  repeatable("--include-from", inv.transfer.includesFrom, "--include each pattern of FILE ('#' comments)", "FILE");
+  repeatable("--filter", inv.transfer.filterRules, "One rule: '- PATTERN', '+ PATTERN', 'P PATTERN', ...", "RULE");
+  sub->add_flag("--gitignore", inv.transfer.gitignore,
+                "Leave out what the source tree's .gitignore files ignore, and .git itself")
+      ->group(choosing);
+  sub->add_flag("--delete-excluded", inv.transfer.deleteExcluded, "--delete, also removing what the rules leave out")
+      ->group(choosing);
   sub->add_flag("--ignore-suspect-names", inv.transfer.ignoreSuspectNames,
                 "Skip names a server lists that are not plain names (\"..\", \"a/b\") with a warning, "
                 "instead of failing");
@@ -305,6 +321,7 @@ int dispatch(CLI::App const& app, Invocation& inv) {
     inv.file.args = {inv.firstOperand, inv.secondOperand};
   }
   if (inv.verbose) enableTrace();
+  inv.connection.traceShell = inv.verbose;
 
   if (name == "demo") {
     if (inv.local) throw UsageError("demo starts its own server; --local does not apply");
@@ -317,7 +334,13 @@ int dispatch(CLI::App const& app, Invocation& inv) {
     return runFileCommand(local, inv.file);
   }
   bool const transfer = name == "put" || name == "get";
-  if (transfer) inv.pairs = takeRemoteOperands(name, name == "put", inv.pairs, inv.connection);
+  if (transfer) {
+    inv.pairs = takeRemoteOperands(name, name == "put", inv.pairs, inv.connection);
+    std::vector<std::string> order;
+    for (auto const* option : chosen->parse_order()) order.push_back(option->get_name());
+    inv.transfer.verbose = inv.verbose;
+    inv.transfer.filter = buildFilter(inv.transfer, order);
+  }
   if (inv.connection.host.empty()) {
     throw UsageError(transfer ? name + " needs the remote host: -H HOST, or HOST:PATH on the remote side"
                               : "-H/--host is required (or --local for the local machine)");
@@ -331,7 +354,7 @@ int dispatch(CLI::App const& app, Invocation& inv) {
     return runTransfer(*access, progress, name == "put", inv.pairs, inv.transfer, inv.json);
   }
   if (name == "exec") return runExec(*access, inv.words, inv.json, inv.noInput);
-  return runFileCommand(*access->remote(), inv.file);
+  return runRemoteFileCommand(*access, inv.file);
 }
 
 // Everything after "exec" is the remote command, in order and options

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/lexical_cast/bad_lexical_cast.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,10 +16,11 @@
 
 #include "sshfileaccess/FileAccessException.hpp"
 #include "sshfileaccess/LocalFileAccess.hpp"
-#include "sshfileaccess/SSHFileAccess.hpp"
+#include "sshfileaccess/UnixSSHFileAccess.hpp"
 #include "sshfileaccess/platform/filesystem/Path.hpp"
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "tools/sshfa/Interrupt.hpp"
+#include "tools/sshfa/Queries.hpp"
 #include "tools/sshfa/RemoteArchive.hpp"
 #include "tools/sshfa/Text.hpp"
 
@@ -95,44 +95,25 @@ int answerParents(FileCommand const& command, PathList const& paths, std::vector
   return 0;
 }
 
-void reportMissing(PathList const& paths, std::vector<bool> const& missing, char const* verb) {
+void reportMissing(PathList const& paths, char const* verb) {
   std::string text;
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    if (missing[i]) {
-      text +=
-          fmt::format("sshfa: cannot {} '{}': No such file or directory\n", verb, forStream(STDERR_FILENO, paths[i]));
-    }
+  for (auto const& path : paths) {
+    text += fmt::format("sshfa: cannot {} '{}': No such file or directory\n", verb, forStream(STDERR_FILENO, path));
   }
   writeTo(stderr, text);
 }
 
 // Like ls: a file as itself, a folder by its entries (files first, then the
-// folders' entries, each in the order given); a missing path is reported and
-// makes the status 1. Folders cost one round trip, files and missing paths
-// one more.
-int answerList(sfa::FileAccessInterface& side, FileCommand const& command) {
-  PathList const paths = toPaths(command.args);
-  std::vector<bool> const folder = side.isDir(paths);
-  PathList folders;
-  PathList others;
-  for (std::size_t i = 0; i < paths.size(); ++i) (folder[i] ? folders : others).push_back(paths[i]);
-  std::vector<ustring> entries;
-  std::vector<bool> missing(others.size(), false);
-  if (!others.empty()) {
-    std::vector<bool> const present = side.exists(others);
-    for (std::size_t i = 0; i < others.size(); ++i) {
-      missing[i] = !present[i];
-      if (present[i]) entries.push_back(others[i]);
-    }
-  }
-  if (!folders.empty()) {
-    auto listed = command.recursive ? side.listRecursively(folders) : side.list(folders);
-    entries.insert(entries.end(), std::make_move_iterator(listed.begin()), std::make_move_iterator(listed.end()));
-  }
-  reportMissing(others, missing, "access");
+// folders' entries, each in the order given); a missing path, and a name
+// left out, are reported and make the status 1.
+int answerList(FileCommand const& command, ListAnswer const& answer) {
+  reportMissing(answer.missing, "access");
+  std::string warnings;
+  for (auto const& line : answer.warnings) warnings += "sshfa: " + forStream(STDERR_FILENO, line) + "\n";
+  writeTo(stderr, warnings);
   std::string out;
   std::vector<std::string> elements;
-  for (auto const& entry : entries) {
+  for (auto const& entry : answer.entries) {
     if (command.json) {
       elements.push_back(jsonString(entry));
     } else {
@@ -140,7 +121,7 @@ int answerList(sfa::FileAccessInterface& side, FileCommand const& command) {
     }
   }
   writeTo(stdout, command.json ? jsonArray(elements) : out);
-  return std::find(missing.begin(), missing.end(), true) == missing.end() ? 0 : 1;
+  return answer.missing.empty() && answer.warnings.empty() ? 0 : 1;
 }
 
 std::string isoTime(boost::posix_time::ptime const& time) {
@@ -152,53 +133,24 @@ long long epochSeconds(boost::posix_time::ptime const& time) {
   return (time - kEpoch).total_seconds();
 }
 
-// The sizes and times of all paths in one call. When the answer of the
-// remote stat cannot be read (a name with a line feed breaks its line), each
-// path is asked on its own, so that the failure names the path it belongs to
-// and the others are still answered; `unreadable` gets the causes.
-std::vector<std::optional<sfa::FileInfo>> fileInfos(sfa::FileAccessInterface& side, PathList const& paths,
-                                                    std::vector<std::string>& unreadable) {
-  unreadable.assign(paths.size(), std::string());
-  try {
-    return side.getFileInfo(paths);
-  } catch (sfa::FileAccessException const&) {
-  } catch (boost::bad_lexical_cast const&) {
-  }
-  std::vector<std::optional<sfa::FileInfo>> infos(paths.size());
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    try {
-      infos[i] = side.getFileInfo(paths[i]);
-    } catch (sfa::FileAccessException const& e) {
-      unreadable[i] = e.what();
-    } catch (boost::bad_lexical_cast const& e) {
-      unreadable[i] = e.what();
-    }
-  }
-  return infos;
-}
-
 // Missing paths are reported on standard error and make the status 1; the
 // others are still answered.
-int answerStat(FileCommand const& command, PathList const& paths,
-               std::vector<std::optional<sfa::FileInfo>> const& infos, std::vector<std::string> const& unreadable) {
+int answerStat(FileCommand const& command, PathList const& paths, StatAnswer const& answer) {
   std::string out;
   std::vector<std::string> elements;
   int status = 0;
   for (std::size_t i = 0; i < paths.size(); ++i) {
-    auto const& info = infos[i];
+    auto const& info = answer.infos[i];
+    auto const& error = answer.errors[i];
     if (!info) {
       status = 1;
-      writeTo(stderr, unreadable[i].empty()
-                          ? fmt::format("sshfa: cannot stat '{}': No such file or directory\n",
-                                        forStream(STDERR_FILENO, paths[i]))
-                          : fmt::format("sshfa: cannot stat '{}': the answer of stat cannot be read ({})\n",
-                                        forStream(STDERR_FILENO, paths[i]), unreadable[i]));
+      writeTo(stderr, fmt::format("sshfa: cannot stat '{}': {}\n", forStream(STDERR_FILENO, paths[i]),
+                                  error.empty() ? "No such file or directory" : forStream(STDERR_FILENO, error)));
     }
     bool const timed = info && !info->lastWriteTime.is_special();
     if (command.json) {
-      if (!info && !unreadable[i].empty()) {
-        elements.push_back(
-            fmt::format("{{\"path\": {}, \"error\": {}}}", jsonString(paths[i]), jsonString(unreadable[i])));
+      if (!info && !error.empty()) {
+        elements.push_back(fmt::format("{{\"path\": {}, \"error\": {}}}", jsonString(paths[i]), jsonString(error)));
       } else if (!info) {
         elements.push_back(fmt::format("{{\"path\": {}, \"exists\": false}}", jsonString(paths[i])));
       } else if (timed) {
@@ -277,9 +229,40 @@ void archiveCommand(sfa::FileAccessInterface& side, FileCommand const& command,
   }
 }
 
+// The queries: answered from Queries, which the side chooses.
+using Query = std::function<int(Queries&, FileCommand const&)>;
+
+std::map<std::string, Query> const& queries() {
+  static std::map<std::string, Query> const table{
+      {"exists",
+       [](auto& q, auto const& c) {
+         auto const paths = toPaths(c.args);
+         return answerBools(c, "exists", paths, q.exists(paths));
+       }},
+      {"isfile",
+       [](auto& q, auto const& c) {
+         auto const paths = toPaths(c.args);
+         return answerBools(c, "isFile", paths, q.isFile(paths));
+       }},
+      {"isdir",
+       [](auto& q, auto const& c) {
+         auto const paths = toPaths(c.args);
+         return answerBools(c, "isDir", paths, q.isDir(paths));
+       }},
+      {"ls", [](auto& q, auto const& c) { return answerList(c, q.list(toPaths(c.args), c.recursive)); }},
+      {"stat",
+       [](auto& q, auto const& c) {
+         auto const paths = toPaths(c.args);
+         return answerStat(c, paths, q.stat(paths));
+       }},
+  };
+  return table;
+}
+
 // The tool's archives keep what a tree is on both sides: links as links,
-// empty folders, modes and times. Locally that is archiveTree; remotely the
-// library's tar, and zip with -y.
+// empty folders, modes and times. Locally that is archiveTree; with the
+// shell backend the library's tar, and zip with -y (the SFTP backend refuses
+// both with its own message).
 void packTar(sfa::FileAccessInterface& side, ustring const& source, ustring const& archive) {
   if (auto* local = dynamic_cast<sfa::LocalFileAccess*>(&side)) {
     local->archiveTree(source, archive, u"tar");
@@ -291,7 +274,7 @@ void packTar(sfa::FileAccessInterface& side, ustring const& source, ustring cons
 void packZip(sfa::FileAccessInterface& side, ustring const& source, ustring const& archive) {
   if (auto* local = dynamic_cast<sfa::LocalFileAccess*>(&side)) {
     local->archiveTree(source, archive, u"zip");
-  } else if (auto* remote = dynamic_cast<sfa::SSHFileAccess*>(&side)) {
+  } else if (auto* remote = dynamic_cast<sfa::UnixSSHFileAccess*>(&side)) {
     remote->executeExpectNoError(
         zipLine(side.parent(source), fl::filesystem::detail::extract_filename(source), archive));
   } else {
@@ -300,9 +283,9 @@ void packZip(sfa::FileAccessInterface& side, ustring const& source, ustring cons
 }
 
 // unzip replaces what the destination holds, as untar does: the local side
-// always does, the remote one with the tool's own line.
+// always does, the shell backend with the tool's own line.
 void unpackZip(sfa::FileAccessInterface& side, ustring const& archive, ustring const& folder) {
-  if (auto* remote = dynamic_cast<sfa::SSHFileAccess*>(&side)) {
+  if (auto* remote = dynamic_cast<sfa::UnixSSHFileAccess*>(&side)) {
     remote->executeExpectNoError(unzipLine(archive, folder));
   } else {
     side.unzip(archive, folder);
@@ -313,33 +296,10 @@ using Handler = std::function<int(sfa::FileAccessInterface&, FileCommand const&)
 
 std::map<std::string, Handler> const& handlers() {
   static std::map<std::string, Handler> const table{
-      {"exists",
-       [](auto& side, auto const& c) {
-         auto const paths = toPaths(c.args);
-         return answerBools(c, "exists", paths, side.exists(paths));
-       }},
-      {"isfile",
-       [](auto& side, auto const& c) {
-         auto const paths = toPaths(c.args);
-         return answerBools(c, "isFile", paths, side.isFile(paths));
-       }},
-      {"isdir",
-       [](auto& side, auto const& c) {
-         auto const paths = toPaths(c.args);
-         return answerBools(c, "isDir", paths, side.isDir(paths));
-       }},
       {"parent",
        [](auto& side, auto const& c) {
          auto const paths = toPaths(c.args);
          return answerParents(c, paths, side.parent(paths));
-       }},
-      {"ls", [](auto& side, auto const& c) { return answerList(side, c); }},
-      {"stat",
-       [](auto& side, auto const& c) {
-         auto const paths = toPaths(c.args);
-         std::vector<std::string> unreadable;
-         auto const infos = fileInfos(side, paths, unreadable);
-         return answerStat(c, paths, infos, unreadable);
        }},
       {"touch",
        [](auto& side, auto const& c) {
@@ -415,10 +375,20 @@ sfa::FileAccessInterface::PathPairs toPairs(std::string const& name, std::vector
   return pairs;
 }
 
-bool isFileCommand(std::string const& name) { return handlers().count(name) != 0; }
+bool isFileCommand(std::string const& name) { return handlers().count(name) != 0 || queries().count(name) != 0; }
 
 int runFileCommand(sfa::FileAccessInterface& side, FileCommand const& command) {
+  if (auto const query = queries().find(command.name); query != queries().end()) {
+    return query->second(*queriesOf(side), command);
+  }
   return handlers().at(command.name)(side, command);
+}
+
+int runRemoteFileCommand(sfa::FileAccess& access, FileCommand const& command) {
+  if (auto const query = queries().find(command.name); query != queries().end()) {
+    return query->second(*queriesOf(access.sftp()), command);
+  }
+  return runFileCommand(*access.remote(), command);
 }
 
 int runExec(sfa::FileAccess& access, std::vector<std::string> const& words, bool json, bool noInput) {

@@ -34,6 +34,10 @@ void writeTo(std::FILE* stream, std::string const& text);
 nimbal::remoteaccess::sshfileaccess::FileAccessInterface::PathPairs toPairs(std::string const& name,
                                                                             std::vector<std::string> const& args);
 int runFileCommand(nimbal::remoteaccess::sshfileaccess::FileAccessInterface& side, FileCommand const& command);
+// On the remote host: the queries (exists, isfile, isdir, stat, ls) over SFTP,
+// each one batch of requests with every name as its bytes, whatever the
+// server allows; the rest through access.remote().
+int runRemoteFileCommand(nimbal::remoteaccess::sshfileaccess::FileAccess& access, FileCommand const& command);
 
 // exec: the words joined by blanks, run by the remote shell; its output goes
 // to ours and its exit status becomes ours.

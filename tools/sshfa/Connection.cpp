@@ -8,6 +8,7 @@
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "tools/sshfa/Terminal.hpp"
+#include "tools/sshfa/Trace.hpp"
 
 namespace sshfa::cli {
 namespace {
@@ -133,6 +134,9 @@ std::unique_ptr<nimbal::remoteaccess::sshfileaccess::FileAccess> connect(Connect
 
   auto client = std::make_unique<ssh::SSHClient>(fl::i18n::utf8_to_ustring(settings.host), settings.port,
                                                  std::move(methods), std::move(options));
+  if (settings.traceShell && !client->shellAvailable()) {
+    trace("the server allows SFTP only: no shell to run commands");
+  }
   return std::make_unique<nimbal::remoteaccess::sshfileaccess::FileAccess>(std::move(client));
 }
 

@@ -28,6 +28,9 @@ struct ConnectionSettings {
   std::string sshConfigFile;  // instead of ~/.ssh/config
   std::string proxyJump;      // jump hosts, like ssh -J
   bool batch = false;         // never ask on the terminal
+  // -v: say on standard error when the server runs no shell (found out at
+  // once, by starting the shell that commands need).
+  bool traceShell = false;
 };
 
 // Connects. Throws foundation::sshclient::SSHError from the client, and

@@ -242,6 +242,27 @@ void manOptions(std::ostringstream& out, std::vector<OptionInfo> const& options)
   }
 }
 
+// put and get's filters, with examples; the options themselves come from
+// the definition.
+constexpr char const* kChoosingFiles = R"(put and get take rsync's filter rules. They apply in the order given, and
+the first that matches an entry decides; an entry no rule matches is taken.
+Patterns see paths relative to the folder being sent.
+  *        any run of characters but '/'; ** crosses folders; ? and [a-z] as in the shell
+  name     matches at any depth; /name only at the top; dir/ folders only; a/b the end of a path
+A folder left out is not read at all, so --include cannot bring back what
+is inside it. --filter takes rsync's short rules: '- PATTERN' (exclude),
+'+ PATTERN' (include), 'H'/'S' (this side only), 'P'/'R' (protect from
+--delete, or not), '!' (clear). With --delete, what the rules leave out stays
+on the destination; --delete-excluded removes it too. --gitignore reads every
+.gitignore of the source tree with git's rules and leaves out .git itself.
+A bad rule stops before anything is sent (exit status 2).
+Examples:
+  sshfa put --exclude '*.o' --exclude build/ proj host:proj
+  sshfa put --include '*/' --include '*.c' --exclude '*' src host:src
+  sshfa put --exclude-from rules.txt proj host:proj
+  sshfa put --gitignore --delete proj host:proj
+  sshfa get -n -v --exclude '*.log' host:/srv/app ./app)";
+
 std::string man(CLI::App const& app) {
   std::ostringstream out;
   out << ".TH SSHFA 1 \"\" \"sshfa " SSHFA_VERSION "\" \"User Commands\"\n"
@@ -284,6 +305,7 @@ std::string man(CLI::App const& app) {
     manOptions(out, own);
     if (!command.footer.empty()) out << ".PP\n.nf\n" << roff(command.footer) << "\n.fi\n";
   }
+  out << ".SH CHOOSING FILES\n.nf\n" << roff(kChoosingFiles) << "\n.fi\n";
   out << ".SH NOTES\n.nf\n" << roff(app.get_footer()) << "\n.fi\n";
   out << ".SH SEE ALSO\n\\fBssh\\fR(1), \\fBssh_config\\fR(5), \\fBscp\\fR(1)\n";
   return out.str();

@@ -18,16 +18,21 @@ namespace {
 
 namespace sfa = nimbal::remoteaccess::sshfileaccess;
 
+void writeLine(char const* prefix, std::string const& message) {
+  std::string line = prefix;
+  line += forStream(STDERR_FILENO, message);
+  line += '\n';
+  std::fwrite(line.data(), 1, line.size(), stderr);
+  std::fflush(stderr);
+}
+
 class StderrBackend : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
  public:
   void consume(boost::log::record_view const& record) {
     auto const severity = boost::log::extract<sfa::Logger::severity_type>("Severity", record);
     auto const message = boost::log::extract<std::string>("Message", record);
-    std::string line = severity && *severity == sfa::kSwallowedErrorSeverity ? "sshfa: note: " : "sshfa: trace: ";
-    line += forStream(STDERR_FILENO, message ? *message : std::string());
-    line += '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
-    std::fflush(stderr);
+    writeLine(severity && *severity == sfa::kSwallowedErrorSeverity ? "sshfa: note: " : "sshfa: trace: ",
+              message ? *message : std::string());
   }
 };
 
@@ -43,5 +48,7 @@ void enableTrace() {
   boost::log::core::get()->add_sink(sink);
   logger.setEnabledSeverities(sfa::kTraceSeverity | sfa::kSwallowedErrorSeverity);
 }
+
+void trace(std::string const& message) { writeLine("sshfa: trace: ", message); }
 
 }  // namespace sshfa::cli

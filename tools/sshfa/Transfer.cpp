@@ -3,6 +3,12 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "tools/sshfa/Commands.hpp"
 #include "tools/sshfa/Interrupt.hpp"
@@ -49,6 +55,8 @@ char const* actionName(ssh::PlannedChange::Action action) {
       return "delete";
     case ssh::PlannedChange::Action::Replace:
       return "replace";
+    case ssh::PlannedChange::Action::Exclude:
+      return "exclude";
   }
   return "?";
 }
@@ -61,7 +69,55 @@ std::string describeChange(ssh::PlannedChange const& change) {
   return fmt::format("{} {}{}\n", actionName(change.action), forStream(STDOUT_FILENO, change.path), size);
 }
 
+// A rules file whole; a UsageError naming it when it cannot be read.
+std::string rulesFile(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (!in.is_open() || in.bad()) throw UsageError(fmt::format("cannot read '{}': {}", path, std::strerror(errno)));
+  return text.str();
+}
+
+// A dry run's plan, a line per change; what the filter leaves out only when verbose.
+void printPlan(std::vector<ssh::PlannedChange> const& plan, bool verbose) {
+  for (auto const& change : plan) {
+    if (change.action == ssh::PlannedChange::Action::Exclude && !verbose) continue;
+    writeTo(stdout, describeChange(change));
+  }
+}
+
 }  // namespace
+
+ssh::Filter buildFilter(TransferFlags const& flags, std::vector<std::string> const& order) {
+  ssh::Filter filter;
+  std::map<std::string, std::size_t> used;
+  auto const next = [&](std::string const& option, std::vector<std::string> const& values) -> std::string const& {
+    return values.at(used[option]++);
+  };
+  try {
+    for (auto const& option : order) {
+      if (option == "--exclude") {
+        filter.exclude(next(option, flags.excludes));
+      } else if (option == "--include") {
+        filter.include(next(option, flags.includes));
+      } else if (option == "--exclude-from") {
+        auto const& file = next(option, flags.excludesFrom);
+        filter.excludeFrom(rulesFile(file), file);
+      } else if (option == "--include-from") {
+        auto const& file = next(option, flags.includesFrom);
+        filter.includeFrom(rulesFile(file), file);
+      } else if (option == "--filter") {
+        filter.rule(next(option, flags.filterRules));
+      } else if (option == "--gitignore") {
+        filter.gitignore();
+      }
+    }
+  } catch (ssh::FilterError const& e) {
+    throw UsageError(e.what());
+  }
+  if (flags.deleteExcluded) filter.deleteExcluded();
+  return filter;
+}
 
 int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
                 std::vector<std::string> const& operands, TransferFlags const& flags, bool json) {
@@ -84,10 +140,13 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
   options.skipUnchanged = flags.checksum      ? ssh::UnchangedTest::Checksum
                           : flags.ignoreTimes ? ssh::UnchangedTest::None
                                               : ssh::UnchangedTest::SizeAndTime;
-  options.deleteExtraneous = flags.deleteExtraneous;
+  options.deleteExtraneous = flags.deleteExtraneous || flags.deleteExcluded;
   options.dryRun = flags.dryRun;
   options.resume = !flags.noResume;
   options.ignoreSuspectNames = flags.ignoreSuspectNames;
+  options.filter = flags.filter;
+  // As rsync: what is in the way is replaced (a folder only with --delete).
+  options.replaceInTheWay = true;
 
   InterruptGuard const interruptible;
   TransferReporter reporter(isTerminal(STDERR_FILENO));
@@ -101,7 +160,9 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
     ReporterScope const scope(progress, reporter);
     report = upload ? access.upload(pairs, options) : access.download(pairs, options);
   } catch (ssh::TransferError const& e) {
+    // What was found goes out before the failure: a dry run's plan too.
     printNotes(e.report());
+    if (flags.dryRun && !json) printPlan(e.report().plan, flags.verbose);
     throw;
   }
   TransferTotals totals = reporter.finish();
@@ -121,20 +182,19 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
     }
     writeTo(stdout, fmt::format("{{{}\"files\": {}, \"skipped\": {}, \"deleted\": {}, \"resumed\": {}, "
                                 "\"bytes\": {}, \"seconds\": {:.3f}, \"folders\": {}, \"links\": {}, "
-                                "\"special\": {}}}\n",
+                                "\"special\": {}, \"replaced\": {}}}\n",
                                 plan, totals.files, report.skipped, report.deleted, report.resumed, totals.bytes,
-                                totals.seconds, report.folders, report.links, report.special));
+                                totals.seconds, report.folders, report.links, report.special, report.replaced));
     return 0;
   }
-  if (flags.dryRun) {
-    for (auto const& change : report.plan) writeTo(stdout, describeChange(change));
-  }
+  if (flags.dryRun) printPlan(report.plan, flags.verbose);
   std::string extra;
   if (report.links > 0) extra += ", " + counted(report.links, "link", "links");
   if (report.special > 0) extra += ", " + counted(report.special, "special file", "special files") + " left out";
   if (report.resumed > 0) extra += fmt::format(", {} resumed", report.resumed);
   if (report.skipped > 0) extra += fmt::format(", {} unchanged", report.skipped);
   if (report.deleted > 0) extra += fmt::format(", {} deleted", report.deleted);
+  if (report.replaced > 0) extra += fmt::format(", {} replaced", report.replaced);
   writeTo(stderr, fmt::format("{}: {} {}{}\n", name, flags.dryRun ? "dry run, would copy" : "copied",
                               describeTotals(totals), extra));
   return 0;

@@ -24,7 +24,23 @@ struct TransferFlags {
   bool dryRun = false;
   bool noResume = false;
   bool ignoreSuspectNames = false;
+  bool verbose = false;  // a dry run also names what the filter leaves out
+  // Choosing files: the options as given; the filter built from them, in
+  // their order (buildFilter).
+  std::vector<std::string> excludes;
+  std::vector<std::string> includes;
+  std::vector<std::string> excludesFrom;
+  std::vector<std::string> includesFrom;
+  std::vector<std::string> filterRules;
+  bool gitignore = false;
+  bool deleteExcluded = false;
+  foundation::sshclient::Filter filter;
 };
+
+// The filter of a put or get: its rules in the order the command line gave
+// them (`order`: the options' names as parsed, one per occurrence). A bad
+// rule, or a rules file that cannot be read, is a UsageError naming it.
+foundation::sshclient::Filter buildFilter(TransferFlags const& flags, std::vector<std::string> const& order);
 
 // put (upload) and get: SOURCE... DESTINATION, as cp and scp take them: a
 // destination that is an existing folder or ends with '/' receives each

@@ -31,10 +31,17 @@ std::string randomMarker(std::random_device& random) {
   return marker;
 }
 
+std::string markerPrint(std::string_view marker) {
+  std::size_t const half = marker.size() / 2;
+  return "printf \"%s%s\\n\" " + std::string(marker.substr(0, half)) + " " + std::string(marker.substr(half));
+}
+
 LoginNoiseFilter::LoginNoiseFilter(std::string_view marker) : line_(std::string(marker) + "\n") {}
 
 void LoginNoiseFilter::drop(std::string& text) {
   if (passed_) return;
+  // Nothing is dropped before the marker: the stream's first byte is first.
+  if (!text.empty() && text.front() == '\0') foreign_ = true;
   // Only the new bytes, and the tail a marker split across reads may start in.
   std::size_t const from = searched_ >= line_.size() ? searched_ - line_.size() + 1 : 0;
   std::size_t const at = text.find(line_, from);

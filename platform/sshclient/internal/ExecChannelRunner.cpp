@@ -8,9 +8,7 @@ namespace {
 
 // Prints the marker on both streams, in two pieces (see the header).
 std::string markerLines(std::string_view marker) {
-  std::size_t const half = marker.size() / 2;
-  std::string const print =
-      "printf \"%s%s\\n\" " + std::string(marker.substr(0, half)) + " " + std::string(marker.substr(half));
+  std::string const print = markerPrint(marker);
   return print + "; " + print + " >&2; ";
 }
 
@@ -50,6 +48,7 @@ ExecChannelRunner::ExecChannelRunner(Session& session) : session_(session) {
 }
 
 CommandOutput ExecChannelRunner::run(std::string const& command) {
+  session_.requireShell();
   Channel channel(session_);
   // The command text follows the request without waiting for its answer.
   channel.requestExec(wrapper_, Channel::Answer::Later);
@@ -65,7 +64,9 @@ CommandOutput ExecChannelRunner::run(std::string const& command) {
     arrived = false;
     bool progressed = false;
     if (!input.empty()) {
-      std::size_t const written = channel.write(input);
+      // What answers in place of a shell may close the channel before it
+      // has read the text.
+      std::size_t const written = channel.offer(input);
       input.remove_prefix(written);
       progressed = written > 0;
     }
@@ -78,19 +79,27 @@ CommandOutput ExecChannelRunner::run(std::string const& command) {
       errNoise.drop(result.err);
       progressed = true;
     }
+    // SFTP bytes where the marker should be: nothing more to wait for.
+    if (outNoise.foreign()) session_.failNoShell();
     bool const started = channel.requestAnswered();
     if (channel.finished()) {
-      if (!started && !channel.requestAnswered()) {
-        session_.fail(SSHError::Kind::Channel, "the server closed the channel without answering the command request");
-      }
+      // Closed without an answer: the session ended at once.
+      if (!started && !channel.requestAnswered()) session_.failNoShell();
       break;
     }
     if (!progressed && !arrived) session_.wait();
   }
+  // The marker on standard output is the shell's word that it ran the
+  // command (the one on standard error can be lost to a login script that
+  // redirects it, and is not needed).
+  if (!outNoise.passed()) session_.failNoShell();
+  session_.noteShellFound();
   std::optional<int> const status = channel.exitStatus();
   if (!status) session_.fail(SSHError::Kind::Channel, "the server ended the command without reporting its exit status");
   result.exitStatus = *status;
   return result;
 }
+
+void ExecChannelRunner::probe() { run(std::string()); }
 
 }  // namespace foundation::sshclient::internal

@@ -11,6 +11,11 @@
 // Before it evaluates the text, that sh writes the session's random marker
 // line on both streams; what arrives in front of it (a banner or a warning
 // from a login script) is the login's, not the command's, and is dropped.
+// A channel that ends without the marker on standard output was answered by
+// something other than a shell (an account limited to SFTP says so in a
+// line of text and closes): the command did not run, and the session has no
+// shell (Session::failNoShell). A refused request means the same, and so
+// do SFTP bytes in place of the marker.
 
 #include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Session.hpp"
@@ -35,6 +40,7 @@ class ExecChannelRunner final : public CommandRunner {
  public:
   explicit ExecChannelRunner(Session& session);
   CommandOutput run(std::string const& command) override;
+  void probe() override;
 
  private:
   Session& session_;

@@ -37,6 +37,10 @@ constexpr char const* kDefaultCiphers =
 // outstanding and nothing heard from the server.
 constexpr int kMaxUnansweredIntervals = 3;
 
+// Why a command cannot run: accounts limited to SFTP are by far the most
+// common reason for a server to run no shell.
+constexpr char const* kNoShell = "the server allows SFTP only: no shell to run commands";
+
 struct SessionDeleter {
   void operator()(ssh_session session) const noexcept {
     if (ssh_is_connected(session) != 0) ssh_disconnect(session);
@@ -126,6 +130,8 @@ class Session::Impl {
   std::optional<std::vector<std::string>> identityFiles;
   // " through the jump hosts 'j1'" when a proxy carries the connection.
   std::string route;
+  // See Session::shellFound().
+  std::optional<bool> shell;
 
   // Keep-alive bookkeeping, see the header. libssh counts the bytes it takes
   // off the socket in received, in whichever call that happens.
@@ -579,6 +585,18 @@ void Session::setKeepaliveInterval(std::chrono::seconds interval) noexcept {
 
 void Session::noteServerActivity() noexcept { impl_->heard(); }
 
+std::optional<bool> Session::shellFound() const noexcept { return impl_->shell; }
+void Session::noteShellFound() noexcept { impl_->shell = true; }
+
+void Session::failNoShell() {
+  impl_->shell = false;
+  impl_->fail(SSHError::Kind::NoShell, kNoShell);
+}
+
+void Session::requireShell() const {
+  if (impl_->shell.has_value() && !*impl_->shell) impl_->fail(SSHError::Kind::NoShell, kNoShell);
+}
+
 bool Session::wait(std::chrono::milliseconds timeout) {
   Impl& impl = *impl_;
   ssh_session const session = impl.session.get();
@@ -666,6 +684,7 @@ struct Channel::State {
   ssh_channel_callbacks_struct callbacks{};
   std::optional<int> exitStatus;
   bool eofSent = false;
+  bool closedByServer = false;
   // Data may wait in libssh's buffer of that stream: set whenever data
   // arrives, cleared by a read that empties the buffer. A read of a stream
   // known empty costs nothing, where libssh would poll the socket.
@@ -681,10 +700,13 @@ struct Channel::State {
   // The request sent last, repeated until the server answers it.
   std::function<int()> pending;
   std::string pendingWhat;
+  // A refusal of this request means that the server runs no commands.
+  bool pendingRunsCommands = false;
 
-  void start(std::function<int()> request, std::string what) {
+  void start(std::function<int()> request, std::string what, bool runsCommands) {
     pending = std::move(request);
     pendingWhat = std::move(what);
+    pendingRunsCommands = runsCommands;
     answered();
   }
 
@@ -693,12 +715,29 @@ struct Channel::State {
     int const rc = pending();
     if (rc == SSH_AGAIN) return false;
     pending = nullptr;
-    if (rc != SSH_OK) fail(pendingWhat);
+    if (rc != SSH_OK) {
+      if (pendingRunsCommands && ssh_is_connected(session->raw()) != 0) session->failNoShell();
+      fail(pendingWhat);
+    }
     return true;
   }
 
-  void request(std::function<int()> request, std::string what, Channel::Answer answer) {
-    start(std::move(request), std::move(what));
+  // Channel::write, or Channel::offer with `dropWhenClosed`.
+  std::size_t send(std::string_view data, bool dropWhenClosed) {
+    // One call queues at most this much, so the output buffer stays bounded.
+    constexpr std::size_t kMaxChunk = std::size_t{1} << 20;
+    if (data.empty() || (dropWhenClosed && closedByServer)) return data.size();
+    int const written =
+        ssh_channel_write(channel, data.data(), static_cast<std::uint32_t>(std::min(data.size(), kMaxChunk)));
+    // The close may have arrived during the call.
+    if (dropWhenClosed && closedByServer) return data.size();
+    if (written < 0) fail("cannot send data to the server");
+    if (written == 0 && ssh_channel_is_closed(channel) != 0) fail("the server closed the channel");
+    return static_cast<std::size_t>(written);
+  }
+
+  void request(std::function<int()> request, std::string what, Channel::Answer answer, bool runsCommands = false) {
+    start(std::move(request), std::move(what), runsCommands);
     if (answer == Channel::Answer::Wait) {
       while (!answered()) session->wait();
     }
@@ -725,6 +764,9 @@ Channel::Channel(Session& session) : state_(std::make_unique<State>()) {
     static_cast<State*>(userdata)->buffered[isStderr != 0 ? 1 : 0] = true;
     return 0;  // consume nothing: the data stays for Channel::read
   };
+  state.callbacks.channel_close_function = [](ssh_session, ssh_channel, void* userdata) {
+    static_cast<State*>(userdata)->closedByServer = true;
+  };
   ssh_set_channel_callbacks(state.channel, &state.callbacks);
   state.request([channel = state.channel] { return ssh_channel_open_session(channel); },
                 "cannot open a session channel", Answer::Wait);
@@ -746,12 +788,12 @@ Session& Channel::session() const noexcept { return *state_->session; }
 
 void Channel::requestExec(std::string const& command, Answer answer) {
   state_->request([channel = state_->channel, command] { return ssh_channel_request_exec(channel, command.c_str()); },
-                  "the server refused to run a command", answer);
+                  "the server refused to run a command", answer, true);
 }
 
 void Channel::requestShell(Answer answer) {
   state_->request([channel = state_->channel] { return ssh_channel_request_shell(channel); },
-                  "the server refused to start a shell", answer);
+                  "the server refused to start a shell", answer, true);
 }
 
 void Channel::requestSubsystem(std::string const& subsystem, Answer answer) {
@@ -762,16 +804,9 @@ void Channel::requestSubsystem(std::string const& subsystem, Answer answer) {
 
 bool Channel::requestAnswered() { return state_->answered(); }
 
-std::size_t Channel::write(std::string_view data) {
-  // One call queues at most this much, so the output buffer stays bounded.
-  constexpr std::size_t kMaxChunk = std::size_t{1} << 20;
-  if (data.empty()) return 0;
-  int const written =
-      ssh_channel_write(state_->channel, data.data(), static_cast<std::uint32_t>(std::min(data.size(), kMaxChunk)));
-  if (written < 0) state_->fail("cannot send data to the server");
-  if (written == 0 && ssh_channel_is_closed(state_->channel) != 0) state_->fail("the server closed the channel");
-  return static_cast<std::size_t>(written);
-}
+std::size_t Channel::write(std::string_view data) { return state_->send(data, false); }
+
+std::size_t Channel::offer(std::string_view data) { return state_->send(data, true); }
 
 void Channel::writeAll(std::string_view data) {
   while (!data.empty()) {

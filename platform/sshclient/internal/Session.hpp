@@ -109,6 +109,17 @@ class Session {
   [[nodiscard]] std::chrono::seconds keepaliveInterval() const noexcept;
   void setKeepaliveInterval(std::chrono::seconds interval) noexcept;
 
+  // Whether a shell runs commands on this connection, once known: true when
+  // one answered with its marker, false after failNoShell(); nullopt before.
+  [[nodiscard]] std::optional<bool> shellFound() const noexcept;
+  void noteShellFound() noexcept;
+  // Records that the server runs no shell (it refused to run a command, or
+  // something else answered one) and throws SSHError(NoShell). It holds for
+  // the connection: see requireShell().
+  [[noreturn]] void failNoShell();
+  // Throws that same error at once, without a round trip, once recorded.
+  void requireShell() const;
+
  private:
   friend class Channel;
   // Bytes reached a channel without passing through wait().
@@ -139,7 +150,8 @@ class Channel {
 
   // Ask the server to run a command, start a shell (no pty: a plain byte
   // stream) or start a subsystem. Answer::Wait waits for the answer (a
-  // refusal throws SSHError(Channel)). Answer::Later returns at once, so
+  // refusal throws SSHError(Channel); for a command or a shell, NoShell
+  // through Session::failNoShell()). Answer::Later returns at once, so
   // that input can follow without waiting a round trip; requestAnswered()
   // then reports the answer.
   enum class Answer { Wait, Later };
@@ -152,6 +164,10 @@ class Channel {
 
   // Queues as much of `data` as the peer's window allows; returns how much.
   std::size_t write(std::string_view data);
+  // The same, but once the server has closed the channel the data is
+  // dropped (returns its size) instead of failing: for input that whatever
+  // ran need not read to its end, where the closed channel tells the rest.
+  std::size_t offer(std::string_view data);
   // Queues all of `data`, waiting for window space, and flushes it.
   void writeAll(std::string_view data);
   // Tells the server there is no more input (idempotent).

@@ -86,7 +86,10 @@ std::optional<std::size_t> markerLine(std::string_view text, std::string_view ma
 // in a subshell is waited for with the shell's standard error on /dev/null:
 // it must not earn a "Killed" from the shell, which an exec channel never
 // shows.
-std::string startupScript(std::string const& pipeName, std::string const& ready) {
+//
+// The first line prints `alive` at once: the shell's word that it is there,
+// before anything else of the script can fail.
+std::string startupScript(std::string const& pipeName, std::string const& alive, std::string const& ready) {
   // Sets up the four pipes of one cat on descriptors 3 to 6, one pipeline at
   // a time, then runs `body` with them.
   auto const withPipes = [](std::string const& body) {
@@ -98,7 +101,9 @@ std::string startupScript(std::string const& pipeName, std::string const& ready)
     return std::string("  (cd /dev/fd && exec cat \"$d.") + name + "\" $a " + output + ") & echo \"$!\" >\"$d." +
            report + "\"\n  exec <&7 >/dev/null 3<&- 4<&- 5<&- 6<&- 7<&- 8>&- 9>&-; read -r _; kill \"$!\"";
   };
-  return "(set +s) 2>/dev/null && set +s\n"  // $- without "s", as under sh -c
+  return markerPrint(alive) +
+         "\n"
+         "(set +s) 2>/dev/null && set +s\n"  // $- without "s", as under sh -c
          "[ -d /proc/sys/kernel ] && [ -d /dev/fd ] || exit\n"
          "d=${TMPDIR:-/tmp}/" +
          pipeName +
@@ -183,17 +188,26 @@ class ShellChannelRunner::Shell {
 
 ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_(session) {
   channel_.requestExec(kShellCommand);
+  std::string const alive = randomMarker(random_);
   std::string const ready = randomMarker(random_);
+  LoginNoiseFilter login(alive);
   std::string out;
   std::string err;
   std::optional<std::size_t> readyAt;
-  bool const started = exchange(startupScript("sshfa-shell." + randomMarker(random_), ready), out, err, [&] {
+  std::string const script = startupScript("sshfa-shell." + randomMarker(random_), alive, ready);
+  bool const started = exchange(script, out, err, [&] {
+    login.drop(out);
+    if (login.foreign()) return true;
     if (!endsWith(err, ready + "\n") || out.empty() || out.back() != '\n') return false;
     std::size_t const at = out.rfind(ready);
     if (at == std::string::npos) return false;
     readyAt = at;
     return true;
   });
+  // No word from a shell: what answered is something else (an account
+  // limited to SFTP says so in a line of text and closes the channel).
+  if (!login.passed()) session_.failNoShell();
+  session_.noteShellFound();
   if (!started) {
     std::string said = err;
     while (!said.empty() && (said.back() == '\n' || said.back() == '\r')) said.pop_back();
@@ -226,7 +240,8 @@ bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& ou
     arrived_ = false;
     bool progressed = false;
     if (!input.empty()) {
-      std::size_t const written = channel_.write(input);
+      // A shell that has gone tells it by its channel, not by a failed write.
+      std::size_t const written = channel_.offer(input);
       input.remove_prefix(written);
       progressed = written > 0;
     }
@@ -318,19 +333,30 @@ ShellChannelRunner::ShellChannelRunner(Session& session) : session_(session) {}
 
 ShellChannelRunner::~ShellChannelRunner() = default;
 
+bool ShellChannelRunner::haveShell() {
+  if (fallback_) return false;
+  if (shell_ && !shell_->ready()) shell_.reset();
+  if (shell_) return true;
+  try {
+    shell_ = std::make_unique<Shell>(session_);
+    return true;
+  } catch (SSHError const& error) {
+    if (error.kind() != SSHError::Kind::Channel) throw;
+    fallback_.emplace(session_);
+    return false;
+  }
+}
+
+void ShellChannelRunner::probe() {
+  session_.requireShell();
+  if (!haveShell()) fallback_->probe();
+}
+
 CommandOutput ShellChannelRunner::run(std::string const& command) {
-  if (fallback_) return fallback_->run(command);
+  // Known to be missing: no new shell is tried for each command.
+  session_.requireShell();
   for (bool retried = false;; retried = true) {
-    if (shell_ && !shell_->ready()) shell_.reset();
-    if (!shell_) {
-      try {
-        shell_ = std::make_unique<Shell>(session_);
-      } catch (SSHError const& error) {
-        if (error.kind() != SSHError::Kind::Channel) throw;
-        fallback_.emplace(session_);
-        return fallback_->run(command);
-      }
-    }
+    if (!haveShell()) return fallback_->run(command);
     Shell::Outcome outcome;
     try {
       outcome = shell_->run(command);

@@ -33,6 +33,11 @@
 // restricted account), the runner falls back to exec channels for the rest
 // of the session. The shell's channel stays open for the life of the
 // connection.
+//
+// The start-up script prints a marker first: a channel that ends without it
+// (or opens with SFTP bytes, or whose request is refused) has no shell
+// behind it, which is recorded for the session (Session::failNoShell), so
+// neither a fallback nor a new shell is tried for later commands.
 
 #include <memory>
 #include <optional>
@@ -51,9 +56,13 @@ class ShellChannelRunner final : public CommandRunner {
   ShellChannelRunner& operator=(ShellChannelRunner const&) = delete;
 
   CommandOutput run(std::string const& command) override;
+  void probe() override;
 
  private:
   class Shell;
+  // A ready shell, started when needed; false when the session has moved to
+  // exec channels (fallback_).
+  bool haveShell();
   Session& session_;
   std::unique_ptr<Shell> shell_;
   std::optional<ExecChannelRunner> fallback_;

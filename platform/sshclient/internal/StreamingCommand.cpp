@@ -63,6 +63,9 @@ class OutputStream {
 
   // The process group of the command, once known ("" before).
   [[nodiscard]] std::string const& processGroup() const noexcept { return processGroup_; }
+  // See LoginNoiseFilter.
+  [[nodiscard]] bool marked() const noexcept { return noise_.passed(); }
+  [[nodiscard]] bool foreign() const noexcept { return noise_.foreign(); }
 
   // A stream on which the marker never came is handed over whole.
   void finish() {
@@ -86,6 +89,7 @@ class OutputStream {
 }  // namespace
 
 int runStreaming(Session& session, std::string const& command, CommandStreams const& streams) {
+  session.requireShell();
   std::random_device random;
   std::string const marker = randomMarker(random);
   Channel channel(session);
@@ -105,7 +109,9 @@ int runStreaming(Session& session, std::string const& command, CommandStreams co
     arrived = false;
     bool progressed = false;
     if (sent < pending.size()) {
-      std::size_t const written = channel.write(std::string_view(pending).substr(sent));
+      // Input the command (or whatever answered) did not read when it ended
+      // is dropped, as an exec channel's is.
+      std::size_t const written = channel.offer(std::string_view(pending).substr(sent));
       sent += written;
       progressed = written > 0;
     }
@@ -132,11 +138,10 @@ int runStreaming(Session& session, std::string const& command, CommandStreams co
     }
     progressed |= out.take(channel);
     progressed |= err.take(channel);
+    if (out.foreign()) session.failNoShell();
     bool const started = channel.requestAnswered();
     if (channel.finished()) {
-      if (!started && !channel.requestAnswered()) {
-        session.fail(SSHError::Kind::Channel, "the server closed the channel without answering the command request");
-      }
+      if (!started && !channel.requestAnswered()) session.failNoShell();
       break;
     }
     if (!giveUpAt && streams.stopRequested && streams.stopRequested()) {
@@ -167,9 +172,13 @@ int runStreaming(Session& session, std::string const& command, CommandStreams co
     bool const wantInput = inputOpen && pending.empty();
     session.wait(timeout, wantInput ? streams.inputFd : -1, inputReady);
   }
+  // Without the marker, what came was not a command's (see ExecChannelRunner);
+  // a command stopped before it started says what it got.
+  if (!giveUpAt && !out.marked()) session.failNoShell();
   out.finish();
   err.finish();
   if (giveUpAt) return kStoppedStatus;
+  session.noteShellFound();
   std::optional<int> const status = channel.exitStatus();
   if (!status) session.fail(SSHError::Kind::Channel, "the server ended the command without reporting its exit status");
   return *status;

@@ -7,8 +7,9 @@
 // read by streamingWrapper() (see ExecChannelRunner.hpp), which drops what
 // the login writes before the command starts, as exec channels do.
 //
-// Throws SSHError as the command runners do; an exception of a callback
-// passes through (the channel is closed).
+// Throws SSHError as the command runners do (NoShell when no shell answered:
+// nothing is handed over then); an exception of a callback passes through
+// (the channel is closed).
 
 #include <string>
 

@@ -180,4 +180,68 @@ TEST_F(FacadeTest, MovedFromObjectHasNoBackendsAndDestroysHarmlessly) {
   EXPECT_EQ(moved.local(), nullptr);  // NOLINT(bugprone-use-after-move)
 }
 
+// ---- the remote backend -----------------------------------------------------------------
+
+// A double of a server that runs no shell for the account.
+class SftpOnlyClient : public RecordingSSHClient {
+ public:
+  bool shellAvailable() override {
+    ++asked;
+    return false;
+  }
+  int asked = 0;
+};
+
+TEST(FacadeBackend, WhereNoShellRunsRemoteIsTheSftpBackendOnTheSameConnection) {
+  auto client = std::make_unique<SftpOnlyClient>();
+  auto* double_ = client.get();
+  FileAccess access(std::move(client));
+  EXPECT_EQ(access.remoteBackend(), RemoteBackend::Automatic);
+  EXPECT_EQ(double_->asked, 0);
+  auto* remote = access.remote();
+  EXPECT_NE(dynamic_cast<SftpFileAccess*>(remote), nullptr);
+  EXPECT_EQ(access.remoteBackend(), RemoteBackend::Sftp);
+  EXPECT_EQ(access.remote(), remote);
+  EXPECT_EQ(double_->asked, 1);
+  access.setKeepaliveInterval(std::chrono::seconds(7));
+  EXPECT_EQ(double_->keepalive, std::chrono::seconds(7));
+  EXPECT_TRUE(double_->commands.empty());
+}
+
+TEST(FacadeBackend, WhereAShellRunsRemoteIsTheShellBackend) {
+  FileAccess access(std::make_unique<RecordingSSHClient>());
+  auto* remote = access.remote();
+  EXPECT_NE(dynamic_cast<UnixSSHFileAccess*>(remote), nullptr);
+  EXPECT_EQ(access.remoteBackend(), RemoteBackend::Shell);
+  EXPECT_EQ(access.remote(), remote);
+}
+
+TEST(FacadeBackend, AChosenBackendIsNeverAskedFor) {
+  auto shellOnly = std::make_unique<SftpOnlyClient>();
+  auto* asked = &shellOnly->asked;
+  FileAccess shell(std::move(shellOnly), RemoteBackend::Shell);
+  EXPECT_NE(dynamic_cast<UnixSSHFileAccess*>(shell.remote()), nullptr);
+  EXPECT_EQ(*asked, 0);
+
+  FileAccess sftp(std::make_unique<RecordingSSHClient>(), RemoteBackend::Sftp);
+  EXPECT_NE(dynamic_cast<SftpFileAccess*>(sftp.remote()), nullptr);
+  EXPECT_EQ(sftp.remoteBackend(), RemoteBackend::Sftp);
+}
+
+TEST(FacadeBackend, EmptyListsOnTheSftpBackendAskNothing) {
+  // The double has no SFTP files: any request would throw.
+  FileAccess access(std::make_unique<RecordingSSHClient>(), RemoteBackend::Sftp);
+  auto& remote = *access.remote();
+  EXPECT_TRUE(remote.exists(FileAccessInterface::PathList{}).empty());
+  EXPECT_TRUE(remote.getFileInfo(FileAccessInterface::PathList{}).empty());
+  EXPECT_TRUE(remote.list(FileAccessInterface::PathList{}).empty());
+  EXPECT_TRUE(remote.listRecursively(FileAccessInterface::PathList{}).empty());
+  remote.makeDir(FileAccessInterface::PathList{});
+  remote.remove(FileAccessInterface::PathList{});
+  remote.touch(FileAccessInterface::PathList{});
+  remote.copy(FileAccessInterface::PathPairs{});
+  remote.move(FileAccessInterface::PathPairs{});
+  EXPECT_EQ(remote.parent(u"/a/b"), u"/a");
+}
+
 }  // namespace

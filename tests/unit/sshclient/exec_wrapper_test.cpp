@@ -152,6 +152,47 @@ TEST(LoginNoiseFilter, TheMarkerWithoutItsLineFeedIsNotTheMarker) {
   EXPECT_EQ(filtered({std::string(kMarker) + "x\n"}), std::string(kMarker) + "x\n");
 }
 
+TEST(LoginNoiseFilter, AStreamOpeningWithANulByteIsForeign) {
+  // An SFTP packet: its length (5) in four bytes, then its type.
+  LoginNoiseFilter filter(kMarker);
+  std::string text("\0\0\0\5\2", 5);
+  filter.drop(text);
+  EXPECT_TRUE(filter.foreign());
+  EXPECT_FALSE(filter.passed());
+  EXPECT_EQ(text.size(), 5U);
+}
+
+TEST(LoginNoiseFilter, ALoginBannerIsNotForeign) {
+  LoginNoiseFilter filter(kMarker);
+  std::string text = "Welcome\n";
+  filter.drop(text);
+  EXPECT_FALSE(filter.foreign());
+  text += std::string("\0", 1) + kMarker + "\n";
+  filter.drop(text);
+  EXPECT_FALSE(filter.foreign());
+  EXPECT_TRUE(filter.passed());
+}
+
+TEST(LoginNoiseFilter, ANulByteAfterTheMarkerIsTheCommands) {
+  LoginNoiseFilter filter(kMarker);
+  std::string text = std::string(kMarker) + "\n";
+  filter.drop(text);
+  text += std::string("\0", 1);
+  filter.drop(text);
+  EXPECT_FALSE(filter.foreign());
+  EXPECT_EQ(text, std::string("\0", 1));
+}
+
+TEST(MarkerPrint, ShPrintsTheMarkerAsALineThatTheCommandDoesNotHold) {
+  std::string const command = foundation::sshclient::internal::markerPrint(kMarker);
+  EXPECT_EQ(command.find(kMarker), std::string::npos);
+  EXPECT_EQ(command.find('\''), std::string::npos);
+  // Run as a command of the wrapper, whose own marker line comes first.
+  auto const outcome = runThroughLoginShell("/bin/sh", command);
+  EXPECT_TRUE(outcome.marked);
+  EXPECT_EQ(outcome.out, std::string(kMarker) + "\n");
+}
+
 INSTANTIATE_TEST_SUITE_P(LoginShells, ExecWrapper, ::testing::Values("/bin/sh", "/bin/bash", "/bin/csh"),
                          [](auto const& shell) { return fs::path(shell.param).filename().string(); });
 

@@ -346,6 +346,18 @@ void PacketWriter::statvfs(std::uint32_t id, std::string_view path) {
   end(start);
 }
 
+void PacketWriter::copyData(std::uint32_t id, std::string_view readHandle, std::uint64_t readOffset,
+                            std::uint64_t length, std::string_view writeHandle, std::uint64_t writeOffset) {
+  auto const start = begin(PacketType::Extended, id);
+  putString(kCopyDataExtension);
+  putString(readHandle);
+  putU64(readOffset);
+  putU64(length);
+  putString(writeHandle);
+  putU64(writeOffset);
+  end(start);
+}
+
 // ---- decoding ----------------------------------------------------------------
 
 bool VersionReply::offers(std::string_view name) const noexcept {

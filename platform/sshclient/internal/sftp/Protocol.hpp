@@ -94,6 +94,8 @@ inline constexpr std::uint32_t kSymlink = 0120000;
 inline constexpr std::string_view kPosixRenameExtension = "posix-rename@openssh.com";
 inline constexpr std::string_view kLimitsExtension = "limits@openssh.com";
 inline constexpr std::string_view kStatvfsExtension = "statvfs@openssh.com";
+// Copies between two open handles on the server (OpenSSH 9.0 and later).
+inline constexpr std::string_view kCopyDataExtension = "copy-data";
 
 // Reply packets larger than this are refused before any buffering: no
 // honest server sends them (OpenSSH's limit is 256 KiB).
@@ -224,6 +226,9 @@ class PacketWriter {
   // OpenSSH's order: the target first, then the link's own path.
   void symlink(std::uint32_t id, std::string_view target, std::string_view link);
   void statvfs(std::uint32_t id, std::string_view path);
+  // `length` 0: up to the end of the file read.
+  void copyData(std::uint32_t id, std::string_view readHandle, std::uint64_t readOffset, std::uint64_t length,
+                std::string_view writeHandle, std::uint64_t writeOffset);
 
  private:
   std::size_t begin(PacketType type);

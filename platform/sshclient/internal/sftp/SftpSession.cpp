@@ -125,6 +125,11 @@ void SftpSession::symlink(Ticket const& ticket, std::string_view target, std::st
 
 void SftpSession::statvfs(Ticket const& ticket, std::string_view path) { writer().statvfs(track(ticket), path); }
 
+void SftpSession::copyData(Ticket const& ticket, std::string_view readHandle, std::uint64_t readOffset,
+                           std::uint64_t length, std::string_view writeHandle, std::uint64_t writeOffset) {
+  writer().copyData(track(ticket), readHandle, readOffset, length, writeHandle, writeOffset);
+}
+
 void SftpSession::pump(bool mayWait) {
   bool moved = false;
   if (queuedBytes() > 0) {

@@ -99,6 +99,10 @@ class SftpSession {
   void readlink(Ticket const& ticket, std::string_view path);
   void symlink(Ticket const& ticket, std::string_view target, std::string_view link);
   void statvfs(Ticket const& ticket, std::string_view path);
+  // copy-data (only where offers(kCopyDataExtension)); `length` 0: to the
+  // end of the file read.
+  void copyData(Ticket const& ticket, std::string_view readHandle, std::uint64_t readOffset, std::uint64_t length,
+                std::string_view writeHandle, std::uint64_t writeOffset);
   // A request whose answer nobody needs (closing a handle after a failure,
   // removing a temporary): its reply is read and dropped.
   [[nodiscard]] static Ticket ignored() noexcept { return {}; }

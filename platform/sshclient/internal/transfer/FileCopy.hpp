@@ -155,6 +155,7 @@ class FileCopier final : public sftp::ReplyHandler {
   std::unordered_multiset<std::string> busy_;
   bool stopping_ = false;
   bool cancelled_ = false;
+  bool reapable_ = false;  // a finished job may be waiting to go
 };
 
 }  // namespace foundation::sshclient::internal::transfer

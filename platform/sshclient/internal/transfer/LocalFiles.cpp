@@ -88,28 +88,6 @@ Listing entriesOf(int fd, std::string const& path, bool follow) {
 
 int failed(int result) { return result == 0 ? 0 : errno; }
 
-// Walks the folder `name` in `parent` without following links: `onEntry`
-// (folder descriptor, name, is a folder) for each entry below it, a folder's
-// after its own entries, and last for the folder itself. Stops at the first
-// non-zero answer, which it returns.
-template <class OnEntry>
-int walkTree(int parent, std::string const& name, OnEntry const& onEntry) {
-  int const fd = ::openat(parent, name.c_str(), kFolderFlags | O_NOFOLLOW);
-  if (fd < 0) return errno;
-  UniqueFd const folder(fd);
-  int const copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
-  if (copy < 0) return errno;
-  int error = 0;
-  for (auto const& entry : namesIn(copy, error)) {
-    struct stat st {};
-    if (::fstatat(fd, entry.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    int const result = S_ISDIR(st.st_mode) ? walkTree(fd, entry, onEntry) : onEntry(fd, entry, false);
-    if (result != 0) return result;
-  }
-  if (error != 0) return error;
-  return onEntry(parent, name, true);
-}
-
 }  // namespace
 
 std::string errnoText(int error) { return std::generic_category().message(error); }
@@ -191,26 +169,8 @@ int LocalDir::rename(std::string const& from, std::string const& to) const {
 
 int LocalDir::removeFile(std::string const& name) const { return failed(::unlinkat(fd_.get(), name.c_str(), 0)); }
 
-int LocalDir::removeTree(std::string const& name, std::size_t& removed) const {
-  return walkTree(fd_.get(), name, [&removed](int folder, std::string const& entry, bool isFolder) {
-    if (::unlinkat(folder, entry.c_str(), isFolder ? AT_REMOVEDIR : 0) != 0) return errno == ENOENT ? 0 : errno;
-    ++removed;
-    return 0;
-  });
-}
-
-void LocalDir::treeBelow(std::string const& name, std::vector<std::string>& paths) const {
-  int error = 0;
-  if (auto const folder = child(name, error)) {
-    for (auto const& entry : folder->list().entries) {
-      if (entry.type == EntryType::Folder) {
-        folder->treeBelow(entry.name, paths);
-      } else {
-        paths.push_back(folder->pathOf(entry.name));
-      }
-    }
-  }
-  paths.push_back(pathOf(name));
+int LocalDir::removeFolder(std::string const& name) const {
+  return failed(::unlinkat(fd_.get(), name.c_str(), AT_REMOVEDIR));
 }
 
 int setAttributesOf(int fd, Kept const& wanted, bool& modeFailed) {

@@ -72,12 +72,8 @@ class LocalDir {
   int openFile(std::string const& name, UniqueFd& out) const;
   int rename(std::string const& from, std::string const& to) const;
   int removeFile(std::string const& name) const;
-  // A folder with all it holds; links in it are removed, never followed.
-  // `removed` counts every entry that went, the folder included.
-  int removeTree(std::string const& name, std::size_t& removed) const;
-  // Every path below the folder `name` in it (folders after what they
-  // hold), as removeTree would remove them; nothing changes.
-  void treeBelow(std::string const& name, std::vector<std::string>& paths) const;
+  // An empty folder in it.
+  int removeFolder(std::string const& name) const;
   // Mode and times of a file or folder in it, never through a link.
   int setAttributes(std::string const& name, Kept const& wanted) const;
   // Mode and times of this folder itself.

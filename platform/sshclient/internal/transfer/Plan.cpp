@@ -136,7 +136,7 @@ std::vector<std::string> checksumCandidates(Listing const& source, Listing const
 }
 
 FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSettings const& settings,
-                      FolderScope scope, ChecksumAnswers const& checksums) {
+                      FolderScope scope, ChecksumAnswers const& checksums, KeptNames const& kept) {
   std::array<std::vector<Action>, kSteps> steps;
   auto const add = [&steps](Action action) {
     steps[static_cast<std::size_t>(action.step)].push_back(std::move(action));
@@ -150,11 +150,8 @@ FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSet
     }
   }
   std::unordered_set<Entry const*> claimed;
-  std::unordered_set<std::string_view> sourceNames;
-  sourceNames.reserve(source.entries.size());
 
   for (auto const& entry : source.entries) {
-    sourceNames.insert(entry.name);
     auto const* existing = destination != nullptr ? destination->find(entry.name) : nullptr;
     Action action;
     switch (entry.type) {
@@ -169,7 +166,7 @@ FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSet
         action = actionFor(Step::Special, entry.name, &entry, existing);
         break;
     }
-    if (entry.type == EntryType::File || entry.type == EntryType::Link) {
+    if (!temporaries.empty() && (entry.type == EntryType::File || entry.type == EntryType::Link)) {
       // A file's temporaries: the resumable one continues its copy, the
       // others go. Temporaries of names the source lacks are left alone.
       if (auto const found = temporaries.find(ownerKey(entry.name)); found != temporaries.end()) {
@@ -189,7 +186,7 @@ FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSet
 
   if (destination != nullptr && scope.deletes && !scope.aboveRoots && settings.deleteExtraneous) {
     for (auto const& entry : destination->entries) {
-      if (sourceNames.contains(entry.name) || claimed.contains(&entry)) continue;
+      if (source.find(entry.name) != nullptr || claimed.contains(&entry) || kept.contains(entry.name)) continue;
       add(actionFor(Step::Delete, entry.name, nullptr, &entry));
     }
   }

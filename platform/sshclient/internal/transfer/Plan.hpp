@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
@@ -101,9 +102,13 @@ struct Kept {
 // Per candidate name: whether both sides hashed and the hashes are equal.
 using ChecksumAnswers = std::unordered_map<std::string, bool>;
 
+// Destination names that a removal keeps (a filter protects them).
+using KeptNames = std::unordered_set<std::string>;
+
 // `destination` null: the destination folder is new (known empty). The
 // plan's pointers point into the two listings, which must outlive it.
 [[nodiscard]] FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSettings const& settings,
-                                    FolderScope scope, ChecksumAnswers const& checksums = {});
+                                    FolderScope scope, ChecksumAnswers const& checksums = {},
+                                    KeptNames const& kept = {});
 
 }  // namespace foundation::sshclient::internal::transfer

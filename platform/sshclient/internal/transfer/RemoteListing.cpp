@@ -15,9 +15,26 @@ using sftp::Ticket;
 
 namespace {
 
-enum Kind : std::uint32_t { kOpen, kRead, kLink, kFollow, kExamine, kExamineLink };
+enum Kind : std::uint32_t { kOpen, kRead, kLink, kFollow, kExamine, kExamineLink, kFileOpen, kFileRead };
+
+// The largest file readFile() takes, and what it asks for at once.
+constexpr std::uint64_t kMaxFileRead = 1024U * 1024U;
+constexpr std::uint32_t kFileChunk = 64U * 1024U;
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
+
+// A name for a message: a NUL byte would end it.
+std::string shown(std::string_view name) {
+  std::string out;
+  for (char const c : name) {
+    if (c == '\0') {
+      out += "\\0";
+    } else {
+      out += c;
+    }
+  }
+  return quoted(out);
+}
 
 }  // namespace
 
@@ -31,6 +48,14 @@ struct RemoteLister::Folder {
   bool ended = false;
   bool sawDot = false;  // each listing's one "." and ".." are the rule
   bool sawDotDot = false;
+};
+
+struct RemoteLister::Reading {
+  void* cookie = nullptr;
+  std::string handle;
+  std::string text;
+  std::uint64_t limit = kMaxFileRead;
+  bool prefix = false;  // the first `limit` bytes are the answer
 };
 
 struct RemoteLister::Examined {
@@ -78,7 +103,45 @@ void RemoteLister::examine(std::string const& path, bool follow, void* cookie) {
   }
 }
 
+void RemoteLister::readFile(std::string const& path, void* cookie, std::optional<std::uint64_t> prefix) {
+  auto reading = std::make_unique<Reading>();
+  reading->cookie = cookie;
+  reading->prefix = prefix.has_value();
+  reading->limit = prefix.value_or(kMaxFileRead);
+  auto* const raw = reading.get();
+  reading_.emplace(raw, std::move(reading));
+  session_.open({this, kFileOpen, raw}, path, sftp::openflags::kRead, sftp::Attributes{});
+}
+
+void RemoteLister::onRead(Reading& reading, Ticket const& ticket, Reply const& reply) {
+  auto const finish = [&](bool whole) {
+    if (!reading.handle.empty()) session_.close(sftp::SftpSession::ignored(), reading.handle);
+    auto* const cookie = reading.cookie;
+    auto text = whole ? std::optional<std::string>(std::move(reading.text)) : std::nullopt;
+    reading_.erase(&reading);
+    sink_.read(cookie, std::move(text));
+  };
+  if (ticket.kind == kFileOpen) {
+    if (reply.type != PacketType::Handle) return finish(false);
+    reading.handle = std::string(reply.handle);
+  } else if (reply.type == PacketType::Data) {
+    reading.text.append(reinterpret_cast<char const*>(reply.data.data()), reply.data.size());
+    if (reading.prefix && reading.text.size() >= reading.limit) {
+      reading.text.resize(reading.limit);
+      return finish(true);
+    }
+    if (reading.text.size() > reading.limit) return finish(false);
+  } else {
+    return finish(!reading.prefix && reply.type == PacketType::Status && reply.status == StatusCode::Eof);
+  }
+  auto const rest = std::min<std::uint64_t>(kFileChunk, reading.limit + 1 - reading.text.size());
+  session_.read({this, kFileRead, &reading}, reading.handle, reading.text.size(), static_cast<std::uint32_t>(rest));
+}
+
 void RemoteLister::onReply(Ticket const& ticket, Reply const& reply) {
+  if (ticket.kind == kFileOpen || ticket.kind == kFileRead) {
+    return onRead(*static_cast<Reading*>(ticket.subject), ticket, reply);
+  }
   if (ticket.kind == kExamine || ticket.kind == kExamineLink) {
     return onExamined(*static_cast<Examined*>(ticket.subject), ticket, reply);
   }
@@ -151,7 +214,7 @@ void RemoteLister::takeNames(Folder& folder, Reply const& reply) {
     if (name.filename == "." && !std::exchange(folder.sawDot, true)) continue;
     if (name.filename == ".." && !std::exchange(folder.sawDotDot, true)) continue;
     if (suspectName(name.filename)) {
-      folder.listing.suspects.push_back(quoted(name.filename) + " listed in " + quoted(folder.path));
+      folder.listing.suspects.push_back(shown(name.filename) + " listed in " + quoted(folder.path));
       continue;
     }
     auto entry = entryFromAttributes(std::string(name.filename), name.attributes);
@@ -177,6 +240,17 @@ void RemoteLister::settle(Folder& folder) {
     entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(*index));
   }
   folder.listing.sort();
+  // A name listed twice is a lie of the server's: neither is taken.
+  auto& sorted = folder.listing.entries;
+  for (auto first = sorted.begin(); first != sorted.end();) {
+    auto const last = std::find_if(first, sorted.end(), [&](Entry const& entry) { return entry.name != first->name; });
+    if (last - first > 1) {
+      folder.listing.suspects.push_back(quoted(first->name) + " listed twice in " + quoted(folder.path));
+      first = sorted.erase(first, last);
+    } else {
+      first = last;
+    }
+  }
   auto listing = std::move(folder.listing);
   auto* const cookie = folder.cookie;
   folders_.erase(&folder);

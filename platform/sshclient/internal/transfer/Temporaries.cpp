@@ -1,5 +1,7 @@
 #include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
 
+#include <charconv>
+
 namespace foundation::sshclient::internal::transfer {
 
 namespace {
@@ -22,7 +24,16 @@ std::string temporaryName(std::string_view name, std::string_view suffix) {
 }
 
 std::string resumableName(std::string_view name, std::uint64_t size, std::optional<std::uint32_t> mtime) {
-  return temporaryName(name, std::string(kResumeMark) + std::to_string(size) + "-" + std::to_string(mtime.value_or(0)));
+  // Built in place: this runs once for every file a transfer sends.
+  char numbers[48];
+  auto* end = std::to_chars(numbers, numbers + 20, size).ptr;
+  *end++ = '-';
+  end = std::to_chars(end, numbers + sizeof numbers, mtime.value_or(0)).ptr;
+  auto const base = ownerKey(name);
+  std::string temp;
+  temp.reserve(1 + base.size() + kMark.size() + kResumeMark.size() + static_cast<std::size_t>(end - numbers));
+  temp.append(1, '.').append(base).append(kMark).append(kResumeMark).append(numbers, end);
+  return temp;
 }
 
 std::string randomTemporaryName(std::string_view name, std::mt19937_64& random) {

@@ -4,14 +4,59 @@
 
 #include <span>
 
+#include "sshfileaccess/platform/i18n/i18n.hpp"
+
 #include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/TreeTransferParts.hpp"
 
 namespace foundation::sshclient::internal::transfer {
 
-std::string TreeTransfer::remoteOutput(std::string const& command) {
-  if (!shell_) throw SSHError(SSHError::Kind::Transfer, "no remote shell to hash files with");
-  return shell_(command);
+namespace {
+
+// The largest prefix of a partial copy read over SFTP to check it.
+constexpr std::uint64_t kPrefixReadLimit = 1024U * 1024U;
+
+}  // namespace
+
+// A remote command's output; nullopt on a server that allows SFTP only.
+std::optional<std::string> TreeTransfer::remoteOutput(std::string const& command) {
+  if (!shellUsable_) return std::nullopt;
+  try {
+    if (!shell_) throw SSHError(SSHError::Kind::NoShell, "no remote shell to hash files with");
+    return shell_(command);
+  } catch (SSHError const& e) {
+    if (e.kind() != SSHError::Kind::NoShell) throw;
+    shellUsable_ = false;
+    return std::nullopt;
+  }
+}
+
+// Without a shell on the server files are compared by size and time, and
+// the report says so once.
+ChecksumAnswers TreeTransfer::bySizeAndTime(Folder const& folder, std::vector<std::string> const& names) {
+  if (!checksumNoted_) {
+    checksumNoted_ = true;
+    report_.notes.push_back(
+        fl::i18n::utf8_to_ustring("the server allows SFTP only: files are compared by size and time, not by checksum"));
+  }
+  ChecksumAnswers answers;
+  auto const* existing = folder.destinationKnown ? &folder.destinationListing : nullptr;
+  for (auto const& name : names) {
+    auto const* source = folder.sourceListing.find(name);
+    auto const* there = existing != nullptr ? existing->find(name) : nullptr;
+    answers[name] = source != nullptr && there != nullptr && source->mtime && there->mtime == source->mtime;
+  }
+  return answers;
+}
+
+// The first `length` bytes of a remote file, read over SFTP.
+std::optional<std::string> TreeTransfer::readRemotePrefix(std::string const& path, std::uint64_t length) {
+  prefix_.reset();
+  prefixRead_ = false;
+  if (!prefixCookie_) prefixCookie_ = std::make_unique<Cookie>(Cookie{Cookie::Kind::Prefix, nullptr});
+  lister_.readFile(path, prefixCookie_.get(), length);
+  while (!prefixRead_) session_.pump();
+  return std::move(prefix_);
 }
 
 // A file either side cannot hash is taken as changed.
@@ -20,15 +65,16 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
   std::vector<std::string> remotePaths;
   remotePaths.reserve(names.size());
   for (auto const& name : names) {
-    remotePaths.push_back(upload_ ? destinationPathOf(folder, name) : sourcePathOf(folder, name));
+    remotePaths.push_back(upload_ ? target(folder, name) : sourcePathOf(folder, name));
   }
   std::vector<std::optional<std::string>> remoteHashes;
   remoteHashes.reserve(names.size());
   for (auto const& batch : remoteHashCommands(remotePaths)) {
     auto const output = remoteOutput(batch.command);
+    if (!output) return bySizeAndTime(folder, names);
     std::vector<std::optional<std::string>> hashes(batch.count);
     try {
-      hashes = parseRemoteHashes(output, std::span(remotePaths).subspan(batch.first, batch.count));
+      hashes = parseRemoteHashes(*output, std::span(remotePaths).subspan(batch.first, batch.count));
     } catch (std::runtime_error const&) {
       // Not an answer (no sha256sum there): every file of the line is sent.
     }
@@ -38,7 +84,7 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
   }
   for (std::size_t k = 0; k < names.size() && !stopping_; ++k) {
     if (!remoteHashes[k]) continue;
-    auto const local = upload_ ? sourcePathOf(folder, names[k]) : destinationPathOf(folder, names[k]);
+    auto const local = upload_ ? sourcePathOf(folder, names[k]) : target(folder, names[k]);
     try {
       answers[names[k]] = sha256OfLocalFile(local) == *remoteHashes[k];
     } catch (SSHError const&) {
@@ -52,13 +98,21 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
 // A temporary continues only when its bytes are the source's first bytes:
 // SHA-256 of that prefix on both sides.
 bool TreeTransfer::verifyResume(Folder const& folder, Action const& action) {
-  auto const remotePath = upload_ ? destinationPathOf(folder, action.temporary) : sourcePathOf(folder, action.name);
-  auto const localPath = upload_ ? sourcePathOf(folder, action.name) : destinationPathOf(folder, action.temporary);
+  auto const remotePath = upload_ ? target(folder, action.temporary) : sourcePathOf(folder, action.name);
+  auto const localPath = upload_ ? sourcePathOf(folder, action.name) : target(folder, action.temporary);
   auto const output = remoteOutput(remotePrefixHashCommand(remotePath, action.resumeFrom));
   std::optional<std::string> remote;
   std::optional<std::string> local;
   try {
-    remote = parseRemotePrefixHash(output);
+    if (output) {
+      remote = parseRemotePrefixHash(*output);
+    } else if (action.resumeFrom <= kPrefixReadLimit) {
+      // No shell to hash with: a small prefix comes over to be hashed here.
+      if (auto const bytes = readRemotePrefix(remotePath, action.resumeFrom)) remote = sha256Of(*bytes);
+    } else {
+      report_.notes.push_back(fl::i18n::utf8_to_ustring(
+          quoted(remotePath) + " starts over: the server allows SFTP only, so its partial copy cannot be checked"));
+    }
     local = sha256OfLocalFile(localPath, action.resumeFrom);
   } catch (std::runtime_error const&) {
     // Either side unreadable or not an answer: start over.

@@ -22,37 +22,20 @@ void TreeTransfer::removeExtras(Folder& folder) {
   for (std::size_t i = 0; i < folder.plan.actions.size(); ++i) {
     auto const& action = folder.plan.actions[i];
     if (action.step != Step::Delete) continue;
-    auto const path = destinationPathOf(folder, action.name);
+    auto const path = target(folder, action.name);
     bool const isFolder = action.existing->type == EntryType::Folder;
-    if (upload_) {
-      if (isFolder) {
-        removeTree(folder, path);
-      } else if (dryRun_) {
-        ++report_.deleted;
-        plan(Change::Delete, path, 0);
-      } else {
-        ++folder.outstanding;
-        session_.remove({this, kDelete, &folder, i}, path);
-      }
-      continue;
-    }
-    if (dryRun_) {
-      std::vector<std::string> paths;
-      if (isFolder && folder.local) {
-        folder.local->treeBelow(action.name, paths);
-      } else {
-        paths.push_back(path);
-      }
-      for (auto const& gone : paths) plan(Change::Delete, gone, 0);
-      report_.deleted += paths.size();
-      continue;
-    }
-    std::size_t removed = 0;
-    int const error = isFolder ? folder.local->removeTree(action.name, removed) : folder.local->removeFile(action.name);
-    if (!isFolder && error == 0) removed = 1;
-    report_.deleted += removed;
-    if (removed > 0) folder.changed = true;
-    if (error != 0 && error != ENOENT) {
+    if (isFolder) {
+      removeTree(folder, action.name);
+    } else if (dryRun_) {
+      ++report_.deleted;
+      plan(Change::Delete, path, 0);
+    } else if (upload_) {
+      ++folder.outstanding;
+      session_.remove({this, kDelete, &folder, i}, path);
+    } else if (auto const error = folder.local->removeFile(action.name); error == 0) {
+      ++report_.deleted;
+      folder.changed = true;
+    } else if (error != ENOENT) {
       fail(folder, describePair(folder.item) + "cannot delete " + quoted(path) + ": " + errnoText(error));
     }
   }
@@ -61,23 +44,66 @@ void TreeTransfer::removeExtras(Folder& folder) {
 // A folder where the source has a file or link goes first, with all it
 // holds; then the action goes on.
 void TreeTransfer::replaceFolder(Folder& folder, std::size_t index) {
-  auto const& action = folder.plan.actions[index];
   folder.replaced.insert(index);
-  if (upload_) return removeTree(folder, destinationPathOf(folder, action.name), index);
-  std::size_t removed = 0;
-  if (auto const error = folder.local->removeTree(action.name, removed); error != 0 && error != ENOENT) {
-    return fail(folder, describePair(folder.item) + "cannot replace " + quoted(destinationPathOf(folder, action.name)) +
-                            ": " + errnoText(error));
-  }
-  report_.deleted += removed;
-  act(folder, index);
+  removeTree(folder, folder.plan.actions[index].name, index);
 }
 
-void TreeTransfer::removeTree(Folder& folder, std::string const& path, std::optional<std::size_t> then) {
+// Removes (in a dry run: names) the local folder `name` in `parent` with
+// what it holds, but what `filter` protects; a folder that holds a
+// protected entry stays (`kept`). 0 or the first errno.
+int TreeTransfer::removeLocalTree(LocalDir const& parent, std::string const& name, FilterFolder const& filter,
+                                  bool& kept) {
+  int error = 0;
+  auto const folder = parent.child(name, error);
+  if (!folder) return error;
+  kept = false;
+  for (auto const& entry : folder->list().entries) {
+    bool const isFolder = entry.type == EntryType::Folder;
+    if (filter.protects(entry.name, isFolder)) {
+      kept = true;
+      continue;
+    }
+    bool keptBelow = false;
+    if (isFolder) {
+      error = removeLocalTree(*folder, entry.name, filter.enter(entry.name), keptBelow);
+    } else if (dryRun_) {
+      plan(Change::Delete, folder->pathOf(entry.name), 0);
+      ++report_.deleted;
+    } else if (error = folder->removeFile(entry.name); error == 0) {
+      ++report_.deleted;
+    }
+    kept = kept || keptBelow;
+    if (error != 0 && error != ENOENT) return error;
+  }
+  if (kept) return 0;
+  if (dryRun_) {
+    plan(Change::Delete, parent.pathOf(name), 0);
+  } else if (error = parent.removeFolder(name); error != 0) {
+    return error == ENOENT ? 0 : error;
+  }
+  ++report_.deleted;
+  return 0;
+}
+
+void TreeTransfer::removeTree(Folder& folder, std::string const& name, std::optional<std::size_t> then) {
+  auto const path = target(folder, name);
+  auto filter = folder.filter.enter(name);
+  if (!upload_) {
+    bool kept = false;
+    int const error = folder.local ? removeLocalTree(*folder.local, name, filter, kept) : 0;
+    folder.changed = folder.changed || !dryRun_;
+    if (error != 0) {
+      return fail(folder, describePair(folder.item) + (then ? "cannot replace " : "cannot delete ") + quoted(path) +
+                              ": " + errnoText(error));
+    }
+    if (then && !kept) act(folder, *then);
+    return;
+  }
   auto removal = std::make_unique<Removal>();
   removal->folder = &folder;
   removal->path = path;
   removal->then = then;
+  removal->filter = std::move(filter);
   removal->outstanding = 1;
   ++folder.outstanding;
   auto* const raw = removal.get();
@@ -99,12 +125,17 @@ void TreeTransfer::removalListed(Removal& removal, Listing const& listing) {
     fail(folder, describePair(folder.item) + "suspect name " + where + " (skipped)");
   }
   for (auto const& entry : listing.entries) {
-    auto const path = joined(removal.path, entry.name);
+    auto const path = inside(folder.item, joined(removal.path, entry.name));
+    if (removal.filter.protects(entry.name, entry.type == EntryType::Folder)) {
+      removal.kept = true;
+      continue;
+    }
     if (entry.type == EntryType::Folder) {
       auto child = std::make_unique<Removal>();
       child->folder = &folder;
       child->parent = &removal;
       child->path = path;
+      child->filter = removal.filter.enter(entry.name);
       child->outstanding = 1;
       ++removal.outstanding;
       auto* const raw = child.get();
@@ -140,7 +171,7 @@ void TreeTransfer::onRemovalReply(Removal& removal, Ticket const& ticket, Reply 
 
 void TreeTransfer::removalDone(Removal& removal) {
   if (removal.outstanding > 0) return;
-  if (!removal.removing && !removal.failed) {
+  if (!removal.removing && !removal.failed && !removal.kept) {
     removal.removing = true;
     if (dryRun_) {
       ++report_.deleted;
@@ -154,15 +185,17 @@ void TreeTransfer::removalDone(Removal& removal) {
   auto* const parent = removal.parent;
   auto& folder = *removal.folder;
   bool const failed = removal.failed;
+  bool const kept = removal.kept;
   auto const then = removal.then;
   removals_.erase(&removal);
   if (parent != nullptr) {
     --parent->outstanding;
     parent->failed = parent->failed || failed;
+    parent->kept = parent->kept || kept;
     return removalDone(*parent);
   }
   --folder.outstanding;
-  if (then && !failed) act(folder, *then);
+  if (then && !failed && !kept) act(folder, *then);
   tryFinish(folder);
 }
 

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fstream>
+#include <sstream>
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
@@ -23,8 +25,11 @@ using Change = PlannedChange::Action;
 
 namespace {
 
-// Folders whose listings are in flight at once.
+// Folders whose listings are in flight at once, at most; fewer when the
+// folders are wide, so that what is listed ahead stays near kEntriesAhead
+// entries, whatever the width of the tree's folders.
 constexpr std::size_t kFoldersListed = 32;
+constexpr std::size_t kEntriesAhead = 2048;
 // Files queued ahead of the copies before more folders are listed.
 constexpr std::size_t kFilesAhead = 256;
 
@@ -156,7 +161,10 @@ void TreeTransfer::walk() {
 }
 
 void TreeTransfer::startFolders() {
-  while (!waiting_.empty() && !stopping_ && listing_ < kFoldersListed && copier_->waiting() < kFilesAhead) {
+  // The width of the folders listed so far decides how many go at once.
+  auto const width = std::max<std::size_t>(1, entriesListed_ / std::max<std::size_t>(1, foldersListed_));
+  auto const listings = std::clamp<std::size_t>(kEntriesAhead / width, 1, kFoldersListed);
+  while (!waiting_.empty() && !stopping_ && listing_ < listings && copier_->waiting() < kFilesAhead) {
     auto* const folder = waiting_.back();
     waiting_.pop_back();
     beginFolder(*folder);
@@ -201,6 +209,16 @@ void TreeTransfer::beginFolder(Folder& folder) {
   folderListed(folder);
 }
 
+// A small local file whole (a .gitignore); nullopt when it cannot be read.
+std::optional<std::string> TreeTransfer::readLocalFile(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) return std::nullopt;
+  return text.str();
+}
+
 void TreeTransfer::listed(void* cookie, Listing listing) {
   auto& request = *static_cast<Cookie*>(cookie);
   if (request.kind == Cookie::Kind::Removal) return removalListed(*static_cast<Removal*>(request.owner), listing);
@@ -220,6 +238,65 @@ void TreeTransfer::listed(void* cookie, Listing listing) {
 
 void TreeTransfer::folderListed(Folder& folder) {
   if (stopping_) return release(folder);
+  ++foldersListed_;
+  entriesListed_ += std::max(folder.sourceListing.entries.size(), folder.destinationListing.entries.size());
+  if (!folder.aboveRoot && !options_.filter.empty()) {
+    // A folder's .gitignore decides for its own entries: it is read first.
+    auto const* rules = options_.filter.readsGitignore() ? folder.sourceListing.find(".gitignore") : nullptr;
+    if (rules != nullptr && rules->type == EntryType::File && !rules->followed && !folder.rules) {
+      auto const path = joined(folder.source, rules->name);
+      if (!upload_) {
+        folder.state = Folder::State::Rules;
+        ++listing_;
+        return lister_.readFile(path, &folder.rulesCookie);
+      }
+      folder.rules = readLocalFile(path);
+      if (!folder.rules) fail(folder, describePair(folder.item) + "cannot read " + quoted(path));
+    }
+    filterListing(folder);
+  }
+  decide(folder);
+}
+
+void TreeTransfer::read(void* cookie, std::optional<std::string> text) {
+  auto const& request = *static_cast<Cookie*>(cookie);
+  if (request.kind == Cookie::Kind::Prefix) {
+    prefix_ = std::move(text);
+    prefixRead_ = true;
+    return;
+  }
+  auto& folder = *static_cast<Folder*>(request.owner);
+  --listing_;
+  if (!text) fail(folder, describePair(folder.item) + "cannot read " + quoted(joined(folder.source, ".gitignore")));
+  folder.rules = std::move(text).value_or(std::string());
+  if (stopping_) return release(folder);
+  filterListing(folder);
+  decide(folder);
+}
+
+// The entries a filter leaves out go from the source's listing (a folder
+// left out is never read), and the destination's entries it protects are
+// kept from any removal.
+void TreeTransfer::filterListing(Folder& folder) {
+  auto const text = folder.rules.value_or(std::string());
+  folder.filter =
+      folder.parent->aboveRoot ? options_.filter.root(text) : folder.parent->filter.enter(folder.self.name, text);
+  auto& entries = folder.sourceListing.entries;
+  std::erase_if(entries, [&](Entry const& entry) {
+    if (folder.filter.takes(entry.name, entry.type == EntryType::Folder)) return false;
+    if (dryRun_) plan(Change::Exclude, sourcePathOf(folder, entry.name), 0);
+    return true;
+  });
+  if (!settings_.deleteExtraneous || !folder.destinationKnown) return;
+  for (auto const& entry : folder.destinationListing.entries) {
+    if (folder.sourceListing.find(entry.name) == nullptr &&
+        folder.filter.protects(entry.name, entry.type == EntryType::Folder)) {
+      folder.kept.insert(entry.name);
+    }
+  }
+}
+
+void TreeTransfer::decide(Folder& folder) {
   auto& source = folder.sourceListing;
   auto& destination = folder.destinationListing;
   for (auto const& listing : {&source, &destination}) {
@@ -240,7 +317,7 @@ void TreeTransfer::folderListed(Folder& folder) {
     checksums = compareChecksums(folder, names);
   }
   FolderScope const scope{.deletes = !folder.aboveRoot, .aboveRoots = folder.aboveRoot};
-  folder.plan = planFolder(source, existing, settings_, scope, checksums);
+  folder.plan = planFolder(source, existing, settings_, scope, checksums, folder.kept);
   folder.state = Folder::State::Working;
   carryOut(folder);
   tryFinish(folder);
@@ -255,7 +332,7 @@ void TreeTransfer::carryOut(Folder& folder) {
 
 void TreeTransfer::act(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   switch (action.step) {
     case Step::RemoveTemporary:
       if (dryRun_) return;
@@ -302,7 +379,7 @@ void TreeTransfer::addChild(Folder& parent, std::size_t index, bool fresh) {
   child->item = parent.item;
   child->parent = &parent;
   child->source = sourcePathOf(parent, action.name);
-  child->destination = destinationPathOf(parent, action.name);
+  child->destination = target(parent, action.name);
   child->self = *action.source;
   if (!fresh && action.existing != nullptr && action.existing->type == EntryType::Folder) {
     child->existing = *action.existing;
@@ -354,7 +431,7 @@ bool TreeTransfer::loops(Folder& folder) {
 
 void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   if (action.replace) {
     ++report_.replaced;
     if (dryRun_) plan(Change::Replace, path, 0);
@@ -382,30 +459,36 @@ void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
   fail(folder, describePair(folder.item) + "cannot make folder " + quoted(path) + ": " + errnoText(error));
 }
 
+// A folder in the way of a file or link goes first (in a dry run it is only
+// named); true while the action waits for that.
+bool TreeTransfer::waitsForTheWay(Folder& folder, std::size_t index, std::string const& path) {
+  if (!folder.plan.actions[index].replace || folder.replaced.contains(index)) return false;
+  ++report_.replaced;
+  if (dryRun_) {
+    plan(Change::Replace, path, 0);
+    return false;
+  }
+  replaceFolder(folder, index);
+  return true;
+}
+
 void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
-  if (action.replace && !folder.replaced.contains(index)) {
-    ++report_.replaced;
-    if (dryRun_) {
-      plan(Change::Replace, path, 0);
-    } else {
-      return replaceFolder(folder, index);
-    }
-  }
+  auto const path = target(folder, action.name);
+  if (waitsForTheWay(folder, index, path)) return;
   ++report_.links;
   if (dryRun_) return plan(Change::Link, path, 0);
   auto const temp = randomTemporaryName(action.name, random_);
-  auto const& target = *action.source->linkTarget;
+  auto const& text = *action.source->linkTarget;
   if (upload_) {
-    auto const tempPath = destinationPathOf(folder, temp);
+    auto const tempPath = target(folder, temp);
     folder.outstanding += 2;
     folder.temporaries[index] = tempPath;
-    session_.symlink({this, kMakeLink, &folder, index}, target, tempPath);
+    session_.symlink({this, kMakeLink, &folder, index}, text, tempPath);
     session_.rename({this, kPlaceLink, &folder, index}, tempPath, path);
     return;
   }
-  if (auto const error = folder.local->makeLink(target, temp); error != 0) {
+  if (auto const error = folder.local->makeLink(text, temp); error != 0) {
     --report_.links;
     return fail(folder, describePair(folder.item) + "cannot make the link " + quoted(path) + ": " + errnoText(error));
   }
@@ -419,7 +502,7 @@ void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
 
 void TreeTransfer::fixAttributes(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   ++report_.skipped;
   if (dryRun_) return plan(Change::Skip, path, action.source->size);
   auto const wanted = kept(*action.source, settings_);
@@ -436,16 +519,9 @@ void TreeTransfer::fixAttributes(Folder& folder, std::size_t index) {
 
 void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
-  auto const path = destinationPathOf(folder, action.name);
+  auto const path = target(folder, action.name);
   auto const& source = *action.source;
-  if (action.replace && !folder.replaced.contains(index)) {
-    ++report_.replaced;
-    if (dryRun_) {
-      plan(Change::Replace, path, 0);
-    } else {
-      return replaceFolder(folder, index);
-    }
-  }
+  if (waitsForTheWay(folder, index, path)) return;
   FileTask task;
   task.item = folder.item;
   task.source = sourcePathOf(folder, action.name);
@@ -463,7 +539,7 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
     } else if (!dryRun_) {
       // Not the source's beginning: it goes, and the file starts over.
       if (upload_) {
-        session_.remove(sftp::SftpSession::ignored(), destinationPathOf(folder, action.temporary));
+        session_.remove(sftp::SftpSession::ignored(), target(folder, action.temporary));
       } else {
         folder.local->removeFile(action.temporary);
       }
@@ -514,7 +590,7 @@ void TreeTransfer::onReply(Ticket const& ticket, Reply const& reply) {
 
 void TreeTransfer::onFolderReply(Folder& folder, Ticket const& ticket, Reply const& reply) {
   auto const index = static_cast<std::size_t>(ticket.offset);
-  auto const pathOf = [&] { return destinationPathOf(folder, folder.plan.actions[index].name); };
+  auto const pathOf = [&] { return target(folder, folder.plan.actions[index].name); };
   switch (ticket.kind) {
     case kResolveFolder:
       if (reply.type != PacketType::Name || reply.names.size() != 1) {
@@ -648,6 +724,21 @@ void TreeTransfer::fail(Folder& folder, std::string const& message) {
 
 void TreeTransfer::plan(Change action, std::string const& path, std::uint64_t bytes) {
   report_.plan.push_back({action, fl::i18n::utf8_to_ustring(path), bytes});
+}
+
+std::string TreeTransfer::target(Folder const& folder, std::string const& name) const {
+  auto path = folder.destination.empty() ? name : joined(folder.destination, name);
+  // Beside a root only the root's own temporaries are ever touched.
+  if (folder.aboveRoot && name != folder.rootName && temporaryOwner(name) == ownerKey(folder.rootName)) return path;
+  return inside(folder.item, path);
+}
+
+std::string const& TreeTransfer::inside(std::size_t item, std::string const& path) const {
+  auto const& root = roots_[item].destination;
+  if (path != root && !strictlyBelow(root, path)) {
+    throw std::logic_error("refusing to change " + quoted(path) + ": outside the destination " + quoted(root));
+  }
+  return path;
 }
 
 std::string TreeTransfer::where(std::string const& path) const {

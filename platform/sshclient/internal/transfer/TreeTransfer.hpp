@@ -54,6 +54,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
 
   void listed(void* cookie, Listing listing) override;
   void examined(void* cookie, std::optional<Entry> entry, std::string const& error) override;
+  void read(void* cookie, std::optional<std::string> text) override;
   void fileDone(FileTask const& task) override;
   void fileFailed(FileTask const& task, std::string const& message) override;
   void onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) override;
@@ -81,9 +82,13 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void startFolders();
   void beginFolder(Folder& folder);
   void folderListed(Folder& folder);
+  void filterListing(Folder& folder);
+  void decide(Folder& folder);
+  static std::optional<std::string> readLocalFile(std::string const& path);
   void carryOut(Folder& folder);
   void act(Folder& folder, std::size_t index);
   void makeFolder(Folder& folder, std::size_t index);
+  bool waitsForTheWay(Folder& folder, std::size_t index, std::string const& path);
   void placeLink(Folder& folder, std::size_t index);
   void copyFile(Folder& folder, std::size_t index);
   void fixAttributes(Folder& folder, std::size_t index);
@@ -97,8 +102,10 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
 
   // ---- removals: what a source lacks, and what is in the way (TreeRemoval.cpp)
   void removeExtras(Folder& folder);
-  // A remote folder with all it holds; `then` (an action of `folder`) goes on once it is gone.
-  void removeTree(Folder& folder, std::string const& path, std::optional<std::size_t> then = std::nullopt);
+  // The folder `name` of `folder` with all it holds but what the filter
+  // protects; `then` (an action of `folder`) goes on once it is gone.
+  void removeTree(Folder& folder, std::string const& name, std::optional<std::size_t> then = std::nullopt);
+  int removeLocalTree(LocalDir const& parent, std::string const& name, FilterFolder const& filter, bool& kept);
   void replaceFolder(Folder& folder, std::size_t index);
   void removalListed(Removal& removal, Listing const& listing);
   void onRemovalReply(Removal& removal, sftp::Ticket const& ticket, sftp::Reply const& reply);
@@ -107,7 +114,9 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   // ---- checks that read
   ChecksumAnswers compareChecksums(Folder const& folder, std::vector<std::string> const& names);
   bool verifyResume(Folder const& folder, Action const& action);
-  std::string remoteOutput(std::string const& command);
+  std::optional<std::string> remoteOutput(std::string const& command);
+  ChecksumAnswers bySizeAndTime(Folder const& folder, std::vector<std::string> const& names);
+  std::optional<std::string> readRemotePrefix(std::string const& path, std::uint64_t length);
 
   // ---- report
   void fail(std::size_t item, std::string const& message);
@@ -116,6 +125,11 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void reportProgress(bool final);
   [[nodiscard]] std::string describePair(std::size_t item) const;
   [[nodiscard]] std::string where(std::string const& path) const;
+  // The destination path of a name in a folder, which every change in the
+  // destination goes through: it must be the item's root or lie below it,
+  // or be one of the root's own temporaries beside it.
+  [[nodiscard]] std::string target(Folder const& folder, std::string const& name) const;
+  [[nodiscard]] std::string const& inside(std::size_t item, std::string const& path) const;
 
   sftp::SftpSession& session_;
   CopyTreesCommand const& command_;
@@ -141,9 +155,16 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
 
   std::vector<Root> roots_;
   std::optional<std::string> resolved_;  // the answer to the last REALPATH of a root
+  bool shellUsable_ = true;              // false: the server allows SFTP only
+  bool checksumNoted_ = false;
+  std::optional<std::string> prefix_;  // the answer to readRemotePrefix
+  bool prefixRead_ = false;
+  std::unique_ptr<Cookie> prefixCookie_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> folders_;
-  std::vector<Folder*> waiting_;  // not started yet; the last is next (depth first)
-  std::size_t listing_ = 0;       // folders whose listings are in flight
+  std::vector<Folder*> waiting_;   // not started yet; the last is next (depth first)
+  std::size_t listing_ = 0;        // folders whose listings are in flight
+  std::size_t foldersListed_ = 0;  // so far, and their entries: the tree's width
+  std::size_t entriesListed_ = 0;
   std::unordered_map<Removal*, std::unique_ptr<Removal>> removals_;
 };
 

@@ -35,7 +35,7 @@ enum TreeRequest : std::uint32_t {
 };
 
 struct TreeTransfer::Cookie {
-  enum class Kind { Source, Destination, Removal, RootSource, RootDestination };
+  enum class Kind { Source, Destination, Rules, Prefix, Removal, RootSource, RootDestination };
   Kind kind;
   void* owner;
 };
@@ -44,7 +44,7 @@ struct TreeTransfer::Cookie {
 // destination's own folder) is one too: its only source entry is the root,
 // under the destination's name.
 struct TreeTransfer::Folder {
-  enum class State { Waiting, Resolving, Listing, Working, Removing, Closing, Done };
+  enum class State { Waiting, Resolving, Listing, Rules, Working, Removing, Closing, Done };
 
   std::size_t item = 0;
   Folder* parent = nullptr;
@@ -61,6 +61,10 @@ struct TreeTransfer::Folder {
   std::optional<std::pair<dev_t, ino_t>> identity;  // following links: the local source's
   Cookie sourceCookie{Cookie::Kind::Source, this};
   Cookie destinationCookie{Cookie::Kind::Destination, this};
+  Cookie rulesCookie{Cookie::Kind::Rules, this};
+  FilterFolder filter;               // what the filter says of this folder's entries
+  std::optional<std::string> rules;  // its .gitignore, once read
+  KeptNames kept;                    // destination names the filter protects
   Listing sourceListing;
   Listing destinationListing;
   bool sourceListed = false;
@@ -87,6 +91,8 @@ struct TreeTransfer::Removal {
   bool failed = false;
   bool removing = false;  // its own RMDIR sent
   std::optional<std::size_t> then;
+  FilterFolder filter;  // of the folder being removed
+  bool kept = false;    // it holds what the filter protects: it stays
   Cookie cookie{Cookie::Kind::Removal, this};
 };
 
@@ -103,10 +109,6 @@ struct TreeTransfer::Root {
 };
 
 inline std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
-
-inline std::string destinationPathOf(TreeTransfer::Folder const& folder, std::string const& name) {
-  return folder.destination.empty() ? name : joined(folder.destination, name);
-}
 
 inline std::string sourcePathOf(TreeTransfer::Folder const& folder, std::string const& name) {
   return folder.aboveRoot ? folder.rootSource : joined(folder.source, name);

@@ -1,0 +1,217 @@
+// Downloads of FileCopier: READs pipelined from the remote file, written
+// behind into a temporary made in its folder's descriptor, a probe past a
+// listed size, then mode, times and a rename within that folder.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "sshfileaccess/platform/sshclient/internal/transfer/FileCopyJob.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Paths.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+using namespace copying;  // NOLINT(google-build-using-namespace): this room's own pieces
+
+// ---- downloads -----------------------------------------------------------------
+
+void FileCopier::startDownload(Job& job) {
+  auto& task = job.task;
+  if (!task.folder) {
+    auto const [folder, name] = splitPath(task.destination);
+    int error = 0;
+    task.folder = LocalDir::open(folder.empty() ? std::string(".") : folder, error);
+    task.name = name;
+    if (!task.folder) {
+      if (error == ENOENT)
+        return fail(job, "destination folder " + quoted(folderOf(task.destination)) + " does not exist");
+      return fail(job, "cannot open " + quoted(folderOf(task.destination)) + ": " + errnoText(error));
+    }
+  }
+  auto const& folder = *task.folder;
+  if (!task.resumeTemp.empty()) {
+    if (folder.openFile(task.resumeTemp, job.fd) == 0) {
+      job.temp = task.resumeTemp;
+      job.resumed = job.resumable = true;
+      job.next = task.resumeFrom;
+    } else {
+      counters_.bytesTotal += task.resumeFrom;
+    }
+  }
+  while (!job.fd.valid()) {
+    // The first try bears the resumable name; a clash falls back to a random one.
+    job.resumable = settings_.resume && job.tempAttempts == 0;
+    auto const temp = job.resumable ? resumableName(task.name, task.size.value_or(0), task.listedMtime)
+                                    : randomTemporaryName(task.name, random_);
+    auto const error = folder.createFile(temp, static_cast<mode_t>(settings_.createMode), job.fd);
+    if (error == 0) {
+      job.temp = temp;
+      break;
+    }
+    if (error == EEXIST && ++job.tempAttempts < kTempAttempts) continue;
+    return fail(job, "cannot create " + quoted(folder.pathOf(temp)) + ": " + errnoText(error));
+  }
+  if (task.size) {
+    // Listed: the size is known.
+    job.statAnswered = true;
+    job.attributes = Attributes{};
+    job.attributes->size = task.size;
+  } else {
+    // The size and the handle in one round trip.
+    ++job.pending;
+    session_.stat({this, kStat, &job}, task.source);
+  }
+  ++job.pending;
+  session_.open({this, kOpen, &job}, task.source, openflags::kRead, Attributes{});
+}
+
+void FileCopier::onDownloadAnswer(Job& job, std::uint32_t kind, Reply const& reply) {
+  if (reply.type == PacketType::Status) {
+    if (!job.sourceError) job.sourceError = sftp::describeStatus(reply.status, reply.message);
+  } else if (kind == kStat && reply.type == PacketType::Attrs) {
+    job.attributes = reply.attributes;
+  } else if (kind == kOpen && reply.type == PacketType::Handle) {
+    job.handle = std::string(reply.handle);
+  } else {
+    throw sftp::ProtocolError(kind == kStat ? "unexpected reply to STAT" : "unexpected reply to OPEN");
+  }
+  (kind == kStat ? job.statAnswered : job.openAnswered) = true;
+  if (job.failed) return closeRemote(job);
+  if (!job.statAnswered || !job.openAnswered) return;
+
+  auto const& source = job.task.source;
+  if (job.attributes && job.attributes->isDirectory()) return fail(job, quoted(source) + " is a folder");
+  if (job.attributes && !job.attributes->isRegularOrUnknown()) {
+    return fail(job, quoted(source) + " is not a regular file");
+  }
+  if (job.sourceError) return fail(job, "cannot open " + quoted(source) + ": " + *job.sourceError);
+  job.size = job.attributes->size.value_or(UINT64_MAX);
+  if (job.attributes->size && !job.task.size) counters_.bytesTotal += job.size;
+  job.phase = Job::Phase::Transferring;
+  // A listed file is probed past its end before it finishes, also when empty.
+  if (job.size == 0 && !job.task.size) finishDownload(job);
+}
+
+void FileCopier::issueReads(Job& job) {
+  while (job.next < job.size && job.end == UINT64_MAX && session_.dataInFlight() < settings_.windowBytes &&
+         session_.queuedBytes() < kOutboundLimit) {
+    auto const length = static_cast<std::uint32_t>(std::min<std::uint64_t>(chunk(), job.size - job.next));
+    ++job.pending;
+    session_.read({this, kRead, &job, job.next, length}, job.handle, job.next, length);
+    job.next += length;
+    ++job.dataInFlight;
+  }
+  if (job.task.size && !job.probed && job.next >= job.size && job.end == UINT64_MAX) {
+    // A file that grew since it was listed answers with data here.
+    ++job.pending;
+    session_.read({this, kProbe, &job}, job.handle, job.size, 1);
+    job.probed = true;
+    ++job.dataInFlight;
+  }
+}
+
+void FileCopier::onProbe(Job& job, Reply const& reply) {
+  --job.dataInFlight;
+  if (job.failed) return;
+  if (reply.type == PacketType::Data) return fail(job, quoted(job.task.source) + " changed while being read");
+  if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to READ");
+  if (reply.status != StatusCode::Eof) {
+    return fail(job,
+                "cannot read " + quoted(job.task.source) + ": " + sftp::describeStatus(reply.status, reply.message));
+  }
+  if (job.dataInFlight == 0) finishDownload(job);
+}
+
+void FileCopier::onRead(Job& job, Ticket const& ticket, Reply const& reply) {
+  --job.dataInFlight;
+  if (job.failed) return;
+  if (reply.type == PacketType::Data) {
+    auto const length = reply.data.size();
+    if (length == 0 || length > ticket.length) {
+      throw sftp::ProtocolError("DATA reply of " + std::to_string(length) + " bytes to a READ of " +
+                                std::to_string(ticket.length));
+    }
+    if (!writeBehind(job, ticket.offset, reply.data)) return;
+    counters_.bytesDone += length;
+    if (length < ticket.length) {
+      // A short read: ask again for the rest.
+      auto const offset = ticket.offset + length;
+      auto const rest = static_cast<std::uint32_t>(ticket.length - length);
+      ++job.pending;
+      session_.read({this, kRead, &job, offset, rest}, job.handle, offset, rest);
+      ++job.dataInFlight;
+    }
+  } else if (reply.type == PacketType::Status && reply.status == StatusCode::Eof) {
+    job.end = std::min(job.end, ticket.offset);
+  } else if (reply.type == PacketType::Status) {
+    return fail(job,
+                "cannot read " + quoted(job.task.source) + ": " + sftp::describeStatus(reply.status, reply.message));
+  } else {
+    throw sftp::ProtocolError("unexpected reply to READ");
+  }
+  bool const probing = job.task.size && job.end == UINT64_MAX;
+  if (job.dataInFlight == 0 && (job.next >= job.size || job.end != UINT64_MAX) && (!probing || job.probed)) {
+    finishDownload(job);
+  }
+}
+
+bool FileCopier::writeBehind(Job& job, std::uint64_t offset, ByteView data) {
+  auto& block = job.block;
+  if (block.length > 0 && (offset != block.end() || block.length + data.size() > block.capacity)) {
+    if (!flush(job)) return false;
+  }
+  if (block.length == 0) {
+    block.offset = offset;
+    auto const size = static_cast<std::size_t>(chunk()) * ((kIoBlock + chunk() - 1) / chunk());
+    block.reserve(std::max(data.size(), static_cast<std::size_t>(std::min<std::uint64_t>(size, job.size))));
+  }
+  std::memcpy(block.data() + block.length, data.data(), data.size());
+  block.length += data.size();
+  return block.length < block.capacity || flush(job);
+}
+
+bool FileCopier::flush(Job& job) {
+  auto& block = job.block;
+  auto const* const data = block.data();
+  auto const fd = job.fd.get();
+  auto const done = fullIo(
+      [&](std::size_t written) {
+        return ::pwrite(fd, data + written, block.length - written, static_cast<off_t>(block.offset + written));
+      },
+      block.length);
+  if (done < 0 || static_cast<std::size_t>(done) < block.length) {
+    fail(job, "cannot write " + quoted(job.task.folder->pathOf(job.temp)) + ": " +
+                  errnoText(done < 0 ? static_cast<int>(-done) : EIO));
+    return false;
+  }
+  job.wrote = job.wrote || block.length > 0;
+  block.length = 0;
+  return true;
+}
+
+void FileCopier::finishDownload(Job& job) {
+  auto const& task = job.task;
+  // A listed size not reached: the file shrank while it was read.
+  if (task.size && job.end < *task.size) return fail(job, quoted(task.source) + " changed while being read");
+  job.phase = Job::Phase::Finishing;
+  closeRemote(job);
+  if (!flush(job)) return;
+  job.block.release();
+  auto const tempPath = task.folder->pathOf(job.temp);
+  bool modeFailed = false;
+  if (auto const error = setAttributesOf(job.fd.get(), task.kept, modeFailed); error != 0) {
+    return fail(job, std::string(modeFailed ? "cannot set the mode of " : "cannot set the time of ") +
+                         quoted(tempPath) + ": " + errnoText(error));
+  }
+  if (auto const error = job.fd.close(); error != 0) {
+    return fail(job, "cannot write " + quoted(tempPath) + ": " + errnoText(error));
+  }
+  if (auto const error = task.folder->rename(job.temp, task.name); error != 0) {
+    return fail(job, "cannot replace " + quoted(task.destination) + ": " + errnoText(error));
+  }
+  complete(job);
+}
+
+}  // namespace foundation::sshclient::internal::transfer

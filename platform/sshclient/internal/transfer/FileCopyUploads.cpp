@@ -1,0 +1,229 @@
+// Uploads of FileCopier: local files read ahead, WRITEs pipelined into a
+// remote temporary, mode and times set on the open handle, then a rename
+// (or, without posix-rename, a move aside and back).
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <tuple>
+
+#include "sshfileaccess/platform/sshclient/internal/transfer/FileCopyJob.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Paths.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+using namespace copying;  // NOLINT(google-build-using-namespace): this room's own pieces
+
+// ---- uploads -----------------------------------------------------------------
+
+void FileCopier::startUpload(Job& job) {
+  auto const& task = job.task;
+  std::tie(job.folder, job.name) = splitPath(task.destination);
+  job.fd = UniqueFd(::open(task.source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!job.fd.valid()) return fail(job, "cannot open " + quoted(task.source) + ": " + errnoText(errno));
+  struct stat st {};
+  if (::fstat(job.fd.get(), &st) != 0) return fail(job, "cannot open " + quoted(task.source) + ": " + errnoText(errno));
+  if (S_ISDIR(st.st_mode)) return fail(job, quoted(task.source) + " is a folder");
+  if (!S_ISREG(st.st_mode)) return fail(job, quoted(task.source) + " is not a regular file");
+  job.size = static_cast<std::uint64_t>(st.st_size);
+  job.sourceMtime = st.st_mtim;
+  // What the listing counted; the file may have changed since.
+  auto const counted = task.size.value_or(0) - task.resumeFrom;
+  if (!task.resumeTemp.empty()) {
+    auto const temp = job.folder + task.resumeTemp;
+    if (job.size == task.size && static_cast<std::uint32_t>(st.st_mtim.tv_sec) == task.listedMtime) {
+      job.resumed = job.resumable = true;
+      job.next = task.resumeFrom;
+      job.opening = temp;
+      ++job.pending;
+      session_.open({this, kOpen, &job}, job.opening, openflags::kWrite, Attributes{});
+    } else {
+      // Made for the source as it was.
+      ++job.pending;
+      session_.remove({this, kCleanup, &job}, temp);
+    }
+  }
+  counters_.bytesTotal = counters_.bytesTotal - counted + (job.size - job.next);
+  if (!job.resumed) openRemoteTemp(job);
+}
+
+void FileCopier::openRemoteTemp(Job& job) {
+  ++job.tempAttempts;
+  auto const& name = job.name;
+  // The first try bears the resumable name; a clash falls back to a random one.
+  job.resumable = settings_.resume && job.tempAttempts == 1;
+  job.opening =
+      job.folder + (job.resumable ? resumableName(name, job.size, static_cast<std::uint32_t>(job.sourceMtime.tv_sec))
+                                  : randomTemporaryName(name, random_));
+  Attributes attributes;
+  attributes.permissions = settings_.createMode;
+  ++job.pending;
+  session_.open({this, kOpen, &job}, job.opening,
+                openflags::kWrite | openflags::kCreate | openflags::kExclusive | openflags::kTruncate, attributes);
+}
+
+void FileCopier::onUploadOpen(Job& job, Reply const& reply) {
+  if (reply.type == PacketType::Handle) {
+    job.handle = std::string(reply.handle);
+    job.temp = std::exchange(job.opening, std::string());
+    if (job.failed) {
+      closeRemote(job);
+      return discardTemp(job);
+    }
+    job.phase = Job::Phase::Transferring;
+    if (job.next >= job.size) finishUpload(job);
+    return;
+  }
+  if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to OPEN");
+  auto const temp = std::exchange(job.opening, std::string());
+  if (job.failed) return;
+  if (job.resumed) {
+    // The earlier temporary went meanwhile: start over.
+    job.resumed = false;
+    counters_.bytesTotal += job.next;
+    job.next = 0;
+    return openRemoteTemp(job);
+  }
+  // In this protocol version an existing name shows only as a generic failure.
+  if (reply.status == StatusCode::Failure && job.tempAttempts < kTempAttempts) return openRemoteTemp(job);
+  if (reply.status == StatusCode::NoSuchFile) {
+    return fail(job, "destination folder " + quoted(folderOf(job.task.destination)) + " does not exist");
+  }
+  diagnose(job, reply.status, reply.message);
+  fail(job, "cannot create " + quoted(temp) + ": " + sftp::describeStatus(reply.status, reply.message));
+}
+
+bool FileCopier::readAhead(Job& job) {
+  if (job.next < job.block.end() && job.next >= job.block.offset) return true;
+  auto const block = static_cast<std::size_t>(chunk()) * ((kIoBlock + chunk() - 1) / chunk());
+  auto const wanted = static_cast<std::size_t>(std::min<std::uint64_t>(block, job.size - job.next));
+  job.block.reserve(wanted);
+  auto* const data = job.block.data();
+  auto const offset = job.next;
+  auto const fd = job.fd.get();
+  auto const got = fullIo(
+      [&](std::size_t done) { return ::pread(fd, data + done, wanted - done, static_cast<off_t>(offset + done)); },
+      wanted);
+  if (got < 0) {
+    fail(job, "cannot read " + quoted(job.task.source) + ": " + errnoText(static_cast<int>(-got)));
+    return false;
+  }
+  job.block.offset = offset;
+  job.block.length = static_cast<std::size_t>(got);
+  if (job.block.length < wanted) {
+    fail(job, quoted(job.task.source) + " changed while being read");
+    return false;
+  }
+  return true;
+}
+
+void FileCopier::issueWrites(Job& job) {
+  while (job.next < job.size && session_.dataInFlight() < settings_.windowBytes &&
+         session_.queuedBytes() < kOutboundLimit) {
+    if (!readAhead(job)) break;
+    auto const length =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>({chunk(), job.size - job.next, job.block.end() - job.next}));
+    ++job.pending;
+    session_.write({this, kWrite, &job, job.next, length}, job.handle, job.next,
+                   ByteView(job.block.data() + (job.next - job.block.offset), length));
+    job.next += length;
+    ++job.dataInFlight;
+  }
+  if (job.failed) return;
+  if (job.next >= job.size) {
+    job.block.release();
+    if (job.dataInFlight == 0) finishUpload(job);
+  }
+}
+
+void FileCopier::onWrite(Job& job, Ticket const& ticket, Reply const& reply) {
+  --job.dataInFlight;
+  if (job.failed || job.phase != Job::Phase::Transferring) return;
+  if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to WRITE");
+  if (reply.status != StatusCode::Ok) {
+    diagnose(job, reply.status, reply.message);
+    return fail(job, "cannot write " + quoted(job.temp) + ": " + sftp::describeStatus(reply.status, reply.message));
+  }
+  counters_.bytesDone += ticket.length;
+  if (job.next >= job.size && job.dataInFlight == 0) finishUpload(job);
+}
+
+void FileCopier::finishUpload(Job& job) {
+  if (changedWhileRead(job)) return;
+  job.phase = Job::Phase::Finishing;
+  job.fd.reset();
+  job.block.release();
+  auto const& kept = job.task.kept;
+  if (kept.mode || kept.mtime) {
+    // On the open file, after the last write: the rename then shows it whole.
+    Attributes attributes;
+    attributes.permissions = kept.mode;
+    attributes.atime = kept.atime;
+    attributes.mtime = kept.mtime;
+    ++job.pending;
+    session_.fsetstat({this, kSetAttributes, &job}, job.handle, attributes);
+  }
+  ++job.pending;
+  session_.close({this, kClose, &job}, job.handle);
+  job.handle.clear();
+}
+
+void FileCopier::onUploadClose(Job& job, Reply const& reply) {
+  if (job.failed) return;
+  if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to CLOSE");
+  if (reply.status != StatusCode::Ok) {
+    diagnose(job, reply.status, reply.message);
+    return fail(job, "cannot write " + quoted(job.temp) + ": " + sftp::describeStatus(reply.status, reply.message));
+  }
+  ++job.pending;
+  session_.rename({this, session_.replacingRename() ? kRename : kPlainRename, &job}, job.temp, job.task.destination);
+}
+
+// Replacing the destination. A generic failure is looked into: a folder in
+// the way is named as such, and a plain RENAME (without posix-rename) refuses
+// any existing target, so an old regular file moves aside, the new one in,
+// and the old one goes.
+void FileCopier::onRename(Job& job, std::uint32_t kind, Reply const& reply) {
+  if (job.failed) return;
+  if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to RENAME");
+  if (reply.status != StatusCode::Ok) {
+    job.renameError = sftp::describeStatus(reply.status, reply.message);
+    if ((kind == kRename || kind == kPlainRename) && reply.status == StatusCode::Failure) {
+      job.plainRename = kind == kPlainRename;
+      ++job.pending;
+      session_.lstat({this, kInspect, &job}, job.task.destination);
+      return;
+    }
+    if (kind == kMoveAside) job.aside.clear();
+    return fail(job, "cannot replace " + quoted(job.task.destination) + ": " + job.renameError);
+  }
+  if (kind == kMoveAside) {
+    ++job.pending;
+    session_.rename({this, kMoveIn, &job}, job.temp, job.task.destination, false);
+    return;
+  }
+  if (kind == kMoveIn) {
+    ++job.pending;
+    session_.remove({this, kCleanup, &job}, std::exchange(job.aside, {}));
+  }
+  complete(job);
+}
+
+void FileCopier::onInspect(Job& job, Reply const& reply) {
+  if (job.failed) return;
+  if (reply.type == PacketType::Attrs && reply.attributes.isDirectory()) {
+    return fail(job, "cannot replace " + quoted(job.task.destination) + ": it is a folder");
+  }
+  bool const regular = reply.type == PacketType::Attrs && reply.attributes.permissions &&
+                       (*reply.attributes.permissions & sftp::modebits::kTypeMask) == sftp::modebits::kRegular;
+  if (!job.plainRename || !regular) {
+    return fail(job, "cannot replace " + quoted(job.task.destination) + ": " + job.renameError);
+  }
+  job.aside = job.folder + randomTemporaryName(job.name, random_);
+  ++job.pending;
+  session_.rename({this, kMoveAside, &job}, job.task.destination, job.aside, false);
+}
+
+}  // namespace foundation::sshclient::internal::transfer
