@@ -164,14 +164,7 @@ std::string pattern(std::size_t size) {
   return bytes;
 }
 
-EmulatorSettings linkTo(int port, Clock::duration up, Clock::duration down, std::uint64_t bitsPerSecond = 0) {
-  EmulatorSettings s;
-  s.targetPort = port;
-  s.delayUp = up;
-  s.delayDown = down;
-  s.bitsPerSecond = bitsPerSecond;
-  return s;
-}
+using sshfa::testing::linkSettings;
 
 double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
@@ -180,7 +173,7 @@ double median(std::vector<double> values) {
 
 TEST(LinkEmulator, APingPongTakesAtLeastTheRoundTrip) {
   Server server(echo);
-  LinkEmulator link(linkTo(server.port(), 10ms, 10ms, kGigabit));
+  LinkEmulator link(linkSettings(server.port(), 10ms, 10ms, kGigabit));
   auto const client = Socket::connectTo(link.port());
   client.sendAll("x");
   ASSERT_EQ(client.receive(1), "x");
@@ -206,7 +199,7 @@ TEST(LinkEmulator, EachDirectionHasItsOwnDelay) {
     s.sendAll("b");
     atServer.set_value({received, sent});
   });
-  LinkEmulator link(linkTo(server.port(), 5ms, 30ms));
+  LinkEmulator link(linkSettings(server.port(), 5ms, 30ms));
   auto const client = Socket::connectTo(link.port());
   std::this_thread::sleep_for(100ms);  // past the handshake
   auto const sent = Clock::now();
@@ -228,7 +221,7 @@ TEST(LinkEmulator, ANewConnectionCostsAHandshake) {
     (void)s.receive(1);
     atServer.set_value({accepted, Clock::now()});
   });
-  LinkEmulator link(linkTo(server.port(), 10ms, 10ms));
+  LinkEmulator link(linkSettings(server.port(), 10ms, 10ms));
   auto const start = Clock::now();
   auto const client = Socket::connectTo(link.port());
   client.sendAll("x");
@@ -250,7 +243,7 @@ TEST(LinkEmulator, TheEndOfTheStreamFollowsTheBytes) {
     auto [bytes, error] = s.drain();
     atServer.set_value({error == 0 ? bytes : "error", Clock::now()});
   });
-  LinkEmulator link(linkTo(server.port(), 10ms, 10ms));
+  LinkEmulator link(linkSettings(server.port(), 10ms, 10ms));
   auto const client = Socket::connectTo(link.port());
   std::this_thread::sleep_for(50ms);
   client.sendAll("abc");
@@ -269,7 +262,7 @@ double bulk(std::uint64_t bitsPerSecond, std::size_t size) {
     std::string got = s.receive(size);
     atServer.set_value({std::move(got), Clock::now()});
   });
-  LinkEmulator link(linkTo(server.port(), 5ms, 5ms, bitsPerSecond));
+  LinkEmulator link(linkSettings(server.port(), 5ms, 5ms, bitsPerSecond));
   auto const client = Socket::connectTo(link.port());
   std::this_thread::sleep_for(50ms);
   std::string const data = pattern(size);
@@ -298,7 +291,7 @@ TEST(LinkEmulator, AFullBottleneckLeavesTheRestInTheSendersSocket) {
     readNow.get_future().wait();
     atServer.set_value(s.drain());
   });
-  auto settings = linkTo(server.port(), 20ms, 20ms, 80'000'000);
+  auto settings = linkSettings(server.port(), 20ms, 20ms, 80'000'000);
   settings.bufferBytes = std::size_t{256} * 1024;
   LinkEmulator link(settings);
   LinkDirection const shape({20ms, settings.bitsPerSecond, settings.bufferBytes}, Clock::now());
@@ -344,7 +337,7 @@ TEST(LinkEmulator, KillResetsTheLiveConnectionsAndKeepsListening) {
     auto const [rest, error] = s.drain();
     if (std::exchange(first, false)) serverError.set_value(error);
   });
-  LinkEmulator link(linkTo(server.port(), 1ms, 1ms));
+  LinkEmulator link(linkSettings(server.port(), 1ms, 1ms));
   {
     auto const client = Socket::connectTo(link.port());
     client.sendAll("x");
@@ -368,7 +361,7 @@ TEST(LinkEmulator, AConnectionIsResetAfterTheBytesAsked) {
     auto const [bytes, error] = s.drain();
     atServer.set_value({bytes.size(), error});
   });
-  auto settings = linkTo(server.port(), 0ms, 0ms);
+  auto settings = linkSettings(server.port(), 0ms, 0ms);
   settings.killAfterBytes = 1U << 20U;
   LinkEmulator link(settings);
   auto const client = Socket::connectTo(link.port());
@@ -391,7 +384,7 @@ TEST(LinkEmulator, ARefusingTargetResetsTheClient) {
     Server closed([](Socket&) {});
     port = closed.port();
   }
-  LinkEmulator link(linkTo(port, 0ms, 0ms));
+  LinkEmulator link(linkSettings(port, 0ms, 0ms));
   auto const client = Socket::connectTo(link.port());
   auto const [rest, error] = client.drain();
   EXPECT_EQ(rest, "");
@@ -400,7 +393,7 @@ TEST(LinkEmulator, ARefusingTargetResetsTheClient) {
 
 TEST(LinkEmulator, APortInUseIsRefusedByName) {
   Server busy(echo);
-  auto settings = linkTo(busy.port(), 0ms, 0ms);
+  auto settings = linkSettings(busy.port(), 0ms, 0ms);
   settings.listenPort = busy.port();
   try {
     LinkEmulator link(settings);
@@ -413,7 +406,7 @@ TEST(LinkEmulator, APortInUseIsRefusedByName) {
 TEST(LinkEmulator, TheTraceHasEveryChunkInAndOut) {
   Server server(echo);
   auto const trace = sshfa::testing::TestSshd::makeTempDir() / "trace";
-  auto settings = linkTo(server.port(), 1ms, 1ms, 100'000'000);
+  auto settings = linkSettings(server.port(), 1ms, 1ms, 100'000'000);
   settings.tracePath = trace;
   {
     LinkEmulator link(settings);

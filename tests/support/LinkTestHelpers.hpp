@@ -4,6 +4,7 @@
 //
 // Throws what the SSH client or the file system throws. Not thread-safe.
 
+#include <cstdint>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
@@ -32,15 +33,22 @@ inline std::unique_ptr<ssh::SSHClient> connectThrough(TestSshd const& server, li
   return std::make_unique<ssh::SSHClient>(u("127.0.0.1"), link.port(), server.auth(), options);
 }
 
-// A link to `server` with `delay` each way and `bitsPerSecond` (0: no limit).
+// A link to 127.0.0.1:`port` with `up` and `down` delays and `bitsPerSecond` (0: no limit).
+inline linkemu::EmulatorSettings linkSettings(int port, linkemu::Nanoseconds up, linkemu::Nanoseconds down,
+                                              std::uint64_t bitsPerSecond = 0) {
+  linkemu::EmulatorSettings settings;
+  settings.targetPort = port;
+  settings.delayUp = up;
+  settings.delayDown = down;
+  settings.bitsPerSecond = bitsPerSecond;
+  return settings;
+}
+
+// A link to `server` with `delay` each way.
 inline std::unique_ptr<linkemu::LinkEmulator> linkTo(TestSshd const& server, linkemu::Nanoseconds delay,
                                                      std::uint64_t bitsPerSecond = 0) {
-  linkemu::EmulatorSettings settings;
+  auto settings = linkSettings(server.port(), delay, delay, bitsPerSecond);
   settings.targetHost = server.host();
-  settings.targetPort = server.port();
-  settings.delayUp = delay;
-  settings.delayDown = delay;
-  settings.bitsPerSecond = bitsPerSecond;
   return std::make_unique<linkemu::LinkEmulator>(settings);
 }
 
