@@ -40,11 +40,6 @@ constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kConnection = 3;
 
-void setModificationTime(fs::path const& path, std::time_t seconds) {
-  timespec const times[2] = {{seconds, 0}, {seconds, 0}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
 std::vector<std::string> lines(std::string const& text) {
   std::vector<std::string> out;
   std::istringstream in(text);
@@ -292,9 +287,9 @@ TEST_F(CliTest, ListFlatAndRecursive) {
 
 TEST_F(CliTest, StatGivesSizeAndTimeAndReportsMissingPaths) {
   writeFile(at("f.txt"), "hello");
-  setModificationTime(at("f.txt"), 1614834367);  // 2021-03-04T05:06:07Z
+  setTime(at("f.txt"), 1614834367);  // 2021-03-04T05:06:07Z
   writeFile(at("empty"), "");
-  setModificationTime(at("empty"), 0);
+  setTime(at("empty"), 0);
 
   auto const plain = remote({"stat", at("f.txt"), at("missing"), at("empty")});
   EXPECT_EQ(plain.status, kFailed);
@@ -324,7 +319,7 @@ TEST_F(CliTest, TouchMkdirCopyMoveRemove) {
   EXPECT_EQ(remote({"mkdir", "-p", at("a/b/c")}).status, 0);
 
   writeFile(at("old.txt"), "old contents");
-  setModificationTime(at("old.txt"), 1000);
+  setTime(at("old.txt"), 1000);
   EXPECT_EQ(remote({"touch", at("old.txt"), at("new it's.txt")}).status, 0);
   EXPECT_EQ(readFile(at("old.txt")), "old contents");
   struct stat touched {};
@@ -423,7 +418,7 @@ TEST_F(CliTest, EachStopSignalEndsAGetAndLeavesOnlyWhatTheNextRunResumes) {
   fs::create_directories(at("back"));
   writeFile(at("big"), "");
   fs::resize_file(at("big"), 1ULL << 30U);  // sparse: quick to read, long to send
-  setModificationTime(at("big"), 1'500'000'000);
+  setTime(at("big"), 1'500'000'000);
   std::string const resumable = ".big.sshfa-partial-1073741824-1500000000";
   for (int const signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
     std::vector<std::string> args = connection();
@@ -554,7 +549,7 @@ TEST_F(CliTest, ControlCharactersInNamesAreEscapedOnATerminalOnly) {
 
 TEST_F(CliTest, LocalModeNeedsNoConnection) {
   writeFile(at("l/a.txt"), "abc");
-  setModificationTime(at("l/a.txt"), 1614834367);
+  setTime(at("l/a.txt"), 1614834367);
   // A host that cannot be reached is never contacted.
   auto const result = runTool({"-H", "host.invalid", "--local", "--json", "stat", at("l/a.txt"), at("l/none")});
   EXPECT_EQ(result.status, kFailed);
@@ -701,9 +696,9 @@ TEST_F(ExamplesTest, CopyTreeUpAndBack) {
 
 TEST_F(ExamplesTest, StatManyPathsInOneCall) {
   writeFile(at("one"), "1");
-  setModificationTime(at("one"), 1614834367);
+  setTime(at("one"), 1614834367);
   writeFile(at("three"), "333");
-  setModificationTime(at("three"), 0);
+  setTime(at("three"), 0);
   auto const result = runExample("stat_many", {at("one"), at("two"), at("three")});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "           1  2021-03-04T05:06:07Z  " + at("one") + "\n" +

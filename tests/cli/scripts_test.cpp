@@ -36,11 +36,6 @@ constexpr int kUsage = 2;
 constexpr int kInterrupted = 130;
 constexpr std::time_t kOldTime = 1'500'000'000;
 
-void setTime(fs::path const& path, std::time_t seconds) {
-  timespec const times[2] = {{seconds, 0}, {seconds, 0}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
 class ScriptsTest : public ::testing::Test {
  protected:
   void SetUp() override { dir_ = TestSshd::makeTempDir(); }
@@ -48,9 +43,7 @@ class ScriptsTest : public ::testing::Test {
   static TestSshd& server() { return TestSshd::instance(); }
 
   static std::vector<std::string> withConnection(std::vector<std::string> const& args) {
-    auto all = connectionArgs(server());
-    all.insert(all.end(), args.begin(), args.end());
-    return all;
+    return testing::withConnection(server(), args);
   }
   static ToolResult remote(std::vector<std::string> const& args, ToolOptions const& options = {}) {
     return runTool(withConnection(args), options);

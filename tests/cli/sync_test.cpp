@@ -35,11 +35,6 @@ using ::testing::MatchesRegex;
 
 constexpr std::time_t kOldTime = 1'500'000'000;
 
-void setTime(fs::path const& path, std::time_t seconds) {
-  timespec const times[2] = {{seconds, 0}, {seconds, 0}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
 std::vector<fs::path> temporariesIn(fs::path const& folder) {
   std::vector<fs::path> found;
   if (!fs::exists(folder)) return found;
@@ -56,9 +51,7 @@ class SyncTest : public ::testing::TestWithParam<bool> {
   static TestSshd& server() { return TestSshd::instance(); }
 
   static std::vector<std::string> withConnection(std::vector<std::string> const& args) {
-    auto all = connectionArgs(server());
-    all.insert(all.end(), args.begin(), args.end());
-    return all;
+    return testing::withConnection(server(), args);
   }
 
   [[nodiscard]] static bool upload() { return GetParam(); }
