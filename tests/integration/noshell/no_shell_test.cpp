@@ -333,8 +333,11 @@ TEST_F(ToolOnSftpOnly, VerboseSaysSoOnce) {
   auto const made = account_->folderForAccount + "/verbose-" + std::to_string(::getpid());
   auto const result = tool({"-v", "mkdir", made});
   EXPECT_EQ(result.status, 0) << result.err;
-  ASSERT_EQ(result.err.rfind(kTraceLine, 0), 0U) << result.err;
-  EXPECT_EQ(result.err.find(kTraceLine, 1), std::string::npos) << result.err;
+  // Right after the negotiated algorithms, and once.
+  ASSERT_EQ(result.err.rfind("sshfa: trace: negotiated kex ", 0), 0U) << result.err;
+  auto const at = result.err.find(kTraceLine);
+  ASSERT_EQ(at, result.err.find('\n') + 1) << result.err;
+  EXPECT_EQ(result.err.find(kTraceLine, at + 1), std::string::npos) << result.err;
   EXPECT_NE(result.err.find("sshfa: trace: SFTP mkdir: '" + made + "'\n"), std::string::npos) << result.err;
   EXPECT_TRUE(fs::is_directory(account_->folder / fs::path(made).filename()));
   fs::remove(account_->folder / fs::path(made).filename());

@@ -77,10 +77,11 @@ TEST_P(TransfersOnSftpOnly, ARerunSkipsUnchangedFiles) {
   write(sourceFolder() / "tree" / "b", "bravo");
   auto const first = transfer("tree", {});
   ASSERT_EQ(first.status, 0) << first.err;
-  EXPECT_THAT(first.out, HasSubstr("\"files\": 2"));
+  EXPECT_THAT(first.out, HasSubstr("\"copied\": 2,\n"));
   auto const again = transfer("tree", {});
   ASSERT_EQ(again.status, 0) << again.err;
-  EXPECT_THAT(again.out, HasSubstr("\"files\": 0, \"skipped\": 2"));
+  EXPECT_THAT(again.out, HasSubstr("\"copied\": 0,\n"));
+  EXPECT_THAT(again.out, HasSubstr("\"unchanged\": 2,\n"));
 }
 
 TEST_P(TransfersOnSftpOnly, ChecksumsFallBackToSizeAndTimeAndSaySo) {
@@ -88,7 +89,8 @@ TEST_P(TransfersOnSftpOnly, ChecksumsFallBackToSizeAndTimeAndSaySo) {
   ASSERT_EQ(transfer("tree", {}).status, 0);
   auto const again = transfer("tree", {"-c"});
   ASSERT_EQ(again.status, 0) << again.err;
-  EXPECT_THAT(again.out, HasSubstr("\"files\": 0, \"skipped\": 1"));
+  EXPECT_THAT(again.out, HasSubstr("\"copied\": 0,\n"));
+  EXPECT_THAT(again.out, HasSubstr("\"unchanged\": 1,\n"));
   EXPECT_THAT(again.err,
               HasSubstr("the server allows SFTP only: files are compared by size and time, not by checksum\n"));
 }
