@@ -234,6 +234,11 @@ CLI::App* addTransferCommand(CLI::App& app, Invocation& inv, std::string const& 
   sub->add_flag("-n,--dry-run", inv.transfer.dryRun, "Print what would be copied, skipped and deleted; change nothing");
   sub->add_flag("--no-resume", inv.transfer.noResume,
                 "Start interrupted files over, and keep nothing of a file when interrupted");
+  auto* const delta = sub->add_flag("--delta", inv.transfer.delta,
+                                    "Send a changed file as the blocks that differ from its old version, "
+                                    "also where the link is fast (default: where that is measured to pay)");
+  sub->add_flag("-W,--whole-file", inv.transfer.wholeFile, "Send changed files whole, never as deltas")
+      ->excludes(delta);
   auto const* const choosing = "Choosing files (rsync's rules; the first that matches decides)";
   auto const repeatable = [&](std::string const& option, std::vector<std::string>& values, std::string const& what,
                               std::string const& type) {

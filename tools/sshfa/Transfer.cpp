@@ -13,6 +13,7 @@
 #include "tools/sshfa/Commands.hpp"
 #include "tools/sshfa/Interrupt.hpp"
 #include "tools/sshfa/Text.hpp"
+#include "tools/sshfa/Trace.hpp"
 
 namespace sshfa::cli {
 namespace {
@@ -57,6 +58,8 @@ char const* actionName(ssh::PlannedChange::Action action) {
       return "replace";
     case ssh::PlannedChange::Action::Exclude:
       return "exclude";
+    case ssh::PlannedChange::Action::Delta:
+      return "delta";
   }
   return "?";
 }
@@ -64,7 +67,8 @@ char const* actionName(ssh::PlannedChange::Action action) {
 // "copy PATH (SIZE)": one line of a dry run's plan; sizes for file data.
 std::string describeChange(ssh::PlannedChange const& change) {
   using Action = ssh::PlannedChange::Action;
-  bool const data = change.action == Action::Copy || change.action == Action::Resume || change.action == Action::Skip;
+  bool const data = change.action == Action::Copy || change.action == Action::Resume ||
+                    change.action == Action::Delta || change.action == Action::Skip;
   auto const size = data ? fmt::format(" ({})", formatBytes(change.bytes)) : std::string();
   return fmt::format("{} {}{}\n", actionName(change.action), forStream(STDOUT_FILENO, change.path), size);
 }
@@ -143,6 +147,7 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
   options.deleteExtraneous = flags.deleteExtraneous || flags.deleteExcluded;
   options.dryRun = flags.dryRun;
   options.resume = !flags.noResume;
+  options.delta = flags.wholeFile ? ssh::DeltaMode::Off : flags.delta ? ssh::DeltaMode::Always : ssh::DeltaMode::Auto;
   options.ignoreSuspectNames = flags.ignoreSuspectNames;
   options.filter = flags.filter;
   // As rsync: what is in the way is replaced (a folder only with --delete).
@@ -169,6 +174,9 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
   totals.files = report.files;
   totals.bytes = report.bytes;
   printNotes(report);
+  if (flags.verbose) {
+    for (auto const& line : report.details) trace(fmt::format("{}: {}", name, fl::i18n::ustring_to_utf8(line)));
+  }
   if (json) {
     std::string plan;
     if (flags.dryRun) {
@@ -180,17 +188,19 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
       }
       plan += "], ";
     }
-    writeTo(stdout, fmt::format("{{{}\"files\": {}, \"skipped\": {}, \"deleted\": {}, \"resumed\": {}, "
-                                "\"bytes\": {}, \"seconds\": {:.3f}, \"folders\": {}, \"links\": {}, "
-                                "\"special\": {}, \"replaced\": {}}}\n",
-                                plan, totals.files, report.skipped, report.deleted, report.resumed, totals.bytes,
-                                totals.seconds, report.folders, report.links, report.special, report.replaced));
+    writeTo(stdout,
+            fmt::format("{{{}\"files\": {}, \"skipped\": {}, \"deleted\": {}, \"resumed\": {}, "
+                        "\"bytes\": {}, \"reused\": {}, \"seconds\": {:.3f}, \"folders\": {}, "
+                        "\"links\": {}, \"special\": {}, \"replaced\": {}}}\n",
+                        plan, totals.files, report.skipped, report.deleted, report.resumed, totals.bytes, report.reused,
+                        totals.seconds, report.folders, report.links, report.special, report.replaced));
     return 0;
   }
   if (flags.dryRun) printPlan(report.plan, flags.verbose);
   std::string extra;
   if (report.links > 0) extra += ", " + counted(report.links, "link", "links");
   if (report.special > 0) extra += ", " + counted(report.special, "special file", "special files") + " left out";
+  if (report.reused > 0) extra += fmt::format(", {} reused", formatBytes(report.reused));
   if (report.resumed > 0) extra += fmt::format(", {} resumed", report.resumed);
   if (report.skipped > 0) extra += fmt::format(", {} unchanged", report.skipped);
   if (report.deleted > 0) extra += fmt::format(", {} deleted", report.deleted);

@@ -23,6 +23,8 @@ struct TransferFlags {
   bool deleteExtraneous = false;
   bool dryRun = false;
   bool noResume = false;
+  bool delta = false;      // every changed file with an old version as a delta
+  bool wholeFile = false;  // never a delta
   bool ignoreSuspectNames = false;
   bool verbose = false;  // a dry run also names what the filter leaves out
   // Choosing files: the options as given; the filter built from them, in

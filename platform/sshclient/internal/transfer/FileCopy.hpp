@@ -15,7 +15,9 @@
 // offered, else a plain rename and, where that refuses to replace a regular
 // file, a move aside and back. Local files are made in their folder's open
 // descriptor (LocalDir), never through a link. A file whose size or time
-// changes while it is read fails ("changed while being read").
+// changes while it is read fails ("changed while being read"). A delta's
+// temporary arrives made (DeltaCopy.hpp): only the changed ranges are sent
+// into it, it is cut to the source's size, and it is renamed the same way.
 //
 // A failed file's temporary goes and the observer is told; with
 // stopOnFailure no new file starts afterwards. cancel() (a stop) fails every
@@ -23,6 +25,8 @@
 // abandon() (a broken stream) only closes and removes local temporaries.
 // Owns its jobs; calls only the session, the local file system and the
 // observer. Not thread-safe.
+
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <deque>
@@ -34,6 +38,7 @@
 #include <vector>
 
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Delta.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
 
@@ -62,6 +67,14 @@ struct FileTask {
   Kept kept;               // mode and times to set
   std::string resumeTemp;  // an earlier run's verified temporary (its name)
   std::uint64_t resumeFrom = 0;
+  // A delta: `resumeTemp` is a temporary of this transfer (not resumable)
+  // that holds the old version's bytes; only `ranges` of the source are sent
+  // into it, and it is cut to `size`. An upload's source must still have
+  // `size` and `hashedMtime`, as when its blocks were hashed.
+  bool delta = false;
+  std::vector<ByteRange> ranges;
+  std::uint64_t reused = 0;
+  struct timespec hashedMtime {};
   void* owner = nullptr;  // the caller's, handed back
 };
 
@@ -82,7 +95,12 @@ struct TransferCounters {
   std::uint64_t bytesTotal = 0;
   std::size_t filesDone = 0;
   std::size_t resumed = 0;
+  std::uint64_t reused = 0;  // file data taken from old versions (deltas)
 };
+
+// "cannot upload 'a' to 'b' on peer: " (or the download's words): how the
+// failure of a file begins.
+[[nodiscard]] std::string failedCopy(FileTask const& task, bool upload, std::string const& peer);
 
 class FileCopier final : public sftp::ReplyHandler {
  public:
@@ -137,6 +155,7 @@ class FileCopier final : public sftp::ReplyHandler {
   void issueReads(Job& job);
   void onRead(Job& job, sftp::Ticket const& ticket, sftp::Reply const& reply);
   void onProbe(Job& job, sftp::Reply const& reply);
+  void onRecheck(Job& job, sftp::Reply const& reply);
   bool writeBehind(Job& job, std::uint64_t offset, sftp::ByteView data);
   bool flush(Job& job);
   void finishDownload(Job& job);

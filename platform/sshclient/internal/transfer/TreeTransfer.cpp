@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -71,6 +73,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
       progressInterval_(options.progressInterval),
       lastReport_(std::chrono::steady_clock::now()),
       random_(std::random_device{}()),
+      probe_(session),
       lister_(session, *this, command.getOptions().followLinks) {
   CopySettings copy;
   copy.upload = upload_;
@@ -81,6 +84,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
   copy.resume = options_.resume;
   copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
+  deltas_ = std::make_unique<DeltaCopier>(session, shell, copy, *copier_, *this, counters_);
   session_.usePosixRename(options.usePosixRename);
 }
 
@@ -93,31 +97,34 @@ TreeTransferReport TreeTransfer::run() {
     rootsReady_ = true;
     walk();
   } catch (SSHError const& e) {
-    copier_->abandon();
+    abandon();
     std::string cause = e.what();
     if (cause.starts_with(session_.peer() + ": ")) cause.erase(0, session_.peer().size() + 2);
     auto context = copier_->context();
     if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
     throw SSHError(e.kind(), context + cause);
   } catch (sftp::ProtocolError const& e) {
-    copier_->abandon();
+    abandon();
     auto context = copier_->context();
     if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
     throw SSHError(SSHError::Kind::Transfer, context + e.what());
   } catch (...) {
-    copier_->abandon();
+    abandon();
     throw;
   }
   if (cancelled_) std::rethrow_exception(cancelled_);
   reportProgress(true);
+  for (auto& line : deltas_->takeDetails()) report_.details.push_back(fl::i18n::utf8_to_ustring(line));
   if (!dryRun_) {
     report_.files = counters_.filesDone;
     report_.bytes = counters_.bytesDone;
     report_.resumed = counters_.resumed;
+    report_.reused = counters_.reused;
   } else {
     // Listings come in the servers' order; a plan reads best by name.
     auto const rank = [](PlannedChange const& change) {
-      return change.action == Change::Resume ? static_cast<int>(Change::Copy) : static_cast<int>(change.action);
+      bool const copies = change.action == Change::Resume || change.action == Change::Delta;
+      return copies ? static_cast<int>(Change::Copy) : static_cast<int>(change.action);
     };
     std::stable_sort(report_.plan.begin(), report_.plan.end(), [&](PlannedChange const& a, PlannedChange const& b) {
       return rank(a) != rank(b) ? rank(a) < rank(b) : a.path < b.path;
@@ -141,18 +148,26 @@ TreeTransferReport TreeTransfer::run() {
 
 void TreeTransfer::walk() {
   for (;;) {
+    planMeasured();
     startFolders();
+    deltas_->poll();
     copier_->poll();
-    if (waiting_.empty() && folders_.empty() && removals_.empty() && copier_->idle() && session_.pending() == 0 &&
-        session_.queuedBytes() == 0) {
+    bool const quiet = session_.pending() == 0 && session_.queuedBytes() == 0;
+    if (quiet && waiting_.empty() && folders_.empty() && removals_.empty() && copier_->idle() && deltas_->idle()) {
       return;
     }
-    if (session_.pending() == 0 && session_.queuedBytes() == 0 && (!waiting_.empty() || !copier_->idle())) {
+    if (deltas_->busy() || (quiet && (!waiting_.empty() || !copier_->idle()))) {
       // Work that needs no answer: go round without sleeping.
       continue;
     }
-    if (session_.pending() == 0 && session_.queuedBytes() == 0) throw std::logic_error("tree transfer stalled");
-    session_.pump();
+    if (deltas_->running()) {
+      // A command's news may come in with the SFTP replies: sleep only after
+      // the pump, and only when neither has anything.
+      if (!session_.pump(false) && !deltas_->news()) session_.wait();
+    } else {
+      if (quiet) throw std::logic_error("tree transfer stalled");
+      session_.pump();
+    }
     reportProgress(false);
   }
 }
@@ -304,12 +319,53 @@ void TreeTransfer::decide(Folder& folder) {
   // A destination that cannot be read is only not known: nothing there is removed.
   if (!destination.error.empty() || !destination.problems.empty()) folder.broken = true;
   auto const* existing = folder.destinationKnown ? &destination : nullptr;
-  ChecksumAnswers checksums;
   if (auto const names = checksumCandidates(source, existing, settings_); !names.empty()) {
-    checksums = compareChecksums(folder, names);
+    folder.checksums = compareChecksums(folder, names);
   }
+  if (auto const* candidate = linkSpeedNeededFor(source, existing, settings_, folder.checksums)) {
+    return measureLink(folder, *candidate);
+  }
+  planAndAct(folder);
+}
+
+// The link is measured once, on the first file that could go as a delta;
+// folders that need it wait for the answer.
+void TreeTransfer::measureLink(Folder& folder, Entry const& candidate) {
+  folder.state = Folder::State::Measuring;
+  measuring_.push_back(&folder);
+  if (probe_.started()) return;
+  if (upload_) {
+    probe_.start(target(folder, candidate.name), folder.destinationListing.find(candidate.name)->size);
+  } else {
+    probe_.start(sourcePathOf(folder, candidate.name), candidate.size);
+  }
+}
+
+void TreeTransfer::planMeasured() {
+  if (measuring_.empty() || !probe_.done()) return;
+  if (!settings_.link) {
+    auto const& speed = probe_.speed();
+    settings_.link = speed;
+    std::array<char, 160> line{};
+    std::snprintf(line.data(), line.size(), "the link moved %.1f MB/s with a round trip of %.1f ms",  // NOLINT
+                  speed.bytesPerSecond / 1e6, speed.roundTripSeconds * 1e3);
+    report_.details.push_back(fl::i18n::utf8_to_ustring(
+        std::string(line.data()) +
+        ": changed files go as deltas where hashing both sides takes less time than sending them"));
+  }
+  for (auto* folder : std::exchange(measuring_, {})) {
+    if (stopping_) {
+      release(*folder);
+    } else {
+      planAndAct(*folder);
+    }
+  }
+}
+
+void TreeTransfer::planAndAct(Folder& folder) {
+  auto const* existing = folder.destinationKnown ? &folder.destinationListing : nullptr;
   FolderScope const scope{.deletes = !folder.aboveRoot, .aboveRoots = folder.aboveRoot};
-  folder.plan = planFolder(source, existing, settings_, scope, checksums, folder.kept);
+  folder.plan = planFolder(folder.sourceListing, existing, settings_, scope, folder.checksums, folder.kept);
   folder.state = Folder::State::Working;
   carryOut(folder);
   tryFinish(folder);
@@ -354,6 +410,7 @@ void TreeTransfer::act(Folder& folder, std::size_t index) {
     case Step::FixAttributes:
       return fixAttributes(folder, index);
     case Step::Copy:
+    case Step::Delta:
       return copyFile(folder, index);
     case Step::Skip:
       if (action.source->type != EntryType::File) return;
@@ -540,13 +597,16 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
   }
   ++filesTotal_;
   counters_.bytesTotal += source.size - task.resumeFrom;
+  bool const delta = action.step == Step::Delta;
   if (dryRun_) {
     ++report_.files;
     report_.bytes += source.size - task.resumeFrom;
     if (task.resumeFrom > 0) ++report_.resumed;
-    return plan(task.resumeFrom > 0 ? Change::Resume : Change::Copy, path, source.size - task.resumeFrom);
+    auto const change = delta ? Change::Delta : task.resumeFrom > 0 ? Change::Resume : Change::Copy;
+    return plan(change, path, source.size - task.resumeFrom);
   }
   ++folder.outstanding;
+  if (delta) return deltas_->add(std::move(task), action.existing->size);
   copier_->add(std::move(task));
 }
 
@@ -752,15 +812,23 @@ void TreeTransfer::reportProgress(bool final) {
     progress.filesDone = counters_.filesDone;
     progress.filesTotal = filesTotal_;
     progress.listing = !waiting_.empty() || listing_ > 0;
-    if (auto const current = copier_->current()) progress.currentFile = fl::i18n::utf8_to_ustring(*current);
+    auto current = copier_->current();
+    if (!current) current = deltas_->current();
+    if (current) progress.currentFile = fl::i18n::utf8_to_ustring(*current);
   }
   try {
     progress_(progress);
   } catch (...) {
     cancelled_ = std::current_exception();
     stopping_ = true;
+    deltas_->cancel();
     copier_->cancel();
   }
+}
+
+void TreeTransfer::abandon() noexcept {
+  deltas_->abandon();
+  copier_->abandon();
 }
 
 }  // namespace foundation::sshclient::internal::transfer
