@@ -115,6 +115,13 @@ std::optional<std::string> DeltaCopier::current() const {
   return std::nullopt;
 }
 
+std::string DeltaCopier::context() const {
+  for (auto const& job : jobs_) {
+    if (job->phase != Job::Phase::Done) return failedCopy(job->task, settings_.upload, session_.peer());
+  }
+  return {};
+}
+
 std::vector<std::string> DeltaCopier::takeDetails() { return std::exchange(details_, {}); }
 
 void DeltaCopier::poll() {

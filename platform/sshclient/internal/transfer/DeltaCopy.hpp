@@ -65,6 +65,9 @@ class DeltaCopier final : public sftp::ReplyHandler {
   [[nodiscard]] bool running() const noexcept;
   [[nodiscard]] bool news() const;
   [[nodiscard]] std::optional<std::string> current() const;
+  // "cannot upload 'a' to 'b' on peer: " for the file under way, for a
+  // failure of the whole stream; "" when none is.
+  [[nodiscard]] std::string context() const;
   // Lines for a verbose reader: files that went whole after all, and why.
   [[nodiscard]] std::vector<std::string> takeDetails();
 

@@ -100,14 +100,10 @@ TreeTransferReport TreeTransfer::run() {
     abandon();
     std::string cause = e.what();
     if (cause.starts_with(session_.peer() + ": ")) cause.erase(0, session_.peer().size() + 2);
-    auto context = copier_->context();
-    if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
-    throw SSHError(e.kind(), context + cause);
+    throw SSHError(e.kind(), streamContext() + cause);
   } catch (sftp::ProtocolError const& e) {
     abandon();
-    auto context = copier_->context();
-    if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
-    throw SSHError(SSHError::Kind::Transfer, context + e.what());
+    throw SSHError(SSHError::Kind::Transfer, streamContext() + e.what());
   } catch (...) {
     abandon();
     throw;
@@ -824,6 +820,14 @@ void TreeTransfer::reportProgress(bool final) {
     deltas_->cancel();
     copier_->cancel();
   }
+}
+
+// What a failure of the whole stream names: the file under way, else the session.
+std::string TreeTransfer::streamContext() const {
+  auto context = copier_->context();
+  if (context.empty()) context = deltas_->context();
+  if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
+  return context;
 }
 
 void TreeTransfer::abandon() noexcept {

@@ -135,6 +135,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void plan(PlannedChange::Action action, std::string const& path, std::uint64_t bytes);
   void reportProgress(bool final);
   void abandon() noexcept;
+  [[nodiscard]] std::string streamContext() const;
   [[nodiscard]] std::string describePair(std::size_t item) const;
   [[nodiscard]] std::string where(std::string const& path) const;
   // The destination path of a name in a folder, which every change in the
