@@ -208,6 +208,8 @@ std::vector<CostCase> const kCostCases{
     {"2MiBOverALongLinkCostsMoreRoundTripsThanItSaves", 2 * kMiB, 2 * kMiB, {12.5e6, 0.05}, false},
     {"8MiBOverALongLinkPays", 8 * kMiB, 8 * kMiB, {12.5e6, 0.05}, true},
     {"ALargeOldVersionIsHashedToo", 8 * kMiB, 1024 * kMiB, {12.5e6, 0.05}, false},
+    {"ATinyOldVersionSavesNothing", 64 * kMiB, 1000, {12.5e6, 0.05}, false},
+    {"AGrownLogSavesItsOldBytes", 80 * kMiB, 64 * kMiB, {12.5e6, 0.05}, true},
     {"AnUnmeasuredLinkNeverPays", 64 * kMiB, 64 * kMiB, {0, 0}, false},
 };
 

@@ -176,11 +176,11 @@ bool deltaPays(std::uint64_t sourceSize, std::uint64_t oldSize, LinkSpeed const&
   if (link.bytesPerSecond <= 0 || costs.hashBytesPerSecond <= 0) return false;
   auto const larger = std::max(sourceSize, oldSize);
   auto const blocks = blockCount(larger, deltaBlockSize(sourceSize, oldSize));
-  double const whole = static_cast<double>(sourceSize) / link.bytesPerSecond;
-  double const delta =
+  double const saved = static_cast<double>(std::min(sourceSize, oldSize)) / link.bytesPerSecond;
+  double const cost =
       static_cast<double>(larger) / costs.hashBytesPerSecond + static_cast<double>(blocks) * costs.secondsPerBlock +
       static_cast<double>(oldSize) / costs.copyBytesPerSecond + costs.roundTrips * link.roundTripSeconds;
-  return delta < whole;
+  return cost < saved;
 }
 
 }  // namespace foundation::sshclient::internal::transfer

@@ -118,9 +118,10 @@ struct DeltaCosts {
   double roundTrips = 6;
 };
 
-// Whether hashing both sides costs less time than sending the source whole
-// over `link`: the rule that picks a delta by itself. Nothing pays over a
-// link that moves nothing measurable (a rate of 0: not measured).
+// Whether hashing both sides costs less time than the old version can save
+// over `link` (at most its bytes, or the source's, need not be sent): the
+// rule that picks a delta by itself. Nothing pays over a link that moves
+// nothing measurable (a rate of 0: not measured).
 [[nodiscard]] bool deltaPays(std::uint64_t sourceSize, std::uint64_t oldSize, LinkSpeed const& link,
                              DeltaCosts const& costs = {});
 

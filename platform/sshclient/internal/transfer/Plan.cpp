@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint32_t kPermissionBits = 0777;
 constexpr std::uint32_t kModeBits = 07777;
 constexpr std::size_t kSteps = static_cast<std::size_t>(Step::Delete) + 1;
-// Below this a delta's round trips cost more than the data it saves.
+// Below this a delta's round trips cost more than the data it can save.
 constexpr std::uint64_t kAutoDeltaMinimum = 1024U * 1024U;
 
 Action actionFor(Step step, std::string const& name, Entry const* source, Entry const* existing) {
@@ -85,8 +85,8 @@ Action placeFolder(Entry const& source, Entry const* existing, PlanSettings cons
 
 // A file that Auto may send as a delta, once the link is known.
 bool deltaCandidate(Entry const& source, Entry const& existing) {
-  return source.type == EntryType::File && existing.type == EntryType::File && source.size >= kAutoDeltaMinimum &&
-         existing.size > 0;
+  return source.type == EntryType::File && existing.type == EntryType::File &&
+         std::min(source.size, existing.size) >= kAutoDeltaMinimum;
 }
 
 bool resumableFor(Action const& action, Entry const& temporary, PlanSettings const& settings) {

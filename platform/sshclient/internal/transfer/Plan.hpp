@@ -110,8 +110,9 @@ struct Kept {
 using ChecksumAnswers = std::unordered_map<std::string, bool>;
 
 // Whether a source file whose destination holds `existing` goes as a
-// delta: asked for, or under DeltaMode::Auto a file of at least 1 MiB over a
-// non-empty old version where the measured link makes it pay (deltaPays).
+// delta: asked for, or under DeltaMode::Auto a file of at least 1 MiB over an
+// old version of at least 1 MiB where the measured link makes it pay
+// (deltaPays).
 [[nodiscard]] bool sendsDelta(Entry const& source, Entry const& existing, PlanSettings const& settings);
 // Under DeltaMode::Auto, before the link is measured: the first changed
 // file of the folder that could go as a delta, for which the link must be
