@@ -3,7 +3,8 @@
 PNG bar chart per workload (gnuplot).
 
 Usage: report.py RESULTS.tsv MACHINE.tsv CIPHERS.tsv OUT_DIR [NAME [VALUES.tsv]]
-RESULTS.tsv: workload, tool, round, seconds (counted rounds only).
+RESULTS.tsv: workload, tool, round, seconds (counted rounds only). A latency
+row's workload is NAME@LINK: "loopback", "50ms" (1 Gbit/s) or "50ms-100M".
 NAME: the report's file name without .md (default: the date); the charts are
 NAME-<workload>.png.
 VALUES.tsv: workload, tool, round, key, value: what a step did besides taking
@@ -38,6 +39,17 @@ WORKLOADS = collections.OrderedDict([
     ("resume-1g", "1 GiB file, re-run of an upload interrupted at about 512 MiB"),
 ])
 
+# The latency rows, each run once per link; their workload is NAME@LINK.
+LATENCY = collections.OrderedDict([
+    ("lat-up-128m", "one 128 MiB file, upload"),
+    ("lat-down-128m", "one 128 MiB file, download"),
+    ("lat-small-300", "300 files of 2-6 KiB in one folder, upload"),
+    ("lat-exists-200", "existence of 200 remote paths (half of them missing), connection set-up included"),
+    ("lat-connect", "connection set-up, and the first answer"),
+])
+# Bytes moved by a row, for a rate next to its times.
+LATENCY_BYTES = {"lat-up-128m": 128 << 20, "lat-down-128m": 128 << 20}
+
 # What each tool's number is, per workload kind.
 TIMED = {
     "transfer": "wall time of the whole process (connection included)",
@@ -54,6 +66,20 @@ TIMED = {
             "every step (untimed). No-op floors, for reference: sshfa-empty-folder is `sshfa put` of an empty "
             "folder that is already there (connection, SFTP session, one listing), ssh-true the connection that "
             "rsync starts with",
+    "latency-exists": "sshfa and paramiko: the library's own timing of connection set-up and the work (sshfa: "
+                      "also the start of its persistent shell; the 200 paths in one call of the list form of "
+                      "`exists`); sshfa-tool: `sshfa exists` of the 200 paths, the whole process; sftp-batch: one "
+                      "`sftp -b` with an `ls` per path, the whole process; ssh-one-command: one `ssh` running a "
+                      "loop of `test -e` on the far side, the whole process",
+    "latency-connect": "sshfa: the library's constructor (connect and authenticate); sshfa-first-command: the "
+                       "constructor and a first `exists`, which starts the persistent shell; sshfa-tool-exists: "
+                       "`sshfa exists /`, the whole process (its `ssh -G` included); sshfa-tool-put-one: `sshfa put` "
+                       "of one 2-6 KiB file, the whole process; ssh-true: `ssh host true`, the whole process; "
+                       "paramiko: connect, authenticate and open SFTP",
+    "scale": "wall time of the whole process (connection included), on disk; TOOL-put copies the tree into an "
+             "empty folder, TOOL-noop runs the same put again, TOOL-get copies the tree back into an empty folder; "
+             "tar-put and tar-get are a tar pipe over ssh. Peak memory: the client's maximum resident set "
+             "(`/usr/bin/time -f %M`); for rsync and tar the local process only",
     "resume": "wall time of the whole re-run (connection included); before every step, untimed, the same "
               "tool's upload into an empty folder is killed (SIGKILL) once its file there holds 512 MiB. "
               "sshfa-no-resume is the same re-run with `--no-resume` (it starts over), for reference",
@@ -71,13 +97,55 @@ VALUE_COLUMNS = [
     ("wire", "all bytes sent (rsync's count)", lambda v: mib_text(v)),
     ("resumed", "files resumed (sshfa's count)", lambda v: f"{v:.0f}"),
     ("leftover", "other files left in the folder", lambda v: f"{v:.0f}"),
+    ("memory", "peak memory", lambda v: mib_text(v)),
 ]
 
 KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "transfer", "download-10k": "transfer",
         "small-1": "transfer", "small-300": "transfer",
         "stat-10k": "query", "exists-1000": "query-with-setup", "list-100k": "query", "connect": "connect",
         "sftp-exists-1000": "query", "sftp-stat-1000": "query",
-        "noop-10k": "sync", "changed-10k": "sync", "resume-1g": "resume"}
+        "noop-10k": "sync", "changed-10k": "sync", "resume-1g": "resume",
+        "lat-up-128m": "transfer", "lat-down-128m": "transfer", "lat-small-300": "transfer",
+        "lat-exists-200": "latency-exists", "lat-connect": "latency-connect",
+        "scale-100k": "scale", "scale-1m": "scale"}
+
+# The file counts of the scale rows.
+SCALE_FILES = {"scale-100k": 100_000, "scale-1m": 1_000_000}
+
+# The link of the goals of the latency rows.
+GOAL_LINK = "50ms"
+
+
+def link_text(link):
+    """'50ms-100M' -> '50 ms round trip, 100 Mbit/s'."""
+    if link == "loopback":
+        return "loopback, no relay"
+    rtt, _, rate = link.partition("-")
+    rate = rate or "1G"
+    unit = {"k": "kbit/s", "M": "Mbit/s", "G": "Gbit/s"}.get(rate[-1], "bit/s")
+    return f"{rtt[:-2]} ms round trip, {rate.rstrip('kMG')} {unit}"
+
+
+def split_row(workload):
+    """'lat-up-128m@50ms' -> ('lat-up-128m', '50ms'); other workloads have no link."""
+    base, _, link = workload.partition("@")
+    return base, link or None
+
+
+def title_of(workload):
+    base, link = split_row(workload)
+    if link is None:
+        return WORKLOADS[base]
+    return f"{LATENCY[base]}, {link_text(link)}"
+
+
+def ordered_rows(times):
+    """The workloads that ran: the loopback ones in their order, then the latency
+    rows by workload, each in the order its links ran."""
+    rows = [w for w in WORKLOADS if w in times]
+    for base in LATENCY:
+        rows += [w for w in times if split_row(w)[0] == base]
+    return rows
 
 
 def read_tsv(path):
@@ -147,12 +215,60 @@ def goals(medians, values=None):
             rows.append((f"10,000 files, {label}: <= {'⅓' if most < 0.4 else '½'} of `rsync -a`'s time",
                          f"ratio {ratio:.3f} ({seconds_text(ours(w))} against {seconds_text(peer(w, 'rsync-a'))})",
                          ratio <= most + 1e-9))
+    at = f"@{GOAL_LINK}"
+    for w, label in (("lat-up-128m", "upload"), ("lat-down-128m", "download")):
+        peers = [t for t in (peer(w + at, "scp"), peer(w + at, "sftp")) if t]
+        if ours(w + at) and peers:
+            faster = min(peers) / ours(w + at)
+            rows.append((f"{link_text(GOAL_LINK)}: 128 MiB {label} >= 2x as fast as the faster of `scp` and `sftp`",
+                         f"{faster:.2f}x ({128 * 1.048576 / ours(w + at):.1f} MB/s)", faster >= 2))
+    if ours("lat-small-300" + at) and peer("lat-small-300" + at, "rsync-a"):
+        faster = peer("lat-small-300" + at, "rsync-a") / ours("lat-small-300" + at)
+        rows.append((f"{link_text(GOAL_LINK)}: 300 small files up >= 2x as fast as `rsync -a`", f"{faster:.2f}x",
+                     faster >= 2))
+    if ours("lat-exists-200" + at) and peer("lat-exists-200" + at, "paramiko"):
+        faster = peer("lat-exists-200" + at, "paramiko") / ours("lat-exists-200" + at)
+        rows.append((f"{link_text(GOAL_LINK)}: `exists` of 200 paths >= 20x as fast as paramiko's loop",
+                     f"{faster:.2f}x", faster >= 20))
+    for tool in ("sshfa-first-command", "sshfa-tool-exists"):
+        if peer("lat-connect" + at, tool) and peer("lat-connect" + at, "ssh-true"):
+            ratio = peer("lat-connect" + at, tool) / peer("lat-connect" + at, "ssh-true")
+            rows.append((f"{link_text(GOAL_LINK)}: connection and first answer ({tool}) no slower than "
+                         "`ssh host true`", f"ratio {ratio:.2f}", ratio <= 1.0))
     resume = values.get("resume-1g", {}).get(OURS, {})
     if ours("resume-1g") and "share" in resume:
         share = resume["share"]
         rows.append(("1 GiB upload interrupted at about 50 %: the re-run sends <= 55 % of the file",
                      f"{share * 100:.1f} % ({mib_text(resume['sent'])})", share <= 0.55))
     return rows
+
+
+def glance(times, medians):
+    """Per latency workload, a table of every tool's median on every link."""
+    lines = []
+    for base, title in LATENCY.items():
+        rows = [w for w in times if split_row(w)[0] == base]
+        if not rows:
+            continue
+        tools = []
+        for w in rows:
+            tools += [t for t in times[w] if t not in tools]
+        size = LATENCY_BYTES.get(base)
+        lines += ["", f"### {title[0].upper() + title[1:]}", "",
+                  "| link | " + " | ".join(tools) + " |", "|---|" + "---|" * len(tools)]
+        for w in rows:
+            cells = []
+            for t in tools:
+                m = medians[w].get(t)
+                cell = "" if m is None else seconds_text(m)
+                if m is not None and size:
+                    cell += f" ({size / m / 1e6:.0f} MB/s)"
+                cells.append(cell)
+            lines.append(f"| {link_text(split_row(w)[1])} | " + " | ".join(cells) + " |")
+    if lines:
+        lines = ["", "## Latency rows at a glance", "", "Medians; for the 128 MiB file also the rate (MB/s, "
+                 "10^6 bytes a second). Each row has a section of its own below, with its chart."] + lines
+    return lines
 
 
 def chart(title, rows, png):
@@ -185,6 +301,41 @@ plot "{data}" using 1:3:xtic(2) with boxes lc rgb "#4a7ebb", \\
 """
     subprocess.run(["gnuplot"], input=script, text=True, check=True)
     os.remove(data)
+
+
+def scale_chart(medians, values, png):
+    """Time and peak memory against the file count, a line per tool and step."""
+    rows = [w for w in SCALE_FILES if w in medians]
+    if len(rows) < 2:
+        return False
+    tools = [t for t in medians[rows[0]] if all(t in medians[w] for w in rows)]
+    data = png + ".dat"
+    with open(data, "w", encoding="utf-8") as f:
+        for i, tool in enumerate(tools):
+            f.write(f'# "{tool}"\n')
+            for w in rows:
+                memory = values.get(w, {}).get(tool, {}).get("memory", 0) / 1048576
+                f.write(f"{SCALE_FILES[w]} {medians[w][tool]} {memory}\n")
+            f.write("\n\n")
+    plots = ", ".join(f'"{data}" index {i} using 1:{{col}} with linespoints title "{t}"'
+                      for i, t in enumerate(tools))
+    script = f"""
+set terminal pngcairo size 1000,440 font ",10"
+set output "{png}"
+set multiplot layout 1,2 title "Trees of 100-byte files (lower is better)"
+set logscale x
+set xlabel "files"
+set key top left
+set grid
+set ylabel "seconds"
+plot {plots.format(col=2)}
+set ylabel "peak memory, MiB"
+plot {plots.format(col=3)}
+unset multiplot
+"""
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+    os.remove(data)
+    return True
 
 
 def read_values(path):
@@ -224,7 +375,12 @@ def main():
     lines = [f"# Benchmarks of {date}", "",
              "Made by `scripts/bench.sh`: a private OpenSSH sshd on 127.0.0.1, every file on tmpfs, the tools run "
              f"in turn (A B C A B C ...), one checked warm-up round then {runs} counted rounds. "
-             "A ratio is ours ÷ peer: below 1 means sshfa is faster.", "",
+             "A ratio is ours ÷ peer: below 1 means sshfa is faster." + (
+                 " Latency rows (a workload at a link): the same sshd reached through `link_emulator`, a relay "
+                 "of this repository (support/link_emulator): half the round trip each way, the rate limit "
+                 "in each direction, a bottleneck queue of one bandwidth-delay product, and a new "
+                 "connection's bytes held back for one round trip as by a TCP handshake; loopback rows reach "
+                 "the sshd directly." if any("@" in w for w in times) else ""), "",
              "## Machine", "", "| | |", "|---|---|"]
     lines += [f"| {key} | {value} |" for key, value in machine]
     lines += ["", "Negotiated ciphers (sshd's log of each tool's warm-up; ControlMaster rows reuse one connection):",
@@ -237,15 +393,16 @@ def main():
         lines += ["", "## Goals", "", "| goal | measured | |", "|---|---|---|"]
         lines += [f"| {g} | {m} | {'met' if ok else '**missed**'} |" for g, m, ok in goal_rows]
 
-    for workload, title in WORKLOADS.items():
-        if workload not in times:
-            continue
+    lines += glance(times, medians)
+
+    for workload in ordered_rows(times):
+        title = title_of(workload)
         tools = order[workload]
         ours = medians[workload].get(OURS)
         shown = values.get(workload, {})
         columns = [c for c in VALUE_COLUMNS if any(c[0] in keys for keys in shown.values())]
         lines += ["", f"## {title[0].upper() + title[1:]}", "",
-                  f"Time: {TIMED[KIND[workload]]}.", "",
+                  f"Time: {TIMED[KIND[split_row(workload)[0]]]}.", "",
                   "| tool | median | min - max | sshfa ÷ tool |" + "".join(f" {c[1]} |" for c in columns),
                   "|---|---|---|---|" + "---|" * len(columns)]
         rows = []
@@ -265,9 +422,12 @@ def main():
                       + (" Files written in the destination: files whose inode or change time differs after the "
                          "step (written, replaced or given their times again)."
                          if any(c[0] == "written" for c in columns) else "")]
-        png = f"{name}-{workload}.png"
+        png = f"{name}-{workload.replace('@', '-')}.png"
         chart(title, rows, os.path.join(out_dir, png))
         lines += ["", f"![{title}]({png})"]
+
+    if scale_chart(medians, values, os.path.join(out_dir, f"{name}-scale.png")):
+        lines += ["", "## Time and memory against the number of files", "", f"![scale]({name}-scale.png)"]
 
     report = os.path.join(out_dir, f"{name}.md")
     with open(report, "w", encoding="utf-8") as f:

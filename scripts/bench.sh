@@ -12,7 +12,14 @@
 #                                     stat-10k exists-1000 list-100k
 #                                     sftp-exists-1000 sftp-stat-1000
 #                                     connect noop-10k changed-10k
-#                                     resume-1g (default: all)
+#                                     resume-1g (default: all of these)
+#                                     latency, or some of lat-up-128m
+#                                     lat-down-128m lat-small-300
+#                                     lat-exists-200 lat-connect: the
+#                                     latency rows, once per link of
+#                                     SSHFA_BENCH_LINKS; scale, or one of
+#                                     scale-100k scale-1m: trees of
+#                                     100-byte files, with peak memory
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
 #   SSHFA_BENCH_OUT   report folder (default: bench/results)
@@ -20,6 +27,15 @@
 #                     kernel frees what the previous step removed meanwhile
 #   SSHFA_BENCH_NAME  a suffix for the report's name: <date>-NAME.md (an
 #                     existing report is never replaced: -2, -3, ... follow)
+#   SSHFA_BENCH_SCALE_RUNS  counted rounds of the scale rows (default 1)
+#   SSHFA_BENCH_SCALE_DIR   where their trees live (default: BUILD_DIR/scale,
+#                     on disk: 1,000,000 files would not fit in tmpfs)
+#   SSHFA_BENCH_LINKS the links of the latency rows, each a round trip in ms
+#                     with an optional /RATE (bits/s, k M G; default 1G);
+#                     0 is loopback without the relay (default:
+#                     "0 20 50 100 50/100M"). The relay is link_emulator:
+#                     half the round trip each way, a bottleneck queue of one
+#                     bandwidth-delay product.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -32,9 +48,31 @@ name=${SSHFA_BENCH_NAME:-}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
 all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k
   sftp-exists-1000 sftp-stat-1000 connect noop-10k changed-10k resume-1g"
-workloads=${*:-$all_workloads}
-for w in $workloads; do
-  case " $(echo $all_workloads) " in *" $w "*) ;; *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;; esac
+latency_workloads="lat-up-128m lat-down-128m lat-small-300 lat-exists-200 lat-connect"
+# Trees of 100-byte files, by name only (long): put, a no-op put and get of
+# each tool, with time and peak memory. "scale" runs both.
+scale_workloads="scale-100k scale-1m"
+scale_runs=${SSHFA_BENCH_SCALE_RUNS:-1}
+links=${SSHFA_BENCH_LINKS:-0 20 50 100 50/100M}
+workloads= latency_rows=
+for w in ${*:-$all_workloads}; do
+  case " $(echo $all_workloads) " in
+  *" $w "*) workloads+=" $w" ;;
+  *)
+    case " latency $latency_workloads " in
+    *" $w "*) latency_rows+=" ${w/#latency/$latency_workloads}" ;;
+    *)
+      case " scale $scale_workloads " in
+      *" $w "*) workloads+=" ${w/#scale/$scale_workloads}" ;;
+      *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;;
+      esac
+      ;;
+    esac
+    ;;
+  esac
+done
+for link in $links; do
+  [[ $link =~ ^[0-9]+(/[0-9]+[kMG]?)?$ ]] || { echo "bench.sh: bad link '$link' in SSHFA_BENCH_LINKS" >&2; exit 2; }
 done
 
 if [ "$(id -u)" -eq 0 ]; then
@@ -44,15 +82,20 @@ else
 fi
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSSHFA_WERROR=OFF \
   -DSSHFA_BUILD_TOOLS=ON -DSSHFA_BUILD_TESTS=OFF -DSSHFA_BUILD_BENCHMARKS=ON >/dev/null
-cmake --build "$build_dir" --target sshfa workload -j "$(nproc)"
+cmake --build "$build_dir" --target sshfa workload link_emulator -j "$(nproc)"
 sshfa_bin=$root/$build_dir/tools/sshfa/sshfa
 workload_bin=$root/$build_dir/bench/workload
+link_bin=$root/$build_dir/support/link_emulator/link_emulator
+# What was measured: the commit built now, not the one checked out when the run ends.
+sshfa_commit=$(git -C "$root" rev-parse --short HEAD)
+[ -z "$(git -C "$root" status --porcelain --untracked-files=no)" ] || sshfa_commit+=" with uncommitted changes"
 
 # ---- a private sshd on tmpfs -------------------------------------------------
 [ "$(stat -f -c %T /dev/shm)" = tmpfs ] || { echo "bench.sh: /dev/shm is not a tmpfs" >&2; exit 1; }
 work=$(mktemp -d /dev/shm/sshfa-bench.XXXXXX)
-sshd_pid=
+sshd_pid= link_pid=
 cleanup() {
+  [ -z "$link_pid" ] || kill "$link_pid" 2>/dev/null || true
   [ -z "$sshd_pid" ] || kill "$sshd_pid" 2>/dev/null || true
   ssh -F "$work/ssh_config" -O exit bench >/dev/null 2>&1 || true
   rm -rf "$work"
@@ -95,10 +138,16 @@ if [ ! -d /run/sshd ] && [ "$(id -u)" -eq 0 ]; then mkdir -p -m 0755 /run/sshd; 
 /usr/sbin/sshd -D -E "$work/sshd.log" -f "$work/sshd_config" &
 sshd_pid=$!
 echo "[127.0.0.1]:$port $(cut -d' ' -f1,2 "$work/host_key.pub")" >"$work/known_hosts"
-cat >"$work/ssh_config" <<EOF
+# Host bench is the sshd itself; the latency rows add a Host block per relay
+# before the settings that every host shares.
+cat >"$work/ssh_hosts" <<EOF
 Host bench
   HostName 127.0.0.1
   Port $port
+  ControlPath $work/control.sock
+EOF
+cat >"$work/ssh_common" <<EOF
+Host *
   User $user
   IdentityFile $work/user_key
   IdentitiesOnly yes
@@ -107,8 +156,8 @@ Host bench
   BatchMode yes
   Ciphers aes128-gcm@openssh.com
   Compression no
-  ControlPath $work/control.sock
 EOF
+cat "$work/ssh_hosts" "$work/ssh_common" >"$work/ssh_config"
 : >"$work/empty_config"
 for _ in $(seq 100); do
   ssh -F "$work/ssh_config" -o ControlPath=none bench true 2>/dev/null && break
@@ -586,6 +635,216 @@ resume_sshfa_over() { "${sshfa_cmd[@]}" put --json --no-resume "$big_local" "$re
 resume_rsync_partial() { rsync --partial --stats -e "$rsync_e" "$big_local" "bench:$resume_dst"; }
 resume_rsync_append() { rsync --partial --append-verify --stats -e "$rsync_e" "$big_local" "bench:$resume_dst"; }
 
+# ---- latency rows ---------------------------------------------------------------
+# The same sshd reached through link_emulator, once per link of
+# SSHFA_BENCH_LINKS: every tool addresses $lhost (OpenSSH's programs) or
+# $lport (sshfa and the libraries); on loopback (0) these are the sshd's own.
+lhost= lport= link_name= link_args=()
+start_link() {  # rtt[/rate]
+  local rtt=${1%%/*} rate=1G
+  [[ $1 != */* ]] || rate=${1#*/}
+  if [ "$rtt" -eq 0 ]; then
+    link_name=loopback lhost=bench lport=$port link_args=("${lib_args[@]}")
+    return
+  fi
+  link_name=${rtt}ms
+  [ "$rate" = 1G ] || link_name+=-$rate
+  "$link_bin" --target "127.0.0.1:$port" --delay-up-ms $((rtt / 2)) --delay-down-ms $((rtt - rtt / 2)) \
+    --rate "$rate" >"$work/link.out" 2>"$work/link.err" &
+  link_pid=$!
+  for _ in $(seq 100); do
+    grep -q '^listening' "$work/link.out" && break
+    kill -0 "$link_pid" 2>/dev/null || { echo "bench.sh: link_emulator did not start:" >&2; cat "$work/link.err" >&2; exit 1; }
+    sleep 0.05
+  done
+  lport=$(sed -n 's/^listening 127\.0\.0\.1://p' "$work/link.out")
+  [ -n "$lport" ] || { echo "bench.sh: link_emulator did not listen" >&2; exit 1; }
+  lhost=link-$lport
+  link_args=(--host 127.0.0.1 --port "$lport" --user "$user" --key "$work/user_key" --known-hosts "$work/known_hosts")
+  echo "[127.0.0.1]:$lport $(cut -d' ' -f1,2 "$work/host_key.pub")" >>"$work/known_hosts"
+  printf 'Host %s\n  HostName 127.0.0.1\n  Port %s\n' "$lhost" "$lport" >>"$work/ssh_hosts"
+  cat "$work/ssh_hosts" "$work/ssh_common" >"$work/ssh_config"
+  echo "== link $link_name: $(sed -n 2p "$work/link.out")" >&2
+}
+stop_link() {
+  [ -n "$link_pid" ] || return 0
+  kill "$link_pid"
+  wait "$link_pid" 2>/dev/null || true
+  link_pid=
+}
+lsshfa() {
+  "$sshfa_bin" --host 127.0.0.1 --port "$lport" --user "$user" --identity "$work/user_key" \
+    --known-hosts "$work/known_hosts" --ssh-config "$work/empty_config" --batch "$@"
+}
+lours() { "$workload_bin" "${link_args[@]}" "$@"; }
+lparamiko() { "$python" "$root/bench/peers/paramiko_peer.py" "${link_args[@]}" "$@"; }
+lssh() { ssh "${ssh_cfg[@]}" -o ControlPath=none "$lhost" "$@"; }
+lsftp() { sftp "${ssh_cfg[@]}" -o ControlPath=none -b - "$lhost"; }
+
+# One file of 128 MiB, incompressible.
+lat_big=$local_dir/lat-128m.bin
+lat_big_remote=$remote_dir/lat-128m.bin
+lat_up=$remote_dir/lat-128m-up.bin
+lat_down=$local_dir/lat-128m-down.bin
+make_lat_big() { [ -f "$lat_big" ] || { head -c 134217728 /dev/urandom >"$lat_big" && cp "$lat_big" "$lat_big_remote"; }; }
+reset_lat_up() { rm -f "$lat_up"; }
+reset_lat_down() { rm -f "$lat_down"; }
+check_lat_up() { cmp -s "$lat_big" "$lat_up"; }
+check_lat_down() { cmp -s "$lat_big_remote" "$lat_down"; }
+lup_sshfa() { lsshfa put "$lat_big" "$lat_up"; }
+lup_sftp() { echo "put $lat_big $lat_up" | lsftp; }
+lup_scp() { scp "${ssh_cfg[@]}" -o ControlPath=none "$lat_big" "$lhost:$lat_up"; }
+lup_rsync() { rsync -e "$rsync_e" "$lat_big" "$lhost:$lat_up"; }
+lup_cat() { lssh "cat >'$lat_up'" <"$lat_big"; }
+lup_paramiko() { lparamiko put "$lat_big" "$lat_up"; }
+ldown_sshfa() { lsshfa get "$lat_big_remote" "$lat_down"; }
+ldown_sftp() { echo "get $lat_big_remote $lat_down" | lsftp; }
+ldown_scp() { scp "${ssh_cfg[@]}" -o ControlPath=none "$lhost:$lat_big_remote" "$lat_down"; }
+ldown_rsync() { rsync -e "$rsync_e" "$lhost:$lat_big_remote" "$lat_down"; }
+ldown_cat() { lssh "cat '$lat_big_remote'" >"$lat_down"; }
+ldown_paramiko() { lparamiko get "$lat_big_remote" "$lat_down"; }
+
+# 300 files of 2-6 KiB in one folder; the far side's copy is what exists-200 asks about.
+lat_small=$local_dir/lat-small
+lat_small_remote=$remote_dir/lat-small
+lat_small_up=$remote_dir/lat-small-up
+make_lat_small() {
+  [ -d "$lat_small" ] && return
+  $python - "$lat_small" <<'PY'
+import os, random, sys
+random.seed(3)
+os.makedirs(sys.argv[1])
+for f in range(300):
+    with open(os.path.join(sys.argv[1], f"file{f:03d}.dat"), "wb") as out:
+        out.write(os.urandom(random.randint(2048, 6144)))
+PY
+  cp -r "$lat_small" "$lat_small_remote"
+}
+reset_lat_small() { rm -rf "$lat_small_up"; }
+check_lat_small() { diff -r "$lat_small" "$lat_small_up" >/dev/null; }
+lsmall_sshfa() { lsshfa put "$lat_small" "$lat_small_up"; }
+lsmall_scp() { scp -r "${ssh_cfg[@]}" -o ControlPath=none "$lat_small" "$lhost:$lat_small_up"; }
+lsmall_sftp() { echo "put -r $lat_small $lat_small_up" | lsftp; }
+lsmall_rsync() { rsync -a -e "$rsync_e" "$lat_small/" "$lhost:$lat_small_up/"; }
+lsmall_tar() { tar -C "$lat_small" -cf - . | lssh "mkdir -p '$lat_small_up' && tar -C '$lat_small_up' -xf -"; }
+lsmall_paramiko() { lparamiko put-tree "$lat_small" "$lat_small_up"; }
+
+# 200 remote paths, every other one missing; each row prints one line (or a
+# count) per path that exists.
+lat_exists_list=$work/lat-exists-200.list
+make_lat_exists() {
+  make_lat_small
+  find "$lat_small_remote" -type f | sort | head -n 100 | while read -r p; do printf '%s\n%s.missing\n' "$p" "$p"; done \
+    >"$lat_exists_list"
+}
+check_lat_exists() { answered 100; }
+lexists_sshfa() { library_time connect+first+work lours exists "$lat_exists_list"; cat "$work/answer.json"; }
+lexists_tool() {
+  local paths
+  mapfile -t paths <"$lat_exists_list"
+  lsshfa exists "${paths[@]}" | grep '^true'
+}
+lexists_paramiko() { library_time connect+work lparamiko exists "$lat_exists_list"; cat "$work/answer.json"; }
+# One `ls` per path (they are files; a missing one is an error that `-`
+# lets pass); the echoed commands are left out.
+lexists_sftp() { sed 's/^/-ls /' "$lat_exists_list" | lsftp | grep -v '^sftp>'; }
+lexists_ssh() { lssh 'while IFS= read -r p; do [ ! -e "$p" ] || printf "%s\n" "$p"; done' <"$lat_exists_list"; }
+
+# Connection set-up, and the tool's first answer.
+lat_one=$remote_dir/lat-one.dat
+reset_lat_one() { rm -f "$lat_one"; }
+lconnect_sshfa() { library_time connect lours connect; }
+lconnect_sshfa_first() { library_time connect+work lours connect; }
+lconnect_tool_exists() { lsshfa exists /; }
+lconnect_tool_put() { lsshfa put "$lat_small/file000.dat" "$lat_one"; }
+lconnect_ssh() { lssh true; }
+lconnect_paramiko() { library_time connect lparamiko connect; }
+
+run_latency_row() {  # workload
+  local row=$1@$link_name
+  case $1 in
+  lat-up-128m)
+    make_lat_big
+    run_workload "$row" reset_lat_up check_lat_up sshfa:lup_sshfa sftp:lup_sftp scp:lup_scp rsync:lup_rsync \
+      cat-over-ssh:lup_cat paramiko:lup_paramiko
+    ;;
+  lat-down-128m)
+    make_lat_big
+    run_workload "$row" reset_lat_down check_lat_down sshfa:ldown_sshfa sftp:ldown_sftp scp:ldown_scp \
+      rsync:ldown_rsync cat-over-ssh:ldown_cat paramiko:ldown_paramiko
+    ;;
+  lat-small-300)
+    make_lat_small
+    run_workload "$row" reset_lat_small check_lat_small sshfa:lsmall_sshfa scp-r:lsmall_scp sftp-r:lsmall_sftp \
+      rsync-a:lsmall_rsync tar-pipe:lsmall_tar paramiko:lsmall_paramiko
+    ;;
+  lat-exists-200)
+    make_lat_exists
+    run_workload "$row" nothing check_lat_exists sshfa:lexists_sshfa sshfa-tool:lexists_tool \
+      paramiko:lexists_paramiko sftp-batch:lexists_sftp ssh-one-command:lexists_ssh
+    ;;
+  lat-connect)
+    make_lat_small
+    run_workload "$row" reset_lat_one nothing sshfa:lconnect_sshfa sshfa-first-command:lconnect_sshfa_first \
+      sshfa-tool-exists:lconnect_tool_exists sshfa-tool-put-one:lconnect_tool_put ssh-true:lconnect_ssh \
+      paramiko:lconnect_paramiko
+    ;;
+  esac
+}
+
+# Trees of 100-byte files: 100,000 in 500 folders, 1,000,000 in 1,000. They
+# live on disk ($SSHFA_BENCH_SCALE_DIR, default a folder of the build): on
+# tmpfs every file takes a page of memory. Each step records its peak memory.
+scale_dir=${SSHFA_BENCH_SCALE_DIR:-$root/$build_dir/scale}
+make_scale() {  # files folders
+  scale_src=$scale_dir/src-$1
+  scale_up=$scale_dir/up scale_down=$scale_dir/down
+  [ -d "$scale_src" ] || $python - "$scale_src" "$1" "$2" <<'PY'
+import os, sys
+src, files, folders = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+data = b"x" * 100
+for d in range(folders):
+    path = os.path.join(src, "d%04d" % d)
+    os.makedirs(path)
+    for f in range(files // folders):
+        with open(os.path.join(path, "f%05d" % f), "wb") as out:
+            out.write(data)
+PY
+  # The remote source of get: the tree as put leaves it.
+  [ -d "$scale_dir/remote/tree" ] && [ "$(cat "$scale_dir/remote/files" 2>/dev/null)" = "$1" ] || {
+    rm -rf "$scale_dir/remote" && mkdir -p "$scale_dir/remote" && cp -a "$scale_src" "$scale_dir/remote/tree" &&
+      echo "$1" >"$scale_dir/remote/files"
+  }
+}
+prepare_scale() {  # tool: a put starts into nothing, a no-op finds the put's copy, a get starts into nothing
+  case $1 in
+  *-put) rm -rf "$scale_up" && mkdir -p "$scale_up" ;;
+  *-get) rm -rf "$scale_down" && mkdir -p "$scale_down" ;;
+  esac
+}
+check_scale() { [ "$(find "$scale_up" "$scale_down" -type f 2>/dev/null | wc -l)" -gt 0 ]; }
+memory() {  # command...: runs it, noting its peak memory
+  /usr/bin/time -o "$work/memory" -f %M "$@"
+  note memory "$(($(tail -n 1 "$work/memory") * 1024))"
+}
+scale_sshfa_put() { memory "${sshfa_cmd[@]}" put "$scale_src" "$scale_up/"; }
+scale_sshfa_noop() { memory "${sshfa_cmd[@]}" put "$scale_src" "$scale_up/"; }
+scale_sshfa_get() { memory "${sshfa_cmd[@]}" get "$scale_dir/remote/tree" "$scale_down/"; }
+scale_rsync_put() { memory rsync -a -e "$rsync_e" "$scale_src" "bench:$scale_up/"; }
+scale_rsync_noop() { memory rsync -a -e "$rsync_e" "$scale_src" "bench:$scale_up/"; }
+scale_rsync_get() { memory rsync -a -e "$rsync_e" "bench:$scale_dir/remote/tree" "$scale_down/"; }
+scale_tar_put() {
+  memory bash -c "tar -C '$scale_dir' -cf - '$(basename "$scale_src")' |
+    ssh -F '$work/ssh_config' -o ControlPath=none bench 'tar -C \'$scale_up\' -xf -'"
+}
+scale_tar_get() {
+  memory bash -c "ssh -F '$work/ssh_config' -o ControlPath=none bench 'tar -C \'$scale_dir/remote\' -cf - tree' |
+    tar -C '$scale_down' -xf -"
+}
+scale_steps=(sshfa-put:scale_sshfa_put sshfa-noop:scale_sshfa_noop sshfa-get:scale_sshfa_get
+  rsync-put:scale_rsync_put rsync-noop:scale_rsync_noop rsync-get:scale_rsync_get
+  tar-put:scale_tar_put tar-get:scale_tar_get)
+
 # ---- run ---------------------------------------------------------------------
 for w in $workloads; do
   case $w in
@@ -664,6 +923,13 @@ for w in $workloads; do
     run_workload "$w" prepare_changed check_changed $(sync_steps changed)
     after_step=
     ;;
+  scale-100k | scale-1m)
+    if [ "$w" = scale-100k ]; then make_scale 100000 500; else make_scale 1000000 1000; fi
+    counted=$runs runs=$scale_runs
+    run_workload "$w" prepare_scale check_scale "${scale_steps[@]}"
+    runs=$counted
+    rm -rf "$scale_up" "$scale_down"
+    ;;
   resume-1g)
     make_big
     after_step=after_resume
@@ -672,6 +938,11 @@ for w in $workloads; do
     after_step=
     ;;
   esac
+done
+for link in ${latency_rows:+$links}; do
+  start_link "$link"
+  for w in $latency_rows; do run_latency_row "$w"; done
+  stop_link
 done
 
 # ---- report ------------------------------------------------------------------
@@ -691,7 +962,7 @@ for tool in "${!ciphers[@]}"; do printf '%s\t%s\n' "$tool" "${ciphers[$tool]}"; 
   echo "asyncssh	$($python -W ignore -c 'import asyncssh; print(asyncssh.__version__)')"
   echo "python	$($python --version 2>&1)"
   echo "runs	$runs"
-  echo "sshfa	$(git -C "$root" rev-parse --short HEAD)"
+  echo "sshfa	$sshfa_commit"
 } >"$work/machine.tsv"
 mkdir -p "$out_dir"
 stem=$(date +%F)${name:+-$name}

@@ -36,6 +36,17 @@ Snapshot withoutTime(Snapshot snapshot) {
   return snapshot;
 }
 
+// `after` is `before` with the tree's copy made in `into` (whose time is
+// new), and nothing else new or changed.
+void expectOnlyTheCopy(Snapshot const& before, Snapshot after, std::string const& into) {
+  for (auto const* made : {"/tree", "/tree/a", "/tree/sub", "/tree/sub/b"}) {
+    EXPECT_EQ(after.erase(into + made), 1U) << into + made;
+  }
+  EXPECT_EQ(withoutTime(after), withoutTime(before));
+  after.erase(into);
+  EXPECT_EQ(after, without(before, into));
+}
+
 class DotDotTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -82,14 +93,7 @@ TEST_F(DotDotTest, PutDeleteOfDotDotFromASubfolderStaysInsideTheCopy) {
 
   auto const run = tool({"put", "--delete", "..", at("R/dd3/target/")}, at("L/tree/sub"));
   ASSERT_EQ(run.status, 0) << run.err;
-  auto after = treeSnapshot(dir_ / "R");
-  for (auto const* made : {"dd3/target/tree", "dd3/target/tree/a", "dd3/target/tree/sub", "dd3/target/tree/sub/b"}) {
-    EXPECT_EQ(after.erase(made), 1U) << made;
-  }
-  // The folder that received the copy has a new time, and nothing else new.
-  EXPECT_EQ(withoutTime(after), withoutTime(before));
-  after.erase("dd3/target");
-  EXPECT_EQ(after, without(before, "dd3/target"));
+  expectOnlyTheCopy(before, treeSnapshot(dir_ / "R"), "dd3/target");
   EXPECT_EQ(readFile(root + "/sub/b"), "bravo");
 }
 
@@ -107,12 +111,7 @@ TEST_F(DotDotTest, PutDeleteOfSubDotDotIntoAFolderKeepsItsNeighbours) {
 
   auto const run = tool({"put", "--delete", "sub/..", at("R/t")}, at("L/tree"));
   ASSERT_EQ(run.status, 0) << run.err;
-  auto after = treeSnapshot(dir_ / "R");
-  for (auto const* made : {"t/tree", "t/tree/a", "t/tree/sub", "t/tree/sub/b"})
-    EXPECT_EQ(after.erase(made), 1U) << made;
-  EXPECT_EQ(withoutTime(after), withoutTime(before));
-  after.erase("t");
-  EXPECT_EQ(after, without(before, "t"));
+  expectOnlyTheCopy(before, treeSnapshot(dir_ / "R"), "t");
 }
 
 // get -n --delete host:R/x/sub/.. dir/ plans the copy of x into dir/x and

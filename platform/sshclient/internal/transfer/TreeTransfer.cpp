@@ -27,8 +27,11 @@ using Change = PlannedChange::Action;
 
 namespace {
 
-// Folders whose listings are in flight at once.
+// Folders whose listings are in flight at once, at most; fewer when the
+// folders are wide, so that what is listed ahead stays near kEntriesAhead
+// entries, whatever the width of the tree's folders.
 constexpr std::size_t kFoldersListed = 32;
+constexpr std::size_t kEntriesAhead = 2048;
 // Files queued ahead of the copies before more folders are listed.
 constexpr std::size_t kFilesAhead = 256;
 
@@ -169,7 +172,10 @@ void TreeTransfer::walk() {
 }
 
 void TreeTransfer::startFolders() {
-  while (!waiting_.empty() && !stopping_ && listing_ < kFoldersListed && copier_->waiting() < kFilesAhead) {
+  // The width of the folders listed so far decides how many go at once.
+  auto const width = std::max<std::size_t>(1, entriesListed_ / std::max<std::size_t>(1, foldersListed_));
+  auto const listings = std::clamp<std::size_t>(kEntriesAhead / width, 1, kFoldersListed);
+  while (!waiting_.empty() && !stopping_ && listing_ < listings && copier_->waiting() < kFilesAhead) {
     auto* const folder = waiting_.back();
     waiting_.pop_back();
     beginFolder(*folder);
@@ -243,6 +249,8 @@ void TreeTransfer::listed(void* cookie, Listing listing) {
 
 void TreeTransfer::folderListed(Folder& folder) {
   if (stopping_) return release(folder);
+  ++foldersListed_;
+  entriesListed_ += std::max(folder.sourceListing.entries.size(), folder.destinationListing.entries.size());
   if (!folder.aboveRoot && !options_.filter.empty()) {
     // A folder's .gitignore decides for its own entries: it is read first.
     auto const* rules = options_.filter.readsGitignore() ? folder.sourceListing.find(".gitignore") : nullptr;
@@ -504,17 +512,23 @@ void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
   fail(folder, describePair(folder.item) + "cannot make folder " + quoted(path) + ": " + errnoText(error));
 }
 
+// A folder in the way of a file or link goes first (in a dry run it is only
+// named); true while the action waits for that.
+bool TreeTransfer::waitsForTheWay(Folder& folder, std::size_t index, std::string const& path) {
+  if (!folder.plan.actions[index].replace || folder.replaced.contains(index)) return false;
+  ++report_.replaced;
+  if (dryRun_) {
+    plan(Change::Replace, path, 0);
+    return false;
+  }
+  replaceFolder(folder, index);
+  return true;
+}
+
 void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
   auto const path = target(folder, action.name);
-  if (action.replace && !folder.replaced.contains(index)) {
-    ++report_.replaced;
-    if (dryRun_) {
-      plan(Change::Replace, path, 0);
-    } else {
-      return replaceFolder(folder, index);
-    }
-  }
+  if (waitsForTheWay(folder, index, path)) return;
   ++report_.links;
   if (dryRun_) return plan(Change::Link, path, 0);
   auto const temp = randomTemporaryName(action.name, random_);
@@ -560,14 +574,7 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
   auto const path = target(folder, action.name);
   auto const& source = *action.source;
-  if (action.replace && !folder.replaced.contains(index)) {
-    ++report_.replaced;
-    if (dryRun_) {
-      plan(Change::Replace, path, 0);
-    } else {
-      return replaceFolder(folder, index);
-    }
-  }
+  if (waitsForTheWay(folder, index, path)) return;
   FileTask task;
   task.item = folder.item;
   task.source = sourcePathOf(folder, action.name);

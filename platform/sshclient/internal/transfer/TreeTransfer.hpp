@@ -98,6 +98,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void carryOut(Folder& folder);
   void act(Folder& folder, std::size_t index);
   void makeFolder(Folder& folder, std::size_t index);
+  bool waitsForTheWay(Folder& folder, std::size_t index, std::string const& path);
   void placeLink(Folder& folder, std::size_t index);
   void copyFile(Folder& folder, std::size_t index);
   void fixAttributes(Folder& folder, std::size_t index);
@@ -177,8 +178,10 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   bool prefixRead_ = false;
   std::unique_ptr<Cookie> prefixCookie_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> folders_;
-  std::vector<Folder*> waiting_;  // not started yet; the last is next (depth first)
-  std::size_t listing_ = 0;       // folders whose listings are in flight
+  std::vector<Folder*> waiting_;   // not started yet; the last is next (depth first)
+  std::size_t listing_ = 0;        // folders whose listings are in flight
+  std::size_t foldersListed_ = 0;  // so far, and their entries: the tree's width
+  std::size_t entriesListed_ = 0;
   std::unordered_map<Removal*, std::unique_ptr<Removal>> removals_;
 };
 
