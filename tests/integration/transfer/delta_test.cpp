@@ -188,6 +188,63 @@ TEST_P(Deltas, AutoMeasuresTheLinkOnceAndSaysWhatItFound) {
   files_.expectArrived(bytes);
 }
 
+// Five changed files in a tree, two hashed at a time, among unchanged and new
+// ones: each sends its own changed block.
+TEST_P(Deltas, ATreeOfChangedFilesSendsEachOnesChangedBlock) {
+  ScratchDir scratch;
+  auto const from = scratch / "from";
+  auto const to = scratch / "to";
+  std::vector<std::string> versions;
+  for (int i = 0; i < 7; ++i) {
+    auto const name = "f" + std::to_string(i);
+    auto const old = randomBytes(3 * kMiB, 20 + static_cast<std::uint64_t>(i));
+    fs::create_directories(from / "sub");
+    fs::create_directories(to / "sub");
+    // f5 is new, f6 unchanged, the others changed in one block of 128 KiB.
+    versions.push_back(i == 6 ? old : changed(old, static_cast<std::uint64_t>(i) * 300000, 1000));
+    writeFile(from / "sub" / name, versions.back());
+    setTime(from / "sub" / name, i == 6 ? kOldTime : kNewTime);
+    if (i == 5) continue;
+    writeFile(to / "sub" / name, old);
+    setTime(to / "sub" / name, kOldTime);
+  }
+  ssh::TreeTransferOptions options;
+  options.skipUnchanged = ssh::UnchangedTest::SizeAndTime;
+  options.delta = DeltaMode::Always;
+  bool const upload = GetParam() == TransferDirection::LocalToRemote;
+  auto const a = u(from.string());
+  auto const b = u(to.string());
+  std::vector<ssh::FileLocations> items{upload ? ssh::FileLocations{a, b} : ssh::FileLocations{b, a}};
+  auto const report = client_->copyTrees(ssh::CopyTreesCommand(std::move(items), GetParam(), options));
+  EXPECT_EQ(report.files, 6U);
+  EXPECT_EQ(report.skipped, 1U);
+  // f0 to f4: one block each; f5 whole.
+  EXPECT_EQ(report.bytes, 5 * 128 * 1024 + 3 * kMiB);
+  EXPECT_EQ(report.reused, 5 * (3 * kMiB - 128 * 1024));
+  for (int i = 0; i < 7; ++i) {
+    auto const name = "f" + std::to_string(i);
+    EXPECT_TRUE(sameBytes(readFile(to / "sub" / name), versions[static_cast<std::size_t>(i)])) << name;
+  }
+  EXPECT_EQ(listNames(to / "sub").size(), 7U);
+}
+
+TEST_P(Deltas, AStopRemovesTheTemporaryAndKeepsTheOldVersion) {
+  struct Stopped {};
+  auto options = TestSshd::instance().options();
+  bool stopped = false;
+  options.progress = [&stopped](ssh::TransferProgress const& progress) {
+    if (progress.currentFile.empty()) return;
+    stopped = true;
+    throw Stopped{};
+  };
+  auto const client = TestSshd::instance().connect(options);
+  DeltaUpdate files(*client, GetParam());
+  EXPECT_THROW(files.update(old64_, changed(old64_, kMiB, 10)), Stopped);
+  EXPECT_TRUE(stopped);
+  EXPECT_TRUE(sameBytes(readFile(files.destination()), old64_));
+  EXPECT_EQ(listNames(files.destination().parent_path()), std::vector<std::string>{"file"});
+}
+
 INSTANTIATE_TEST_SUITE_P(BothWays, Deltas,
                          ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
                          directionName);

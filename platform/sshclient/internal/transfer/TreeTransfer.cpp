@@ -152,11 +152,14 @@ void TreeTransfer::walk() {
     deltas_->poll();
     copier_->poll();
     bool const quiet = session_.pending() == 0 && session_.queuedBytes() == 0;
-    if (quiet && waiting_.empty() && folders_.empty() && removals_.empty() && copier_->idle() && deltas_->idle()) {
-      return;
-    }
+    // A stop leaves its folders unfinished: it ends once nothing is under way.
+    bool const finished = waiting_.empty() && folders_.empty() && removals_.empty();
+    if (quiet && (finished || cancelled_) && copier_->idle() && deltas_->idle()) return;
     if (deltas_->busy() || (quiet && (!waiting_.empty() || !copier_->idle()))) {
-      // Work that needs no answer: go round without sleeping.
+      // Work that needs no answer: go round without sleeping, taking in
+      // what came meanwhile (hashing a large file takes a while).
+      if (!quiet) session_.pump(false);
+      reportProgress(false);
       continue;
     }
     if (deltas_->running()) {
