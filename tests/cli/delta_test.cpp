@@ -121,7 +121,7 @@ TEST_P(ToolDelta, ByDefaultTheLinkIsMeasuredAndVerboseSaysWhatItDid) {
           R"((.*
 )*sshfa: trace: )" +
           command() +
-          R"(: the link moved [0-9.]+ MB/s with a round trip of [0-9.]+ ms: changed files go as deltas where hashing both sides takes less time than sending them
+          R"(: the link moved [0-9.]+ MB/s with a round trip of [0-9.]+ ms \([0-9.]+ MB/s with a copy's data in flight\): changed files go as deltas where hashing both sides takes less time than sending them
 (.*
 )*)"));
   EXPECT_TRUE(readFile(dir_ / "dst" / "big") == new_);

@@ -296,5 +296,37 @@ INSTANTIATE_TEST_SUITE_P(BothWays, WithoutGnuSplit,
                          ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
                          directionName);
 
+// A server whose SFTP refuses copy-data: an upload's temporary starts as a
+// copy made by cp --reflink=auto in the hashing command instead.
+class WithoutCopyData : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    server_ = std::make_unique<TestSshd>("Subsystem sftp internal-sftp -P copy-data");
+    client_ = server_->connect();
+  }
+  static void TearDownTestSuite() {
+    client_.reset();
+    server_.reset();
+  }
+
+  static std::unique_ptr<TestSshd> server_;
+  static std::unique_ptr<ssh::SSHClient> client_;
+};
+
+std::unique_ptr<TestSshd> WithoutCopyData::server_;
+std::unique_ptr<ssh::SSHClient> WithoutCopyData::client_;
+
+TEST_F(WithoutCopyData, AnUploadCopiesTheOldVersionWithCpAndSendsTheChangedBlock) {
+  DeltaUpdate files(*client_, TransferDirection::LocalToRemote);
+  auto const old = randomBytes(4 * kMiB, 6);
+  auto const bytes = changed(old, 3 * kMiB + 5, 10);
+  auto const report = files.update(old, bytes);
+  // 4 MiB: blocks of 128 KiB.
+  EXPECT_EQ(report.bytes, 128U * 1024U);
+  EXPECT_EQ(report.reused, 4 * kMiB - 128 * 1024);
+  EXPECT_THAT(report.details, ::testing::IsEmpty());
+  files.expectArrived(bytes);
+}
+
 }  // namespace
 }  // namespace sshfa::testing

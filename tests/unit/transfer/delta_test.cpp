@@ -220,6 +220,18 @@ TEST_P(Costs, ADeltaPaysWhenHashingBothSidesTakesLessThanSending) {
   EXPECT_EQ(tr::deltaPays(c.sourceSize, c.oldSize, c.link), c.pays);
 }
 
+TEST(WithinWindow, ALongRoundTripBoundsTheRateByTheDataInFlight) {
+  // 1 MiB per 50 ms round trip: 21 MB/s over a link of 1 Gbit/s.
+  auto const slowed = tr::withinWindow({125e6, 0.05}, kMiB);
+  EXPECT_DOUBLE_EQ(slowed.bytesPerSecond, 1048576 / 0.05);
+  EXPECT_DOUBLE_EQ(slowed.roundTripSeconds, 0.05);
+  EXPECT_TRUE(tr::deltaPays(64 * kMiB, 64 * kMiB, slowed));
+  EXPECT_FALSE(tr::deltaPays(64 * kMiB, 64 * kMiB, {125e6, 0.05}));
+  // A window the link fills keeps the link's rate, and so does an unmeasured round trip.
+  EXPECT_DOUBLE_EQ(tr::withinWindow({12.5e6, 0.05}, kMiB).bytesPerSecond, 12.5e6);
+  EXPECT_DOUBLE_EQ(tr::withinWindow({400e6, 0}, kMiB).bytesPerSecond, 400e6);
+}
+
 INSTANTIATE_TEST_SUITE_P(Delta, Costs, ::testing::ValuesIn(kCostCases),
                          [](::testing::TestParamInfo<CostCase> const& param) { return param.param.name; });
 

@@ -172,6 +172,13 @@ std::string_view describeStatus(RemoteBlockStatus status) {
   return "?";
 }
 
+LinkSpeed withinWindow(LinkSpeed link, std::uint64_t bytesInFlight) {
+  if (link.roundTripSeconds > 0) {
+    link.bytesPerSecond = std::min(link.bytesPerSecond, static_cast<double>(bytesInFlight) / link.roundTripSeconds);
+  }
+  return link;
+}
+
 bool deltaPays(std::uint64_t sourceSize, std::uint64_t oldSize, LinkSpeed const& link, DeltaCosts const& costs) {
   if (link.bytesPerSecond <= 0 || costs.hashBytesPerSecond <= 0) return false;
   auto const larger = std::max(sourceSize, oldSize);

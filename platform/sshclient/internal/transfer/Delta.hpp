@@ -106,6 +106,11 @@ struct LinkSpeed {
   double roundTripSeconds = 0;
 };
 
+// The rate one transfer reaches over `link` with at most `bytesInFlight` of
+// file data under way: over a long round trip that, not the link, bounds a
+// whole file (a short probe fits in any window and sees the link's rate).
+[[nodiscard]] LinkSpeed withinWindow(LinkSpeed link, std::uint64_t bytesInFlight);
+
 // What a delta costs beyond the data it sends, measured on a Debian host
 // (GNU coreutils 9.1, 2 cores): sha256sum over split's blocks, a process per
 // block, the copy of the old version on its side, and the round trips of the

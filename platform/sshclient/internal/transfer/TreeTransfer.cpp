@@ -34,6 +34,9 @@ constexpr std::size_t kFoldersListed = 32;
 constexpr std::size_t kEntriesAhead = 2048;
 // Files queued ahead of the copies before more folders are listed.
 constexpr std::size_t kFilesAhead = 256;
+// libssh 0.10 keeps about this much of a channel's receive window open: the
+// file data a download has under way per round trip, whatever it asks for.
+constexpr std::uint64_t kReceiveWindow = 640'000;
 
 bool ok(Reply const& reply) { return reply.type == PacketType::Status && reply.status == StatusCode::Ok; }
 
@@ -86,6 +89,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   // Private until the final mode is set.
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
   copy.resume = options_.resume;
+  inFlight_ = upload_ ? copy.windowBytes : std::min(copy.windowBytes, kReceiveWindow);
   copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
   deltas_ = std::make_unique<DeltaCopier>(session, shell, copy, *copier_, *this, counters_);
   session_.usePosixRename(options.usePosixRename);
@@ -352,10 +356,11 @@ void TreeTransfer::planMeasured() {
   if (measuring_.empty() || !probe_.done()) return;
   if (!settings_.link) {
     auto const& speed = probe_.speed();
-    settings_.link = speed;
-    std::array<char, 160> line{};
-    std::snprintf(line.data(), line.size(), "the link moved %.1f MB/s with a round trip of %.1f ms",  // NOLINT
-                  speed.bytesPerSecond / 1e6, speed.roundTripSeconds * 1e3);
+    settings_.link = withinWindow(speed, inFlight_);
+    std::array<char, 200> line{};
+    std::snprintf(line.data(), line.size(),  // NOLINT
+                  "the link moved %.1f MB/s with a round trip of %.1f ms (%.1f MB/s with a copy's data in flight)",
+                  speed.bytesPerSecond / 1e6, speed.roundTripSeconds * 1e3, settings_.link->bytesPerSecond / 1e6);
     report_.details.push_back(fl::i18n::utf8_to_ustring(
         std::string(line.data()) +
         ": changed files go as deltas where hashing both sides takes less time than sending them"));

@@ -167,6 +167,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   std::unique_ptr<DeltaCopier> deltas_;
   LinkProbe probe_;
   std::vector<Folder*> measuring_;  // to plan once the link is measured
+  std::uint64_t inFlight_ = 0;      // file data a copy keeps under way
   RemoteLister lister_;
   TreeTransferReport report_;
   std::vector<std::pair<std::size_t, std::string>> failures_;
