@@ -508,6 +508,11 @@ PY
 # The destination is the parent folder with a trailing slash: the tree goes
 # into it under its own name, on the first run and on every re-run alike.
 noop_sshfa() { "${sshfa_cmd[@]}" put --json "$sync_old" "$noop_dir/"; }
+# The same re-run through a filter of the usual kind: every name is matched
+# against every rule, none of them excludes a file of this tree.
+noop_filter=(--exclude '*.o' --exclude '*~' --exclude '.git/' --exclude 'build/' --include 'dir*/' --include '*.dat'
+  --exclude '*.tmp' --filter '- node_modules/')
+noop_sshfa_filtered() { "${sshfa_cmd[@]}" put --json "${noop_filter[@]}" "$sync_old" "$noop_dir/"; }
 noop_rsync() { rsync -a -e "$rsync_e" "$sync_old/" "bench:$noop_dir/tree/"; }
 noop_rclone() { rclone "${rclone_args[@]}" sync "$sync_old" "bench:$noop_dir/tree"; }
 # Floors, for reference: sshfa's put of an empty folder that is already there
@@ -973,7 +978,8 @@ for w in $workloads; do
   noop-10k)
     make_sync_trees
     after_step=after_sync
-    run_workload "$w" prepare_noop check_noop $(sync_steps noop) sshfa-empty-folder:noop_sshfa_empty \
+    run_workload "$w" prepare_noop check_noop $(sync_steps noop) sshfa-filtered:noop_sshfa_filtered \
+      sshfa-empty-folder:noop_sshfa_empty \
       ssh-true:noop_ssh_true
     check_noop || { echo "bench.sh: $w: the destination changed during the counted rounds" >&2; exit 1; }
     after_step=

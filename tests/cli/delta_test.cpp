@@ -85,7 +85,7 @@ TEST_P(ToolDelta, TheSummaryAndJsonCountTheBytesSentAndReused) {
   writeFile(dir_ / "dst" / "big", old_);
   setTime(dir_ / "dst" / "big", kOldTime);
   auto const counted = totals({"--delta"});
-  EXPECT_EQ(counted["files"], 1);
+  EXPECT_EQ(counted["copied"], 1);
   EXPECT_EQ(counted["bytes"], kBlock);
   EXPECT_EQ(counted["reused"], kSize - kBlock);
   EXPECT_TRUE(readFile(dir_ / "dst" / "big") == new_);

@@ -19,6 +19,11 @@
 // temporary arrives made (DeltaCopy.hpp): only the changed ranges are sent
 // into it, it is cut to the source's size, and it is renamed the same way.
 //
+// Under a rate limit (bytesPerSecond), data requests are cut to an eighth
+// of a second's worth and issued as a token bucket allows; when nothing else
+// is awaited, poll() sleeps until the next may go (never longer, never in a
+// busy loop).
+//
 // A failed file's temporary goes and the observer is told; with
 // stopOnFailure no new file starts afterwards. cancel() (a stop) fails every
 // file in flight quietly, keeping resumable temporaries that hold data;
@@ -41,6 +46,7 @@
 #include "sshfileaccess/platform/sshclient/internal/transfer/Delta.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/RateLimit.hpp"
 
 namespace foundation::sshclient::internal::transfer {
 
@@ -52,6 +58,7 @@ struct CopySettings {
   std::uint32_t createMode = 0600;                 // temporaries are created with it (less the umask)
   bool resume = false;                             // resumable temporaries, kept when stopped
   bool stopOnFailure = false;
+  std::uint64_t bytesPerSecond = 0;  // file data sent or asked for; 0: no limit
 };
 
 struct FileTask {
@@ -111,7 +118,8 @@ class FileCopier final : public sftp::ReplyHandler {
   FileCopier& operator=(FileCopier const&) = delete;
 
   void add(FileTask task);
-  // Starts queued files and sends data as the window allows.
+  // Starts queued files and sends data as the window (and the rate limit)
+  // allows.
   void poll();
   [[nodiscard]] bool idle() const noexcept;
   [[nodiscard]] std::size_t waiting() const noexcept;  // queued, not started
@@ -161,6 +169,13 @@ class FileCopier final : public sftp::ReplyHandler {
   void finishDownload(Job& job);
 
   [[nodiscard]] std::uint32_t chunk() const noexcept;
+  // The length of the next data request: a chunk, cut under a rate limit.
+  [[nodiscard]] std::uint32_t requestChunk() const noexcept { return limit_.requestLength(chunk()); }
+  // Whether the rate limit lets a data request go now; false marks the copier
+  // throttled.
+  [[nodiscard]] bool mayRequest();
+  void requested(std::uint32_t length);
+  void sendData();
 
   sftp::SftpSession& session_;
   CopySettings settings_;
@@ -175,6 +190,8 @@ class FileCopier final : public sftp::ReplyHandler {
   bool stopping_ = false;
   bool cancelled_ = false;
   bool reapable_ = false;  // a finished job may be waiting to go
+  RateLimit limit_;
+  bool throttled_ = false;  // data held back by the rate limit
 };
 
 }  // namespace foundation::sshclient::internal::transfer

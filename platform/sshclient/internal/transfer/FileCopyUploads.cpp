@@ -136,10 +136,11 @@ bool FileCopier::readAhead(Job& job) {
 
 void FileCopier::issueWrites(Job& job) {
   while (job.next < job.size && session_.dataInFlight() < settings_.windowBytes &&
-         session_.queuedBytes() < kOutboundLimit) {
+         session_.queuedBytes() < kOutboundLimit && mayRequest()) {
     if (!readAhead(job)) break;
     auto const length = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>({chunk(), job.stretchEnd() - job.next, job.block.end() - job.next}));
+        std::min<std::uint64_t>({requestChunk(), job.stretchEnd() - job.next, job.block.end() - job.next}));
+    requested(length);
     ++job.pending;
     session_.write({this, kWrite, &job, job.next, length}, job.handle, job.next,
                    ByteView(job.block.data() + (job.next - job.block.offset), length));

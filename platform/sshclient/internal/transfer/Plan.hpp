@@ -38,6 +38,9 @@ struct PlanSettings {
   // planned (see linkSpeedNeededFor), and what a delta costs beyond its data.
   std::optional<LinkSpeed> link;
   DeltaCosts deltaCosts;
+  // A destination file with a later modification time than its source file
+  // is left alone (Skip, marked `newer`).
+  bool update = false;
 
   static PlanSettings from(TreeTransferOptions const& options);
 };
@@ -61,7 +64,7 @@ enum class Step : std::uint8_t {
   FixAttributes,    // unchanged data: mode and times put right
   Copy,             // sent (from `resumeFrom` of `temporary` when set)
   Delta,            // the blocks that differ from `existing` sent into a copy of it
-  Skip,             // unchanged: left alone
+  Skip,             // unchanged (or newer, with update): left alone
   Delete,           // not in the source: removed once the folder's files are in
 };
 
@@ -77,6 +80,7 @@ struct Action {
   Entry const* source = nullptr;    // into the source listing
   Entry const* existing = nullptr;  // into the destination listing
   bool replace = false;             // what is in the way goes first
+  bool newer = false;               // Skip: the destination file is newer (update)
   Problem problem = Problem::None;  // Fail
   // Copy: an earlier run's resumable temporary, continued once its prefix
   // is verified, else removed and the file sent whole.
