@@ -4,10 +4,8 @@
 // two options exclude each other, and by default -v says what the link was
 // measured to do.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -32,11 +30,6 @@ constexpr std::size_t kSize = 8U << 20U;  // blocks of 128 KiB
 constexpr std::size_t kBlock = 128U << 10U;
 constexpr std::time_t kOldTime = 1'500'000'000;
 constexpr std::time_t kNewTime = 1'600'000'000;
-
-void setTime(fs::path const& path, std::time_t seconds) {
-  timespec const times[2] = {{seconds, 0}, {seconds, 0}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
 
 class ToolDelta : public ::testing::TestWithParam<bool> {
  protected:

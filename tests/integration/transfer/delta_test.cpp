@@ -76,6 +76,8 @@ class DeltaUpdate {
     ssh::TreeTransferOptions options;
     options.skipUnchanged = ssh::UnchangedTest::SizeAndTime;
     options.delta = mode;
+    changes_.clear();
+    options.onChange = [this](ssh::PlannedChange const& change) { changes_.push_back(change); };
     auto const from = u(source().string());
     auto const to = u(destination().string());
     bool const upload = direction_ == TransferDirection::LocalToRemote;
@@ -91,6 +93,8 @@ class DeltaUpdate {
     EXPECT_EQ(listNames(scratch_ / "to"), std::vector<std::string>{"file"});
   }
 
+  // What onChange told of the last update.
+  [[nodiscard]] std::vector<ssh::PlannedChange> const& changes() const { return changes_; }
   [[nodiscard]] fs::path source() const { return scratch_ / "from" / "file"; }
   [[nodiscard]] fs::path destination() const { return scratch_ / "to" / "file"; }
 
@@ -98,6 +102,7 @@ class DeltaUpdate {
   ssh::SSHClient& client_;
   TransferDirection direction_;
   ScratchDir scratch_;
+  std::vector<ssh::PlannedChange> changes_;
 };
 
 std::string directionName(::testing::TestParamInfo<TransferDirection> const& param) {
@@ -122,6 +127,10 @@ class Deltas : public ::testing::TestWithParam<TransferDirection> {
     EXPECT_EQ(report.bytes, sent);
     EXPECT_EQ(report.reused, newBytes.size() - sent);
     EXPECT_THAT(report.details, ::testing::IsEmpty());
+    ASSERT_EQ(files_.changes().size(), 1U);
+    EXPECT_EQ(files_.changes().front().action, ssh::PlannedChange::Action::Delta);
+    EXPECT_EQ(utf8(files_.changes().front().path), files_.destination().string());
+    EXPECT_EQ(files_.changes().front().bytes, sent);
     files_.expectArrived(newBytes);
   }
 
@@ -175,6 +184,8 @@ TEST_P(Deltas, WithoutDeltasTheFileIsSentWhole) {
   auto const report = files_.update(old64_, bytes, DeltaMode::Off);
   EXPECT_EQ(report.bytes, 64 * kMiB);
   EXPECT_EQ(report.reused, 0U);
+  ASSERT_EQ(files_.changes().size(), 1U);
+  EXPECT_EQ(files_.changes().front().action, ssh::PlannedChange::Action::Copy);
   files_.expectArrived(bytes);
 }
 

@@ -97,7 +97,8 @@ void FileCopier::onDownloadAnswer(Job& job, std::uint32_t kind, Reply const& rep
 void FileCopier::issueReads(Job& job) {
   while (job.next < job.size && job.end == UINT64_MAX && session_.dataInFlight() < settings_.windowBytes &&
          session_.queuedBytes() < kOutboundLimit && mayRequest()) {
-    auto const length = static_cast<std::uint32_t>(std::min<std::uint64_t>(requestChunk(), job.stretchEnd() - job.next));
+    auto const length =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(requestChunk(), job.stretchEnd() - job.next));
     requested(length);
     ++job.pending;
     session_.read({this, kRead, &job, job.next, length}, job.handle, job.next, length);

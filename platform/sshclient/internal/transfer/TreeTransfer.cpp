@@ -633,8 +633,8 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
 void TreeTransfer::fileDone(FileTask const& task) {
   auto& folder = *static_cast<Folder*>(task.owner);
   folder.changed = true;
-  changed(task.resumeFrom > 0 ? Change::Resume : Change::Copy, task.destination,
-          task.size.value_or(0) - task.resumeFrom);
+  auto const action = task.delta ? Change::Delta : task.resumeFrom > 0 ? Change::Resume : Change::Copy;
+  changed(action, task.destination, task.size.value_or(0) - task.resumeFrom - task.reused);
   --folder.outstanding;
   tryFinish(folder);
 }
