@@ -46,6 +46,8 @@ LATENCY = collections.OrderedDict([
     ("lat-small-300", "300 files of 2-6 KiB in one folder, upload"),
     ("lat-exists-200", "existence of 200 remote paths (half of them missing), connection set-up included"),
     ("lat-connect", "connection set-up, and the first answer"),
+    ("lat-delta-up-64m", "64 MiB with 1 MiB changed over its old version, upload"),
+    ("lat-delta-down-64m", "64 MiB with 1 MiB changed over its old version, download"),
 ])
 # Bytes moved by a row, for a rate next to its times.
 LATENCY_BYTES = {"lat-up-128m": 128 << 20, "lat-down-128m": 128 << 20}
@@ -81,6 +83,10 @@ TIMED = {
              "empty folder, TOOL-noop runs the same put again, TOOL-get copies the tree back into an empty folder; "
              "tar-put and tar-get are a tar pipe over ssh. Peak memory: the client's maximum resident set "
              "(`/usr/bin/time -f %M`); for rsync and tar the local process only",
+    "delta": "wall time of the whole process (connection included); before every step, untimed, the destination "
+             "gets the old version back (an older modification time). sshfa: the default, which measures the "
+             "link and sends a delta where that pays; sshfa-delta: `--delta`; sshfa-whole-file: `--whole-file`; "
+             "rsync-a: `rsync -a` (a delta by its rolling checksum)",
     "resume": "wall time of the whole re-run (connection included); before every step, untimed, the same "
               "tool's upload into an empty folder is killed (SIGKILL) once its file there holds 512 MiB. "
               "sshfa-no-resume is the same re-run with `--no-resume` (it starts over), for reference",
@@ -94,6 +100,7 @@ VALUE_COLUMNS = [
     ("bytes", "file data sent (sshfa's count)", lambda v: mib_text(v)),
     ("partial", "left by the interrupted run", lambda v: mib_text(v)),
     ("sent", "file data sent by the re-run", lambda v: mib_text(v)),
+    ("reused", "taken from the old version (sshfa's count)", lambda v: mib_text(v)),
     ("share", "of the file", lambda v: f"{v * 100:.1f} %"),
     ("wire", "all bytes sent (rsync's count)", lambda v: mib_text(v)),
     ("resumed", "files resumed (sshfa's count)", lambda v: f"{v:.0f}"),
@@ -110,13 +117,15 @@ KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "trans
         "noop-10k": "sync", "changed-10k": "sync", "resume-1g": "resume",
         "lat-up-128m": "transfer", "lat-down-128m": "transfer", "lat-small-300": "transfer",
         "lat-exists-200": "latency-exists", "lat-connect": "latency-connect",
+        "lat-delta-up-64m": "delta", "lat-delta-down-64m": "delta",
         "scale-100k": "scale", "scale-1m": "scale"}
 
 # The file counts of the scale rows.
 SCALE_FILES = {"scale-100k": 100_000, "scale-1m": 1_000_000}
 
-# The link of the goals of the latency rows.
+# The link of the goals of the latency rows, and of the delta rows.
 GOAL_LINK = "50ms"
+DELTA_GOAL_LINK = "50ms-100M"
 
 
 def link_text(link):
@@ -247,6 +256,16 @@ def goals(medians, values=None):
             ratio = peer("lat-connect" + at, tool) / peer("lat-connect" + at, "ssh-true")
             rows.append((f"{link_text(GOAL_LINK)}: connection and first answer ({tool}) no slower than "
                          "`ssh host true`", f"ratio {ratio:.2f}", ratio <= 1.0))
+    delta_at = f"@{DELTA_GOAL_LINK}"
+    for w, label in (("lat-delta-up-64m", "upload"), ("lat-delta-down-64m", "download")):
+        if ours(w + delta_at) and peer(w + delta_at, "sshfa-whole-file"):
+            ratio = ours(w + delta_at) / peer(w + delta_at, "sshfa-whole-file")
+            rows.append((f"{link_text(DELTA_GOAL_LINK)}: 64 MiB with 1 MiB changed ({label}) in <= 0.5x the time "
+                         "of `--whole-file`", f"{ratio:.2f}x", ratio <= 0.5))
+        if ours(w + delta_at) and peer(w + delta_at, "rsync-a"):
+            ratio = ours(w + delta_at) / peer(w + delta_at, "rsync-a")
+            rows.append((f"{link_text(DELTA_GOAL_LINK)}: 64 MiB with 1 MiB changed ({label}) no slower than "
+                         "`rsync -a`", f"ratio {ratio:.2f}", ratio <= 1.0))
     resume = values.get("resume-1g", {}).get(OURS, {})
     if ours("resume-1g") and "share" in resume:
         share = resume["share"]

@@ -15,8 +15,9 @@
 #                                     resume-1g (default: all of these)
 #                                     latency, or some of lat-up-128m
 #                                     lat-down-128m lat-small-300
-#                                     lat-exists-200 lat-connect: the
-#                                     latency rows, once per link of
+#                                     lat-exists-200 lat-connect
+#                                     lat-delta-up-64m lat-delta-down-64m:
+#                                     the latency rows, once per link of
 #                                     SSHFA_BENCH_LINKS; scale, or one of
 #                                     scale-100k scale-1m: trees of
 #                                     100-byte files, with peak memory
@@ -52,7 +53,7 @@ name=${SSHFA_BENCH_NAME:-}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
 all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k
   sftp-exists-1000 sftp-stat-1000 connect noop-10k changed-10k resume-1g"
-latency_workloads="lat-up-128m lat-down-128m lat-small-300 lat-exists-200 lat-connect"
+latency_workloads="lat-up-128m lat-down-128m lat-small-300 lat-exists-200 lat-connect lat-delta-up-64m lat-delta-down-64m"
 # Trees of 100-byte files, by name only (long): put, a no-op put and get of
 # each tool, with time and peak memory. "scale" runs both.
 scale_workloads="scale-100k scale-1m"
@@ -791,6 +792,52 @@ lconnect_tool_put() { lsshfa put "$lat_small/file000.dat" "$lat_one"; }
 lconnect_ssh() { lssh true; }
 lconnect_paramiko() { library_time connect lparamiko connect; }
 
+# 64 MiB with 1 MiB changed (across two 1 MiB blocks) over its old version:
+# sshfa's default (a delta where the measured link makes it pay), a delta
+# always, the whole file, and rsync -a (a delta by rsync's rolling checksum).
+lat_delta_old=$local_dir/lat-delta-old.bin
+lat_delta_new=$local_dir/lat-delta-new.bin
+lat_delta_new_remote=$remote_dir/lat-delta-new.bin
+lat_delta_up=$remote_dir/lat-delta-up.bin
+lat_delta_down=$local_dir/lat-delta-down.bin
+make_lat_delta() {
+  [ -f "$lat_delta_new_remote" ] && return
+  head -c 67108864 /dev/urandom >"$lat_delta_old"
+  cp "$lat_delta_old" "$lat_delta_new"
+  head -c 1048576 /dev/urandom | dd of="$lat_delta_new" bs=524288 seek=65 conv=notrunc status=none
+  touch -d '2020-01-01 00:00:00' "$lat_delta_old"
+  cp -p "$lat_delta_new" "$lat_delta_new_remote"
+}
+reset_lat_delta_up() { cp -p "$lat_delta_old" "$lat_delta_up"; }
+reset_lat_delta_down() { cp -p "$lat_delta_old" "$lat_delta_down"; }
+check_lat_delta_up() { cmp -s "$lat_delta_new" "$lat_delta_up"; }
+check_lat_delta_down() { cmp -s "$lat_delta_new_remote" "$lat_delta_down"; }
+ldelta_up_sshfa() { lsshfa put --json "$@" "$lat_delta_new" "$lat_delta_up"; }
+ldelta_up_always() { ldelta_up_sshfa --delta; }
+ldelta_up_whole() { ldelta_up_sshfa --whole-file; }
+ldelta_up_rsync() { rsync -a --stats -e "$rsync_e" "$lat_delta_new" "$lhost:$lat_delta_up"; }
+ldelta_down_sshfa() { lsshfa get --json "$@" "$lat_delta_new_remote" "$lat_delta_down"; }
+ldelta_down_always() { ldelta_down_sshfa --delta; }
+ldelta_down_whole() { ldelta_down_sshfa --whole-file; }
+ldelta_down_rsync() { rsync -a --stats -e "$rsync_e" "$lhost:$lat_delta_new_remote" "$lat_delta_down"; }
+# File data each step sent (sshfa's count, rsync's literal data) and reused.
+after_delta() {  # tool
+  case $1 in
+  sshfa*)
+    $python - "$work/step.out" <<'PY' | while read -r k v; do note "$k" "$v"; done
+import json, sys
+a = json.load(open(sys.argv[1]))
+print("sent", a["bytes"])
+print("reused", a["reused"])
+PY
+    ;;
+  rsync-*)
+    note sent "$(sed -n 's/^Literal data: \([0-9,]*\).*/\1/p' "$work/step.out" | tr -d ,)"
+    note wire "$(sed -n 's/^Total bytes sent: \([0-9,]*\).*/\1/p' "$work/step.out" | tr -d ,)"
+    ;;
+  esac
+}
+
 run_latency_row() {  # workload
   local row=$1@$link_name
   case $1 in
@@ -819,6 +866,20 @@ run_latency_row() {  # workload
     run_workload "$row" reset_lat_one nothing sshfa:lconnect_sshfa sshfa-first-command:lconnect_sshfa_first \
       sshfa-tool-exists:lconnect_tool_exists sshfa-tool-put-one:lconnect_tool_put ssh-true:lconnect_ssh \
       paramiko:lconnect_paramiko
+    ;;
+  lat-delta-up-64m)
+    make_lat_delta
+    after_step=after_delta
+    run_workload "$row" reset_lat_delta_up check_lat_delta_up sshfa:ldelta_up_sshfa sshfa-delta:ldelta_up_always \
+      sshfa-whole-file:ldelta_up_whole rsync-a:ldelta_up_rsync
+    after_step=
+    ;;
+  lat-delta-down-64m)
+    make_lat_delta
+    after_step=after_delta
+    run_workload "$row" reset_lat_delta_down check_lat_delta_down sshfa:ldelta_down_sshfa \
+      sshfa-delta:ldelta_down_always sshfa-whole-file:ldelta_down_whole rsync-a:ldelta_down_rsync
+    after_step=
     ;;
   esac
 }

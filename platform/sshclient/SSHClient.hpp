@@ -158,6 +158,14 @@ enum class UnchangedTest {
   Checksum,     // a regular file of the source's size and SHA-256
 };
 
+// Whether a file that exists in the destination is sent as the blocks that
+// differ (a delta) instead of whole.
+enum class DeltaMode {
+  Off,     // always whole
+  Auto,    // a delta where the link is measured slower than hashing both sides
+  Always,  // a delta for every regular file with an old version
+};
+
 struct TreeTransferOptions {
   // The source's permission bits exactly (user/group/other rwx); off: new
   // files get 0666 and folders 0777, less the creator's umask.
@@ -209,6 +217,13 @@ struct TreeTransferOptions {
   // are matched against paths relative to the item's source folder; items
   // themselves are not filtered. Default: no rules, no cost.
   Filter filter{};
+  // A changed file whose destination holds an older version is built in a
+  // temporary that starts as a copy of the old version (made on the
+  // destination's side), with only the blocks whose SHA-256 differ sent into
+  // it: both versions are hashed in blocks, the remote one by its host's GNU
+  // split and sha256sum. Where those are missing, or the server allows SFTP
+  // only, the file goes whole (a line in the report's details says why).
+  DeltaMode delta = DeltaMode::Off;
   // A destination file whose modification time is later than its source
   // file's is left alone (counted in the report's `newer`), as rsync's
   // --update does; links and folders are unaffected.
@@ -246,7 +261,9 @@ struct PlannedChange {
   // (followed by the Folder, Copy or Link that takes its place).
   // Exclude: left out by the filter (the source's path).
   // Fix: an unchanged file's mode and time put right.
-  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace, Exclude, Fix };
+  // Delta: sent as the blocks that differ from the old version (bytes: the
+  // whole file's, as no block is compared in a dry run).
+  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace, Exclude, Fix, Delta };
   Action action = Action::Copy;
   ustring path;
   std::uint64_t bytes = 0;  // file data to send (Resume: the rest only)
@@ -256,6 +273,7 @@ struct PlannedChange {
 struct TreeTransferReport {
   std::size_t files = 0;            // regular files copied (resumed ones too)
   std::uint64_t bytes = 0;          // file data sent over the connection
+  std::uint64_t reused = 0;         // file data taken from old versions instead (deltas)
   std::size_t folders = 0;          // destination folders made
   std::size_t links = 0;            // symbolic links made
   std::size_t special = 0;          // FIFOs, sockets and devices left out
@@ -266,6 +284,9 @@ struct TreeTransferReport {
   std::size_t newer = 0;            // files left as they were: newer on the destination (update)
   std::vector<ustring> notes;       // one line per special file left out
   std::vector<PlannedChange> plan;  // dryRun only: by action (as listed above), then path
+  // For a verbose reader: how files were sent where that was not the obvious
+  // way (a delta that went whole after all, and why).
+  std::vector<ustring> details;
 };
 
 struct TransferProgress {

@@ -233,6 +233,11 @@ CLI::App* addTransferCommand(CLI::App& app, Invocation& inv, std::string const& 
   sub->add_flag("-n,--dry-run", inv.transfer.dryRun, "Print what would be copied, skipped and deleted; change nothing");
   sub->add_flag("--no-resume", inv.transfer.noResume,
                 "Start interrupted files over, and keep nothing of a file when interrupted");
+  auto* const delta = sub->add_flag("--delta", inv.transfer.delta,
+                                    "Send a changed file as the blocks that differ from its old version, "
+                                    "also where the link is fast (default: where that is measured to pay)");
+  sub->add_flag("-W,--whole-file", inv.transfer.wholeFile, "Send changed files whole, never as deltas")
+      ->excludes(delta);
   sub->add_flag("--progress", inv.transfer.progress, "Draw the progress line also when standard error is no terminal");
   sub->add_option("--bwlimit", inv.bwlimit,
                   "Send (or fetch) at most RATE bytes of file data a second: 1M, 512K, 2.5M, 100000 (K, M, G: "

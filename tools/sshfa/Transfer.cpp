@@ -19,6 +19,7 @@
 #include "tools/sshfa/Interrupt.hpp"
 #include "tools/sshfa/Json.hpp"
 #include "tools/sshfa/Text.hpp"
+#include "tools/sshfa/Trace.hpp"
 #include "tools/sshfa/TransferRules.hpp"
 
 namespace sshfa::cli {
@@ -93,13 +94,16 @@ char const* actionName(Action action) {
       return "exclude";
     case Action::Fix:
       return "fix";
+    case Action::Delta:
+      return "delta";
   }
   return "?";
 }
 
 // "copy PATH (SIZE)": one line of a plan or of -v; sizes for file data.
 std::string describeChange(ssh::PlannedChange const& change) {
-  bool const data = change.action == Action::Copy || change.action == Action::Resume || change.action == Action::Skip;
+  bool const data = change.action == Action::Copy || change.action == Action::Resume ||
+                    change.action == Action::Delta || change.action == Action::Skip;
   auto const size = data ? fmt::format(" ({})", formatBytes(change.bytes)) : std::string();
   return fmt::format("{} {}{}\n", actionName(change.action), forStream(STDOUT_FILENO, change.path), size);
 }
@@ -188,6 +192,7 @@ sfa::TransferOptions optionsOf(TransferCommand const& command) {
   options.deleteExtraneous = flags.deleteExtraneous || flags.deleteExcluded;
   options.dryRun = flags.dryRun;
   options.resume = !flags.noResume;
+  options.delta = flags.wholeFile ? ssh::DeltaMode::Off : flags.delta ? ssh::DeltaMode::Always : ssh::DeltaMode::Auto;
   options.ignoreSuspectNames = flags.ignoreSuspectNames;
   options.filter = flags.filter;
   options.bytesPerSecond = flags.bytesPerSecond;
@@ -209,6 +214,7 @@ Json totalsDocument(TransferCommand const& command, sfa::TransferReport const& r
   }
   json["copied"] = report.files;
   json["bytes"] = report.bytes;
+  json["reused"] = report.reused;
   json["seconds"] = std::round(totals.seconds * 1000.0) / 1000.0;
   json["resumed"] = report.resumed;
   json["unchanged"] = report.skipped;
@@ -226,6 +232,7 @@ std::string summary(TransferCommand const& command, sfa::TransferReport const& r
   std::string extra;
   if (report.links > 0) extra += ", " + counted(report.links, "link", "links");
   if (report.special > 0) extra += ", " + counted(report.special, "special file", "special files") + " left out";
+  if (report.reused > 0) extra += fmt::format(", {} reused", formatBytes(report.reused));
   if (report.resumed > 0) extra += fmt::format(", {} resumed", report.resumed);
   if (report.skipped > 0) extra += fmt::format(", {} unchanged", report.skipped);
   if (report.newer > 0) extra += fmt::format(", {} newer", report.newer);
@@ -315,6 +322,9 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, TransferComma
   totals.files = report.files;
   totals.bytes = report.bytes;
   printNotes(report);
+  if (flags.verbose) {
+    for (auto const& line : report.details) trace(fmt::format("{}: {}", name, fl::i18n::ustring_to_utf8(line)));
+  }
   if (command.json) {
     writeTo(stdout, document(totalsDocument(command, report, totals)));
     return 0;

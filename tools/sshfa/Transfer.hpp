@@ -26,6 +26,8 @@ struct TransferFlags {
   bool deleteExtraneous = false;
   bool dryRun = false;
   bool noResume = false;
+  bool delta = false;      // every changed file with an old version as a delta
+  bool wholeFile = false;  // never a delta
   bool ignoreSuspectNames = false;
   bool progress = false;             // the bar also when standard error is no terminal
   std::uint64_t bytesPerSecond = 0;  // --bwlimit; 0: none

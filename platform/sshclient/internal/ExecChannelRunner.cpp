@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include "sshfileaccess/platform/sshclient/internal/PendingCommand.hpp"
+
 namespace foundation::sshclient::internal {
 
 namespace {
@@ -48,56 +50,11 @@ ExecChannelRunner::ExecChannelRunner(Session& session) : session_(session) {
 }
 
 CommandOutput ExecChannelRunner::run(std::string const& command) {
-  session_.requireShell();
-  Channel channel(session_);
-  // The command text follows the request without waiting for its answer.
-  channel.requestExec(wrapper_, Channel::Answer::Later);
-  CommandOutput result;
-  LoginNoiseFilter outNoise(marker_);
-  LoginNoiseFilter errNoise(marker_);
-  std::string_view input = command;
-  bool arrived = false;
-  ArrivalWatch const watch(channel.raw(), arrived);
-  // Output is read while the input is still being sent: a large command text
-  // and a chatty command must not wait on each other.
-  for (;;) {
-    arrived = false;
-    bool progressed = false;
-    if (!input.empty()) {
-      // What answers in place of a shell may close the channel before it
-      // has read the text.
-      std::size_t const written = channel.offer(input);
-      input.remove_prefix(written);
-      progressed = written > 0;
-    }
-    if (input.empty()) channel.sendEof();
-    if (channel.read(result.out, Stream::Stdout) > 0) {
-      outNoise.drop(result.out);
-      progressed = true;
-    }
-    if (channel.read(result.err, Stream::Stderr) > 0) {
-      errNoise.drop(result.err);
-      progressed = true;
-    }
-    // SFTP bytes where the marker should be: nothing more to wait for.
-    if (outNoise.foreign()) session_.failNoShell();
-    bool const started = channel.requestAnswered();
-    if (channel.finished()) {
-      // Closed without an answer: the session ended at once.
-      if (!started && !channel.requestAnswered()) session_.failNoShell();
-      break;
-    }
-    if (!progressed && !arrived) session_.wait();
+  PendingCommand running(session_, marker_, wrapper_, command);
+  while (!running.ended()) {
+    if (!running.step() && !running.news()) session_.wait();
   }
-  // The marker on standard output is the shell's word that it ran the
-  // command (the one on standard error can be lost to a login script that
-  // redirects it, and is not needed).
-  if (!outNoise.passed()) session_.failNoShell();
-  session_.noteShellFound();
-  std::optional<int> const status = channel.exitStatus();
-  if (!status) session_.fail(SSHError::Kind::Channel, "the server ended the command without reporting its exit status");
-  result.exitStatus = *status;
-  return result;
+  return running.take();
 }
 
 void ExecChannelRunner::probe() { run(std::string()); }

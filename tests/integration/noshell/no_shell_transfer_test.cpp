@@ -1,7 +1,8 @@
 // Transfers on an account that allows SFTP and nothing else: a re-run still
 // skips unchanged files, --checksum falls back to size and time and says so,
 // and a partial copy is continued when its prefix is small enough to be
-// read over SFTP and checked here, else started over with a note.
+// read over SFTP and checked here, else started over with a note; a delta
+// goes whole, and says so under -v.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -118,6 +119,21 @@ TEST_P(TransfersOnSftpOnly, ALargePartialCopyStartsOverWithANote) {
   EXPECT_THAT(result.out, HasSubstr("\"bytes\": " + std::to_string(bytes.size())));
   EXPECT_THAT(result.err, HasSubstr("starts over: the server allows SFTP only, so its partial copy cannot be checked"));
   EXPECT_FALSE(fs::exists(destinationFolder() / partial));
+}
+
+TEST_P(TransfersOnSftpOnly, ADeltaGoesWholeAndSaysSoWhenVerbose) {
+  auto bytes = randomBytes(2 * 1024 * 1024, 9);
+  write(destinationFolder() / "big", bytes);
+  bytes[1000] = static_cast<char>(~bytes[1000]);
+  write(sourceFolder() / "big", bytes);
+  ::utimensat(AT_FDCWD, (sourceFolder() / "big").c_str(), nullptr, 0);
+  auto const result = transfer("big", {"-v", "--delta"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("\"bytes\": " + std::to_string(bytes.size()) + ",\n"));
+  EXPECT_THAT(result.out, HasSubstr("\"reused\": 0,\n"));
+  EXPECT_THAT(result.err, HasSubstr("sshfa: trace: " + std::string(upload() ? "put" : "get") + ": '" +
+                                    operand(sourceFolder(), "big") + "' sent whole: the server allows SFTP only\n"));
+  EXPECT_EQ(readFile(destinationFolder() / "big"), bytes);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothWays, TransfersOnSftpOnly, ::testing::Bool(),

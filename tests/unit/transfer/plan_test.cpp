@@ -83,6 +83,8 @@ char const* stepName(Step step) {
       return "fix";
     case Step::Copy:
       return "copy";
+    case Step::Delta:
+      return "delta";
     case Step::Skip:
       return "skip";
     case Step::Delete:
@@ -476,6 +478,123 @@ TEST_P(PlanTable, DecidesEachName) {
 
 INSTANTIATE_TEST_SUITE_P(Plan, PlanTable, ::testing::ValuesIn(kCases),
                          [](::testing::TestParamInfo<Case> const& param) { return param.param.name; });
+
+constexpr std::uint64_t kMiB = 1024U * 1024U;
+// 100 Mbit/s with a 50 ms round trip, and a loopback's 1 GB/s.
+constexpr tr::LinkSpeed kSlowLink{.bytesPerSecond = 12.5e6, .roundTripSeconds = 0.05};
+constexpr tr::LinkSpeed kLoopback{.bytesPerSecond = 1e9, .roundTripSeconds = 0.0001};
+using foundation::sshclient::DeltaMode;
+
+tr::PlanSettings deltas(DeltaMode mode, std::optional<tr::LinkSpeed> link = std::nullopt) {
+  auto settings = skipping();
+  settings.delta = mode;
+  settings.link = link;
+  return settings;
+}
+
+std::vector<Case> const kDeltaCases{
+    {"ADeltaIsAskedForAChangedFileWithAnOldVersion",
+     {file("a", 5), file("new", 5), file("same", 5)},
+     std::vector<Entry>{file("a", 9, kTime - 1), file("same", 5)},
+     deltas(DeltaMode::Always),
+     {},
+     {},
+     {"copy new", "delta a", "skip same"}},
+    {"ADeltaNeverReplacesALinkOrAFolder",
+     {file("l", 5), file("d", 5)},
+     std::vector<Entry>{link("l", "x"), folder("d")},
+     with(deltas(DeltaMode::Always), true, true, false),
+     kBelowRoot,
+     {},
+     {"copy d (replace)", "copy l"}},
+    {"ADeltaOverAnEmptyOldVersionWhenAsked",
+     {file("a", 5)},
+     std::vector<Entry>{file("a", 0)},
+     deltas(DeltaMode::Always),
+     {},
+     {},
+     {"delta a"}},
+    {"AResumableTemporaryWinsOverADelta",
+     {file("big", 9)},
+     std::vector<Entry>{file("big", 3, kTime - 1), file(kPartial, 4)},
+     with(deltas(DeltaMode::Always), false, false, true),
+     {},
+     {},
+     {"copy big (resume " + kPartial + " from 4)"}},
+    {"WithoutDeltasAChangedFileIsCopied",
+     {file("a", 64 * kMiB)},
+     std::vector<Entry>{file("a", 64 * kMiB, kTime - 1)},
+     deltas(DeltaMode::Off, kSlowLink),
+     {},
+     {},
+     {"copy a"}},
+    {"AutoSendsADeltaOverASlowLink",
+     {file("a", 64 * kMiB)},
+     std::vector<Entry>{file("a", 64 * kMiB, kTime - 1)},
+     deltas(DeltaMode::Auto, kSlowLink),
+     {},
+     {},
+     {"delta a"}},
+    {"AutoCopiesOverALoopback",
+     {file("a", 64 * kMiB)},
+     std::vector<Entry>{file("a", 64 * kMiB, kTime - 1)},
+     deltas(DeltaMode::Auto, kLoopback),
+     {},
+     {},
+     {"copy a"}},
+    {"AutoCopiesBeforeTheLinkIsMeasured",
+     {file("a", 64 * kMiB)},
+     std::vector<Entry>{file("a", 64 * kMiB, kTime - 1)},
+     deltas(DeltaMode::Auto),
+     {},
+     {},
+     {"copy a"}},
+    {"AutoCopiesASmallFileOrOverASmallOne",
+     {file("small", kMiB - 1), file("empty", 64 * kMiB), file("tiny", 64 * kMiB)},
+     std::vector<Entry>{file("small", kMiB), file("empty", 0), file("tiny", kMiB - 1)},
+     deltas(DeltaMode::Auto, kSlowLink),
+     {},
+     {},
+     {"copy empty", "copy small", "copy tiny"}},
+    {"AutoSendsADeltaForChecksumsThatDiffer",
+     {file("a", 8 * kMiB)},
+     std::vector<Entry>{file("a", 8 * kMiB)},
+     [] {
+       auto settings = deltas(DeltaMode::Auto, kSlowLink);
+       settings.skipUnchanged = UnchangedTest::Checksum;
+       return settings;
+     }(),
+     {},
+     {{"a", false}},
+     {"delta a"}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Delta, PlanTable, ::testing::ValuesIn(kDeltaCases),
+                         [](::testing::TestParamInfo<Case> const& param) { return param.param.name; });
+
+TEST(LinkSpeedNeededFor, AChangedFileAutoCouldSendAsADelta) {
+  auto const source = listing({file("new", 64 * kMiB), file("same", 64 * kMiB), file("small", 1000),
+                               file("changed", 2 * kMiB), file("grown", 3 * kMiB)});
+  auto const destination = listing(
+      {file("same", 64 * kMiB), file("small", 10), file("changed", 2 * kMiB, kTime - 1), file("grown", 2 * kMiB)});
+  auto const* wanted = tr::linkSpeedNeededFor(source, &destination, deltas(DeltaMode::Auto));
+  ASSERT_NE(wanted, nullptr);
+  EXPECT_EQ(wanted->name, "changed");
+  // Measured once, never again; other modes never measure.
+  EXPECT_EQ(tr::linkSpeedNeededFor(source, &destination, deltas(DeltaMode::Auto, kSlowLink)), nullptr);
+  EXPECT_EQ(tr::linkSpeedNeededFor(source, &destination, deltas(DeltaMode::Always)), nullptr);
+  EXPECT_EQ(tr::linkSpeedNeededFor(source, &destination, deltas(DeltaMode::Off)), nullptr);
+  EXPECT_EQ(tr::linkSpeedNeededFor(source, nullptr, deltas(DeltaMode::Auto)), nullptr);
+  // Nothing changed that is large enough: nothing to measure for.
+  auto const unchanged = listing({file("same", 64 * kMiB), file("small", 1000)});
+  EXPECT_EQ(tr::linkSpeedNeededFor(unchanged, &destination, deltas(DeltaMode::Auto)), nullptr);
+  // Equal checksums count as unchanged.
+  auto checksums = deltas(DeltaMode::Auto);
+  checksums.skipUnchanged = UnchangedTest::Checksum;
+  auto const equal = listing({file("same", 64 * kMiB, kTime + 5)});
+  EXPECT_EQ(tr::linkSpeedNeededFor(equal, &destination, checksums, {{"same", true}}), nullptr);
+  EXPECT_NE(tr::linkSpeedNeededFor(equal, &destination, checksums, {{"same", false}}), nullptr);
+}
 
 TEST(ChecksumCandidates, AreRegularFilesOfEqualSize) {
   auto const source = listing({file("same", 5), file("other", 5), file("new", 5), link("l", "x"), folder("d")});

@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -48,9 +49,43 @@ struct EngineOptions {
 };
 
 using ProgressCallback = std::function<void(TransferProgress const&)>;
-// Runs a command line on the remote host and returns its standard output:
-// trees hash remote files with it (comparing by checksum, resuming).
-using RemoteShell = std::function<std::string(std::string const& command)>;
+
+// A command line running on the remote host, moved on from the transfer's
+// own loop while its SFTP requests fly: poll() never sleeps; the loop sleeps
+// only when nothing moved and news() is false. Throws SSHError as the
+// command runners do (NoShell: no shell ran it). Destroying it unfinished
+// abandons it.
+class RemoteCommand {
+ public:
+  virtual ~RemoteCommand() = default;
+  // True once the command has ended and its output is complete.
+  virtual bool poll() = 0;
+  // Its data was taken in by some other read since the last poll().
+  [[nodiscard]] virtual bool news() const = 0;
+  // Sleeps until the server sends anything (or pending output can go).
+  virtual void wait() = 0;
+  [[nodiscard]] virtual std::string const& output() const = 0;
+
+ protected:
+  RemoteCommand() = default;
+  RemoteCommand(RemoteCommand const&) = default;
+  RemoteCommand& operator=(RemoteCommand const&) = default;
+};
+
+// How trees run command lines on the remote host: to hash remote files
+// (comparing by checksum, resuming, deltas).
+struct RemoteShell {
+  // Runs one and returns its standard output.
+  std::function<std::string(std::string const& command)> run;
+  // Starts one on a channel of its own and returns at once; unset: `run`
+  // runs it in place.
+  std::function<std::unique_ptr<RemoteCommand>(std::string const& command)> start;
+};
+
+// Starts `command` through `shell` (in place, finished, without `start`).
+std::unique_ptr<RemoteCommand> startCommand(RemoteShell const& shell, std::string const& command);
+// Moves a command on until it ends; its output.
+std::string finishCommand(RemoteCommand& command);
 
 // Flat copies (copyFiles): each item's file to exactly its destination,
 // created with the command's mode less the creator's umask; the first failed

@@ -130,7 +130,7 @@ void SftpSession::copyData(Ticket const& ticket, std::string_view readHandle, st
   writer().copyData(track(ticket), readHandle, readOffset, length, writeHandle, writeOffset);
 }
 
-void SftpSession::pump(bool mayWait) {
+bool SftpSession::pump(bool mayWait) {
   bool moved = false;
   if (queuedBytes() > 0) {
     auto const n = transport_.send(std::span<std::uint8_t const>(out_).subspan(sent_));
@@ -150,6 +150,7 @@ void SftpSession::pump(bool mayWait) {
   }
   while (auto packet = in_.next()) onPacket(*packet);
   if (!moved && received == 0 && mayWait) transport_.wait(queuedBytes() > 0);
+  return moved || received > 0;
 }
 
 void SftpSession::drain() {

@@ -113,7 +113,8 @@ class SftpSession {
   // ---- driving
   // Sends what can go, takes in what has come and hands every reply to its
   // handler; sleeps in the transport when nothing moved and `mayWait`.
-  void pump(bool mayWait = true);
+  // Whether anything moved.
+  bool pump(bool mayWait = true);
   // Pumps until every request sent so far is answered.
   void drain();
   // Sleeps until the stream may move (see Transport::wait).

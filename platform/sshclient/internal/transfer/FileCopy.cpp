@@ -131,6 +131,8 @@ void FileCopier::onReply(Ticket const& ticket, Reply const& reply) {
       return onInspect(job, reply);
     case kStatvfs:
       return onStatvfs(job, reply);
+    case kRecheck:
+      return onRecheck(job, reply);
     default:
       return;
   }
@@ -146,13 +148,13 @@ void FileCopier::start(Job& job) {
   }
 }
 
+std::string failedCopy(FileTask const& task, bool upload, std::string const& peer) {
+  if (upload) return "cannot upload " + quoted(task.source) + " to " + quoted(task.destination) + " on " + peer + ": ";
+  return "cannot download " + quoted(task.source) + " from " + peer + " to " + quoted(task.destination) + ": ";
+}
+
 std::string FileCopier::describe(Job const& job) const {
-  auto const& task = job.task;
-  if (settings_.upload) {
-    return "cannot upload " + quoted(task.source) + " to " + quoted(task.destination) + " on " + session_.peer() + ": ";
-  }
-  return "cannot download " + quoted(task.source) + " from " + session_.peer() + " to " + quoted(task.destination) +
-         ": ";
+  return failedCopy(job.task, settings_.upload, session_.peer());
 }
 
 std::string FileCopier::context() const {
@@ -216,6 +218,7 @@ void FileCopier::complete(Job& job) {
   reapable_ = true;
   ++counters_.filesDone;
   if (job.resumed) ++counters_.resumed;
+  if (job.task.delta) counters_.reused += job.task.reused;
   observer_.fileDone(job.task);
 }
 

@@ -15,7 +15,9 @@
 // offered, else a plain rename and, where that refuses to replace a regular
 // file, a move aside and back. Local files are made in their folder's open
 // descriptor (LocalDir), never through a link. A file whose size or time
-// changes while it is read fails ("changed while being read").
+// changes while it is read fails ("changed while being read"). A delta's
+// temporary arrives made (DeltaCopy.hpp): only the changed ranges are sent
+// into it, it is cut to the source's size, and it is renamed the same way.
 //
 // Under a rate limit (bytesPerSecond), data requests are cut to an eighth
 // of a second's worth and issued as a token bucket allows; when nothing else
@@ -29,6 +31,8 @@
 // Owns its jobs; calls only the session, the local file system and the
 // observer. Not thread-safe.
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -39,6 +43,7 @@
 #include <vector>
 
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Delta.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/RateLimit.hpp"
@@ -69,6 +74,14 @@ struct FileTask {
   Kept kept;               // mode and times to set
   std::string resumeTemp;  // an earlier run's verified temporary (its name)
   std::uint64_t resumeFrom = 0;
+  // A delta: `resumeTemp` is a temporary of this transfer (not resumable)
+  // that holds the old version's bytes; only `ranges` of the source are sent
+  // into it, and it is cut to `size`. An upload's source must still have
+  // `size` and `hashedMtime`, as when its blocks were hashed.
+  bool delta = false;
+  std::vector<ByteRange> ranges;
+  std::uint64_t reused = 0;
+  struct timespec hashedMtime {};
   void* owner = nullptr;  // the caller's, handed back
 };
 
@@ -89,7 +102,12 @@ struct TransferCounters {
   std::uint64_t bytesTotal = 0;
   std::size_t filesDone = 0;
   std::size_t resumed = 0;
+  std::uint64_t reused = 0;  // file data taken from old versions (deltas)
 };
+
+// "cannot upload 'a' to 'b' on peer: " (or the download's words): how the
+// failure of a file begins.
+[[nodiscard]] std::string failedCopy(FileTask const& task, bool upload, std::string const& peer);
 
 class FileCopier final : public sftp::ReplyHandler {
  public:
@@ -145,6 +163,7 @@ class FileCopier final : public sftp::ReplyHandler {
   void issueReads(Job& job);
   void onRead(Job& job, sftp::Ticket const& ticket, sftp::Reply const& reply);
   void onProbe(Job& job, sftp::Reply const& reply);
+  void onRecheck(Job& job, sftp::Reply const& reply);
   bool writeBehind(Job& job, std::uint64_t offset, sftp::ByteView data);
   bool flush(Job& job);
   void finishDownload(Job& job);

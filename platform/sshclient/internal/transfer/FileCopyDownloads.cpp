@@ -19,19 +19,18 @@ using namespace copying;  // NOLINT(google-build-using-namespace): this room's o
 
 void FileCopier::startDownload(Job& job) {
   auto& task = job.task;
-  if (!task.folder) {
-    auto const [folder, name] = splitPath(task.destination);
-    int error = 0;
-    task.folder = LocalDir::open(folder.empty() ? std::string(".") : folder, error);
-    task.name = name;
-    if (!task.folder) {
-      if (error == ENOENT)
-        return fail(job, "destination folder " + quoted(folderOf(task.destination)) + " does not exist");
-      return fail(job, "cannot open " + quoted(folderOf(task.destination)) + ": " + errnoText(error));
-    }
+  if (auto const error = openDestinationFolder(task); error != 0) {
+    if (error == ENOENT)
+      return fail(job, "destination folder " + quoted(folderOf(task.destination)) + " does not exist");
+    return fail(job, "cannot open " + quoted(folderOf(task.destination)) + ": " + errnoText(error));
   }
   auto const& folder = *task.folder;
-  if (!task.resumeTemp.empty()) {
+  if (task.delta) {
+    job.temp = task.resumeTemp;
+    if (auto const error = folder.openFile(job.temp, job.fd); error != 0) {
+      return fail(job, "cannot open " + quoted(folder.pathOf(job.temp)) + ": " + errnoText(error));
+    }
+  } else if (!task.resumeTemp.empty()) {
     if (folder.openFile(task.resumeTemp, job.fd) == 0) {
       job.temp = task.resumeTemp;
       job.resumed = job.resumable = true;
@@ -88,6 +87,7 @@ void FileCopier::onDownloadAnswer(Job& job, std::uint32_t kind, Reply const& rep
   }
   if (job.sourceError) return fail(job, "cannot open " + quoted(source) + ": " + *job.sourceError);
   job.size = job.attributes->size.value_or(UINT64_MAX);
+  job.skipReused();
   if (job.attributes->size && !job.task.size) counters_.bytesTotal += job.size;
   job.phase = Job::Phase::Transferring;
   // A listed file is probed past its end before it finishes, also when empty.
@@ -97,11 +97,13 @@ void FileCopier::onDownloadAnswer(Job& job, std::uint32_t kind, Reply const& rep
 void FileCopier::issueReads(Job& job) {
   while (job.next < job.size && job.end == UINT64_MAX && session_.dataInFlight() < settings_.windowBytes &&
          session_.queuedBytes() < kOutboundLimit && mayRequest()) {
-    auto const length = static_cast<std::uint32_t>(std::min<std::uint64_t>(requestChunk(), job.size - job.next));
+    auto const length =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(requestChunk(), job.stretchEnd() - job.next));
     requested(length);
     ++job.pending;
     session_.read({this, kRead, &job, job.next, length}, job.handle, job.next, length);
     job.next += length;
+    job.skipReused();
     ++job.dataInFlight;
   }
   if (job.task.size && !job.probed && job.next >= job.size && job.end == UINT64_MAX) {
@@ -110,6 +112,13 @@ void FileCopier::issueReads(Job& job) {
     session_.read({this, kProbe, &job}, job.handle, job.size, 1);
     job.probed = true;
     ++job.dataInFlight;
+    if (job.task.delta) {
+      // Blocks kept from the old version fit only the source as listed: one
+      // rewritten in place since shows in its time.
+      ++job.pending;
+      session_.stat({this, kRecheck, &job}, job.task.source);
+      ++job.dataInFlight;
+    }
   }
 }
 
@@ -121,6 +130,16 @@ void FileCopier::onProbe(Job& job, Reply const& reply) {
   if (reply.status != StatusCode::Eof) {
     return fail(job,
                 "cannot read " + quoted(job.task.source) + ": " + sftp::describeStatus(reply.status, reply.message));
+  }
+  if (job.dataInFlight == 0) finishDownload(job);
+}
+
+void FileCopier::onRecheck(Job& job, Reply const& reply) {
+  --job.dataInFlight;
+  if (job.failed) return;
+  if (reply.type != PacketType::Attrs || reply.attributes.size != job.task.size ||
+      reply.attributes.mtime != job.task.listedMtime) {
+    return fail(job, quoted(job.task.source) + " changed while being read");
   }
   if (job.dataInFlight == 0) finishDownload(job);
 }
@@ -201,6 +220,10 @@ void FileCopier::finishDownload(Job& job) {
   if (!flush(job)) return;
   job.block.release();
   auto const tempPath = task.folder->pathOf(job.temp);
+  // A delta's temporary may still be as long as the old version.
+  if (task.delta && ::ftruncate(job.fd.get(), static_cast<off_t>(job.size)) != 0) {
+    return fail(job, "cannot write " + quoted(tempPath) + ": " + errnoText(errno));
+  }
   bool modeFailed = false;
   if (auto const error = setAttributesOf(job.fd.get(), task.kept, modeFailed); error != 0) {
     return fail(job, std::string(modeFailed ? "cannot set the mode of " : "cannot set the time of ") +

@@ -1,9 +1,11 @@
 #pragma once
 // The pieces of FileCopier shared by its sources (FileCopy.cpp,
-// FileCopyUploads.cpp, FileCopyDownloads.cpp); not for anyone else.
+// FileCopyUploads.cpp, FileCopyDownloads.cpp) and by the delta copies that
+// prepare its temporaries (DeltaCopy.cpp); not for anyone else.
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -49,6 +51,7 @@ enum Kind : std::uint32_t {
   kMoveIn,
   kStatvfs,
   kCleanup,
+  kRecheck,
 };
 
 inline std::string quoted(std::string_view path) { return "'" + std::string(path) + "'"; }
@@ -66,6 +69,17 @@ inline std::pair<std::string, std::string> splitPath(std::string const& path) {
   auto const slash = path.rfind('/');
   if (slash == std::string::npos) return {std::string(), path};
   return {path.substr(0, slash + 1), path.substr(slash + 1)};
+}
+
+// A download's destination folder, opened from the destination's path when
+// the task came without it (a caller's own file); 0 or the errno.
+inline int openDestinationFolder(FileTask& task) {
+  if (task.folder) return 0;
+  auto const [folder, name] = splitPath(task.destination);
+  int error = 0;
+  task.folder = LocalDir::open(folder.empty() ? std::string(".") : folder, error);
+  task.name = name;
+  return task.folder ? 0 : error;
 }
 
 // Reads or writes the whole range unless an error occurs; returns the count
@@ -147,6 +161,19 @@ struct FileCopier::Job {
   struct timespec sourceMtime {};  // uploads: the source as it was opened
   std::string diagnosed;           // the server's status text of a failure being looked into
   std::string failure;             // the failure being reported
+  std::size_t range = 0;           // a delta: the range being sent
+
+  // Where what is sent from `next` on stops: the end of a delta's range,
+  // else the file's end.
+  [[nodiscard]] std::uint64_t stretchEnd() const noexcept {
+    return task.delta && range < task.ranges.size() ? task.ranges[range].end : size;
+  }
+  // Past a delta's range the next one begins; past the last, the file's end.
+  void skipReused() noexcept {
+    if (!task.delta) return;
+    while (range < task.ranges.size() && next >= task.ranges[range].end) ++range;
+    next = range < task.ranges.size() ? std::max(next, task.ranges[range].begin) : size;
+  }
 };
 
 }  // namespace foundation::sshclient::internal::transfer

@@ -29,6 +29,18 @@ void FileCopier::startUpload(Job& job) {
   if (!S_ISREG(st.st_mode)) return fail(job, quoted(task.source) + " is not a regular file");
   job.size = static_cast<std::uint64_t>(st.st_size);
   job.sourceMtime = st.st_mtim;
+  if (task.delta) {
+    // The blocks kept fit only the version that was hashed.
+    if (job.size != task.size || st.st_mtim.tv_sec != task.hashedMtime.tv_sec ||
+        st.st_mtim.tv_nsec != task.hashedMtime.tv_nsec) {
+      return fail(job, quoted(task.source) + " changed while being read");
+    }
+    job.temp = job.opening = job.folder + task.resumeTemp;
+    job.skipReused();
+    ++job.pending;
+    session_.open({this, kOpen, &job}, job.opening, openflags::kWrite, Attributes{});
+    return;
+  }
   // What the listing counted; the file may have changed since.
   auto const counted = task.size.value_or(0) - task.resumeFrom;
   if (!task.resumeTemp.empty()) {
@@ -79,6 +91,9 @@ void FileCopier::onUploadOpen(Job& job, Reply const& reply) {
   if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to OPEN");
   auto const temp = std::exchange(job.opening, std::string());
   if (job.failed) return;
+  if (job.task.delta) {
+    return fail(job, "cannot open " + quoted(temp) + ": " + sftp::describeStatus(reply.status, reply.message));
+  }
   if (job.resumed) {
     // The earlier temporary went meanwhile: start over.
     job.resumed = false;
@@ -98,7 +113,7 @@ void FileCopier::onUploadOpen(Job& job, Reply const& reply) {
 bool FileCopier::readAhead(Job& job) {
   if (job.next < job.block.end() && job.next >= job.block.offset) return true;
   auto const block = static_cast<std::size_t>(chunk()) * ((kIoBlock + chunk() - 1) / chunk());
-  auto const wanted = static_cast<std::size_t>(std::min<std::uint64_t>(block, job.size - job.next));
+  auto const wanted = static_cast<std::size_t>(std::min<std::uint64_t>(block, job.stretchEnd() - job.next));
   job.block.reserve(wanted);
   auto* const data = job.block.data();
   auto const offset = job.next;
@@ -124,12 +139,13 @@ void FileCopier::issueWrites(Job& job) {
          session_.queuedBytes() < kOutboundLimit && mayRequest()) {
     if (!readAhead(job)) break;
     auto const length = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>({requestChunk(), job.size - job.next, job.block.end() - job.next}));
+        std::min<std::uint64_t>({requestChunk(), job.stretchEnd() - job.next, job.block.end() - job.next}));
     requested(length);
     ++job.pending;
     session_.write({this, kWrite, &job, job.next, length}, job.handle, job.next,
                    ByteView(job.block.data() + (job.next - job.block.offset), length));
     job.next += length;
+    job.skipReused();
     ++job.dataInFlight;
   }
   if (job.failed) return;
@@ -157,9 +173,11 @@ void FileCopier::finishUpload(Job& job) {
   job.fd.reset();
   job.block.release();
   auto const& kept = job.task.kept;
-  if (kept.mode || kept.mtime) {
+  if (kept.mode || kept.mtime || job.task.delta) {
     // On the open file, after the last write: the rename then shows it whole.
+    // A delta's temporary may still be as long as the old version.
     Attributes attributes;
+    if (job.task.delta) attributes.size = job.size;
     attributes.permissions = kept.mode;
     attributes.atime = kept.atime;
     attributes.mtime = kept.mtime;

@@ -123,6 +123,43 @@ class FileTransfer final : public transfer::FileObserver {
 
 namespace sftp {
 
+namespace {
+
+// A command that ran in place.
+class RanCommand final : public RemoteCommand {
+ public:
+  explicit RanCommand(std::string output) : output_(std::move(output)) {}
+  bool poll() override { return true; }
+  [[nodiscard]] bool news() const override { return false; }
+  void wait() override {}
+  [[nodiscard]] std::string const& output() const override { return output_; }
+
+ private:
+  std::string output_;
+};
+
+}  // namespace
+
+std::unique_ptr<RemoteCommand> startCommand(RemoteShell const& shell, std::string const& command) {
+  if (shell.start) {
+    try {
+      return shell.start(command);
+    } catch (SSHError const& e) {
+      // No channel to spare (MaxSessions): in place, on the shell's own.
+      if (e.kind() != SSHError::Kind::Channel || !shell.run) throw;
+    }
+  }
+  if (!shell.run) throw SSHError(SSHError::Kind::NoShell, "no remote shell to run commands with");
+  return std::make_unique<RanCommand>(shell.run(command));
+}
+
+std::string finishCommand(RemoteCommand& command) {
+  while (!command.poll()) {
+    if (!command.news()) command.wait();
+  }
+  return command.output();
+}
+
 void transfer(Transport& transport, std::string const& peer, CopyFilesCommand const& command,
               ProgressCallback const& progress, EngineOptions const& options) {
   if (command.getItems().empty()) return;

@@ -152,8 +152,12 @@ int LocalDir::createFile(std::string const& name, mode_t mode, UniqueFd& out) co
   return 0;
 }
 
-int LocalDir::openFile(std::string const& name, UniqueFd& out) const {
-  int const fd = ::openat(fd_.get(), name.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+int LocalDir::openFile(std::string const& name, UniqueFd& out) const { return openExisting(name, O_WRONLY, out); }
+
+int LocalDir::openToRead(std::string const& name, UniqueFd& out) const { return openExisting(name, O_RDONLY, out); }
+
+int LocalDir::openExisting(std::string const& name, int flags, UniqueFd& out) const {
+  int const fd = ::openat(fd_.get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return errno;
   UniqueFd file(fd);
   struct stat st {};

@@ -70,6 +70,8 @@ class LocalDir {
   int createFile(std::string const& name, mode_t mode, UniqueFd& out) const;
   // An existing regular file open for writing, never through a link.
   int openFile(std::string const& name, UniqueFd& out) const;
+  // The same for reading.
+  int openToRead(std::string const& name, UniqueFd& out) const;
   int rename(std::string const& from, std::string const& to) const;
   int removeFile(std::string const& name) const;
   // An empty folder in it.
@@ -80,6 +82,7 @@ class LocalDir {
   int setOwnAttributes(Kept const& wanted) const;
 
  private:
+  int openExisting(std::string const& name, int flags, UniqueFd& out) const;
   LocalDir(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
 
   UniqueFd fd_;

@@ -14,6 +14,8 @@ namespace {
 constexpr std::uint32_t kPermissionBits = 0777;
 constexpr std::uint32_t kModeBits = 07777;
 constexpr std::size_t kSteps = static_cast<std::size_t>(Step::Delete) + 1;
+// Below this a delta's round trips cost more than the data it can save.
+constexpr std::uint64_t kAutoDeltaMinimum = 1024U * 1024U;
 
 Action actionFor(Step step, std::string const& name, Entry const* source, Entry const* existing) {
   Action action;
@@ -92,6 +94,12 @@ Action placeFolder(Entry const& source, Entry const* existing, PlanSettings cons
   return action;
 }
 
+// A file that Auto may send as a delta, once the link is known.
+bool deltaCandidate(Entry const& source, Entry const& existing) {
+  return source.type == EntryType::File && existing.type == EntryType::File &&
+         std::min(source.size, existing.size) >= kAutoDeltaMinimum;
+}
+
 bool resumableFor(Action const& action, Entry const& temporary, PlanSettings const& settings) {
   auto const& source = *action.source;
   return settings.resume && action.step == Step::Copy && source.type == EntryType::File && action.temporary.empty() &&
@@ -110,6 +118,7 @@ PlanSettings PlanSettings::from(TreeTransferOptions const& options) {
   settings.keepSpecialBits = options.keepSpecialBits;
   settings.keepTimes = options.keepTimes;
   settings.replaceInTheWay = options.replaceInTheWay;
+  settings.delta = options.delta;
   settings.update = options.update;
   return settings;
 }
@@ -146,6 +155,31 @@ std::vector<std::string> checksumCandidates(Listing const& source, Listing const
     }
   }
   return names;
+}
+
+bool sendsDelta(Entry const& source, Entry const& existing, PlanSettings const& settings) {
+  if (source.type != EntryType::File || existing.type != EntryType::File) return false;
+  switch (settings.delta) {
+    case DeltaMode::Off:
+      return false;
+    case DeltaMode::Always:
+      return true;
+    case DeltaMode::Auto:
+      return deltaCandidate(source, existing) && settings.link &&
+             deltaPays(source.size, existing.size, *settings.link, settings.deltaCosts);
+  }
+  return false;
+}
+
+Entry const* linkSpeedNeededFor(Listing const& source, Listing const* destination, PlanSettings const& settings,
+                                ChecksumAnswers const& checksums) {
+  if (settings.delta != DeltaMode::Auto || settings.link || destination == nullptr) return nullptr;
+  auto const found = std::find_if(source.entries.begin(), source.entries.end(), [&](Entry const& entry) {
+    auto const* existing = destination->find(entry.name);
+    return existing != nullptr && deltaCandidate(entry, *existing) &&
+           !unchangedFile(entry, *existing, settings, checksums);
+  });
+  return found != source.entries.end() ? &*found : nullptr;
 }
 
 FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSettings const& settings,
@@ -193,6 +227,11 @@ FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSet
           add(actionFor(Step::RemoveTemporary, temporary->name, nullptr, temporary));
         }
       }
+    }
+    // A resumable temporary wins: it holds more of the source than blocks would.
+    if (action.step == Step::Copy && action.temporary.empty() && !action.replace && existing != nullptr &&
+        sendsDelta(entry, *existing, settings)) {
+      action.step = Step::Delta;
     }
     add(std::move(action));
   }

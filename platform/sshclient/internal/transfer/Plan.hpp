@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Delta.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Entry.hpp"
 
 namespace foundation::sshclient::internal::transfer {
@@ -32,6 +33,11 @@ struct PlanSettings {
   // A file in the way of a folder is replaced by it; with deleteExtraneous
   // also a folder in the way of a file or link (with all it holds).
   bool replaceInTheWay = false;
+  DeltaMode delta = DeltaMode::Off;
+  // Under DeltaMode::Auto: the link as measured before the folder was
+  // planned (see linkSpeedNeededFor), and what a delta costs beyond its data.
+  std::optional<LinkSpeed> link;
+  DeltaCosts deltaCosts;
   // A destination file with a later modification time than its source file
   // is left alone (Skip, marked `newer`).
   bool update = false;
@@ -57,6 +63,7 @@ enum class Step : std::uint8_t {
   Link,             // made under a temporary name and renamed into place
   FixAttributes,    // unchanged data: mode and times put right
   Copy,             // sent (from `resumeFrom` of `temporary` when set)
+  Delta,            // the blocks that differ from `existing` sent into a copy of it
   Skip,             // unchanged (or newer, with update): left alone
   Delete,           // not in the source: removed once the folder's files are in
 };
@@ -83,7 +90,7 @@ struct Action {
 
 // Actions in the order they are carried out: temporaries removed first,
 // then failures and left-out names, folders, links, attribute fixes, copies,
-// skips, and removals last.
+// deltas, skips, and removals last.
 struct FolderPlan {
   std::vector<Action> actions;
 };
@@ -105,6 +112,18 @@ struct Kept {
                                                           PlanSettings const& settings);
 // Per candidate name: whether both sides hashed and the hashes are equal.
 using ChecksumAnswers = std::unordered_map<std::string, bool>;
+
+// Whether a source file whose destination holds `existing` goes as a
+// delta: asked for, or under DeltaMode::Auto a file of at least 1 MiB over an
+// old version of at least 1 MiB where the measured link makes it pay
+// (deltaPays).
+[[nodiscard]] bool sendsDelta(Entry const& source, Entry const& existing, PlanSettings const& settings);
+// Under DeltaMode::Auto, before the link is measured: the first changed
+// file of the folder that could go as a delta, for which the link must be
+// measured before the folder is planned (its remote side read, say). Null
+// when there is none, or nothing to wait for.
+[[nodiscard]] Entry const* linkSpeedNeededFor(Listing const& source, Listing const* destination,
+                                              PlanSettings const& settings, ChecksumAnswers const& checksums = {});
 
 // Destination names that a removal keeps (a filter protects them).
 using KeptNames = std::unordered_set<std::string>;

@@ -22,8 +22,33 @@ constexpr std::uint64_t kPrefixReadLimit = 1024U * 1024U;
 std::optional<std::string> TreeTransfer::remoteOutput(std::string const& command) {
   if (!shellUsable_) return std::nullopt;
   try {
-    if (!shell_) throw SSHError(SSHError::Kind::NoShell, "no remote shell to hash files with");
-    return shell_(command);
+    if (!shell_.run) throw SSHError(SSHError::Kind::NoShell, "no remote shell to hash files with");
+    return shell_.run(command);
+  } catch (SSHError const& e) {
+    if (e.kind() != SSHError::Kind::NoShell) throw;
+    shellUsable_ = false;
+    return std::nullopt;
+  }
+}
+
+// A remote command started to run beside this side's work; null on a
+// server that allows SFTP only.
+std::unique_ptr<sftp::RemoteCommand> TreeTransfer::startRemote(std::string const& command) {
+  if (!shellUsable_) return nullptr;
+  try {
+    return sftp::startCommand(shell_, command);
+  } catch (SSHError const& e) {
+    if (e.kind() != SSHError::Kind::NoShell) throw;
+    shellUsable_ = false;
+    return nullptr;
+  }
+}
+
+// Its output once it ended; nullopt when no shell ran it.
+std::optional<std::string> TreeTransfer::awaitRemote(std::unique_ptr<sftp::RemoteCommand> command) {
+  if (!command) return std::nullopt;
+  try {
+    return sftp::finishCommand(*command);
   } catch (SSHError const& e) {
     if (e.kind() != SSHError::Kind::NoShell) throw;
     shellUsable_ = false;
@@ -95,13 +120,19 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
 }
 
 // A temporary continues only when its bytes are the source's first bytes:
-// SHA-256 of that prefix on both sides.
+// SHA-256 of that prefix on both sides, both at once.
 bool TreeTransfer::verifyResume(Folder const& folder, Action const& action) {
   auto const remotePath = upload_ ? target(folder, action.temporary) : sourcePathOf(folder, action.name);
   auto const localPath = upload_ ? sourcePathOf(folder, action.name) : target(folder, action.temporary);
-  auto const output = remoteOutput(remotePrefixHashCommand(remotePath, action.resumeFrom));
+  auto running = startRemote(remotePrefixHashCommand(remotePath, action.resumeFrom));
   std::optional<std::string> remote;
   std::optional<std::string> local;
+  try {
+    local = sha256OfLocalFile(localPath, action.resumeFrom);
+  } catch (std::runtime_error const&) {
+    // Unreadable here: it starts over.
+  }
+  auto const output = awaitRemote(std::move(running));
   try {
     if (output) {
       remote = parseRemotePrefixHash(*output);
@@ -112,7 +143,6 @@ bool TreeTransfer::verifyResume(Folder const& folder, Action const& action) {
       report_.notes.push_back(fl::i18n::utf8_to_ustring(
           quoted(remotePath) + " starts over: the server allows SFTP only, so its partial copy cannot be checked"));
     }
-    local = sha256OfLocalFile(localPath, action.resumeFrom);
   } catch (std::runtime_error const&) {
     // Either side unreadable or not an answer: start over.
   }

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -32,6 +34,9 @@ constexpr std::size_t kFoldersListed = 32;
 constexpr std::size_t kEntriesAhead = 2048;
 // Files queued ahead of the copies before more folders are listed.
 constexpr std::size_t kFilesAhead = 256;
+// libssh 0.10 keeps about this much of a channel's receive window open: the
+// file data a download has under way per round trip, whatever it asks for.
+constexpr std::uint64_t kReceiveWindow = 640'000;
 
 bool ok(Reply const& reply) { return reply.type == PacketType::Status && reply.status == StatusCode::Ok; }
 
@@ -74,6 +79,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
       progressInterval_(options.progressInterval),
       lastReport_(std::chrono::steady_clock::now()),
       random_(std::random_device{}()),
+      probe_(session),
       lister_(session, *this, command.getOptions().followLinks) {
   CopySettings copy;
   copy.upload = upload_;
@@ -83,8 +89,10 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   // Private until the final mode is set.
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
   copy.resume = options_.resume;
+  inFlight_ = upload_ ? copy.windowBytes : std::min(copy.windowBytes, kReceiveWindow);
   copy.bytesPerSecond = options_.bytesPerSecond;
   copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
+  deltas_ = std::make_unique<DeltaCopier>(session, shell, copy, *copier_, *this, counters_);
   session_.usePosixRename(options.usePosixRename);
 }
 
@@ -97,31 +105,30 @@ TreeTransferReport TreeTransfer::run() {
     rootsReady_ = true;
     walk();
   } catch (SSHError const& e) {
-    copier_->abandon();
+    abandon();
     std::string cause = e.what();
     if (cause.starts_with(session_.peer() + ": ")) cause.erase(0, session_.peer().size() + 2);
-    auto context = copier_->context();
-    if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
-    throw SSHError(e.kind(), context + cause);
+    throw SSHError(e.kind(), streamContext() + cause);
   } catch (sftp::ProtocolError const& e) {
-    copier_->abandon();
-    auto context = copier_->context();
-    if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
-    throw SSHError(SSHError::Kind::Transfer, context + e.what());
+    abandon();
+    throw SSHError(SSHError::Kind::Transfer, streamContext() + e.what());
   } catch (...) {
-    copier_->abandon();
+    abandon();
     throw;
   }
   if (cancelled_) std::rethrow_exception(cancelled_);
   reportProgress(true);
+  for (auto& line : deltas_->takeDetails()) report_.details.push_back(fl::i18n::utf8_to_ustring(line));
   if (!dryRun_) {
     report_.files = counters_.filesDone;
     report_.bytes = counters_.bytesDone;
     report_.resumed = counters_.resumed;
+    report_.reused = counters_.reused;
   } else {
     // Listings come in the servers' order; a plan reads best by name.
     auto const rank = [](PlannedChange const& change) {
-      return change.action == Change::Resume ? static_cast<int>(Change::Copy) : static_cast<int>(change.action);
+      bool const copies = change.action == Change::Resume || change.action == Change::Delta;
+      return copies ? static_cast<int>(Change::Copy) : static_cast<int>(change.action);
     };
     std::stable_sort(report_.plan.begin(), report_.plan.end(), [&](PlannedChange const& a, PlannedChange const& b) {
       return rank(a) != rank(b) ? rank(a) < rank(b) : a.path < b.path;
@@ -145,18 +152,29 @@ TreeTransferReport TreeTransfer::run() {
 
 void TreeTransfer::walk() {
   for (;;) {
+    planMeasured();
     startFolders();
+    deltas_->poll();
     copier_->poll();
-    if (waiting_.empty() && folders_.empty() && removals_.empty() && copier_->idle() && session_.pending() == 0 &&
-        session_.queuedBytes() == 0) {
-      return;
-    }
-    if (session_.pending() == 0 && session_.queuedBytes() == 0 && (!waiting_.empty() || !copier_->idle())) {
-      // Work that needs no answer: go round without sleeping.
+    bool const quiet = session_.pending() == 0 && session_.queuedBytes() == 0;
+    // A stop leaves its folders unfinished: it ends once nothing is under way.
+    bool const finished = waiting_.empty() && folders_.empty() && removals_.empty();
+    if (quiet && (finished || cancelled_) && copier_->idle() && deltas_->idle()) return;
+    if (deltas_->busy() || (quiet && (!waiting_.empty() || !copier_->idle()))) {
+      // Work that needs no answer: go round without sleeping, taking in
+      // what came meanwhile (hashing a large file takes a while).
+      if (!quiet) session_.pump(false);
+      reportProgress(false);
       continue;
     }
-    if (session_.pending() == 0 && session_.queuedBytes() == 0) throw std::logic_error("tree transfer stalled");
-    session_.pump();
+    if (deltas_->running()) {
+      // A command's news may come in with the SFTP replies: sleep only after
+      // the pump, and only when neither has anything.
+      if (!session_.pump(false) && !deltas_->news()) session_.wait();
+    } else {
+      if (quiet) throw std::logic_error("tree transfer stalled");
+      session_.pump();
+    }
     reportProgress(false);
   }
 }
@@ -313,12 +331,54 @@ void TreeTransfer::decide(Folder& folder) {
   // A destination that cannot be read is only not known: nothing there is removed.
   if (!destination.error.empty() || !destination.problems.empty()) folder.broken = true;
   auto const* existing = folder.destinationKnown ? &destination : nullptr;
-  ChecksumAnswers checksums;
   if (auto const names = checksumCandidates(source, existing, settings_); !names.empty()) {
-    checksums = compareChecksums(folder, names);
+    folder.checksums = compareChecksums(folder, names);
   }
+  if (auto const* candidate = linkSpeedNeededFor(source, existing, settings_, folder.checksums)) {
+    return measureLink(folder, *candidate);
+  }
+  planAndAct(folder);
+}
+
+// The link is measured once, on the first file that could go as a delta;
+// folders that need it wait for the answer.
+void TreeTransfer::measureLink(Folder& folder, Entry const& candidate) {
+  folder.state = Folder::State::Measuring;
+  measuring_.push_back(&folder);
+  if (probe_.started()) return;
+  if (upload_) {
+    probe_.start(target(folder, candidate.name), folder.destinationListing.find(candidate.name)->size);
+  } else {
+    probe_.start(sourcePathOf(folder, candidate.name), candidate.size);
+  }
+}
+
+void TreeTransfer::planMeasured() {
+  if (measuring_.empty() || !probe_.done()) return;
+  if (!settings_.link) {
+    auto const& speed = probe_.speed();
+    settings_.link = withinWindow(speed, inFlight_);
+    std::array<char, 200> line{};
+    std::snprintf(line.data(), line.size(),  // NOLINT
+                  "the link moved %.1f MB/s with a round trip of %.1f ms (%.1f MB/s with a copy's data in flight)",
+                  speed.bytesPerSecond / 1e6, speed.roundTripSeconds * 1e3, settings_.link->bytesPerSecond / 1e6);
+    report_.details.push_back(fl::i18n::utf8_to_ustring(
+        std::string(line.data()) +
+        ": changed files go as deltas where hashing both sides takes less time than sending them"));
+  }
+  for (auto* folder : std::exchange(measuring_, {})) {
+    if (stopping_) {
+      release(*folder);
+    } else {
+      planAndAct(*folder);
+    }
+  }
+}
+
+void TreeTransfer::planAndAct(Folder& folder) {
+  auto const* existing = folder.destinationKnown ? &folder.destinationListing : nullptr;
   FolderScope const scope{.deletes = !folder.aboveRoot, .aboveRoots = folder.aboveRoot};
-  folder.plan = planFolder(source, existing, settings_, scope, checksums, folder.kept);
+  folder.plan = planFolder(folder.sourceListing, existing, settings_, scope, folder.checksums, folder.kept);
   folder.state = Folder::State::Working;
   carryOut(folder);
   tryFinish(folder);
@@ -363,6 +423,7 @@ void TreeTransfer::act(Folder& folder, std::size_t index) {
     case Step::FixAttributes:
       return fixAttributes(folder, index);
     case Step::Copy:
+    case Step::Delta:
       return copyFile(folder, index);
     case Step::Skip:
       if (action.source->type != EntryType::File) return;
@@ -556,21 +617,24 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
   }
   ++filesTotal_;
   counters_.bytesTotal += source.size - task.resumeFrom;
+  bool const delta = action.step == Step::Delta;
   if (dryRun_) {
     ++report_.files;
     report_.bytes += source.size - task.resumeFrom;
     if (task.resumeFrom > 0) ++report_.resumed;
-    return plan(task.resumeFrom > 0 ? Change::Resume : Change::Copy, path, source.size - task.resumeFrom);
+    auto const change = delta ? Change::Delta : task.resumeFrom > 0 ? Change::Resume : Change::Copy;
+    return plan(change, path, source.size - task.resumeFrom);
   }
   ++folder.outstanding;
+  if (delta) return deltas_->add(std::move(task), action.existing->size);
   copier_->add(std::move(task));
 }
 
 void TreeTransfer::fileDone(FileTask const& task) {
   auto& folder = *static_cast<Folder*>(task.owner);
   folder.changed = true;
-  changed(task.resumeFrom > 0 ? Change::Resume : Change::Copy, task.destination,
-          task.size.value_or(0) - task.resumeFrom);
+  auto const action = task.delta ? Change::Delta : task.resumeFrom > 0 ? Change::Resume : Change::Copy;
+  changed(action, task.destination, task.size.value_or(0) - task.resumeFrom - task.reused);
   --folder.outstanding;
   tryFinish(folder);
 }
@@ -756,6 +820,7 @@ void TreeTransfer::changed(Change action, std::string const& path, std::uint64_t
 void TreeTransfer::stop(std::exception_ptr why) {
   cancelled_ = std::move(why);
   stopping_ = true;
+  deltas_->cancel();
   copier_->cancel();
 }
 
@@ -792,13 +857,28 @@ void TreeTransfer::reportProgress(bool final) {
     progress.filesDone = counters_.filesDone;
     progress.filesTotal = filesTotal_;
     progress.listing = !waiting_.empty() || listing_ > 0;
-    if (auto const current = copier_->current()) progress.currentFile = fl::i18n::utf8_to_ustring(*current);
+    auto current = copier_->current();
+    if (!current) current = deltas_->current();
+    if (current) progress.currentFile = fl::i18n::utf8_to_ustring(*current);
   }
   try {
     progress_(progress);
   } catch (...) {
     stop(std::current_exception());
   }
+}
+
+// What a failure of the whole stream names: the file under way, else the session.
+std::string TreeTransfer::streamContext() const {
+  auto context = copier_->context();
+  if (context.empty()) context = deltas_->context();
+  if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
+  return context;
+}
+
+void TreeTransfer::abandon() noexcept {
+  deltas_->abandon();
+  copier_->abandon();
 }
 
 }  // namespace foundation::sshclient::internal::transfer

@@ -5,7 +5,10 @@
 // side (the remote side over the SFTP session, many folders at once), the
 // folder's plan is made (Plan.hpp decides everything), and its actions run:
 // folders made, links placed, unchanged files' modes and times put right,
-// copies handed to the FileCopier. Once a folder's files are in and every
+// copies handed to the FileCopier (deltas to the DeltaCopier first, which
+// hashes both sides, and under DeltaMode::Auto the link is measured once,
+// before the first folder that could use one is planned). Once a folder's
+// files are in and every
 // folder below it is done, what its source lacks is removed (never when a
 // listing or a copy in it failed) and its own mode and times are set.
 // Folders are worked depth first with a bounded number listed ahead and a
@@ -22,7 +25,9 @@
 // at once, keeping resumable temporaries, and its exception propagates.
 //
 // Owns the walk, its folders and the report; speaks SFTP only through the
-// session, and hashes remote files through `shell`. Not thread-safe.
+// session, and hashes remote files through `shell`: checksums on its
+// persistent runner, resumed prefixes and deltas' blocks by commands that
+// run while this side hashes its own. Not thread-safe.
 
 #include <cstddef>
 #include <exception>
@@ -36,7 +41,9 @@
 
 #include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/DeltaCopy.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/FileCopy.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/LinkProbe.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/RemoteListing.hpp"
 
@@ -87,6 +94,9 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void folderListed(Folder& folder);
   void filterListing(Folder& folder);
   void decide(Folder& folder);
+  void measureLink(Folder& folder, Entry const& candidate);
+  void planMeasured();
+  void planAndAct(Folder& folder);
   static std::optional<std::string> readLocalFile(std::string const& path);
   void carryOut(Folder& folder);
   void act(Folder& folder, std::size_t index);
@@ -118,6 +128,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   ChecksumAnswers compareChecksums(Folder const& folder, std::vector<std::string> const& names);
   bool verifyResume(Folder const& folder, Action const& action);
   std::optional<std::string> remoteOutput(std::string const& command);
+  std::unique_ptr<sftp::RemoteCommand> startRemote(std::string const& command);
+  std::optional<std::string> awaitRemote(std::unique_ptr<sftp::RemoteCommand> command);
   ChecksumAnswers bySizeAndTime(Folder const& folder, std::vector<std::string> const& names);
   // A remote file read over SFTP (its first `prefix` bytes, when given).
   std::optional<std::string> readRemoteFile(std::string const& path, std::optional<std::uint64_t> prefix = {});
@@ -130,6 +142,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void changed(PlannedChange::Action action, std::string const& path, std::uint64_t bytes = 0);
   void stop(std::exception_ptr why);
   void reportProgress(bool final);
+  void abandon() noexcept;
+  [[nodiscard]] std::string streamContext() const;
   [[nodiscard]] std::string describePair(std::size_t item) const;
   [[nodiscard]] std::string where(std::string const& path) const;
   // The destination path of a name in a folder, which every change in the
@@ -153,6 +167,10 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   TransferCounters counters_;
   std::size_t filesTotal_ = 0;
   std::unique_ptr<FileCopier> copier_;
+  std::unique_ptr<DeltaCopier> deltas_;
+  LinkProbe probe_;
+  std::vector<Folder*> measuring_;  // to plan once the link is measured
+  std::uint64_t inFlight_ = 0;      // file data a copy keeps under way
   RemoteLister lister_;
   TreeTransferReport report_;
   std::vector<std::pair<std::size_t, std::string>> failures_;

@@ -45,7 +45,7 @@ struct TreeTransfer::Cookie {
 // destination's own folder) is one too: its only source entry is the root,
 // under the destination's name.
 struct TreeTransfer::Folder {
-  enum class State { Waiting, Resolving, Listing, Rules, Working, Removing, Closing, Done };
+  enum class State { Waiting, Resolving, Listing, Rules, Measuring, Working, Removing, Closing, Done };
 
   std::size_t item = 0;
   Folder* parent = nullptr;
@@ -71,6 +71,7 @@ struct TreeTransfer::Folder {
   bool sourceListed = false;
   bool destinationKnown = false;  // listed; else known to be empty
   std::size_t listings = 0;       // in flight
+  ChecksumAnswers checksums;      // kept while the link is measured
   FolderPlan plan;
   State state = State::Waiting;
   std::size_t outstanding = 0;                               // requests, copies and folders below it, unfinished

@@ -1,0 +1,193 @@
+#include "sshfileaccess/platform/sshclient/internal/transfer/Delta.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <stdexcept>
+
+#include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
+#include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+namespace {
+
+constexpr std::uint64_t kSmallestBlock = 128U * 1024U;
+constexpr std::uint64_t kLargestBlock = 4U * 1024U * 1024U;
+constexpr std::uint64_t kBlocksWanted = 64;
+
+// sha256sum's line for standard input.
+constexpr std::string_view kStdinMark = "  -";
+
+struct Word {
+  std::string_view text;
+  RemoteBlockStatus status;
+};
+constexpr Word kWords[] = {
+    {"no-split", RemoteBlockStatus::NoSplit},
+    {"no-copy", RemoteBlockStatus::NoCopy},
+    {"unreadable", RemoteBlockStatus::Unreadable},
+    {"failed", RemoteBlockStatus::Failed},
+};
+
+bool isHexHash(std::string_view text) {
+  return text.size() == kSha256HexLength &&
+         std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+// "HASH  -" of one block.
+std::string hashOfLine(std::string_view line) {
+  auto const hash = line.substr(0, kSha256HexLength);
+  if (!isHexHash(hash) || line.substr(kSha256HexLength) != kStdinMark) {
+    throw std::runtime_error("unexpected line in the block hashes of the remote host: " + std::string(line));
+  }
+  return std::string(hash);
+}
+
+std::vector<std::string_view> linesOf(std::string_view output) {
+  std::vector<std::string_view> lines;
+  while (!output.empty()) {
+    auto const end = output.find('\n');
+    if (end == std::string_view::npos)
+      throw std::runtime_error("unfinished line in the block hashes of the remote host");
+    lines.push_back(output.substr(0, end));
+    output.remove_prefix(end + 1);
+  }
+  return lines;
+}
+
+}  // namespace
+
+std::uint64_t deltaBlockSize(std::uint64_t sourceSize, std::uint64_t oldSize) {
+  auto const wanted = (std::max(sourceSize, oldSize) + kBlocksWanted - 1) / kBlocksWanted;
+  auto block = kSmallestBlock;
+  while (block < wanted && block < kLargestBlock) block *= 2;
+  return block;
+}
+
+std::uint64_t blockCount(std::uint64_t size, std::uint64_t blockSize) { return (size + blockSize - 1) / blockSize; }
+
+std::optional<ByteRange> tailOverOld(std::uint64_t blockSize, std::uint64_t sourceSize, std::uint64_t oldSize) {
+  auto const shortBy = oldSize % blockSize;
+  if (shortBy == 0 || sourceSize <= oldSize) return std::nullopt;
+  return ByteRange{oldSize - shortBy, oldSize};
+}
+
+DeltaRanges changedRanges(std::uint64_t blockSize, BlockHashes const& source, BlockHashes const& old,
+                          std::optional<std::string> const& sourceOverOldTail) {
+  auto const blocks = blockCount(source.size, blockSize);
+  bool const comparable = source.hashes.size() == blocks && old.hashes.size() == blockCount(old.size, blockSize);
+  auto const tail = tailOverOld(blockSize, source.size, old.size);
+  DeltaRanges out;
+  auto const send = [&out](std::uint64_t begin, std::uint64_t end) {
+    if (begin >= end) return;
+    if (!out.send.empty() && out.send.back().end == begin) {
+      out.send.back().end = end;
+    } else {
+      out.send.push_back({begin, end});
+    }
+  };
+  for (std::uint64_t i = 0; i < blocks; ++i) {
+    auto const begin = i * blockSize;
+    auto const end = std::min(source.size, begin + blockSize);
+    if (comparable && i < old.hashes.size()) {
+      auto const oldEnd = std::min(old.size, begin + blockSize);
+      if (oldEnd == end && source.hashes[i] == old.hashes[i]) {
+        out.reused += end - begin;
+        continue;
+      }
+      if (tail && tail->begin == begin && sourceOverOldTail && *sourceOverOldTail == old.hashes[i]) {
+        out.reused += tail->end - begin;
+        send(tail->end, end);
+        continue;
+      }
+    }
+    send(begin, end);
+  }
+  return out;
+}
+
+std::string remoteBlockHashCommand(RemoteBlockRequest const& request) {
+  auto const file = shellQuoted(request.path);
+  // split asks $SHELL to run its filter: sh starts fastest.
+  std::string line = "if ! split -b 1 --filter=: </dev/null >/dev/null 2>&1; then echo no-split; ";
+  if (request.copyFrom) {
+    line += "elif ! cp --reflink=auto -- " + shellQuoted(*request.copyFrom) + " " + file + "; then echo no-copy; ";
+  }
+  line += "elif ! wc -c <" + file + "; then echo unreadable; ";
+  line += "elif ! SHELL=/bin/sh split -a 9 -b " + std::to_string(request.blockSize) + " --filter=sha256sum <" + file +
+          "; then echo failed; ";
+  if (request.tail) {
+    line += "elif ! tail -c +" + std::to_string(request.tail->begin + 1) + " <" + file + " | head -c " +
+            std::to_string(request.tail->end - request.tail->begin) + " | sha256sum; then echo failed; ";
+  }
+  line += "else echo end; fi 2>/dev/null";
+  return line;
+}
+
+RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t blockSize, bool withTail) {
+  auto const lines = linesOf(output);
+  RemoteBlockAnswer answer;
+  if (lines.empty()) throw std::runtime_error("no answer from the remote host for its block hashes");
+  auto const last = lines.back();
+  if (last != "end") {
+    auto const word = std::find_if(std::begin(kWords), std::end(kWords), [&](Word const& w) { return w.text == last; });
+    if (word == std::end(kWords)) {
+      throw std::runtime_error("unexpected end of the block hashes of the remote host: " + std::string(last));
+    }
+    answer.status = word->status;
+    return answer;
+  }
+  // wc pads its number with blanks on some systems.
+  auto size = lines.front();
+  while (!size.empty() && size.front() == ' ') size.remove_prefix(1);
+  auto const [end, error] = std::from_chars(size.data(), size.data() + size.size(), answer.blocks.size);
+  if (size.empty() || error != std::errc() || end != size.data() + size.size()) {
+    throw std::runtime_error("unexpected size in the block hashes of the remote host: " + std::string(lines.front()));
+  }
+  auto const blocks = blockCount(answer.blocks.size, blockSize);
+  if (lines.size() != 2 + blocks + (withTail ? 1U : 0U)) {
+    throw std::runtime_error("the remote host hashed " + std::to_string(lines.size() - 2) + " blocks of " +
+                             std::to_string(answer.blocks.size) + " bytes, not " + std::to_string(blocks));
+  }
+  answer.blocks.hashes.reserve(blocks);
+  for (std::uint64_t i = 0; i < blocks; ++i) answer.blocks.hashes.push_back(hashOfLine(lines[1 + i]));
+  if (withTail) answer.tail = hashOfLine(lines[1 + blocks]);
+  answer.status = RemoteBlockStatus::Hashed;
+  return answer;
+}
+
+std::string_view describeStatus(RemoteBlockStatus status) {
+  switch (status) {
+    case RemoteBlockStatus::Hashed:
+      return "hashed";
+    case RemoteBlockStatus::NoSplit:
+      return "the remote host has no GNU split with --filter to hash blocks with";
+    case RemoteBlockStatus::NoCopy:
+      return "the remote host cannot copy the old version (no copy-data, no cp --reflink=auto)";
+    case RemoteBlockStatus::Unreadable:
+      return "the remote file cannot be read to hash its blocks";
+    case RemoteBlockStatus::Failed:
+      return "hashing the blocks on the remote host failed (no sha256sum?)";
+  }
+  return "?";
+}
+
+LinkSpeed withinWindow(LinkSpeed link, std::uint64_t bytesInFlight) {
+  if (link.roundTripSeconds > 0) {
+    link.bytesPerSecond = std::min(link.bytesPerSecond, static_cast<double>(bytesInFlight) / link.roundTripSeconds);
+  }
+  return link;
+}
+
+bool deltaPays(std::uint64_t sourceSize, std::uint64_t oldSize, LinkSpeed const& link, DeltaCosts const& costs) {
+  if (link.bytesPerSecond <= 0 || costs.hashBytesPerSecond <= 0) return false;
+  auto const larger = std::max(sourceSize, oldSize);
+  auto const blocks = blockCount(larger, deltaBlockSize(sourceSize, oldSize));
+  double const saved = static_cast<double>(std::min(sourceSize, oldSize)) / link.bytesPerSecond;
+  double const cost =
+      static_cast<double>(larger) / costs.hashBytesPerSecond + static_cast<double>(blocks) * costs.secondsPerBlock +
+      static_cast<double>(oldSize) / costs.copyBytesPerSecond + costs.roundTrips * link.roundTripSeconds;
+  return cost < saved;
+}
+
+}  // namespace foundation::sshclient::internal::transfer

@@ -1,0 +1,456 @@
+#include "sshfileaccess/platform/sshclient/internal/transfer/DeltaCopy.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <tuple>
+
+#include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/FileCopyJob.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+using namespace copying;  // NOLINT(google-build-using-namespace): the copies' shared pieces
+
+namespace {
+
+// Files hashed at once: the server starts a process per block for each.
+constexpr std::size_t kAtOnce = 2;
+// Bytes hashed here per poll(): the SFTP work of other files goes on between.
+constexpr std::uint64_t kSlice = 8U * 1024U * 1024U;
+
+constexpr char const* kSftpOnly = "the server allows SFTP only";
+
+enum Request : std::uint32_t { kOpenOld, kOpenTemp, kCopyOld };
+
+bool sameTime(struct timespec const& a, struct timespec const& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+}  // namespace
+
+struct DeltaCopier::Job {
+  enum class Phase { Preparing, Hashing, Done };
+
+  FileTask task;
+  Phase phase = Phase::Preparing;
+  std::uint64_t sourceSize = 0;
+  std::uint64_t oldSize = 0;
+  std::uint64_t block = 0;
+  std::optional<ByteRange> tail;  // the source's bytes over the old version's short last block
+  std::string folder;             // uploads: the destination's folder, with its '/'
+  std::string name;               // uploads: the destination's name
+  std::string creating;           // uploads: the temporary being created
+  std::string temp;               // the temporary's name, once it is ours
+  std::string oldHandle;          // uploads: the old destination, open
+  std::string tempHandle;
+  bool oldAnswered = false;
+  bool tempAnswered = false;
+  std::string oldError;
+  std::string tempError;
+  int tempAttempts = 0;
+  std::size_t pending = 0;  // SFTP requests whose answer is awaited
+  // Hashed here: an upload's source, a download's old version (copied into
+  // `tempFile` as it is hashed).
+  UniqueFd local;
+  UniqueFd tempFile;
+  std::uint64_t localSize = 0;
+  std::uint64_t hashed = 0;
+  struct timespec stamp {};  // uploads: the source's time when it was opened
+  std::vector<std::string> hashes;
+  std::optional<std::string> tailHash;  // uploads: of the source's bytes over `tail`
+  std::unique_ptr<sftp::RemoteCommand> command;
+  std::optional<std::string> output;  // the command's, once it ended
+};
+
+DeltaCopier::DeltaCopier(sftp::SftpSession& session, sftp::RemoteShell const& shell, CopySettings const& settings,
+                         FileCopier& copier, FileObserver& observer, TransferCounters& counters)
+    : session_(session),
+      shell_(shell),
+      settings_(settings),
+      copier_(copier),
+      observer_(observer),
+      counters_(counters),
+      random_(std::random_device{}()) {}
+
+DeltaCopier::~DeltaCopier() = default;
+
+void DeltaCopier::add(FileTask task, std::uint64_t oldSize) { queue_.emplace_back(std::move(task), oldSize); }
+
+bool DeltaCopier::idle() const noexcept {
+  return (queue_.empty() || stopping_) && std::all_of(jobs_.begin(), jobs_.end(), [](auto const& job) {
+           return job->phase == Job::Phase::Done && job->pending == 0;
+         });
+}
+
+bool DeltaCopier::ready(Job const& job) const {
+  return job.phase == Job::Phase::Hashing && job.output && job.hashed >= job.localSize;
+}
+
+bool DeltaCopier::busy() const noexcept {
+  if (stopping_) return false;
+  auto const active =
+      std::count_if(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->phase != Job::Phase::Done; });
+  if (!queue_.empty() && static_cast<std::size_t>(active) < kAtOnce) return true;
+  return std::any_of(jobs_.begin(), jobs_.end(), [this](auto const& job) {
+    return job->phase == Job::Phase::Hashing && (job->hashed < job->localSize || ready(*job));
+  });
+}
+
+bool DeltaCopier::running() const noexcept {
+  return std::any_of(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->command != nullptr; });
+}
+
+bool DeltaCopier::news() const {
+  return std::any_of(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->command && job->command->news(); });
+}
+
+std::optional<std::string> DeltaCopier::current() const {
+  for (auto const& job : jobs_) {
+    if (job->phase != Job::Phase::Done) return job->task.source;
+  }
+  return std::nullopt;
+}
+
+std::string DeltaCopier::context() const {
+  for (auto const& job : jobs_) {
+    if (job->phase != Job::Phase::Done) return failedCopy(job->task, settings_.upload, session_.peer());
+  }
+  return {};
+}
+
+std::vector<std::string> DeltaCopier::takeDetails() { return std::exchange(details_, {}); }
+
+void DeltaCopier::poll() {
+  std::erase_if(jobs_, [](auto const& job) { return job->phase == Job::Phase::Done && job->pending == 0; });
+  while (!stopping_ && !queue_.empty() && jobs_.size() < kAtOnce) {
+    auto job = std::make_unique<Job>();
+    std::tie(job->task, job->oldSize) = std::move(queue_.front());
+    queue_.pop_front();
+    jobs_.push_back(std::move(job));
+    start(*jobs_.back());
+  }
+  auto budget = kSlice;
+  for (auto& job : jobs_) {
+    if (job->phase != Job::Phase::Hashing) continue;
+    moveCommand(*job);
+    while (job->phase == Job::Phase::Hashing && budget > 0 && job->hashed < job->localSize) {
+      if (!hashSlice(*job, budget)) break;
+    }
+    if (ready(*job)) conclude(*job);
+  }
+}
+
+void DeltaCopier::onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) {
+  auto& job = *static_cast<Job*>(ticket.subject);
+  --job.pending;
+  switch (ticket.kind) {
+    case kOpenOld:
+    case kOpenTemp:
+      return onOpened(job, ticket.kind == kOpenOld, reply);
+    case kCopyOld:
+      return onCopied(job, reply);
+    default:
+      return;
+  }
+}
+
+// ---- starting ----------------------------------------------------------------------
+
+void DeltaCopier::start(Job& job) {
+  if (settings_.upload) {
+    startUpload(job);
+  } else {
+    startDownload(job);
+  }
+}
+
+// The source is opened and stamped here; the server opens the old
+// destination and creates the temporary, then copies one into the other.
+void DeltaCopier::startUpload(Job& job) {
+  auto const& task = job.task;
+  std::tie(job.folder, job.name) = splitPath(task.destination);
+  job.local = UniqueFd(::open(task.source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat st {};
+  if (!job.local.valid() || ::fstat(job.local.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    // Sent as an ordinary copy, which names the cause.
+    job.phase = Job::Phase::Done;
+    return copier_.add(std::move(job.task));
+  }
+  if (noShell_) return whole(job, kSftpOnly);
+  job.sourceSize = job.localSize = static_cast<std::uint64_t>(st.st_size);
+  job.stamp = st.st_mtim;
+  job.block = deltaBlockSize(job.sourceSize, job.oldSize);
+  job.tail = tailOverOld(job.block, job.sourceSize, job.oldSize);
+  ++job.pending;
+  session_.open({this, kOpenOld, &job}, task.destination, openflags::kRead, Attributes{});
+  createTemp(job);
+}
+
+void DeltaCopier::createTemp(Job& job) {
+  job.creating = randomTemporaryName(job.name, random_);
+  ++job.tempAttempts;
+  Attributes attributes;
+  attributes.permissions = settings_.createMode;
+  ++job.pending;
+  session_.open({this, kOpenTemp, &job}, job.folder + job.creating,
+                openflags::kWrite | openflags::kCreate | openflags::kExclusive | openflags::kTruncate, attributes);
+}
+
+void DeltaCopier::onOpened(Job& job, bool old, Reply const& reply) {
+  if (reply.type == PacketType::Handle) {
+    if (old) {
+      job.oldHandle = std::string(reply.handle);
+    } else {
+      job.tempHandle = std::string(reply.handle);
+      job.temp = std::exchange(job.creating, std::string());
+    }
+  } else if (reply.type == PacketType::Status) {
+    if (!old && reply.status == StatusCode::Failure && job.tempAttempts < kTempAttempts &&
+        job.phase != Job::Phase::Done) {
+      // In this protocol version a name that exists shows only as a generic
+      // failure: another name.
+      return createTemp(job);
+    }
+    (old ? job.oldError : job.tempError) = sftp::describeStatus(reply.status, reply.message);
+  } else {
+    throw sftp::ProtocolError("unexpected reply to OPEN");
+  }
+  (old ? job.oldAnswered : job.tempAnswered) = true;
+  // Stopped or given up meanwhile: what was opened goes.
+  if (job.phase == Job::Phase::Done) return dropTemp(job);
+  if (!job.oldAnswered || !job.tempAnswered) return;
+  if (!job.oldError.empty()) return whole(job, "cannot read the old version: " + job.oldError);
+  if (!job.tempError.empty()) {
+    return whole(job, "cannot create " + quoted(job.folder + job.creating) + ": " + job.tempError);
+  }
+  bool const copyData = !copyDataRefused_ && session_.offers(sftp::kCopyDataExtension);
+  if (copyData) {
+    ++job.pending;
+    session_.copyData({this, kCopyOld, &job}, job.oldHandle, 0, 0, job.tempHandle, 0);
+  }
+  // The server answers in order: the handles close after the copy.
+  session_.close(sftp::SftpSession::ignored(), std::exchange(job.oldHandle, std::string()));
+  session_.close(sftp::SftpSession::ignored(), std::exchange(job.tempHandle, std::string()));
+  if (!copyData) startHashing(job, job.task.destination);
+}
+
+void DeltaCopier::onCopied(Job& job, Reply const& reply) {
+  if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to copy-data");
+  if (job.phase == Job::Phase::Done) return;
+  if (reply.status == StatusCode::Ok) return startHashing(job, std::nullopt);
+  // Offered and still refused (a deny list): cp does it, this file and the next.
+  if (reply.status == StatusCode::OpUnsupported || reply.status == StatusCode::PermissionDenied) {
+    copyDataRefused_ = true;
+    return startHashing(job, job.task.destination);
+  }
+  whole(job, "the server cannot copy the old version: " + sftp::describeStatus(reply.status, reply.message));
+}
+
+// The old destination is copied into the temporary here as it is hashed,
+// while the server hashes the source.
+void DeltaCopier::startDownload(Job& job) {
+  auto& task = job.task;
+  if (noShell_) return whole(job, kSftpOnly);
+  if (openDestinationFolder(task) != 0) {
+    // Sent as an ordinary copy, which names the cause.
+    job.phase = Job::Phase::Done;
+    return copier_.add(std::move(job.task));
+  }
+  auto const& folder = *task.folder;
+  struct stat st {};
+  if (auto const error = folder.openToRead(task.name, job.local); error != 0) {
+    return whole(job, "cannot read the old version: " + errnoText(error));
+  }
+  if (::fstat(job.local.get(), &st) != 0) return whole(job, "cannot read the old version: " + errnoText(errno));
+  job.oldSize = job.localSize = static_cast<std::uint64_t>(st.st_size);
+  job.sourceSize = task.size.value_or(0);
+  job.block = deltaBlockSize(job.sourceSize, job.oldSize);
+  job.tail = tailOverOld(job.block, job.sourceSize, job.oldSize);
+  for (int attempt = 1;; ++attempt) {
+    auto name = randomTemporaryName(task.name, random_);
+    auto const error = folder.createFile(name, static_cast<mode_t>(settings_.createMode), job.tempFile);
+    if (error == 0) {
+      job.temp = std::move(name);
+      break;
+    }
+    if (error != EEXIST || attempt == kTempAttempts) {
+      return whole(job, "cannot create " + quoted(folder.pathOf(name)) + ": " + errnoText(error));
+    }
+  }
+  startHashing(job, std::nullopt);
+}
+
+void DeltaCopier::startHashing(Job& job, std::optional<std::string> copyFrom) {
+  RemoteBlockRequest request;
+  request.path = settings_.upload ? job.folder + job.temp : job.task.source;
+  request.blockSize = job.block;
+  request.copyFrom = std::move(copyFrom);
+  if (!settings_.upload) request.tail = job.tail;
+  try {
+    job.command = sftp::startCommand(shell_, remoteBlockHashCommand(request));
+  } catch (SSHError const& e) {
+    if (e.kind() != SSHError::Kind::NoShell) throw;
+    noShell_ = true;
+    return whole(job, kSftpOnly);
+  }
+  job.phase = Job::Phase::Hashing;
+}
+
+// ---- hashing -----------------------------------------------------------------------
+
+void DeltaCopier::moveCommand(Job& job) {
+  if (!job.command) return;
+  try {
+    if (!job.command->poll()) return;
+  } catch (SSHError const& e) {
+    if (e.kind() != SSHError::Kind::NoShell) throw;
+    noShell_ = true;
+    return whole(job, kSftpOnly);
+  }
+  job.output = job.command->output();
+  job.command.reset();
+}
+
+// One block of this side's version: hashed, and for a download also
+// written into the temporary.
+bool DeltaCopier::hashSlice(Job& job, std::uint64_t& budget) {
+  auto const offset = job.hashed;
+  auto const length = static_cast<std::size_t>(std::min(job.block, job.localSize - offset));
+  if (buffer_.size() < length) buffer_.resize(length);
+  auto* const data = buffer_.data();
+  auto const fd = job.local.get();
+  auto const got = fullIo(
+      [&](std::size_t done) { return ::pread(fd, data + done, length - done, static_cast<off_t>(offset + done)); },
+      length);
+  auto const& task = job.task;
+  if (got < 0 || static_cast<std::size_t>(got) < length) {
+    auto const cause = got < 0 ? errnoText(static_cast<int>(-got)) : std::string("it changed while being read");
+    if (settings_.upload) {
+      fail(job, got < 0 ? "cannot read " + quoted(task.source) + ": " + cause
+                        : quoted(task.source) + " changed while being read");
+    } else {
+      whole(job, "cannot read the old version: " + cause);
+    }
+    return false;
+  }
+  std::string_view const bytes(reinterpret_cast<char const*>(data), length);
+  if (!settings_.upload) {
+    auto const tempFd = job.tempFile.get();
+    auto const written = fullIo(
+        [&](std::size_t done) {
+          return ::pwrite(tempFd, data + done, length - done, static_cast<off_t>(offset + done));
+        },
+        length);
+    if (written < 0 || static_cast<std::size_t>(written) < length) {
+      fail(job, "cannot write " + quoted(task.folder->pathOf(job.temp)) + ": " +
+                    errnoText(written < 0 ? static_cast<int>(-written) : EIO));
+      return false;
+    }
+  }
+  job.hashes.push_back(sha256Of(bytes));
+  if (settings_.upload && job.tail && job.tail->begin == offset) {
+    job.tailHash = sha256Of(bytes.substr(0, job.tail->end - job.tail->begin));
+  }
+  job.hashed += length;
+  budget -= std::min<std::uint64_t>(budget, length);
+  return true;
+}
+
+// Both sides hashed: the ranges to send, and the file to the FileCopier.
+void DeltaCopier::conclude(Job& job) {
+  auto& task = job.task;
+  RemoteBlockAnswer answer;
+  try {
+    answer = parseRemoteBlockHashes(*job.output, job.block, !settings_.upload && job.tail);
+  } catch (std::runtime_error const& e) {
+    return whole(job, e.what());
+  }
+  if (answer.status != RemoteBlockStatus::Hashed) return whole(job, std::string(describeStatus(answer.status)));
+  DeltaRanges ranges;
+  if (settings_.upload) {
+    // The blocks kept fit only the version hashed here.
+    struct stat st {};
+    if (::fstat(job.local.get(), &st) != 0 || static_cast<std::uint64_t>(st.st_size) != job.sourceSize ||
+        !sameTime(st.st_mtim, job.stamp)) {
+      return fail(job, quoted(task.source) + " changed while being read");
+    }
+    // The tail was hashed for the old version as listed.
+    bool const listedOld = answer.blocks.size == job.oldSize;
+    ranges = changedRanges(job.block, {job.sourceSize, std::move(job.hashes)}, answer.blocks,
+                           listedOld ? job.tailHash : std::nullopt);
+  } else {
+    if (answer.blocks.size != job.sourceSize) return fail(job, quoted(task.source) + " changed while being read");
+    ranges = changedRanges(job.block, answer.blocks, {job.oldSize, std::move(job.hashes)}, answer.tail);
+  }
+  counters_.bytesTotal =
+      counters_.bytesTotal - std::min(counters_.bytesTotal, task.size.value_or(0)) + (job.sourceSize - ranges.reused);
+  task.delta = true;
+  task.resumeTemp = std::exchange(job.temp, std::string());
+  task.ranges = std::move(ranges.send);
+  task.reused = ranges.reused;
+  task.size = job.sourceSize;
+  task.hashedMtime = job.stamp;
+  finishJob(job);
+  copier_.add(std::move(task));
+}
+
+// ---- endings -----------------------------------------------------------------------
+
+void DeltaCopier::finishJob(Job& job) {
+  job.phase = Job::Phase::Done;
+  job.command.reset();
+  job.local.reset();
+  job.tempFile.reset();
+}
+
+// The remote side cannot hash: the temporary goes, the file goes whole.
+void DeltaCopier::whole(Job& job, std::string const& why) {
+  details_.push_back(quoted(job.task.source) + " sent whole: " + why);
+  dropTemp(job);
+  finishJob(job);
+  copier_.add(std::move(job.task));
+}
+
+void DeltaCopier::fail(Job& job, std::string const& cause) {
+  dropTemp(job);
+  finishJob(job);
+  if (!stopping_) observer_.fileFailed(job.task, failedCopy(job.task, settings_.upload, session_.peer()) + cause);
+}
+
+void DeltaCopier::dropTemp(Job& job) {
+  for (auto* handle : {&job.oldHandle, &job.tempHandle}) {
+    if (!handle->empty()) session_.close(sftp::SftpSession::ignored(), std::exchange(*handle, std::string()));
+  }
+  if (job.temp.empty()) return;
+  if (settings_.upload) {
+    session_.remove(sftp::SftpSession::ignored(), job.folder + job.temp);
+  } else {
+    job.tempFile.reset();
+    job.task.folder->removeFile(job.temp);
+  }
+  job.temp.clear();
+}
+
+void DeltaCopier::cancel() {
+  stopping_ = true;
+  for (auto& job : jobs_) {
+    if (job->phase == Job::Phase::Done) continue;
+    dropTemp(*job);
+    finishJob(*job);
+  }
+}
+
+void DeltaCopier::abandon() noexcept {
+  for (auto& job : jobs_) {
+    job->command.reset();
+    job->local.reset();
+    job->tempFile.reset();
+    if (!settings_.upload && !job->temp.empty() && job->task.folder) job->task.folder->removeFile(job->temp);
+  }
+}
+
+}  // namespace foundation::sshclient::internal::transfer

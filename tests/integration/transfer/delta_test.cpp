@@ -1,0 +1,343 @@
+// Delta updates through SSHClient::copyTrees against the real sshd, both
+// ways: a changed file whose destination holds an old version arrives
+// byte-identical, with exactly the changed blocks sent (the report's bytes)
+// and the rest taken from the old version (its reused bytes). Blocks are
+// 1 MiB for files of 33 to 64 MiB and 2 MiB up to 128 MiB. A host without
+// GNU split --filter gets the file whole, and the report's details say why.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/SshTestHelpers.hpp"
+#include "tests/support/TestFiles.hpp"
+#include "tests/unit/sftp/TransferFiles.hpp"
+
+namespace sshfa::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ssh::DeltaMode;
+using ssh::TransferDirection;
+using ::testing::HasSubstr;
+
+constexpr std::uint64_t kMiB = 1024U * 1024U;
+constexpr std::uint32_t kOldTime = 1'500'000'000;
+constexpr std::uint32_t kNewTime = 1'600'000'000;
+
+void setTime(fs::path const& path, std::uint32_t seconds) {
+  struct timespec const times[2] = {{static_cast<time_t>(seconds), 0}, {static_cast<time_t>(seconds), 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+}
+
+std::int64_t mtimeOf(fs::path const& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) throw std::runtime_error("cannot stat " + path.string());
+  return st.st_mtim.tv_sec;
+}
+
+// `bytes` with `length` bytes at `offset` replaced by other ones.
+std::string changed(std::string bytes, std::uint64_t offset, std::uint64_t length) {
+  auto const other = randomBytes(static_cast<std::size_t>(length), offset + 7);
+  bytes.replace(static_cast<std::size_t>(offset), other.size(), other);
+  return bytes;
+}
+
+// Equality that stays readable for megabytes.
+::testing::AssertionResult sameBytes(std::string const& actual, std::string const& expected) {
+  if (actual == expected) return ::testing::AssertionSuccess();
+  std::size_t at = 0;
+  while (at < actual.size() && at < expected.size() && actual[at] == expected[at]) ++at;
+  return ::testing::AssertionFailure() << "sizes " << actual.size() << " and " << expected.size()
+                                       << ", first difference at byte " << at;
+}
+
+// One file updated from `source` to `destination` by copyTrees, both on this
+// machine (the server's side is a folder here too).
+class DeltaUpdate {
+ public:
+  DeltaUpdate(ssh::SSHClient& client, TransferDirection direction) : client_(client), direction_(direction) {
+    fs::create_directory(scratch_ / "from");
+    fs::create_directory(scratch_ / "to");
+  }
+
+  ssh::TreeTransferReport update(std::string const& oldBytes, std::string const& newBytes,
+                                 DeltaMode mode = DeltaMode::Always) {
+    writeFile(destination(), oldBytes);
+    setTime(destination(), kOldTime);
+    writeFile(source(), newBytes);
+    setTime(source(), kNewTime);
+    ssh::TreeTransferOptions options;
+    options.skipUnchanged = ssh::UnchangedTest::SizeAndTime;
+    options.delta = mode;
+    changes_.clear();
+    options.onChange = [this](ssh::PlannedChange const& change) { changes_.push_back(change); };
+    auto const from = u(source().string());
+    auto const to = u(destination().string());
+    bool const upload = direction_ == TransferDirection::LocalToRemote;
+    std::vector<ssh::FileLocations> items{upload ? ssh::FileLocations{from, to} : ssh::FileLocations{to, from}};
+    return client_.copyTrees(ssh::CopyTreesCommand(std::move(items), direction_, options));
+  }
+
+  // The destination is the source, with the source's time, and nothing
+  // else is left in its folder.
+  void expectArrived(std::string const& newBytes) const {
+    EXPECT_TRUE(sameBytes(readFile(destination()), newBytes));
+    EXPECT_EQ(mtimeOf(destination()), kNewTime);
+    EXPECT_EQ(listNames(scratch_ / "to"), std::vector<std::string>{"file"});
+  }
+
+  // What onChange told of the last update.
+  [[nodiscard]] std::vector<ssh::PlannedChange> const& changes() const { return changes_; }
+  [[nodiscard]] fs::path source() const { return scratch_ / "from" / "file"; }
+  [[nodiscard]] fs::path destination() const { return scratch_ / "to" / "file"; }
+
+ private:
+  ssh::SSHClient& client_;
+  TransferDirection direction_;
+  ScratchDir scratch_;
+  std::vector<ssh::PlannedChange> changes_;
+};
+
+std::string directionName(::testing::TestParamInfo<TransferDirection> const& param) {
+  return param.param == TransferDirection::LocalToRemote ? "Upload" : "Download";
+}
+
+class Deltas : public ::testing::TestWithParam<TransferDirection> {
+ protected:
+  static void SetUpTestSuite() {
+    client_ = TestSshd::instance().connect();
+    old64_ = randomBytes(64 * kMiB, 1);
+  }
+  static void TearDownTestSuite() {
+    client_.reset();
+    old64_.clear();
+  }
+
+  // Checks the report's counts and the arrival; `sent` bytes exactly.
+  void expectDelta(std::string const& oldBytes, std::string const& newBytes, std::uint64_t sent) {
+    auto const report = files_.update(oldBytes, newBytes);
+    EXPECT_EQ(report.files, 1U);
+    EXPECT_EQ(report.bytes, sent);
+    EXPECT_EQ(report.reused, newBytes.size() - sent);
+    EXPECT_THAT(report.details, ::testing::IsEmpty());
+    ASSERT_EQ(files_.changes().size(), 1U);
+    EXPECT_EQ(files_.changes().front().action, ssh::PlannedChange::Action::Delta);
+    EXPECT_EQ(utf8(files_.changes().front().path), files_.destination().string());
+    EXPECT_EQ(files_.changes().front().bytes, sent);
+    files_.expectArrived(newBytes);
+  }
+
+  static std::unique_ptr<ssh::SSHClient> client_;
+  static std::string old64_;
+  DeltaUpdate files_{*client_, GetParam()};
+};
+
+std::unique_ptr<ssh::SSHClient> Deltas::client_;
+std::string Deltas::old64_;
+
+TEST_P(Deltas, OneMegabyteChangedInTheMiddleSendsTheTwoBlocksItTouches) {
+  // Across the boundary of blocks 32 and 33: 2 MiB of 64, about 3 %.
+  expectDelta(old64_, changed(old64_, 32 * kMiB + kMiB / 2, kMiB), 2 * kMiB);
+}
+
+TEST_P(Deltas, AnAppendSendsOnlyWhatWasAppended) {
+  // The old version ends inside a block: its tail is compared by hash too.
+  auto const old = old64_ + randomBytes(12345, 2);
+  expectDelta(old, old + randomBytes(2 * kMiB, 3), 2 * kMiB);
+}
+
+TEST_P(Deltas, ATruncatedFileSendsOnlyItsShortLastBlock) {
+  expectDelta(old64_, old64_.substr(0, 40 * kMiB + 1000), 1000);
+}
+
+TEST_P(Deltas, AChangeInTheFirstAndTheLastBlockSendsThoseTwo) {
+  auto bytes = old64_;
+  bytes.front() = static_cast<char>(~bytes.front());
+  bytes.back() = static_cast<char>(~bytes.back());
+  expectDelta(old64_, bytes, 2 * kMiB);
+}
+
+TEST_P(Deltas, AnEmptyOldVersionSendsEverything) { expectDelta("", randomBytes(3 * kMiB, 4), 3 * kMiB); }
+
+TEST_P(Deltas, TheSameContentsWithAnotherTimeSendNothing) {
+  auto const report = files_.update(old64_, old64_);
+  EXPECT_EQ(report.bytes, 0U);
+  EXPECT_EQ(report.reused, 64 * kMiB);
+  files_.expectArrived(old64_);
+}
+
+TEST_P(Deltas, AnInsertionSendsTheRest) {
+  // 10 bytes into block 8: blocks 8 to 64 (the last one 10 bytes) differ.
+  auto const bytes = old64_.substr(0, 8 * kMiB + 5) + "0123456789" + old64_.substr(8 * kMiB + 5);
+  expectDelta(old64_, bytes, 56 * kMiB + 10);
+}
+
+TEST_P(Deltas, WithoutDeltasTheFileIsSentWhole) {
+  auto const bytes = changed(old64_, kMiB, 10);
+  auto const report = files_.update(old64_, bytes, DeltaMode::Off);
+  EXPECT_EQ(report.bytes, 64 * kMiB);
+  EXPECT_EQ(report.reused, 0U);
+  ASSERT_EQ(files_.changes().size(), 1U);
+  EXPECT_EQ(files_.changes().front().action, ssh::PlannedChange::Action::Copy);
+  files_.expectArrived(bytes);
+}
+
+TEST_P(Deltas, AutoMeasuresTheLinkOnceAndSaysWhatItFound) {
+  auto const bytes = changed(old64_, kMiB, 10);
+  auto const report = files_.update(old64_, bytes, DeltaMode::Auto);
+  // Whichever way it chose, every byte of the file was either sent or reused.
+  EXPECT_EQ(report.bytes + report.reused, 64 * kMiB);
+  ASSERT_EQ(report.details.size(), 1U);
+  EXPECT_THAT(utf8(report.details.front()), ::testing::StartsWith("the link moved "));
+  files_.expectArrived(bytes);
+}
+
+// Five changed files in a tree, two hashed at a time, among unchanged and new
+// ones: each sends its own changed block.
+TEST_P(Deltas, ATreeOfChangedFilesSendsEachOnesChangedBlock) {
+  ScratchDir scratch;
+  auto const from = scratch / "from";
+  auto const to = scratch / "to";
+  std::vector<std::string> versions;
+  for (int i = 0; i < 7; ++i) {
+    auto const name = "f" + std::to_string(i);
+    auto const old = randomBytes(3 * kMiB, 20 + static_cast<std::uint64_t>(i));
+    fs::create_directories(from / "sub");
+    fs::create_directories(to / "sub");
+    // f5 is new, f6 unchanged, the others changed in one block of 128 KiB.
+    versions.push_back(i == 6 ? old : changed(old, static_cast<std::uint64_t>(i) * 300000, 1000));
+    writeFile(from / "sub" / name, versions.back());
+    setTime(from / "sub" / name, i == 6 ? kOldTime : kNewTime);
+    if (i == 5) continue;
+    writeFile(to / "sub" / name, old);
+    setTime(to / "sub" / name, kOldTime);
+  }
+  ssh::TreeTransferOptions options;
+  options.skipUnchanged = ssh::UnchangedTest::SizeAndTime;
+  options.delta = DeltaMode::Always;
+  bool const upload = GetParam() == TransferDirection::LocalToRemote;
+  auto const a = u(from.string());
+  auto const b = u(to.string());
+  std::vector<ssh::FileLocations> items{upload ? ssh::FileLocations{a, b} : ssh::FileLocations{b, a}};
+  auto const report = client_->copyTrees(ssh::CopyTreesCommand(std::move(items), GetParam(), options));
+  EXPECT_EQ(report.files, 6U);
+  EXPECT_EQ(report.skipped, 1U);
+  // f0 to f4: one block each; f5 whole.
+  EXPECT_EQ(report.bytes, 5 * 128 * 1024 + 3 * kMiB);
+  EXPECT_EQ(report.reused, 5 * (3 * kMiB - 128 * 1024));
+  for (int i = 0; i < 7; ++i) {
+    auto const name = "f" + std::to_string(i);
+    EXPECT_TRUE(sameBytes(readFile(to / "sub" / name), versions[static_cast<std::size_t>(i)])) << name;
+  }
+  EXPECT_EQ(listNames(to / "sub").size(), 7U);
+}
+
+TEST_P(Deltas, AStopRemovesTheTemporaryAndKeepsTheOldVersion) {
+  struct Stopped {};
+  auto options = TestSshd::instance().options();
+  bool stopped = false;
+  options.progress = [&stopped](ssh::TransferProgress const& progress) {
+    if (progress.currentFile.empty()) return;
+    stopped = true;
+    throw Stopped{};
+  };
+  auto const client = TestSshd::instance().connect(options);
+  DeltaUpdate files(*client, GetParam());
+  EXPECT_THROW(files.update(old64_, changed(old64_, kMiB, 10)), Stopped);
+  EXPECT_TRUE(stopped);
+  EXPECT_TRUE(sameBytes(readFile(files.destination()), old64_));
+  EXPECT_EQ(listNames(files.destination().parent_path()), std::vector<std::string>{"file"});
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, Deltas,
+                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
+                         directionName);
+
+// A host whose split is not GNU's (BusyBox, say): the commands see a PATH
+// whose first split refuses --filter.
+class WithoutGnuSplit : public ::testing::TestWithParam<TransferDirection> {
+ protected:
+  static void SetUpTestSuite() {
+    fakeBin_ = TestSshd::makeTempDir();
+    writeFile(fakeBin_ / "split", "#!/bin/sh\necho \"split: unrecognized option '$1'\" >&2\nexit 1\n");
+    fs::permissions(fakeBin_ / "split", fs::perms(0755));
+    server_ = std::make_unique<TestSshd>("SetEnv PATH=" + fakeBin_.string() + ":/usr/bin:/bin");
+    client_ = server_->connect();
+  }
+  static void TearDownTestSuite() {
+    client_.reset();
+    server_.reset();
+  }
+
+  static fs::path fakeBin_;
+  static std::unique_ptr<TestSshd> server_;
+  static std::unique_ptr<ssh::SSHClient> client_;
+};
+
+fs::path WithoutGnuSplit::fakeBin_;
+std::unique_ptr<TestSshd> WithoutGnuSplit::server_;
+std::unique_ptr<ssh::SSHClient> WithoutGnuSplit::client_;
+
+TEST_P(WithoutGnuSplit, TheFileIsSentWholeAndTheDetailsSaySo) {
+  // The server's commands find that split first.
+  auto const found = client_->executeCommand(ssh::ExecuteCommand(u("command -v split")));
+  ASSERT_EQ(utf8(found.getStdout()), (fakeBin_ / "split").string() + "\n");
+  DeltaUpdate files(*client_, GetParam());
+  auto const old = randomBytes(4 * kMiB, 5);
+  auto const bytes = changed(old, kMiB, 10);
+  auto const report = files.update(old, bytes);
+  EXPECT_EQ(report.files, 1U);
+  EXPECT_EQ(report.bytes, 4 * kMiB);
+  EXPECT_EQ(report.reused, 0U);
+  ASSERT_EQ(report.details.size(), 1U);
+  EXPECT_EQ(utf8(report.details.front()),
+            "'" + files.source().string() +
+                "' sent whole: the remote host has no GNU split with --filter to hash blocks with");
+  files.expectArrived(bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, WithoutGnuSplit,
+                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
+                         directionName);
+
+// A server whose SFTP refuses copy-data: an upload's temporary starts as a
+// copy made by cp --reflink=auto in the hashing command instead.
+class WithoutCopyData : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    server_ = std::make_unique<TestSshd>("Subsystem sftp internal-sftp -P copy-data");
+    client_ = server_->connect();
+  }
+  static void TearDownTestSuite() {
+    client_.reset();
+    server_.reset();
+  }
+
+  static std::unique_ptr<TestSshd> server_;
+  static std::unique_ptr<ssh::SSHClient> client_;
+};
+
+std::unique_ptr<TestSshd> WithoutCopyData::server_;
+std::unique_ptr<ssh::SSHClient> WithoutCopyData::client_;
+
+TEST_F(WithoutCopyData, AnUploadCopiesTheOldVersionWithCpAndSendsTheChangedBlock) {
+  DeltaUpdate files(*client_, TransferDirection::LocalToRemote);
+  auto const old = randomBytes(4 * kMiB, 6);
+  auto const bytes = changed(old, 3 * kMiB + 5, 10);
+  auto const report = files.update(old, bytes);
+  // 4 MiB: blocks of 128 KiB.
+  EXPECT_EQ(report.bytes, 128U * 1024U);
+  EXPECT_EQ(report.reused, 4 * kMiB - 128 * 1024);
+  EXPECT_THAT(report.details, ::testing::IsEmpty());
+  files.expectArrived(bytes);
+}
+
+}  // namespace
+}  // namespace sshfa::testing
