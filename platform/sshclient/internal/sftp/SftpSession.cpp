@@ -21,13 +21,23 @@ std::uint32_t chunkFor(std::uint64_t stated, std::uint64_t maxPacket) {
   return static_cast<std::uint32_t>(std::max<std::uint64_t>(1, chunk));
 }
 
+void noteRoundTrip(SftpSession::Clock::duration& shortest, SftpSession::Clock::time_point sent) {
+  auto const took = SftpSession::Clock::now() - sent;
+  if (shortest == SftpSession::Clock::duration::zero() || took < shortest) shortest = took;
+}
+
 }  // namespace
 
 SftpSession::SftpSession(Transport& transport, std::string peer)
-    : transport_(transport), peer_(std::move(peer)), readChunk_(kDefaultChunk), writeChunk_(kDefaultChunk) {}
+    : transport_(transport),
+      peer_(std::move(peer)),
+      receiveRoom_(kReceiveRoom),
+      readChunk_(kDefaultChunk),
+      writeChunk_(kDefaultChunk) {}
 
 void SftpSession::start() {
   writer().init();
+  initSent_ = Clock::now();
   while (!versionReceived_) pump();
   if (offers(kLimitsExtension)) {
     writer().limits(track({&limitsReply_}));
@@ -35,6 +45,8 @@ void SftpSession::start() {
     adopt(Limits{});
   }
 }
+
+void SftpSession::setReceiveRoom(std::size_t bytes) noexcept { receiveRoom_ = std::max(bytes, kReceiveRoom); }
 
 bool SftpSession::offers(std::string_view extension) const noexcept {
   return std::any_of(extensions_.begin(), extensions_.end(),
@@ -64,7 +76,7 @@ PacketWriter SftpSession::writer() {
 
 std::uint32_t SftpSession::track(Ticket const& ticket, std::uint32_t data) {
   auto const id = nextId_++;
-  pending_.emplace(id, Waiting{ticket, data});
+  pending_.emplace(id, Waiting{ticket, data, Clock::now()});
   dataInFlight_ += data;
   return id;
 }
@@ -143,7 +155,7 @@ void SftpSession::pump(bool mayWait) {
   }
   std::size_t received = 0;
   while (received < kReceiveBatch) {
-    auto const n = transport_.receive(in_.writable(kReceiveRoom));
+    auto const n = transport_.receive(in_.writable(receiveRoom_));
     if (n == 0) break;
     in_.commit(n);
     received += n;
@@ -166,6 +178,7 @@ void SftpSession::onPacket(ByteView packet) {
                           std::to_string(kProtocolVersion));
     }
     versionReceived_ = true;
+    noteRoundTrip(roundTrip_, initSent_);
     extensions_ = std::move(version.extensions);
     posixRename_ = offers(kPosixRenameExtension);
     return;
@@ -176,6 +189,8 @@ void SftpSession::onPacket(ByteView packet) {
   auto const waiting = found->second;
   pending_.erase(found);
   dataInFlight_ -= waiting.data;
+  dataAnswered_ += waiting.data;
+  noteRoundTrip(roundTrip_, waiting.sent);
   if (waiting.ticket.handler != nullptr) waiting.ticket.handler->onReply(waiting.ticket, reply);
 }
 

@@ -13,12 +13,18 @@
 // each has its own ids and queues; pump each with mayWait = false, then wait
 // on one of them.
 //
+// It measures the link from its own replies: the shortest time a request
+// took to be answered (the round trip, with the server's own time), and the
+// file data answered so far (READ and WRITE), from which a caller tells the
+// rate at which data moves.
+//
 // Errors: a reply that cannot be decoded, or that answers no request, throws
 // ProtocolError; the transport throws SSHError (ConnectionLost, Timeout,
 // Transfer) when the stream ends or stalls. Afterwards the session is dead.
 // A handler's exception passes through pump() unchanged.
 // Not thread-safe.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -123,10 +129,24 @@ class SftpSession {
   [[nodiscard]] std::size_t queuedBytes() const noexcept { return out_.size() - sent_; }
   [[nodiscard]] std::uint64_t dataInFlight() const noexcept { return dataInFlight_; }
 
+  // ---- what the replies measured
+  using Clock = std::chrono::steady_clock;
+  // The shortest time from a request's sending to its answer; zero before
+  // the first answer.
+  [[nodiscard]] Clock::duration roundTrip() const noexcept { return roundTrip_; }
+  // File data of READs and WRITEs answered so far (asked for or sent).
+  [[nodiscard]] std::uint64_t dataAnswered() const noexcept { return dataAnswered_; }
+  // Room offered to the transport for each receive: a channel lets the
+  // server send that much ahead of what was read (see Channel::read). At
+  // least 512 KiB.
+  void setReceiveRoom(std::size_t bytes) noexcept;
+  [[nodiscard]] std::size_t receiveRoom() const noexcept { return receiveRoom_; }
+
  private:
   struct Waiting {
     Ticket ticket;
     std::uint32_t data = 0;  // file data counted in flight
+    Clock::time_point sent;  // queued, in fact: sent at once unless much is queued before it
   };
   // The answer to limits@openssh.com, taken in by the session itself.
   class LimitsReply final : public ReplyHandler {
@@ -151,6 +171,10 @@ class SftpSession {
   std::uint32_t nextId_ = 0;
   std::unordered_map<std::uint32_t, Waiting> pending_;
   std::uint64_t dataInFlight_ = 0;
+  std::uint64_t dataAnswered_ = 0;
+  Clock::duration roundTrip_{};
+  Clock::time_point initSent_;
+  std::size_t receiveRoom_;
 
   bool versionReceived_ = false;
   std::vector<Extension> extensions_;

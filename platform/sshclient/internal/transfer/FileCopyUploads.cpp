@@ -120,8 +120,7 @@ bool FileCopier::readAhead(Job& job) {
 }
 
 void FileCopier::issueWrites(Job& job) {
-  while (job.next < job.size && session_.dataInFlight() < settings_.windowBytes &&
-         session_.queuedBytes() < kOutboundLimit) {
+  while (job.next < job.size && session_.dataInFlight() < window_ && session_.queuedBytes() < kOutboundLimit) {
     if (!readAhead(job)) break;
     auto const length =
         static_cast<std::uint32_t>(std::min<std::uint64_t>({chunk(), job.size - job.next, job.block.end() - job.next}));
