@@ -540,22 +540,24 @@ Session::Session(std::string host, int port, AuthMethods const& authMethods, SSH
   auto connectAs = [&](std::string const& user) {
     impl.open(user, port, options);
     connectedAs = user;
-    // "none" both asks the server which methods it offers and logs in when
-    // it needs no authentication at all.
-    int const rc = ssh_userauth_none(impl.session.get(), nullptr);
-    impl.failIfStalled(rc, "none");
-    authenticated = rc == SSH_AUTH_SUCCESS;
-    offered = ssh_userauth_list(impl.session.get(), nullptr);
   };
+  // The caller's methods go first, without asking the server for its list
+  // ("none"): that costs a round trip, and every refusal lists the methods.
   for (auto const& method : authMethods) {
     std::string const user = userOf(method);
     if (!impl.session || user != connectedAs) connectAs(user);
-    if (authenticated) break;
     authenticated = impl.authenticate(method, attempts);
     if (authenticated) break;
     offered = ssh_userauth_list(impl.session.get(), nullptr);
   }
   if (!impl.session) connectAs("");
+  if (!authenticated && ssh_is_connected(impl.session.get()) != 0) {
+    // Last, "none": it logs in where the server needs no authentication.
+    int const rc = ssh_userauth_none(impl.session.get(), nullptr);
+    if (attempts.empty()) impl.failIfStalled(rc, "none");
+    authenticated = rc == SSH_AUTH_SUCCESS;
+    if (rc == SSH_AUTH_DENIED || rc == SSH_AUTH_PARTIAL) offered = ssh_userauth_list(impl.session.get(), nullptr);
+  }
   if (!authenticated) {
     fail(SSHError::Kind::Authentication,
          "authentication failed; tried: " + (attempts.empty() ? std::string("no method") : joined(attempts, ", ")) +

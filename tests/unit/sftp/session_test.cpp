@@ -125,6 +125,7 @@ TEST_F(SessionTest, MeasuresTheRoundTripAndTheDataAnswered) {
 TEST_F(SessionTest, AReplyToNoRequestIsAProtocolError) {
   FakeServer server([](Request const& r, std::vector<Bytes>& out) {
     if (r.type == PacketType::Init) return out.push_back(Body(PacketType::Version).u32(3).framed());
+    if (r.type == PacketType::Extended) return out.push_back(status(r.id, StatusCode::OpUnsupported).framed());
     out.push_back(status(r.id + 7, StatusCode::Ok).framed());
   });
   SftpSession session(server, "test@peer");

@@ -35,15 +35,19 @@ SftpSession::SftpSession(Transport& transport, std::string peer)
       readChunk_(kDefaultChunk),
       writeChunk_(kDefaultChunk) {}
 
-void SftpSession::start() {
+void SftpSession::begin() {
   writer().init();
   initSent_ = Clock::now();
+  versionAwaited_ = true;
+  // Asked for at once, not after VERSION offered them: a server that does
+  // not know the request refuses it (the defaults hold), and the answer
+  // arrives with those to the first requests.
+  writer().limits(track({&limitsReply_}));
+}
+
+void SftpSession::start() {
+  begin();
   while (!versionReceived_) pump();
-  if (offers(kLimitsExtension)) {
-    writer().limits(track({&limitsReply_}));
-  } else {
-    adopt(Limits{});
-  }
 }
 
 void SftpSession::setReceiveRoom(std::size_t bytes) noexcept { receiveRoom_ = std::max(bytes, kReceiveRoom); }
@@ -57,7 +61,10 @@ void SftpSession::LimitsReply::onReply(Ticket const& /*ticket*/, Reply const& re
   session_.adopt(reply.type == PacketType::ExtendedReply ? decodeLimits(reply.data) : Limits{});
 }
 
-void SftpSession::usePosixRename(bool allowed) noexcept { posixRename_ = allowed && offers(kPosixRenameExtension); }
+void SftpSession::usePosixRename(bool allowed) noexcept {
+  posixRenameAllowed_ = allowed;
+  posixRename_ = allowed && offers(kPosixRenameExtension);
+}
 
 void SftpSession::adopt(Limits const& limits) {
   limitsKnown_ = true;
@@ -165,22 +172,31 @@ void SftpSession::pump(bool mayWait) {
 }
 
 void SftpSession::drain() {
-  while (!pending_.empty() || queuedBytes() > 0) pump();
+  while (pending() > 0 || queuedBytes() > 0) pump();
 }
 
 void SftpSession::wait() { transport_.wait(queuedBytes() > 0); }
 
 void SftpSession::onPacket(ByteView packet) {
   if (!versionReceived_) {
+    // A server may answer the requests sent behind INIT before VERSION; as
+    // many as were sent wait for it.
+    if (!packet.empty() && packet[0] != static_cast<std::uint8_t>(PacketType::Version) &&
+        early_.size() < pending_.size()) {
+      early_.emplace_back(packet.begin(), packet.end());
+      return;
+    }
     auto version = decodeVersion(packet);
     if (version.version != kProtocolVersion) {
       throw ProtocolError("the server speaks SFTP version " + std::to_string(version.version) + ", not " +
                           std::to_string(kProtocolVersion));
     }
     versionReceived_ = true;
+    versionAwaited_ = false;
     noteRoundTrip(roundTrip_, initSent_);
     extensions_ = std::move(version.extensions);
-    posixRename_ = offers(kPosixRenameExtension);
+    posixRename_ = posixRenameAllowed_ && offers(kPosixRenameExtension);
+    for (auto const& early : std::exchange(early_, {})) onPacket(ByteView(early.data(), early.size()));
     return;
   }
   auto const reply = decodeReply(packet);

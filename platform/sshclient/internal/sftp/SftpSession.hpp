@@ -67,10 +67,16 @@ class SftpSession {
   SftpSession(SftpSession const&) = delete;
   SftpSession& operator=(SftpSession const&) = delete;
 
-  // Sends INIT and waits for VERSION; asks for the server's limits when it
-  // offers them, without waiting: limitsKnown() tells when they arrived.
-  // Throws ProtocolError for another protocol version.
+  // Sends INIT and asks for the server's limits, without waiting: requests
+  // may follow at once (the server answers VERSION first; one that does not
+  // know the limits request refuses it, and the defaults hold).
+  // limitsKnown() tells when the limits arrived; until VERSION offers()
+  // knows no extension. A VERSION of another protocol version throws
+  // ProtocolError from pump().
+  void begin();
+  // begin(), then pumps until VERSION arrived.
   void start();
+  [[nodiscard]] bool started() const noexcept { return versionReceived_; }
 
   [[nodiscard]] std::string const& peer() const noexcept { return peer_; }
   [[nodiscard]] bool offers(std::string_view extension) const noexcept;
@@ -125,7 +131,8 @@ class SftpSession {
   // Sleeps until the stream may move (see Transport::wait).
   void wait();
 
-  [[nodiscard]] std::size_t pending() const noexcept { return pending_.size(); }
+  // Requests not answered yet; an awaited VERSION counts as one.
+  [[nodiscard]] std::size_t pending() const noexcept { return pending_.size() + (versionAwaited_ ? 1U : 0U); }
   [[nodiscard]] std::size_t queuedBytes() const noexcept { return out_.size() - sent_; }
   [[nodiscard]] std::uint64_t dataInFlight() const noexcept { return dataInFlight_; }
 
@@ -177,8 +184,12 @@ class SftpSession {
   std::size_t receiveRoom_;
 
   bool versionReceived_ = false;
+  bool versionAwaited_ = false;  // INIT sent: VERSION counts as pending
+  // Replies that overtook VERSION, handled right after it.
+  std::vector<std::vector<std::uint8_t>> early_;
   std::vector<Extension> extensions_;
   bool posixRename_ = false;
+  bool posixRenameAllowed_ = true;
   bool limitsKnown_ = false;
   std::uint32_t readChunk_;
   std::uint32_t writeChunk_;

@@ -163,6 +163,8 @@ std::string FileCopier::describe(Job const& job) const {
 }
 
 std::string FileCopier::context() const {
+  // Before VERSION a failure is the session's, whatever file has started.
+  if (!session_.started()) return {};
   auto const busy =
       std::find_if(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->phase != Job::Phase::Done; });
   if (busy != jobs_.end()) return describe(**busy);
