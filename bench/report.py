@@ -63,7 +63,8 @@ TIMED = {
     "sync": "wall time of the whole process (connection included). The destination holds the source's previous "
             "state, with equal bytes and modification times (whole seconds): for the no-op the tree stays in "
             "place and is checked before every step; for the changed tree the 100 old files are put back before "
-            "every step (untimed). No-op floors, for reference: sshfa-empty-folder is `sshfa put` of an empty "
+            "every step (untimed). sshfa-filtered is the no-op through 8 filter rules that exclude nothing here "
+            "(each name is matched against every rule). No-op floors, for reference: sshfa-empty-folder is `sshfa put` of an empty "
             "folder that is already there (connection, SFTP session, one listing), ssh-true the connection that "
             "rsync starts with",
     "latency-exists": "sshfa and paramiko: the library's own timing of connection set-up and the work (sshfa: "
@@ -76,6 +77,10 @@ TIMED = {
                        "`sshfa exists /`, the whole process (its `ssh -G` included); sshfa-tool-put-one: `sshfa put` "
                        "of one 2-6 KiB file, the whole process; ssh-true: `ssh host true`, the whole process; "
                        "paramiko: connect, authenticate and open SFTP",
+    "scale": "wall time of the whole process (connection included), on disk; TOOL-put copies the tree into an "
+             "empty folder, TOOL-noop runs the same put again, TOOL-get copies the tree back into an empty folder; "
+             "tar-put and tar-get are a tar pipe over ssh. Peak memory: the client's maximum resident set "
+             "(`/usr/bin/time -f %M`); for rsync and tar the local process only",
     "resume": "wall time of the whole re-run (connection included); before every step, untimed, the same "
               "tool's upload into an empty folder is killed (SIGKILL) once its file there holds 512 MiB. "
               "sshfa-no-resume is the same re-run with `--no-resume` (it starts over), for reference",
@@ -93,6 +98,7 @@ VALUE_COLUMNS = [
     ("wire", "all bytes sent (rsync's count)", lambda v: mib_text(v)),
     ("resumed", "files resumed (sshfa's count)", lambda v: f"{v:.0f}"),
     ("leftover", "other files left in the folder", lambda v: f"{v:.0f}"),
+    ("memory", "peak memory", lambda v: mib_text(v)),
 ]
 
 KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "transfer", "download-10k": "transfer",
@@ -101,7 +107,11 @@ KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "trans
         "sftp-exists-1000": "query", "sftp-stat-1000": "query",
         "noop-10k": "sync", "changed-10k": "sync", "resume-1g": "resume",
         "lat-up-128m": "transfer", "lat-down-128m": "transfer", "lat-small-300": "transfer",
-        "lat-exists-200": "latency-exists", "lat-connect": "latency-connect"}
+        "lat-exists-200": "latency-exists", "lat-connect": "latency-connect",
+        "scale-100k": "scale", "scale-1m": "scale"}
+
+# The file counts of the scale rows.
+SCALE_FILES = {"scale-100k": 100_000, "scale-1m": 1_000_000}
 
 # The link of the goals of the latency rows.
 GOAL_LINK = "50ms"
@@ -206,6 +216,10 @@ def goals(medians, values=None):
             rows.append((f"10,000 files, {label}: <= {'⅓' if most < 0.4 else '½'} of `rsync -a`'s time",
                          f"ratio {ratio:.3f} ({seconds_text(ours(w))} against {seconds_text(peer(w, 'rsync-a'))})",
                          ratio <= most + 1e-9))
+    if ours("noop-10k") and peer("noop-10k", "sshfa-filtered"):
+        extra = peer("noop-10k", "sshfa-filtered") / ours("noop-10k") - 1
+        rows.append(("10,000 files, no-op re-run through 8 filter rules: adds < 5 %",
+                     f"{extra * 100:+.1f} %", extra < 0.05))
     at = f"@{GOAL_LINK}"
     for w, label in (("lat-up-128m", "upload"), ("lat-down-128m", "download")):
         peers = [t for t in (peer(w + at, "scp"), peer(w + at, "sftp")) if t]
@@ -292,6 +306,41 @@ plot "{data}" using 1:3:xtic(2) with boxes lc rgb "#4a7ebb", \\
 """
     subprocess.run(["gnuplot"], input=script, text=True, check=True)
     os.remove(data)
+
+
+def scale_chart(medians, values, png):
+    """Time and peak memory against the file count, a line per tool and step."""
+    rows = [w for w in SCALE_FILES if w in medians]
+    if len(rows) < 2:
+        return False
+    tools = [t for t in medians[rows[0]] if all(t in medians[w] for w in rows)]
+    data = png + ".dat"
+    with open(data, "w", encoding="utf-8") as f:
+        for i, tool in enumerate(tools):
+            f.write(f'# "{tool}"\n')
+            for w in rows:
+                memory = values.get(w, {}).get(tool, {}).get("memory", 0) / 1048576
+                f.write(f"{SCALE_FILES[w]} {medians[w][tool]} {memory}\n")
+            f.write("\n\n")
+    plots = ", ".join(f'"{data}" index {i} using 1:{{col}} with linespoints title "{t}"'
+                      for i, t in enumerate(tools))
+    script = f"""
+set terminal pngcairo size 1000,440 font ",10"
+set output "{png}"
+set multiplot layout 1,2 title "Trees of 100-byte files (lower is better)"
+set logscale x
+set xlabel "files"
+set key top left
+set grid
+set ylabel "seconds"
+plot {plots.format(col=2)}
+set ylabel "peak memory, MiB"
+plot {plots.format(col=3)}
+unset multiplot
+"""
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+    os.remove(data)
+    return True
 
 
 def read_values(path):
@@ -381,6 +430,9 @@ def main():
         png = f"{name}-{workload.replace('@', '-')}.png"
         chart(title, rows, os.path.join(out_dir, png))
         lines += ["", f"![{title}]({png})"]
+
+    if scale_chart(medians, values, os.path.join(out_dir, f"{name}-scale.png")):
+        lines += ["", "## Time and memory against the number of files", "", f"![scale]({name}-scale.png)"]
 
     report = os.path.join(out_dir, f"{name}.md")
     with open(report, "w", encoding="utf-8") as f:

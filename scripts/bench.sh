@@ -17,7 +17,9 @@
 #                                     lat-down-128m lat-small-300
 #                                     lat-exists-200 lat-connect: the
 #                                     latency rows, once per link of
-#                                     SSHFA_BENCH_LINKS
+#                                     SSHFA_BENCH_LINKS; scale, or one of
+#                                     scale-100k scale-1m: trees of
+#                                     100-byte files, with peak memory
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
 #   SSHFA_BENCH_OUT   report folder (default: bench/results)
@@ -25,6 +27,9 @@
 #                     kernel frees what the previous step removed meanwhile
 #   SSHFA_BENCH_NAME  a suffix for the report's name: <date>-NAME.md (an
 #                     existing report is never replaced: -2, -3, ... follow)
+#   SSHFA_BENCH_SCALE_RUNS  counted rounds of the scale rows (default 1)
+#   SSHFA_BENCH_SCALE_DIR   where their trees live (default: BUILD_DIR/scale,
+#                     on disk: 1,000,000 files would not fit in tmpfs)
 #   SSHFA_BENCH_LINKS the links of the latency rows, each a round trip in ms
 #                     with an optional /RATE (bits/s, k M G; default 1G);
 #                     0 is loopback without the relay (default:
@@ -44,6 +49,10 @@ python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
 all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k
   sftp-exists-1000 sftp-stat-1000 connect noop-10k changed-10k resume-1g"
 latency_workloads="lat-up-128m lat-down-128m lat-small-300 lat-exists-200 lat-connect"
+# Trees of 100-byte files, by name only (long): put, a no-op put and get of
+# each tool, with time and peak memory. "scale" runs both.
+scale_workloads="scale-100k scale-1m"
+scale_runs=${SSHFA_BENCH_SCALE_RUNS:-1}
 links=${SSHFA_BENCH_LINKS:-0 20 50 100 50/100M}
 workloads= latency_rows=
 for w in ${*:-$all_workloads}; do
@@ -52,7 +61,12 @@ for w in ${*:-$all_workloads}; do
   *)
     case " latency $latency_workloads " in
     *" $w "*) latency_rows+=" ${w/#latency/$latency_workloads}" ;;
-    *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;;
+    *)
+      case " scale $scale_workloads " in
+      *" $w "*) workloads+=" ${w/#scale/$scale_workloads}" ;;
+      *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;;
+      esac
+      ;;
     esac
     ;;
   esac
@@ -493,6 +507,11 @@ PY
 # The destination is the parent folder with a trailing slash: the tree goes
 # into it under its own name, on the first run and on every re-run alike.
 noop_sshfa() { "${sshfa_cmd[@]}" put --json "$sync_old" "$noop_dir/"; }
+# The same re-run through a filter of the usual kind: every name is matched
+# against every rule, none of them excludes a file of this tree.
+noop_filter=(--exclude '*.o' --exclude '*~' --exclude '.git/' --exclude 'build/' --include 'dir*/' --include '*.dat'
+  --exclude '*.tmp' --filter '- node_modules/')
+noop_sshfa_filtered() { "${sshfa_cmd[@]}" put --json "${noop_filter[@]}" "$sync_old" "$noop_dir/"; }
 noop_rsync() { rsync -a -e "$rsync_e" "$sync_old/" "bench:$noop_dir/tree/"; }
 noop_rclone() { rclone "${rclone_args[@]}" sync "$sync_old" "bench:$noop_dir/tree"; }
 # Floors, for reference: sshfa's put of an empty folder that is already there
@@ -778,6 +797,59 @@ run_latency_row() {  # workload
   esac
 }
 
+# Trees of 100-byte files: 100,000 in 500 folders, 1,000,000 in 1,000. They
+# live on disk ($SSHFA_BENCH_SCALE_DIR, default a folder of the build): on
+# tmpfs every file takes a page of memory. Each step records its peak memory.
+scale_dir=${SSHFA_BENCH_SCALE_DIR:-$root/$build_dir/scale}
+make_scale() {  # files folders
+  scale_src=$scale_dir/src-$1
+  scale_up=$scale_dir/up scale_down=$scale_dir/down
+  [ -d "$scale_src" ] || $python - "$scale_src" "$1" "$2" <<'PY'
+import os, sys
+src, files, folders = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+data = b"x" * 100
+for d in range(folders):
+    path = os.path.join(src, "d%04d" % d)
+    os.makedirs(path)
+    for f in range(files // folders):
+        with open(os.path.join(path, "f%05d" % f), "wb") as out:
+            out.write(data)
+PY
+  # The remote source of get: the tree as put leaves it.
+  [ -d "$scale_dir/remote/tree" ] && [ "$(cat "$scale_dir/remote/files" 2>/dev/null)" = "$1" ] || {
+    rm -rf "$scale_dir/remote" && mkdir -p "$scale_dir/remote" && cp -a "$scale_src" "$scale_dir/remote/tree" &&
+      echo "$1" >"$scale_dir/remote/files"
+  }
+}
+prepare_scale() {  # tool: a put starts into nothing, a no-op finds the put's copy, a get starts into nothing
+  case $1 in
+  *-put) rm -rf "$scale_up" && mkdir -p "$scale_up" ;;
+  *-get) rm -rf "$scale_down" && mkdir -p "$scale_down" ;;
+  esac
+}
+check_scale() { [ "$(find "$scale_up" "$scale_down" -type f 2>/dev/null | wc -l)" -gt 0 ]; }
+memory() {  # command...: runs it, noting its peak memory
+  /usr/bin/time -o "$work/memory" -f %M "$@"
+  note memory "$(($(tail -n 1 "$work/memory") * 1024))"
+}
+scale_sshfa_put() { memory "${sshfa_cmd[@]}" put "$scale_src" "$scale_up/"; }
+scale_sshfa_noop() { memory "${sshfa_cmd[@]}" put "$scale_src" "$scale_up/"; }
+scale_sshfa_get() { memory "${sshfa_cmd[@]}" get "$scale_dir/remote/tree" "$scale_down/"; }
+scale_rsync_put() { memory rsync -a -e "$rsync_e" "$scale_src" "bench:$scale_up/"; }
+scale_rsync_noop() { memory rsync -a -e "$rsync_e" "$scale_src" "bench:$scale_up/"; }
+scale_rsync_get() { memory rsync -a -e "$rsync_e" "bench:$scale_dir/remote/tree" "$scale_down/"; }
+scale_tar_put() {
+  memory bash -c "tar -C '$scale_dir' -cf - '$(basename "$scale_src")' |
+    ssh -F '$work/ssh_config' -o ControlPath=none bench 'tar -C \'$scale_up\' -xf -'"
+}
+scale_tar_get() {
+  memory bash -c "ssh -F '$work/ssh_config' -o ControlPath=none bench 'tar -C \'$scale_dir/remote\' -cf - tree' |
+    tar -C '$scale_down' -xf -"
+}
+scale_steps=(sshfa-put:scale_sshfa_put sshfa-noop:scale_sshfa_noop sshfa-get:scale_sshfa_get
+  rsync-put:scale_rsync_put rsync-noop:scale_rsync_noop rsync-get:scale_rsync_get
+  tar-put:scale_tar_put tar-get:scale_tar_get)
+
 # ---- run ---------------------------------------------------------------------
 for w in $workloads; do
   case $w in
@@ -845,7 +917,8 @@ for w in $workloads; do
   noop-10k)
     make_sync_trees
     after_step=after_sync
-    run_workload "$w" prepare_noop check_noop $(sync_steps noop) sshfa-empty-folder:noop_sshfa_empty \
+    run_workload "$w" prepare_noop check_noop $(sync_steps noop) sshfa-filtered:noop_sshfa_filtered \
+      sshfa-empty-folder:noop_sshfa_empty \
       ssh-true:noop_ssh_true
     check_noop || { echo "bench.sh: $w: the destination changed during the counted rounds" >&2; exit 1; }
     after_step=
@@ -855,6 +928,13 @@ for w in $workloads; do
     after_step=after_sync
     run_workload "$w" prepare_changed check_changed $(sync_steps changed)
     after_step=
+    ;;
+  scale-100k | scale-1m)
+    if [ "$w" = scale-100k ]; then make_scale 100000 500; else make_scale 1000000 1000; fi
+    counted=$runs runs=$scale_runs
+    run_workload "$w" prepare_scale check_scale "${scale_steps[@]}"
+    runs=$counted
+    rm -rf "$scale_up" "$scale_down"
     ;;
   resume-1g)
     make_big

@@ -149,6 +149,25 @@ TEST_F(DotDotTest, DotsInAMissingDestinationAreResolvedByText) {
   EXPECT_FALSE(fs::exists(at("R/new")));
 }
 
+// The test sshd is this machine: a copy into the source itself is refused
+// before anything is made.
+TEST_F(DotDotTest, ASourceThatHoldsItsDestinationIsRefused) {
+  auto const before = treeSnapshot(dir_ / "L");
+  auto const inside = tool({"put", at("L/tree"), at("L/tree/sub/copy")});
+  EXPECT_EQ(inside.status, 1);
+  EXPECT_THAT(inside.err,
+              ::testing::HasSubstr("cannot upload '" + at("L/tree") + "' to '" + at("L/tree/sub/copy") + "' on "));
+  EXPECT_THAT(inside.err, ::testing::EndsWith(": the destination lies inside the source on this machine\n"));
+  auto const itself = tool({"put", "--delete", at("L/tree/sub/.."), at("L") + "/"});
+  EXPECT_EQ(itself.status, 1);
+  EXPECT_THAT(itself.err, ::testing::EndsWith(": the source is its own destination on this machine\n"));
+  auto const back = tool({"get", at("L/tree"), at("L/tree/sub") + "/"});
+  EXPECT_EQ(back.status, 1);
+  EXPECT_THAT(back.err, ::testing::HasSubstr("cannot download '" + at("L/tree") + "' from "));
+  EXPECT_THAT(back.err, ::testing::EndsWith(": the destination lies inside the source on this machine\n"));
+  EXPECT_EQ(treeSnapshot(dir_ / "L"), before);
+}
+
 TEST_F(DotDotTest, ASourceThatCannotBeResolvedIsOneClearError) {
   auto const run = tool({"put", at("L/missing/.."), at("R/")});
   EXPECT_EQ(run.status, 1);

@@ -99,6 +99,27 @@ std::string randomPassword() {
   return password;
 }
 
+// One password per account for every test process of the machine: test
+// binaries run in parallel and share the accounts, so a password drawn per
+// process would lock the others out. It is random once, kept where only
+// root reads it, and published with link() so that every reader sees it whole.
+std::string accountPassword(std::string const& user) {
+  fs::path const dir = "/var/lib/sshfa-tests";
+  fs::create_directories(dir);
+  fs::permissions(dir, fs::perms::owner_all);
+  fs::path const file = dir / (user + ".password");
+  std::error_code ec;
+  if (!fs::exists(file, ec)) {
+    fs::path const draft = dir / (user + ".password." + std::to_string(getpid()));
+    std::ofstream(draft, std::ios::binary | std::ios::trunc) << randomPassword();
+    ::link(draft.c_str(), file.c_str());  // EEXIST: another process was first, and its password holds
+    fs::remove(draft, ec);
+  }
+  std::string password = readFile(file.string());
+  if (password.empty()) throw std::runtime_error("empty test password in " + file.string());
+  return password;
+}
+
 // Creates the account when missing (home "/" unless given, so that sshd can
 // chdir there and nothing is left behind) and gives it `password`.
 void ensureAccount(std::string const& name, std::string const& loginShell, std::string const& password,
@@ -320,7 +341,7 @@ void TestSshd::killConnections() const { impl_->signalConnections(SIGKILL); }
 std::optional<TestSshd::Account> TestSshd::passwordAccount() {
   if (!isRoot()) return std::nullopt;
   if (!impl_->passwordAccount) {
-    Account account{"sshfa-pw", randomPassword()};
+    Account account{"sshfa-pw", accountPassword("sshfa-pw")};
     ensureAccount(account.user, "/bin/sh", account.password);
     impl_->passwordAccount = account;
   }
@@ -330,7 +351,7 @@ std::optional<TestSshd::Account> TestSshd::passwordAccount() {
 std::optional<TestSshd::Account> TestSshd::cshAccount() {
   if (!isRoot()) return std::nullopt;
   if (!impl_->cshAccount) {
-    Account account{"sshfa-csh", randomPassword()};
+    Account account{"sshfa-csh", accountPassword("sshfa-csh")};
     ensureAccount(account.user, "/bin/csh", account.password);
     impl_->cshAccount = account;
   }
@@ -340,7 +361,7 @@ std::optional<TestSshd::Account> TestSshd::cshAccount() {
 std::optional<TestSshd::Account> TestSshd::accountWithHome(std::string const& name, std::string const& loginShell,
                                                            fs::path const& home) {
   if (!isRoot()) return std::nullopt;
-  Account account{name, randomPassword()};
+  Account account{name, accountPassword(name)};
   ensureAccount(account.user, loginShell, account.password, home.string());
   TestSshd::shell("chown -R " + shellQuoted(name) + " " + shellQuoted(home.string()));
   return account;
@@ -349,7 +370,7 @@ std::optional<TestSshd::Account> TestSshd::accountWithHome(std::string const& na
 std::optional<TestSshd::SftpOnlyAccount> TestSshd::sftpOnlyAccount() {
   if (!isRoot()) return std::nullopt;
   if (!impl_->sftpOnlyAccount) {
-    Account login{kSftpOnlyUser, randomPassword()};
+    Account login{kSftpOnlyUser, accountPassword(kSftpOnlyUser)};
     ensureAccount(login.user, "/bin/sh", login.password);
     fs::path folder = makeTempDir();
     TestSshd::shell("chown " + shellQuoted(login.user) + " " + shellQuoted(folder.string()));
@@ -361,7 +382,7 @@ std::optional<TestSshd::SftpOnlyAccount> TestSshd::sftpOnlyAccount() {
 std::optional<TestSshd::SftpOnlyAccount> TestSshd::chrootedSftpAccount() {
   if (!isRoot()) return std::nullopt;
   if (!impl_->chrootedSftpAccount) {
-    Account login{kChrootedSftpUser, randomPassword()};
+    Account login{kChrootedSftpUser, accountPassword(kChrootedSftpUser)};
     fs::path const chroot = kChrootFolder;
     fs::create_directories(chroot);
     fs::permissions(chroot, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |

@@ -108,6 +108,35 @@ TEST(Resolved, FailsWhenNothingResolves) {
   EXPECT_EQ(tr::resolved("a/../b", none, false), std::nullopt);
 }
 
+TEST(Canonical, ResolvesEvenWithoutDotsAndDropsATrailingSlash) {
+  EXPECT_EQ(tr::canonical("/r/link/..", fakeRealPath), "/");
+  EXPECT_EQ(tr::canonical("/r/tree/", fakeRealPath), "/r/tree");
+  EXPECT_EQ(tr::canonical("/r/tree/new/x", fakeRealPath), "/r/tree/new/x");
+  EXPECT_EQ(tr::canonical(".", fakeRealPath), "/home/u");
+  EXPECT_EQ(tr::canonical("sub/..", fakeRealPath), "/home/u");
+}
+
+TEST(Overlaps, TheSourceItselfOrAFolderAboveTheDestination) {
+  EXPECT_TRUE(tr::overlaps("/a/tree", "/a/tree"));
+  EXPECT_TRUE(tr::overlaps("/a/tree", "/a/tree/copy"));
+  EXPECT_TRUE(tr::overlaps("/", "/x"));
+  EXPECT_FALSE(tr::overlaps("/a/tree/copy", "/a/tree"));
+  EXPECT_FALSE(tr::overlaps("/a/tree", "/a/tree2"));
+  EXPECT_FALSE(tr::overlaps("/a/tree", "/b/tree"));
+}
+
+TEST(LoopbackPeer, KnowsThisMachinesNames) {
+  EXPECT_TRUE(tr::loopbackPeer("u@127.0.0.1:22"));
+  EXPECT_TRUE(tr::loopbackPeer("u@127.1.2.3:2222"));
+  EXPECT_TRUE(tr::loopbackPeer("u@localhost:22"));
+  EXPECT_TRUE(tr::loopbackPeer("u@::1:22"));
+  EXPECT_TRUE(tr::loopbackPeer("u@[::1]:22"));
+  EXPECT_FALSE(tr::loopbackPeer("u@build01:22"));
+  EXPECT_FALSE(tr::loopbackPeer("u@10.0.0.1:22"));
+  EXPECT_FALSE(tr::loopbackPeer("u@1270.0.0.1:22"));
+  EXPECT_FALSE(tr::loopbackPeer("no port"));
+}
+
 TEST(StrictlyBelow, NeverTheRootItselfNorASibling) {
   EXPECT_TRUE(tr::strictlyBelow("/r/t", "/r/t/a"));
   EXPECT_TRUE(tr::strictlyBelow("/r/t/", "/r/t/a/b"));

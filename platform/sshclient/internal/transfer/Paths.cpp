@@ -29,6 +29,10 @@ std::string joinedParts(std::vector<std::string_view> const& parts, std::size_t 
   return out;
 }
 
+// The canonical path of the longest prefix of `path` that resolves (all of
+// it when `mustExist`), followed by the rest, normalized.
+std::optional<std::string> resolvedByPrefix(std::string const& path, RealPath const& realPath, bool mustExist);
+
 }  // namespace
 
 bool suspectName(std::string_view name) noexcept {
@@ -73,7 +77,23 @@ std::string normalized(std::string_view path) {
 
 std::optional<std::string> resolved(std::string const& path, RealPath const& realPath, bool mustExist) {
   if (!hasDotComponents(path)) return path;
+  return resolvedByPrefix(path, realPath, mustExist);
+}
+
+std::optional<std::string> canonical(std::string const& path, RealPath const& realPath) {
+  auto out = resolvedByPrefix(path, realPath, false);
+  if (out && out->size() > 1 && out->ends_with('/')) out->pop_back();
+  return out;
+}
+
+namespace {
+
+std::optional<std::string> resolvedByPrefix(std::string const& path, RealPath const& realPath, bool mustExist) {
   auto const parts = components(path);
+  if (parts.empty()) {
+    auto real = realPath(path.starts_with('/') ? "/" : ".");
+    return real;
+  }
   bool const absolute = path.starts_with('/');
   bool const contents = path.ends_with('/') || parts.back() == "." || parts.back() == "..";
   std::size_t const shortest = mustExist ? parts.size() : 0;
@@ -92,6 +112,22 @@ std::optional<std::string> resolved(std::string const& path, RealPath const& rea
     return out;
   }
   return std::nullopt;
+}
+
+}  // namespace
+
+bool overlaps(std::string_view source, std::string_view destination) noexcept {
+  return source == destination || strictlyBelow(source, destination);
+}
+
+bool loopbackPeer(std::string_view peer) noexcept {
+  auto const at = peer.find('@');
+  auto const colon = peer.rfind(':');
+  if (colon == std::string_view::npos || (at != std::string_view::npos && colon < at)) return false;
+  auto host =
+      peer.substr(at == std::string_view::npos ? 0 : at + 1, colon - (at == std::string_view::npos ? 0 : at + 1));
+  if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
+  return host == "localhost" || host == "::1" || host == "ip6-localhost" || host.starts_with("127.");
 }
 
 bool strictlyBelow(std::string_view root, std::string_view path) noexcept {

@@ -36,7 +36,19 @@ using RealPath = std::function<std::optional<std::string>(std::string const& pat
 // followed by the rest normalized. nullopt when nothing resolves.
 [[nodiscard]] std::optional<std::string> resolved(std::string const& path, RealPath const& realPath, bool mustExist);
 
+// `path` as the file system names it: the canonical path of its longest
+// prefix that `realPath` resolves, followed by the rest, normalized (links
+// resolved, "." and ".." taken out). nullopt when nothing resolves.
+[[nodiscard]] std::optional<std::string> canonical(std::string const& path, RealPath const& realPath);
+
 // Whether `path` lies strictly below `root` (neither may hold "." or "..").
 [[nodiscard]] bool strictlyBelow(std::string_view root, std::string_view path) noexcept;
+
+// Whether a copy of `source` to `destination` would write into the source
+// itself (both canonical, on one file system): the same path, or one below.
+[[nodiscard]] bool overlaps(std::string_view source, std::string_view destination) noexcept;
+
+// Whether a peer ("user@host:port") is this machine's loopback address.
+[[nodiscard]] bool loopbackPeer(std::string_view peer) noexcept;
 
 }  // namespace foundation::sshclient::internal::transfer

@@ -49,12 +49,11 @@ ChecksumAnswers TreeTransfer::bySizeAndTime(Folder const& folder, std::vector<st
   return answers;
 }
 
-// The first `length` bytes of a remote file, read over SFTP.
-std::optional<std::string> TreeTransfer::readRemotePrefix(std::string const& path, std::uint64_t length) {
+std::optional<std::string> TreeTransfer::readRemoteFile(std::string const& path, std::optional<std::uint64_t> prefix) {
   prefix_.reset();
   prefixRead_ = false;
   if (!prefixCookie_) prefixCookie_ = std::make_unique<Cookie>(Cookie{Cookie::Kind::Prefix, nullptr});
-  lister_.readFile(path, prefixCookie_.get(), length);
+  lister_.readFile(path, prefixCookie_.get(), prefix);
   while (!prefixRead_) session_.pump();
   return std::move(prefix_);
 }
@@ -108,7 +107,7 @@ bool TreeTransfer::verifyResume(Folder const& folder, Action const& action) {
       remote = parseRemotePrefixHash(*output);
     } else if (action.resumeFrom <= kPrefixReadLimit) {
       // No shell to hash with: a small prefix comes over to be hashed here.
-      if (auto const bytes = readRemotePrefix(remotePath, action.resumeFrom)) remote = sha256Of(*bytes);
+      if (auto const bytes = readRemoteFile(remotePath, action.resumeFrom)) remote = sha256Of(*bytes);
     } else {
       report_.notes.push_back(fl::i18n::utf8_to_ustring(
           quoted(remotePath) + " starts over: the server allows SFTP only, so its partial copy cannot be checked"));

@@ -60,6 +60,7 @@ void TreeTransfer::prepareRoots() {
   resolvePaths();
   placeIntoFolders();
   examineSources();
+  refuseOverlaps();
   if (!failures_.empty()) return;
   if (dryRun_) {
     examineDestinations();
@@ -82,24 +83,27 @@ void TreeTransfer::await() {
 // "." and ".." in a caller's path are resolved before anything is planned,
 // so that a source's own name and the root below which a mirror deletes come
 // from the real folders, never from the text.
+std::optional<std::string> TreeTransfer::localRealPath(std::string const& path) {
+  std::unique_ptr<char, decltype(&::free)> const real(::realpath(path.c_str(), nullptr), &::free);
+  if (!real) {
+    localError_ = errno;
+    return std::nullopt;
+  }
+  return std::string(real.get());
+}
+
+std::optional<std::string> TreeTransfer::remoteRealPath(std::string const& path) {
+  resolved_.reset();
+  session_.realpath({this, kResolve}, path);
+  await();
+  return std::exchange(resolved_, std::nullopt);
+}
+
 void TreeTransfer::resolvePaths() {
   auto const& items = command_.getItems();
   roots_.resize(items.size());
-  int localError = 0;
-  auto const localReal = [&localError](std::string const& path) -> std::optional<std::string> {
-    std::unique_ptr<char, decltype(&::free)> const real(::realpath(path.c_str(), nullptr), &::free);
-    if (!real) {
-      localError = errno;
-      return std::nullopt;
-    }
-    return std::string(real.get());
-  };
-  auto const remoteReal = [this](std::string const& path) {
-    resolved_.reset();
-    session_.realpath({this, kResolve}, path);
-    await();
-    return std::exchange(resolved_, std::nullopt);
-  };
+  auto const localReal = [this](std::string const& path) { return localRealPath(path); };
+  auto const remoteReal = [this](std::string const& path) { return remoteRealPath(path); };
   for (std::size_t i = 0; i < items.size(); ++i) {
     auto& root = roots_[i];
     root.item = i;
@@ -109,11 +113,45 @@ void TreeTransfer::resolvePaths() {
     auto const remoteResolved = resolved(remote, remoteReal, !upload_);
     root.source = upload_ ? localResolved.value_or(local) : remoteResolved.value_or(remote);
     root.destination = upload_ ? remoteResolved.value_or(remote) : localResolved.value_or(local);
-    if (!localResolved) fail(i, describePair(i) + "cannot resolve " + quoted(local) + ": " + errnoText(localError));
+    if (!localResolved) fail(i, describePair(i) + "cannot resolve " + quoted(local) + ": " + errnoText(localError_));
     if (!remoteResolved) {
       fail(i, describePair(i) + "cannot resolve " + quoted(remote) + " on " + session_.peer() + ": No such file");
     }
     root.failed = !localResolved || !remoteResolved;
+  }
+}
+
+// On this same machine (the peer is a loopback address, the boot and the
+// root folder are the same on both sides), a source that is its own
+// destination, or a folder that holds it, is refused: the copy would write
+// into what it reads, and a mirror would delete from it.
+void TreeTransfer::refuseOverlaps() {
+  if (!loopbackPeer(session_.peer())) return;
+  constexpr char const* kBoot = "/proc/sys/kernel/random/boot_id";
+  auto const localBoot = readLocalFile(kBoot);
+  struct stat local {};
+  if (!localBoot || localBoot->empty() || ::stat("/", &local) != 0) return;
+  remoteRoot_.reset();
+  session_.stat({this, kRootStat}, "/");
+  auto const remoteBoot = readRemoteFile(kBoot);
+  await();
+  if (remoteBoot != localBoot || !remoteRoot_ ||
+      remoteRoot_->mtime != static_cast<std::uint32_t>(local.st_mtim.tv_sec) ||
+      remoteRoot_->permissions != static_cast<std::uint32_t>(local.st_mode) ||
+      remoteRoot_->uid != static_cast<std::uint32_t>(local.st_uid)) {
+    return;
+  }
+  auto const localReal = [this](std::string const& path) { return localRealPath(path); };
+  auto const remoteReal = [this](std::string const& path) { return remoteRealPath(path); };
+  for (auto& root : roots_) {
+    if (root.failed) continue;
+    auto const source = canonical(root.source, upload_ ? RealPath(localReal) : RealPath(remoteReal));
+    auto const destination = canonical(root.destination, upload_ ? RealPath(remoteReal) : RealPath(localReal));
+    if (!source || !destination || !overlaps(*source, *destination)) continue;
+    root.failed = true;
+    fail(root.item, describePair(root.item) + (*source == *destination
+                                                   ? "the source is its own destination on this machine"
+                                                   : "the destination lies inside the source on this machine"));
   }
 }
 
@@ -209,6 +247,9 @@ void TreeTransfer::onRootReply(Ticket const& ticket, Reply const& reply) {
       if (reply.type == PacketType::Name && reply.names.size() == 1) {
         resolved_ = std::string(reply.names.front().filename);
       }
+      return;
+    case kRootStat:
+      if (reply.type == PacketType::Attrs) remoteRoot_ = reply.attributes;
       return;
     case kInto:
       roots_[static_cast<std::size_t>(ticket.offset)].into =

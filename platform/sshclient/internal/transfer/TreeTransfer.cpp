@@ -578,6 +578,7 @@ void TreeTransfer::onReply(Ticket const& ticket, Reply const& reply) {
       return onRemovalReply(*static_cast<Removal*>(ticket.subject), ticket, reply);
     case kResolve:
     case kInto:
+    case kRootStat:
     case kParent:
     case kParentCheck:
       return onRootReply(ticket, reply);

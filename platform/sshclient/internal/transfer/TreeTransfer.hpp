@@ -70,6 +70,9 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   // ---- roots (TreeRoots.cpp)
   void prepareRoots();
   void resolvePaths();
+  void refuseOverlaps();
+  std::optional<std::string> localRealPath(std::string const& path);
+  std::optional<std::string> remoteRealPath(std::string const& path);
   void placeIntoFolders();
   void makeParents();
   void examineSources();
@@ -116,7 +119,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   bool verifyResume(Folder const& folder, Action const& action);
   std::optional<std::string> remoteOutput(std::string const& command);
   ChecksumAnswers bySizeAndTime(Folder const& folder, std::vector<std::string> const& names);
-  std::optional<std::string> readRemotePrefix(std::string const& path, std::uint64_t length);
+  // A remote file read over SFTP (its first `prefix` bytes, when given).
+  std::optional<std::string> readRemoteFile(std::string const& path, std::optional<std::uint64_t> prefix = {});
 
   // ---- report
   void fail(std::size_t item, std::string const& message);
@@ -155,9 +159,11 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
 
   std::vector<Root> roots_;
   std::optional<std::string> resolved_;  // the answer to the last REALPATH of a root
-  bool shellUsable_ = true;              // false: the server allows SFTP only
+  int localError_ = 0;                   // of the last local realpath
+  std::optional<sftp::Attributes> remoteRoot_;
+  bool shellUsable_ = true;  // false: the server allows SFTP only
   bool checksumNoted_ = false;
-  std::optional<std::string> prefix_;  // the answer to readRemotePrefix
+  std::optional<std::string> prefix_;  // the answer to readRemoteFile
   bool prefixRead_ = false;
   std::unique_ptr<Cookie> prefixCookie_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> folders_;

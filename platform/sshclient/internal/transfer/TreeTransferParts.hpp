@@ -20,6 +20,7 @@ namespace foundation::sshclient::internal::transfer {
 enum TreeRequest : std::uint32_t {
   kResolve,           // REALPATH of a caller's path with "." or ".."
   kInto,              // STAT of a destination that may be a folder to copy into
+  kRootStat,          // STAT of the server's root folder: is it this machine's?
   kParent,            // MKDIR of a missing parent of a destination
   kParentCheck,       // STAT after it
   kResolveFolder,     // REALPATH of a folder reached through a link
