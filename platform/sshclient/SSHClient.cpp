@@ -90,4 +90,8 @@ void SSHClient::setKeepaliveInterval(std::chrono::seconds interval) { impl_->ses
 
 std::chrono::seconds SSHClient::getKeepaliveInterval() const { return impl_->session_.keepaliveInterval(); }
 
+NegotiatedAlgorithms SSHClient::negotiatedAlgorithms() const {
+  return impl_ ? impl_->session_.negotiated() : NegotiatedAlgorithms{};
+}
+
 }  // namespace foundation::sshclient

@@ -114,8 +114,12 @@ struct CommandStreams {
   // closed here.
   int inputFd = -1;
   // Asked at every wake-up and at least a few times a second; true stops
-  // the command: it is sent SIGINT, then its channel is closed.
+  // the command: it is sent SIGINT; while it still runs, SIGTERM 2 s later
+  // and SIGKILL 2 s after that; 2 s later still, its channel is closed.
   std::function<bool()> stopRequested;
+  // Told each signal sent to a stopped command (SIGINT, SIGTERM, SIGKILL);
+  // null: not told.
+  std::function<void(int signalNumber)> signalled;
 };
 
 struct FileLocations {
@@ -144,6 +148,8 @@ class SSHFA_EXPORT CopyFilesCommand {
 
 // Tree transfers (SSHClient::copyTrees). Each item's source is a file, a
 // folder or a symbolic link; its destination names the copy itself.
+
+struct PlannedChange;
 
 // When an existing destination file is left as it is.
 enum class UnchangedTest {
@@ -203,6 +209,20 @@ struct TreeTransferOptions {
   // are matched against paths relative to the item's source folder; items
   // themselves are not filtered. Default: no rules, no cost.
   Filter filter{};
+  // A destination file whose modification time is later than its source
+  // file's is left alone (counted in the report's `newer`), as rsync's
+  // --update does; links and folders are unaffected.
+  bool update = false;
+  // File data sent (uploads) or asked for (downloads) per second, over the
+  // whole transfer; 0: no limit. Waits sleep no longer than the limit needs.
+  std::uint64_t bytesPerSecond = 0;
+  // Called on the caller's thread as each change is done: a file copied or
+  // resumed (bytes: the data sent), a link placed, a folder made, an entry
+  // deleted, an entry in the way replaced, an unchanged file's mode and time
+  // put right (Fix). Not called in a dry run, whose report's plan holds the
+  // changes. Unset: nothing is built for it. An exception it throws stops
+  // the transfer as one of the progress callback does.
+  std::function<void(PlannedChange const&)> onChange{};
 };
 
 class SSHFA_EXPORT CopyTreesCommand {
@@ -219,12 +239,14 @@ class SSHFA_EXPORT CopyTreesCommand {
   TreeTransferOptions options_;
 };
 
-// One change of a dry run, named by its destination path.
+// One change of a transfer (planned by a dry run, or done: see
+// TreeTransferOptions::onChange), named by its destination path.
 struct PlannedChange {
   // Replace: an entry of another type in the destination's way goes first
   // (followed by the Folder, Copy or Link that takes its place).
   // Exclude: left out by the filter (the source's path).
-  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace, Exclude };
+  // Fix: an unchanged file's mode and time put right.
+  enum class Action { Copy, Resume, Skip, Link, Folder, Delete, Replace, Exclude, Fix };
   Action action = Action::Copy;
   ustring path;
   std::uint64_t bytes = 0;  // file data to send (Resume: the rest only)
@@ -241,6 +263,7 @@ struct TreeTransferReport {
   std::size_t deleted = 0;          // destination entries removed (deleteExtraneous)
   std::size_t resumed = 0;          // files continued from an earlier run's temporary
   std::size_t replaced = 0;         // destination entries of another type replaced (replaceInTheWay)
+  std::size_t newer = 0;            // files left as they were: newer on the destination (update)
   std::vector<ustring> notes;       // one line per special file left out
   std::vector<PlannedChange> plan;  // dryRun only: by action (as listed above), then path
 };
@@ -316,6 +339,23 @@ struct SSHClientOptions {
   CommandMode commandMode = CommandMode::PersistentShell;
   // Called during copyFiles at most a few times a second.
   std::function<void(TransferProgress const&)> progress;
+  // Offer zlib compression (zlib@openssh.com, then zlib) before none, as
+  // ssh -C does; the server decides (see negotiatedAlgorithms()). Worth it
+  // on slow links only: it costs processor time on both ends.
+  bool compression = false;
+};
+
+// What the key exchange settled on, in the protocol's names ("Out": from
+// this client to the server). An empty field was not found out.
+struct NegotiatedAlgorithms {
+  std::string kex;
+  std::string hostKey;
+  std::string cipherOut;
+  std::string cipherIn;
+  std::string macOut;
+  std::string macIn;
+  std::string compressionOut;
+  std::string compressionIn;
 };
 
 class SSHFA_EXPORT SSHError : public std::runtime_error {
@@ -432,6 +472,10 @@ class SSHFA_EXPORT SSHClient {
 
   virtual void setKeepaliveInterval(std::chrono::seconds interval);
   [[nodiscard]] virtual std::chrono::seconds getKeepaliveInterval() const;
+
+  // The algorithms of the connection's first key exchange; all empty for a
+  // test double without a connection.
+  [[nodiscard]] NegotiatedAlgorithms negotiatedAlgorithms() const;
 
  protected:
   // For test doubles that override every virtual operation: no connection.

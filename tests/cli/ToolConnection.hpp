@@ -25,4 +25,11 @@ inline std::vector<std::string> connectionArgs(TestSshd const& sshd) {
           "--batch"};
 }
 
+// The connection options followed by `args`.
+inline std::vector<std::string> withConnection(TestSshd const& sshd, std::vector<std::string> const& args) {
+  auto all = connectionArgs(sshd);
+  all.insert(all.end(), args.begin(), args.end());
+  return all;
+}
+
 }  // namespace sshfa::testing

@@ -40,11 +40,6 @@ constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kConnection = 3;
 
-void setModificationTime(fs::path const& path, std::time_t seconds) {
-  timespec const times[2] = {{seconds, 0}, {seconds, 0}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
 std::vector<std::string> lines(std::string const& text) {
   std::vector<std::string> out;
   std::istringstream in(text);
@@ -98,9 +93,12 @@ TEST_F(CliTest, HelpForTheToolAndEveryCommand) {
   auto const top = runTool({"--help"});
   EXPECT_EQ(top.status, 0);
   EXPECT_THAT(top.out, HasSubstr("Usage: sshfa [OPTIONS] SUBCOMMAND"));
-  EXPECT_THAT(top.out, HasSubstr("Exit status: 0 success; 1 an operation failed; 2 usage error;"));
-  for (std::string const command : {"exists", "isfile", "isdir", "parent", "ls", "stat", "touch", "rm", "mkdir", "cp",
-                                    "mv", "tar", "untar", "zip", "unzip", "put", "get", "exec", "demo"}) {
+  EXPECT_THAT(top.out, HasSubstr("Exit status: 0 success; 1 an operation failed, or exists, isfile or isdir\n"
+                                 "answered false; 2 usage error; 3 connection, host key or authentication\n"
+                                 "failure; 130, 143 interrupted (SIGINT, SIGTERM);"));
+  for (std::string const command :
+       {"exists", "isfile", "isdir", "parent", "ls",    "stat", "touch", "rm",   "mkdir", "cp",
+        "mv",     "tar",    "untar", "zip",    "unzip", "put",  "get",   "sync", "exec",  "demo"}) {
     auto const help = runTool({command, "--help"});
     EXPECT_EQ(help.status, 0) << command << ": " << help.err;
     EXPECT_THAT(help.out, HasSubstr("Usage: sshfa " + command)) << command;
@@ -221,12 +219,22 @@ TEST_F(CliTest, ExistsIsFileIsDirAnswerPerPathInOrder) {
 
   std::vector<std::string> args{"exists"};
   args.insert(args.end(), paths.begin(), paths.end());
+  // As test(1): the status is 1 when any answer is false.
   auto const plain = remote(args);
-  EXPECT_EQ(plain.status, 0) << plain.err;
+  EXPECT_EQ(plain.status, kFailed) << plain.err;
   EXPECT_EQ(plain.out, "true\t" + paths[0] + "\ntrue\t" + paths[1] + "\nfalse\t" + paths[2] + "\n");
+  EXPECT_EQ(plain.err, "");
 
-  EXPECT_EQ(remote({"isdir", at("d")}).out, "true\n");
-  EXPECT_EQ(remote({"isfile", at("d")}).out, "false\n");
+  auto const folder = remote({"isdir", at("d")});
+  EXPECT_EQ(folder.out, "true\n");
+  EXPECT_EQ(folder.status, 0);
+  auto const notAFile = remote({"isfile", at("d")});
+  EXPECT_EQ(notAFile.out, "false\n");
+  EXPECT_EQ(notAFile.status, kFailed);
+  auto const both = remote({"exists", at("f.txt"), at("d")});
+  EXPECT_EQ(both.status, 0);
+  EXPECT_EQ(remote({"isfile", at("f.txt"), at("d")}).status, kFailed);
+  EXPECT_EQ(remote({"isdir", at("missing")}).status, kFailed);
 
   for (auto const& [command, key, expected] :
        std::vector<std::tuple<std::string, std::string, std::vector<bool>>>{{"exists", "exists", {true, true, false}},
@@ -234,7 +242,9 @@ TEST_F(CliTest, ExistsIsFileIsDirAnswerPerPathInOrder) {
                                                                             {"isdir", "isDir", {false, true, false}}}) {
     std::vector<std::string> jsonArgs{"--json", command};
     jsonArgs.insert(jsonArgs.end(), paths.begin(), paths.end());
-    json const answer = parsed(remote(jsonArgs));
+    auto const result = remote(jsonArgs);
+    EXPECT_EQ(result.status, kFailed) << command;
+    json const answer = json::parse(result.out);
     ASSERT_EQ(answer.size(), 3U) << command;
     for (std::size_t i = 0; i < 3; ++i) {
       EXPECT_EQ(answer[i]["path"], paths[i]) << command;
@@ -263,7 +273,9 @@ TEST_F(CliTest, ListFlatAndRecursive) {
             (std::vector<std::string>{at("tree") + "/a.txt", at("tree") + "/b c.txt", at("tree") + "/sub"}));
 
   json const recursive = parsed(remote({"--json", "ls", "-R", at("tree")}));
-  std::set<std::string> const found(recursive.begin(), recursive.end());
+  EXPECT_EQ(recursive["missing"], json::array());
+  EXPECT_EQ(recursive["warnings"], json::array());
+  std::set<std::string> const found(recursive["entries"].begin(), recursive["entries"].end());
   EXPECT_EQ(found,
             (std::set<std::string>{at("tree/a.txt"), at("tree/b c.txt"), at("tree/sub/d.txt"), at("tree/.hidden")}));
 
@@ -275,9 +287,9 @@ TEST_F(CliTest, ListFlatAndRecursive) {
 
 TEST_F(CliTest, StatGivesSizeAndTimeAndReportsMissingPaths) {
   writeFile(at("f.txt"), "hello");
-  setModificationTime(at("f.txt"), 1614834367);  // 2021-03-04T05:06:07Z
+  setTime(at("f.txt"), 1614834367);  // 2021-03-04T05:06:07Z
   writeFile(at("empty"), "");
-  setModificationTime(at("empty"), 0);
+  setTime(at("empty"), 0);
 
   auto const plain = remote({"stat", at("f.txt"), at("missing"), at("empty")});
   EXPECT_EQ(plain.status, kFailed);
@@ -307,7 +319,7 @@ TEST_F(CliTest, TouchMkdirCopyMoveRemove) {
   EXPECT_EQ(remote({"mkdir", "-p", at("a/b/c")}).status, 0);
 
   writeFile(at("old.txt"), "old contents");
-  setModificationTime(at("old.txt"), 1000);
+  setTime(at("old.txt"), 1000);
   EXPECT_EQ(remote({"touch", at("old.txt"), at("new it's.txt")}).status, 0);
   EXPECT_EQ(readFile(at("old.txt")), "old contents");
   struct stat touched {};
@@ -365,7 +377,7 @@ TEST_F(CliTest, PutAndGetCopyTreesAndReportTotals) {
   writeFile(at("local/single.bin"), std::string(3000, 'z'));
 
   json const totals = parsed(remote({"--json", "put", at("local/tree"), at("remote/tree")}));
-  EXPECT_EQ(totals["files"], 2);
+  EXPECT_EQ(totals["copied"], 2);
   EXPECT_EQ(totals["bytes"], 10);
   EXPECT_GE(totals["seconds"].get<double>(), 0.0);
   EXPECT_EQ(parsed(remote({"--json", "put", at("local/single.bin"), at("remote/one.bin")}))["bytes"], 3000);
@@ -406,7 +418,7 @@ TEST_F(CliTest, EachStopSignalEndsAGetAndLeavesOnlyWhatTheNextRunResumes) {
   fs::create_directories(at("back"));
   writeFile(at("big"), "");
   fs::resize_file(at("big"), 1ULL << 30U);  // sparse: quick to read, long to send
-  setModificationTime(at("big"), 1'500'000'000);
+  setTime(at("big"), 1'500'000'000);
   std::string const resumable = ".big.sshfa-partial-1073741824-1500000000";
   for (int const signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
     std::vector<std::string> args = connection();
@@ -525,7 +537,8 @@ TEST_F(CliTest, ControlCharactersInNamesAreEscapedOnATerminalOnly) {
   EXPECT_EQ(piped.out, folder + "/" + bad + "\n" + folder + "/" + red + "\n");
 
   auto const asJson = remote({"--json", "ls", folder});
-  EXPECT_EQ(asJson.out, "[\n  \"" + folder + "/bad\\udcff byte\",\n  \"" + folder + "/esc\\u001b[31mred\"\n]\n");
+  EXPECT_EQ(asJson.out, "{\n  \"entries\": [\"" + folder + "/bad\\udcff byte\", \"" + folder +
+                            "/esc\\u001b[31mred\"],\n  \"missing\": [],\n  \"warnings\": []\n}\n");
 
   // Messages on a terminal are escaped as well.
   auto const missing = remote({"stat", folder + "/" + red + "-gone"}, onTerminal);
@@ -536,7 +549,7 @@ TEST_F(CliTest, ControlCharactersInNamesAreEscapedOnATerminalOnly) {
 
 TEST_F(CliTest, LocalModeNeedsNoConnection) {
   writeFile(at("l/a.txt"), "abc");
-  setModificationTime(at("l/a.txt"), 1614834367);
+  setTime(at("l/a.txt"), 1614834367);
   // A host that cannot be reached is never contacted.
   auto const result = runTool({"-H", "host.invalid", "--local", "--json", "stat", at("l/a.txt"), at("l/none")});
   EXPECT_EQ(result.status, kFailed);
@@ -577,8 +590,11 @@ TEST_F(CliTest, LocalModeNeedsNoConnection) {
 
 TEST_F(CliTest, VerboseTracesTheRequestsAndCommandsSent) {
   auto const result = remote({"-v", "isdir", at("it's")});
-  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.status, kFailed);
   EXPECT_EQ(result.out, "false\n");
+  EXPECT_THAT(result.err, ::testing::MatchesRegex(
+                              "sshfa: trace: negotiated kex [^ ]+, host key [^ ]+, cipher aes128-gcm@openssh.com, MAC "
+                              "[^ ]+, compression none\n(.|\n)*"));
   EXPECT_THAT(result.err, HasSubstr("sshfa: trace: SFTP stat: '" + at("it") + "'\\''s'\n"));
   auto const made = remote({"-v", "mkdir", at("it's")});
   EXPECT_EQ(made.status, 0) << made.err;
@@ -680,9 +696,9 @@ TEST_F(ExamplesTest, CopyTreeUpAndBack) {
 
 TEST_F(ExamplesTest, StatManyPathsInOneCall) {
   writeFile(at("one"), "1");
-  setModificationTime(at("one"), 1614834367);
+  setTime(at("one"), 1614834367);
   writeFile(at("three"), "333");
-  setModificationTime(at("three"), 0);
+  setTime(at("three"), 0);
   auto const result = runExample("stat_many", {at("one"), at("two"), at("three")});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "           1  2021-03-04T05:06:07Z  " + at("one") + "\n" +

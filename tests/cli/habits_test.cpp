@@ -175,7 +175,15 @@ TEST_F(HabitsTest, LsShowsAFileOnceAndNamesAMissingPath) {
 
     auto const recursive = run({"--json", "ls", "-R", at("f.txt"), at("d")});
     EXPECT_EQ(recursive.status, 0) << recursive.err;
-    EXPECT_EQ(json::parse(recursive.out), json::parse("[\"" + at("f.txt") + "\", \"" + at("d/x.txt") + "\"]"));
+    EXPECT_EQ(json::parse(recursive.out), json::parse(R"({"entries": [")" + at("f.txt") + "\", \"" + at("d/x.txt") +
+                                                      R"("], "missing": [], "warnings": []})"));
+
+    // The missing path is in the answer too.
+    auto const partly = run({"--json", "ls", at("missing"), at("f.txt")});
+    EXPECT_EQ(partly.status, kFailed);
+    EXPECT_EQ(json::parse(partly.out), json::parse(R"({"entries": [")" + at("f.txt") + R"("], "missing": [")" +
+                                                   at("missing") + R"("], "warnings": []})"));
+    EXPECT_EQ(partly.err, "sshfa: cannot access '" + at("missing") + "': No such file or directory\n");
   }
 }
 
@@ -435,16 +443,37 @@ TEST(Completion, BashCompletesCommandsAndOptions) {
   EXPECT_EQ(completions("sshfa ls --rec"), "--recursive\n");
   EXPECT_EQ(completions("sshfa ls --qu"), "--quiet\n");
   EXPECT_EQ(completions("sshfa mkdir -"),
-            "-p\n--parents\n-h\n--help\n--version\n-H\n--host\n-p\n--port\n-u\n--user\n"
+            "-p\n--parents\n-h\n--help\n--version\n-H\n--host\n-p\n-P\n--port\n-u\n--user\n"
             "-i\n--identity\n--agent\n--password-stdin\n--known-hosts\n--accept-new\n"
-            "--keepalive\n--connect-timeout\n-F\n--ssh-config\n-J\n--jump\n--batch\n"
-            "--local\n--json\n-v\n--verbose\n-q\n--quiet\n");
+            "--keepalive\n--connect-timeout\n-F\n--ssh-config\n-J\n--jump\n--batch\n-z\n--compress\n"
+            "--local\n--json\n-v\n--verbose\n-q\n--quiet\n--no-remote-completion\n");
   // Files after a file option and as operands.
   std::string const script = generatedFile("bash");
   std::string const folder = fs::path(script).parent_path().string();
   EXPECT_EQ(completions("sshfa -F " + script), script + "\n");
   EXPECT_EQ(completions("sshfa --local stat " + script), script + "\n");
   EXPECT_THAT(completions("sshfa --local stat " + folder + "/"), HasSubstr(script + "\n"));
+}
+
+// Names with blanks stay one word; Host aliases of the SSH configuration are
+// offered after -H and, with a colon to go on, as transfer operands; after
+// exec's command word nothing of ours is offered.
+TEST(Completion, BashQuotesNamesAndOffersHostAliases) {
+  fs::path const folder = TestSshd::makeTempDir();
+  writeFile(folder / "with space.txt", "x");
+  EXPECT_EQ(completions("sshfa --local stat " + folder.string() + "/wi"), folder.string() + "/with space.txt\n");
+
+  std::string const config = (folder / "config").string();
+  writeFile(config, "Host zzbox zzweb *.zzpattern\n  HostName 127.0.0.1\nhost zzother\n  Port 2222\n");
+  EXPECT_EQ(completions("sshfa -F " + config + " -H zz"), "zzbox\nzzweb\nzzother\n");
+  EXPECT_EQ(completions("sshfa -F " + config + " put x zz"), "zzbox:\nzzweb:\nzzother:\n");
+  EXPECT_EQ(completions("sshfa -F " + config + " sync zzw"), "zzweb:\n");
+  // Remote names only when asked for (and when the host answers within a second).
+  EXPECT_EQ(completions("sshfa --no-remote-completion -F " + config + " put x zzbox:/"), "\n");  // no candidate
+
+  EXPECT_EQ(completions("sshfa exec -"), "\n");                              // no candidate
+  EXPECT_EQ(completions("sshfa -H box exec ls -"), "\n");                    // no candidate
+  EXPECT_EQ(completions("sshfa exec ls " + folder.string() + "/wi"), "\n");  // no candidate
 }
 
 TEST(Completion, ZshScriptIsValidAndRegistersItself) {
@@ -485,6 +514,27 @@ TEST(Manual, ManRendersThePage) {
   EXPECT_THAT(shown.out, HasSubstr("sshfa ls [OPTIONS] PATH..."));
   EXPECT_THAT(shown.out, HasSubstr("-J, --jump HOST"));
   EXPECT_THAT(shown.out, HasSubstr("Exit status: 0 success"));
+  // The hand-written sections, between the generated ones.
+  for (std::string const section : {"\nOPTIONS\n", "\nCOMMANDS\n", "\nCHOOSING FILES\n", "\nEXAMPLES\n", "\nFILES\n",
+                                    "\nEXIT STATUS\n", "\nNOTES\n", "\nSEE ALSO\n"}) {
+    EXPECT_THAT(shown.out, HasSubstr(section)) << section;
+  }
+  auto const at = [&](std::string const& text) { return shown.out.find(text); };
+  EXPECT_LT(at("\nCOMMANDS\n"), at("\nCHOOSING FILES\n"));
+  EXPECT_LT(at("\nCHOOSING FILES\n"), at("\nEXAMPLES\n"));
+  EXPECT_LT(at("\nEXAMPLES\n"), at("\nFILES\n"));
+  EXPECT_LT(at("\nFILES\n"), at("\nEXIT STATUS\n"));
+  EXPECT_LT(at("\nEXIT STATUS\n"), at("\nSEE ALSO\n"));
+  EXPECT_THAT(shown.out, HasSubstr("sshfa sync ./site build01:/srv/www/site\n"));
+  EXPECT_THAT(shown.out, HasSubstr("DEST/.NAME.sshfa-partial-SIZE-MTIME\n"));
+  for (std::string const status : {"0", "1", "2", "3", "130", "143"}) {
+    EXPECT_THAT(shown.out, ::testing::ContainsRegex("\n       " + status + " +[A-Z]")) << status;
+  }
+  EXPECT_THAT(shown.out, HasSubstr("ssh(1), ssh_config(5), scp(1), sftp(1), rsync(1), test(1)"));
+  // Every command and option of the definition is there.
+  EXPECT_THAT(shown.out, HasSubstr("sshfa sync [OPTIONS] OPERANDS...\n       Make DESTINATION a copy of SOURCE"));
+  EXPECT_THAT(shown.out, HasSubstr("Usage: sshfa [OPTIONS] sync [OPTIONS] SOURCE DESTINATION\n"));
+  EXPECT_THAT(shown.out, HasSubstr("--bwlimit RATE"));
 }
 
 // ---- put and get into folders, with what they keep ---------------------------------
@@ -569,7 +619,7 @@ TEST_F(HabitsTest, PutReportsFoldersLinksAndSpecialFiles) {
   auto const put = remote({"--json", "put", at("src"), at("r/copy")});
   EXPECT_EQ(put.status, 0) << put.err;
   json const totals = json::parse(put.out);
-  EXPECT_EQ(totals["files"], 1);
+  EXPECT_EQ(totals["copied"], 1);
   EXPECT_EQ(totals["bytes"], 3);
   EXPECT_EQ(totals["folders"], 3);  // r, r/copy, r/copy/empty
   EXPECT_EQ(totals["links"], 1);

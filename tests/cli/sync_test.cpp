@@ -9,11 +9,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,11 +35,6 @@ using ::testing::MatchesRegex;
 
 constexpr std::time_t kOldTime = 1'500'000'000;
 
-void setTime(fs::path const& path, std::time_t seconds) {
-  timespec const times[2] = {{seconds, 0}, {seconds, 0}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
 std::vector<fs::path> temporariesIn(fs::path const& folder) {
   std::vector<fs::path> found;
   if (!fs::exists(folder)) return found;
@@ -54,9 +51,7 @@ class SyncTest : public ::testing::TestWithParam<bool> {
   static TestSshd& server() { return TestSshd::instance(); }
 
   static std::vector<std::string> withConnection(std::vector<std::string> const& args) {
-    auto all = connectionArgs(server());
-    all.insert(all.end(), args.begin(), args.end());
-    return all;
+    return testing::withConnection(server(), args);
   }
 
   [[nodiscard]] static bool upload() { return GetParam(); }
@@ -85,7 +80,7 @@ class SyncTest : public ::testing::TestWithParam<bool> {
     writeFile(at("src/tree/sub/b"), "bravo");
     setTime(at("src/tree/a"), kOldTime);
     setTime(at("src/tree/sub/b"), kOldTime);
-    ASSERT_EQ(totals({source(), into()})["files"], 2);
+    ASSERT_EQ(totals({source(), into()})["copied"], 2);
   }
 
   fs::path dir_;
@@ -94,8 +89,8 @@ class SyncTest : public ::testing::TestWithParam<bool> {
 TEST_P(SyncTest, UnchangedFilesAreLeftAloneByDefault) {
   makeTree();
   auto const again = totals({source(), into()});
-  EXPECT_EQ(again["files"], 0);
-  EXPECT_EQ(again["skipped"], 2);
+  EXPECT_EQ(again["copied"], 0);
+  EXPECT_EQ(again["unchanged"], 2);
   EXPECT_EQ(again["deleted"], 0);
   EXPECT_EQ(again["resumed"], 0);
   EXPECT_EQ(again["bytes"], 0);
@@ -103,18 +98,18 @@ TEST_P(SyncTest, UnchangedFilesAreLeftAloneByDefault) {
   EXPECT_EQ(summary.status, 0) << summary.err;
   EXPECT_THAT(summary.err, MatchesRegex(command() + R"(: copied 0 files, 0 B in [0-9.]+ s \(.*\), 2 unchanged
 )"));
-  EXPECT_EQ(totals({"--ignore-times", source(), into()})["files"], 2);
+  EXPECT_EQ(totals({"--ignore-times", source(), into()})["copied"], 2);
 }
 
 TEST_P(SyncTest, AByteChangedUnderTheSameSizeAndTimeIsFoundWithChecksums) {
   makeTree();
   writeFile(at("src/tree/sub/b"), "bravO");
   setTime(at("src/tree/sub/b"), kOldTime);
-  EXPECT_EQ(totals({source(), into()})["files"], 0);
+  EXPECT_EQ(totals({source(), into()})["copied"], 0);
   EXPECT_EQ(readFile(copied("sub/b")), "bravo");
   auto const checked = totals({"--checksum", source(), into()});
-  EXPECT_EQ(checked["files"], 1);
-  EXPECT_EQ(checked["skipped"], 1);
+  EXPECT_EQ(checked["copied"], 1);
+  EXPECT_EQ(checked["unchanged"], 1);
   EXPECT_EQ(checked["bytes"], 5);
   EXPECT_EQ(readFile(copied("sub/b")), "bravO");
 }
@@ -130,29 +125,61 @@ TEST_P(SyncTest, DeleteRemovesWhatTheSourceLacks) {
   EXPECT_EQ(listNames(dir_ / "dst" / "tree" / "sub"), (std::vector<std::string>{"b"}));
 }
 
-TEST_P(SyncTest, DryRunPrintsThePlanAndChangesNothing) {
+TEST_P(SyncTest, DryRunPrintsOnlyTheChangesAndChangesNothing) {
   makeTree();
   writeFile(at("src/tree/new"), "new!");
   writeFile(copied("stale"), "s");
+  ::chmod(at("src/tree/a").c_str(), 0600);
   auto const planned = transfer({"-n", "--delete", source(), into()});
   EXPECT_EQ(planned.status, 0) << planned.err;
-  EXPECT_EQ(planned.out, "copy " + copied("new").string() + " (4 B)\nskip " + copied("a").string() + " (5 B)\nskip " +
-                             copied("sub/b").string() + " (5 B)\ndelete " + copied("stale").string() + "\n");
-  EXPECT_THAT(planned.err, HasSubstr(command() + ": dry run, would copy 1 file, 4 B in "));
+  EXPECT_EQ(planned.out, "copy " + copied("new").string() + " (4 B)\ndelete " + copied("stale").string() + "\nfix " +
+                             copied("a").string() + "\n");
+  // No rate: nothing moved.
+  EXPECT_EQ(planned.err, command() + ": dry run, would copy 1 file, 4 B, 2 unchanged, 1 deleted\n");
   EXPECT_FALSE(fs::exists(copied("new")));
   EXPECT_TRUE(fs::exists(copied("stale")));
 
+  // -v names what is left alone too.
+  auto const verbose = transfer({"-n", "-v", "--delete", source(), into()});
+  EXPECT_EQ(verbose.status, 0) << verbose.err;
+  EXPECT_EQ(verbose.out, "copy " + copied("new").string() + " (4 B)\nskip " + copied("sub/b").string() +
+                             " (5 B)\ndelete " + copied("stale").string() + "\nfix " + copied("a").string() + "\n");
+
   auto const plan = totals({"--dry-run", "--delete", source(), into()});
   EXPECT_EQ(plan["dryRun"], true);
-  EXPECT_EQ(plan["files"], 1);
-  EXPECT_EQ(plan["skipped"], 2);
+  EXPECT_EQ(plan["copied"], 1);
+  EXPECT_EQ(plan["unchanged"], 2);
   EXPECT_EQ(plan["deleted"], 1);
   EXPECT_EQ(plan["bytes"], 4);
   ASSERT_EQ(plan["plan"].size(), 4U);
   EXPECT_EQ(plan["plan"][0],
             json::parse(R"({"action": "copy", "bytes": 4, "path": ")" + copied("new").string() + "\"}"));
-  EXPECT_EQ(plan["plan"][3]["action"], "delete");
+  EXPECT_EQ(plan["plan"][1]["action"], "skip");
+  EXPECT_EQ(plan["plan"][2]["action"], "delete");
+  EXPECT_EQ(plan["plan"][3], json::parse(R"({"action": "fix", "bytes": 5, "path": ")" + copied("a").string() + "\"}"));
   EXPECT_FALSE(fs::exists(copied("new")));
+}
+
+// rsync's -v: a line per change as it is done, on standard output.
+TEST_P(SyncTest, VerboseNamesEachChangeAsItIsDone) {
+  makeTree();
+  writeFile(at("src/tree/new"), "new!");
+  writeFile(at("src/tree/sub/b"), "bravo, longer");
+  writeFile(copied("stale"), "s");
+  auto const done = transfer({"-v", "--delete", source(), into()});
+  EXPECT_EQ(done.status, 0) << done.err;
+  std::vector<std::string> lines;
+  std::istringstream in(done.out);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(lines, (std::vector<std::string>{"copy " + copied("new").string() + " (4 B)",
+                                             "copy " + copied("sub/b").string() + " (13 B)",
+                                             "delete " + copied("stale").string()}));
+  EXPECT_TRUE(fs::exists(copied("new")));
+  EXPECT_FALSE(fs::exists(copied("stale")));
+  // Nothing changed, nothing named.
+  auto const again = transfer({"-v", "--delete", source(), into()});
+  EXPECT_EQ(again.out, "");
 }
 
 // ---- resume ----------------------------------------------------------------------------
@@ -210,7 +237,7 @@ TEST_P(ResumeTest, AKilledTransferResumesWithTheRestOfTheBytes) {
   EXPECT_LT(kept, kBigSize);
   auto const again = totals({at("src/big"), at("dst/big")});
   EXPECT_EQ(again["resumed"], 1);
-  EXPECT_EQ(again["files"], 1);
+  EXPECT_EQ(again["copied"], 1);
   EXPECT_EQ(again["bytes"], kBigSize - kept);
   EXPECT_LE(again["bytes"].get<std::uint64_t>(), kBigSize / 2);
   EXPECT_TRUE(readFile(at("dst/big")) == contents_);
@@ -272,7 +299,7 @@ TEST_P(SyncTest, AKilledManyFileTransferLeavesNothingAfterTheNextRun) {
   tool.finish();
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   auto const again = totals({at("src/many"), into()});
-  EXPECT_EQ(again["files"].get<int>() + again["skipped"].get<int>(), 300);
+  EXPECT_EQ(again["copied"].get<int>() + again["unchanged"].get<int>(), 300);
   EXPECT_EQ(listNames(at("dst/many")), listNames(at("src/many")));
   for (int i = 0; i < 300; i += 37) {
     auto const name = "many/f" + std::to_string(i);

@@ -131,8 +131,8 @@ TEST(ProgressLine, NoRateYetMeansNoEstimate) {
 }
 
 TEST(RemoteArchive, ZipStoresLinksAsLinksFromTheSourcesParent) {
-  EXPECT_EQ(zipLine(u"/r/src", u"t", u"/r/t.zip"), u"cd '/r/src' && zip -r -y '/r/t.zip' 't'");
-  EXPECT_EQ(zipLine(u"", u"it's", u"a b.zip"), u"cd '' && zip -r -y 'a b.zip' 'it'\\''s'");
+  EXPECT_EQ(zipLine(u"/r/src", u"t", u"/r/t.zip"), u"cd '/r/src' && zip -q -r -y '/r/t.zip' 't' >&2");
+  EXPECT_EQ(zipLine(u"", u"it's", u"a b.zip"), u"cd '' && zip -q -r -y 'a b.zip' 'it'\\''s' >&2");
 }
 
 TEST(RemoteArchive, UnzipReplacesWhatTheFolderHolds) {
@@ -140,7 +140,7 @@ TEST(RemoteArchive, UnzipReplacesWhatTheFolderHolds) {
 }
 
 TEST(RemoteArchive, RelativePathsThatReadAsOptionsGetTheDotSlashForm) {
-  EXPECT_EQ(zipLine(u"-p", u"-n", u"-a.zip"), u"cd './-p' && zip -r -y './-a.zip' './-n'");
+  EXPECT_EQ(zipLine(u"-p", u"-n", u"-a.zip"), u"cd './-p' && zip -q -r -y './-a.zip' './-n' >&2");
   EXPECT_EQ(unzipLine(u"-a.zip", u"-d"), u"unzip -o './-a.zip' -d './-d'");
   EXPECT_EQ(unzipLine(u"/-a.zip", u"x/-d"), u"unzip -o '/-a.zip' -d 'x/-d'");
 }

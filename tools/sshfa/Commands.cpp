@@ -7,6 +7,7 @@
 #include <array>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -20,6 +21,7 @@
 #include "sshfileaccess/platform/filesystem/Path.hpp"
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "tools/sshfa/Interrupt.hpp"
+#include "tools/sshfa/Json.hpp"
 #include "tools/sshfa/Queries.hpp"
 #include "tools/sshfa/RemoteArchive.hpp"
 #include "tools/sshfa/Text.hpp"
@@ -54,44 +56,33 @@ PathList toPaths(std::vector<std::string> const& args) {
   return paths;
 }
 
-// A JSON array with one element per line.
-std::string jsonArray(std::vector<std::string> const& elements) {
-  if (elements.empty()) return "[]\n";
-  std::string out = "[\n";
-  for (std::size_t i = 0; i < elements.size(); ++i) {
-    out += "  " + elements[i] + (i + 1 < elements.size() ? ",\n" : "\n");
-  }
-  return out + "]\n";
+// The answer of a command: plain text, or its one JSON document.
+void answer(FileCommand const& command, std::string const& plain, Json const& json) {
+  writeTo(stdout, command.json ? document(json) : plain);
 }
 
+// As test(1) does: the status is 1 when any answer is false.
 int answerBools(FileCommand const& command, std::string const& key, PathList const& paths,
                 std::vector<bool> const& answers) {
   std::string out;
-  std::vector<std::string> elements;
+  Json json = Json::array();
   for (std::size_t i = 0; i < paths.size(); ++i) {
-    if (command.json) {
-      elements.push_back(fmt::format("{{\"path\": {}, \"{}\": {}}}", jsonString(paths[i]), key, answers[i]));
-    } else if (paths.size() == 1) {
-      out += fmt::format("{}\n", answers[i]);
-    } else {
-      out += fmt::format("{}\t{}\n", answers[i], shown(paths[i]));
-    }
+    bool const yes = answers[i];
+    json.push_back({{"path", jsonName(paths[i])}, {key, yes}});
+    out += paths.size() == 1 ? fmt::format("{}\n", yes) : fmt::format("{}\t{}\n", yes, shown(paths[i]));
   }
-  writeTo(stdout, command.json ? jsonArray(elements) : out);
-  return 0;
+  answer(command, out, json);
+  return std::all_of(answers.begin(), answers.end(), [](bool yes) { return yes; }) ? 0 : 1;
 }
 
 int answerParents(FileCommand const& command, PathList const& paths, std::vector<ustring> const& parents) {
   std::string out;
-  std::vector<std::string> elements;
+  Json json = Json::array();
   for (std::size_t i = 0; i < paths.size(); ++i) {
-    if (command.json) {
-      elements.push_back(fmt::format("{{\"path\": {}, \"parent\": {}}}", jsonString(paths[i]), jsonString(parents[i])));
-    } else {
-      out += shown(parents[i]) + "\n";
-    }
+    json.push_back({{"path", jsonName(paths[i])}, {"parent", jsonName(parents[i])}});
+    out += shown(parents[i]) + "\n";
   }
-  writeTo(stdout, command.json ? jsonArray(elements) : out);
+  answer(command, out, json);
   return 0;
 }
 
@@ -105,23 +96,21 @@ void reportMissing(PathList const& paths, char const* verb) {
 
 // Like ls: a file as itself, a folder by its entries (files first, then the
 // folders' entries, each in the order given); a missing path, and a name
-// left out, are reported and make the status 1.
-int answerList(FileCommand const& command, ListAnswer const& answer) {
-  reportMissing(answer.missing, "access");
+// left out, are reported (in the JSON answer too) and make the status 1.
+int answerList(FileCommand const& command, ListAnswer const& listed) {
+  reportMissing(listed.missing, "access");
   std::string warnings;
-  for (auto const& line : answer.warnings) warnings += "sshfa: " + forStream(STDERR_FILENO, line) + "\n";
+  Json leftOut = Json::array();
+  for (auto const& line : listed.warnings) {
+    warnings += "sshfa: " + forStream(STDERR_FILENO, line) + "\n";
+    leftOut.push_back(line);
+  }
   writeTo(stderr, warnings);
   std::string out;
-  std::vector<std::string> elements;
-  for (auto const& entry : answer.entries) {
-    if (command.json) {
-      elements.push_back(jsonString(entry));
-    } else {
-      out += shown(entry) + "\n";
-    }
-  }
-  writeTo(stdout, command.json ? jsonArray(elements) : out);
-  return answer.missing.empty() && answer.warnings.empty() ? 0 : 1;
+  for (auto const& entry : listed.entries) out += shown(entry) + "\n";
+  answer(command, out,
+         {{"entries", jsonNames(listed.entries)}, {"missing", jsonNames(listed.missing)}, {"warnings", leftOut}});
+  return listed.missing.empty() && listed.warnings.empty() ? 0 : 1;
 }
 
 std::string isoTime(boost::posix_time::ptime const& time) {
@@ -135,41 +124,55 @@ long long epochSeconds(boost::posix_time::ptime const& time) {
 
 // Missing paths are reported on standard error and make the status 1; the
 // others are still answered.
-int answerStat(FileCommand const& command, PathList const& paths, StatAnswer const& answer) {
+int answerStat(FileCommand const& command, PathList const& paths, StatAnswer const& stated) {
   std::string out;
-  std::vector<std::string> elements;
+  Json json = Json::array();
   int status = 0;
   for (std::size_t i = 0; i < paths.size(); ++i) {
-    auto const& info = answer.infos[i];
-    auto const& error = answer.errors[i];
+    auto const& info = stated.infos[i];
+    auto const& error = stated.errors[i];
+    Json element{{"path", jsonName(paths[i])}};
     if (!info) {
       status = 1;
       writeTo(stderr, fmt::format("sshfa: cannot stat '{}': {}\n", forStream(STDERR_FILENO, paths[i]),
                                   error.empty() ? "No such file or directory" : forStream(STDERR_FILENO, error)));
-    }
-    bool const timed = info && !info->lastWriteTime.is_special();
-    if (command.json) {
-      if (!info && !error.empty()) {
-        elements.push_back(fmt::format("{{\"path\": {}, \"error\": {}}}", jsonString(paths[i]), jsonString(error)));
-      } else if (!info) {
-        elements.push_back(fmt::format("{{\"path\": {}, \"exists\": false}}", jsonString(paths[i])));
-      } else if (timed) {
-        elements.push_back(fmt::format(
-            "{{\"path\": {}, \"exists\": true, \"size\": {}, \"mtime\": \"{}\", "
-            "\"mtimeEpoch\": {}}}",
-            jsonString(paths[i]), info->size, isoTime(info->lastWriteTime), epochSeconds(info->lastWriteTime)));
+      if (error.empty()) {
+        element["exists"] = false;
       } else {
-        elements.push_back(
-            fmt::format("{{\"path\": {}, \"exists\": true, \"size\": {}, \"mtime\": null, "
-                        "\"mtimeEpoch\": null}}",
-                        jsonString(paths[i]), info->size));
+        element["error"] = error;
       }
-    } else if (info) {
-      out += fmt::format("{}\t{}\t{}\n", info->size, timed ? isoTime(info->lastWriteTime) : "-", shown(paths[i]));
+      json.push_back(std::move(element));
+      continue;
     }
+    bool const timed = !info->lastWriteTime.is_special();
+    element["exists"] = true;
+    element["size"] = info->size;
+    element["mtime"] = timed ? Json(isoTime(info->lastWriteTime)) : Json();
+    element["mtimeEpoch"] = timed ? Json(epochSeconds(info->lastWriteTime)) : Json();
+    json.push_back(std::move(element));
+    out += fmt::format("{}\t{}\t{}\n", info->size, timed ? isoTime(info->lastWriteTime) : "-", shown(paths[i]));
   }
-  writeTo(stdout, command.json ? jsonArray(elements) : out);
+  answer(command, out, json);
   return status;
+}
+
+// The paths that were there before a mutation under `there`, the others
+// under `absent`: one more round trip, asked for a JSON answer only.
+Json byPresence(Queries& queries, FileCommand const& command, PathList const& paths, char const* there,
+                char const* absent) {
+  if (!command.json) return {};
+  auto const present = queries.present(paths);
+  Json json{{there, Json::array()}, {absent, Json::array()}};
+  for (std::size_t i = 0; i < paths.size(); ++i) json[present[i] ? there : absent].push_back(jsonName(paths[i]));
+  return json;
+}
+
+Json pairsOf(PathPairs const& pairs) {
+  Json json = Json::array();
+  for (auto const& [source, destination] : pairs) {
+    json.push_back({{"source", jsonName(source)}, {"destination", jsonName(destination)}});
+  }
+  return json;
 }
 
 void requireArgs(FileCommand const& command, std::size_t count, char const* usage) {
@@ -232,7 +235,7 @@ void archiveCommand(sfa::FileAccessInterface& side, FileCommand const& command,
 // The queries: answered from Queries, which the side chooses.
 using Query = std::function<int(Queries&, FileCommand const&)>;
 
-std::map<std::string, Query> const& queries() {
+std::map<std::string, Query> const& queryTable() {
   static std::map<std::string, Query> const table{
       {"exists",
        [](auto& q, auto const& c) {
@@ -292,68 +295,97 @@ void unpackZip(sfa::FileAccessInterface& side, ustring const& archive, ustring c
   }
 }
 
-using Handler = std::function<int(sfa::FileAccessInterface&, FileCommand const&)>;
+// The mutations and parent: done on the side, with its queries at hand for
+// what a JSON answer reports.
+using Handler = std::function<int(sfa::FileAccessInterface&, Queries&, FileCommand const&)>;
 
-std::map<std::string, Handler> const& handlers() {
+// {"packed": SOURCE, "archive": ARCHIVE} or {"unpacked": ARCHIVE, "folder": FOLDER}.
+int archived(FileCommand const& command, char const* first, char const* second) {
+  auto const paths = toPaths(command.args);
+  answer(command, "", {{first, jsonName(paths[0])}, {second, jsonName(paths[1])}});
+  return 0;
+}
+
+std::map<std::string, Handler> const& handlerTable() {
   static std::map<std::string, Handler> const table{
       {"parent",
-       [](auto& side, auto const& c) {
+       [](auto& side, auto& /*queries*/, auto const& c) {
          auto const paths = toPaths(c.args);
          return answerParents(c, paths, side.parent(paths));
        }},
       {"touch",
-       [](auto& side, auto const& c) {
-         side.touch(toPaths(c.args));
+       [](auto& side, auto& /*queries*/, auto const& c) {
+         auto const paths = toPaths(c.args);
+         side.touch(paths);
+         answer(c, "", {{"touched", jsonNames(paths)}});
          return 0;
        }},
+      // A missing path is no failure, as with rm -f.
       {"rm",
-       [](auto& side, auto const& c) {
-         side.remove(toPaths(c.args));
+       [](auto& side, auto& queries, auto const& c) {
+         auto const paths = toPaths(c.args);
+         Json const done = byPresence(queries, c, paths, "removed", "missing");
+         side.remove(paths);
+         answer(c, "", done);
          return 0;
        }},
       {"mkdir",
-       [](auto& side, auto const& c) {
-         side.makeDir(toPaths(c.args));
+       [](auto& side, auto& queries, auto const& c) {
+         auto const paths = toPaths(c.args);
+         Json const before = byPresence(queries, c, paths, "existing", "made");
+         side.makeDir(paths);
+         answer(c, "", before.is_null() ? before : Json{{"made", before["made"]}, {"existing", before["existing"]}});
          return 0;
        }},
       {"cp",
-       [](auto& side, auto const& c) {
-         side.copy(toPairs(c.name, c.args));
+       [](auto& side, auto& /*queries*/, auto const& c) {
+         auto const pairs = toPairs(c.name, c.args);
+         side.copy(pairs);
+         answer(c, "", {{"copied", pairsOf(pairs)}});
          return 0;
        }},
       {"mv",
-       [](auto& side, auto const& c) {
-         side.move(toPairs(c.name, c.args));
+       [](auto& side, auto& /*queries*/, auto const& c) {
+         auto const pairs = toPairs(c.name, c.args);
+         side.move(pairs);
+         answer(c, "", {{"moved", pairsOf(pairs)}});
          return 0;
        }},
       {"tar",
-       [](auto& side, auto const& c) {
+       [](auto& side, auto& /*queries*/, auto const& c) {
          requireArgs(c, 2, "SOURCE ARCHIVE");
          refuseCompressedName(c);
          archiveCommand(side, c, [&side](auto const& from, auto const& to) { packTar(side, from, to); });
-         return 0;
+         return archived(c, "packed", "archive");
        }},
       {"zip",
-       [](auto& side, auto const& c) {
+       [](auto& side, auto& /*queries*/, auto const& c) {
          requireArgs(c, 2, "SOURCE ARCHIVE");
          refuseCompressedName(c);
          archiveCommand(side, c, [&side](auto const& from, auto const& to) { packZip(side, from, to); });
-         return 0;
+         return archived(c, "packed", "archive");
        }},
       {"untar",
-       [](auto& side, auto const& c) {
+       [](auto& side, auto& /*queries*/, auto const& c) {
          requireArgs(c, 2, "ARCHIVE FOLDER");
          archiveCommand(side, c, [&side](auto const& from, auto const& to) { side.untar(from, to); });
-         return 0;
+         return archived(c, "unpacked", "folder");
        }},
       {"unzip",
-       [](auto& side, auto const& c) {
+       [](auto& side, auto& /*queries*/, auto const& c) {
          requireArgs(c, 2, "ARCHIVE FOLDER");
          archiveCommand(side, c, [&side](auto const& from, auto const& to) { unpackZip(side, from, to); });
-         return 0;
+         return archived(c, "unpacked", "folder");
        }},
   };
   return table;
+}
+
+int run(sfa::FileAccessInterface& side, Queries& queries, FileCommand const& command) {
+  if (auto const query = queryTable().find(command.name); query != queryTable().end()) {
+    return query->second(queries, command);
+  }
+  return handlerTable().at(command.name)(side, queries, command);
 }
 
 }  // namespace
@@ -375,40 +407,56 @@ sfa::FileAccessInterface::PathPairs toPairs(std::string const& name, std::vector
   return pairs;
 }
 
-bool isFileCommand(std::string const& name) { return handlers().count(name) != 0 || queries().count(name) != 0; }
+bool isFileCommand(std::string const& name) { return handlerTable().count(name) != 0 || queryTable().count(name) != 0; }
 
 int runFileCommand(sfa::FileAccessInterface& side, FileCommand const& command) {
-  if (auto const query = queries().find(command.name); query != queries().end()) {
-    return query->second(*queriesOf(side), command);
-  }
-  return handlers().at(command.name)(side, command);
+  return run(side, *queriesOf(side), command);
 }
 
+// The queries ask over SFTP alone: remote() would find out about the shell first.
 int runRemoteFileCommand(sfa::FileAccess& access, FileCommand const& command) {
-  if (auto const query = queries().find(command.name); query != queries().end()) {
-    return query->second(*queriesOf(access.sftp()), command);
+  auto const queries = queriesOf(access.sftp());
+  if (auto const query = queryTable().find(command.name); query != queryTable().end()) {
+    return query->second(*queries, command);
   }
-  return runFileCommand(*access.remote(), command);
+  return handlerTable().at(command.name)(*access.remote(), *queries, command);
 }
 
 int runExec(sfa::FileAccess& access, std::vector<std::string> const& words, bool json, bool noInput) {
   std::string command;
   for (auto const& word : words) command += (command.empty() ? "" : " ") + word;
-  if (json) {
-    auto const result = access.remoteExecute(fl::i18n::utf8_to_ustring(command));
-    writeTo(stdout, fmt::format("{{\"exitCode\": {}, \"stdout\": {}, \"stderr\": {}}}\n", result.getExitcode(),
-                                jsonString(result.getStdout()), jsonString(result.getStderr())));
-    return std::clamp(result.getExitcode(), 0, 255);
-  }
   InterruptGuard const guard;
   foundation::sshclient::CommandStreams streams;
-  streams.out = [](std::string_view text) { writeFully(STDOUT_FILENO, text); };
-  streams.err = [](std::string_view text) { writeFully(STDERR_FILENO, text); };
+  // With --json the output is kept for the one answer; otherwise it is shown as it comes.
+  std::string out;
+  std::string err;
+  if (json) {
+    streams.out = [&out](std::string_view text) { out += text; };
+    streams.err = [&err](std::string_view text) { err += text; };
+  } else {
+    streams.out = [](std::string_view text) { writeFully(STDOUT_FILENO, text); };
+    streams.err = [](std::string_view text) { writeFully(STDERR_FILENO, text); };
+  }
   streams.inputFd = noInput ? -1 : STDIN_FILENO;
   streams.stopRequested = [] { return pendingInterrupt() != 0; };
+  streams.signalled = [](int signalNumber) { writeTo(stderr, stopNotice(signalNumber)); };
   int const status = access.remoteExecuteStreaming(fl::i18n::utf8_to_ustring(command), streams);
   throwIfInterrupted();
+  if (json) {
+    writeTo(stdout, document({{"exitCode", status}, {"stdout", out}, {"stderr", err}}));
+  }
   return std::clamp(status, 0, 255);
+}
+
+std::string stopNotice(int signalNumber) {
+  switch (signalNumber) {
+    case SIGINT:
+      return "sshfa: exec: stopping the remote command: SIGINT\n";
+    case SIGTERM:
+      return "sshfa: exec: the remote command still runs 2 s after SIGINT: SIGTERM\n";
+    default:
+      return "sshfa: exec: the remote command still runs 2 s after SIGTERM: SIGKILL\n";
+  }
 }
 
 }  // namespace sshfa::cli

@@ -1,7 +1,9 @@
 #pragma once
 // The tool's commands once the side (local or remote) is chosen. Each writes
-// its answer to standard output — plain, one entry per line, or JSON — and
-// returns the exit status; failures of the library propagate as exceptions.
+// its answer to standard output — plain, one entry per line, or one JSON
+// document (mutations report what they did) — and returns the exit status
+// (exists, isfile and isdir: 1 when any answer is false, as test(1) does);
+// failures of the library propagate as exceptions.
 
 #include <cstdio>
 #include <stdexcept>
@@ -43,8 +45,13 @@ int runRemoteFileCommand(nimbal::remoteaccess::sshfileaccess::FileAccess& access
 // to ours and its exit status becomes ours.
 // Streams the command's output as it arrives and feeds it this process's
 // standard input until its end (none with noInput); with json, collects the
-// output into one answer instead. Ctrl-C stops the command (Interrupted).
+// output into one answer instead. Ctrl-C stops the command (SIGINT, then
+// SIGTERM and SIGKILL while it still runs, each said on standard error) and
+// throws Interrupted.
 int runExec(nimbal::remoteaccess::sshfileaccess::FileAccess& access, std::vector<std::string> const& words, bool json,
             bool noInput);
+
+// The line that says which signal a stopped command was sent.
+std::string stopNotice(int signalNumber);
 
 }  // namespace sshfa::cli

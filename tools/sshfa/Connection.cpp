@@ -74,7 +74,21 @@ std::vector<std::string> answerOnTerminal(std::string const& name, std::string c
   return answers;
 }
 
+// "X", or "X out, Y in" where the directions differ.
+std::string bothWays(std::string const& out, std::string const& in) {
+  auto const known = [](std::string const& name) { return name.empty() ? std::string("?") : name; };
+  return out == in ? known(out) : known(out) + " out, " + known(in) + " in";
+}
+
 }  // namespace
+
+std::string describeAlgorithms(ssh::NegotiatedAlgorithms const& algorithms) {
+  auto const known = [](std::string const& name) { return name.empty() ? std::string("?") : name; };
+  return "kex " + known(algorithms.kex) + ", host key " + known(algorithms.hostKey) + ", cipher " +
+         bothWays(algorithms.cipherOut, algorithms.cipherIn) + ", MAC " +
+         bothWays(algorithms.macOut, algorithms.macIn) + ", compression " +
+         bothWays(algorithms.compressionOut, algorithms.compressionIn);
+}
 
 bool isEncryptedKeyFile(std::string const& path) {
   std::string const text = readFile(path);
@@ -125,7 +139,8 @@ std::unique_ptr<nimbal::remoteaccess::sshfileaccess::FileAccess> connect(Connect
   ssh::SSHClientOptions options;
   if (!settings.knownHostsFile.empty()) options.knownHostsFiles = {settings.knownHostsFile};
   options.hostKeyPolicy = settings.acceptNewHostKey ? ssh::HostKeyPolicy::AcceptNew : ssh::HostKeyPolicy::Strict;
-  if (settings.keepalive.count() > 0) options.keepaliveInterval = settings.keepalive;
+  if (settings.keepalive) options.keepaliveInterval = *settings.keepalive;
+  options.compression = settings.compression;
   if (settings.connectTimeout.count() > 0) options.connectTimeout = settings.connectTimeout;
   options.readSshConfig = settings.readSshConfig;
   options.sshConfigFile = settings.sshConfigFile;
@@ -134,8 +149,9 @@ std::unique_ptr<nimbal::remoteaccess::sshfileaccess::FileAccess> connect(Connect
 
   auto client = std::make_unique<ssh::SSHClient>(fl::i18n::utf8_to_ustring(settings.host), settings.port,
                                                  std::move(methods), std::move(options));
-  if (settings.traceShell && !client->shellAvailable()) {
-    trace("the server allows SFTP only: no shell to run commands");
+  if (settings.verbose) {
+    trace("negotiated " + describeAlgorithms(client->negotiatedAlgorithms()));
+    if (!client->shellAvailable()) trace("the server allows SFTP only: no shell to run commands");
   }
   return std::make_unique<nimbal::remoteaccess::sshfileaccess::FileAccess>(std::move(client));
 }

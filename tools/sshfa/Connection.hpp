@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "sshfileaccess/FileAccess.hpp"
@@ -22,15 +23,17 @@ struct ConnectionSettings {
   bool passwordFromStdin = false;
   std::string knownHostsFile;  // empty: ~/.ssh/known_hosts, /etc/ssh/ssh_known_hosts
   bool acceptNewHostKey = false;
-  std::chrono::seconds keepalive{0};       // 0: the client's default
-  std::chrono::seconds connectTimeout{0};  // 0: the client's default
+  std::optional<std::chrono::seconds> keepalive;  // unset: the client's default; 0: no keep-alives
+  std::chrono::seconds connectTimeout{0};         // 0: the client's default
+  bool compression = false;                       // offer zlib, as ssh -C does
   bool readSshConfig = true;
   std::string sshConfigFile;  // instead of ~/.ssh/config
   std::string proxyJump;      // jump hosts, like ssh -J
   bool batch = false;         // never ask on the terminal
-  // -v: say on standard error when the server runs no shell (found out at
-  // once, by starting the shell that commands need).
-  bool traceShell = false;
+  // -v: say on standard error which algorithms the connection uses, and
+  // when the server runs no shell (found out at once, by starting the shell
+  // that commands need).
+  bool verbose = false;
 };
 
 // Connects. Throws foundation::sshclient::SSHError from the client, and
@@ -38,6 +41,10 @@ struct ConnectionSettings {
 // none came.
 std::unique_ptr<nimbal::remoteaccess::sshfileaccess::FileAccess> connect(ConnectionSettings settings,
                                                                          ProgressRouter& progress);
+
+// "kex K, host key H, cipher C, MAC M, compression Z" (each "X out, Y in"
+// where the directions differ; "?" where not known).
+std::string describeAlgorithms(foundation::sshclient::NegotiatedAlgorithms const& algorithms);
 
 // Whether the private key file is protected by a passphrase (PEM with
 // "ENCRYPTED", or an OpenSSH key whose cipher is not "none"). False when the

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -23,8 +24,10 @@
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
+#include "tools/sshfa/Commands.hpp"
 #include "tools/sshfa/Connection.hpp"
 #include "tools/sshfa/Interrupt.hpp"
+#include "tools/sshfa/Json.hpp"
 #include "tools/sshfa/Progress.hpp"
 #include "tools/sshfa/Text.hpp"
 
@@ -42,10 +45,14 @@ constexpr int kSteps = 9;
 ustring u(fs::path const& path) { return fl::i18n::utf8_to_ustring(path.string()); }
 ustring u(char const* text) { return fl::i18n::utf8_to_ustring(text); }
 
+// Where the tour is told: standard output, or standard error when standard
+// output carries the JSON document.
+std::FILE* gTour = stdout;
+
 void print(std::string const& text) {
   std::string const line = text + "\n";
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fflush(stdout);
+  std::fwrite(line.data(), 1, line.size(), gTour);
+  std::fflush(gTour);
 }
 
 // The demo's scratch space; removed with everything in it, by this object
@@ -107,7 +114,7 @@ class Tour {
     throwIfInterrupted();
     print(fmt::format("\n[{}/{}] {}", ++number_, kSteps, title));
   }
-  static void detail(std::string const& text) { print("      " + forStream(STDOUT_FILENO, text)); }
+  static void detail(std::string const& text) { print("      " + forStream(::fileno(gTour), text)); }
 
   template <class Work>
   auto timed(std::string const& label, Work&& work) {
@@ -131,6 +138,7 @@ class Tour {
     print("\nTimings");
     for (auto const& [label, seconds] : timings_) print(fmt::format("  {:<44} {:8.3f} s", label, seconds));
   }
+  [[nodiscard]] std::vector<std::pair<std::string, double>> const& timings() const noexcept { return timings_; }
 
  private:
   int number_ = 0;
@@ -234,7 +242,16 @@ void transfer(Tour& tour, ProgressRouter& router, std::string const& label, auto
   Tour::detail("copied " + describeTotals(reporter.finish()));
 }
 
-int tourWith(DemoSettings const& settings, ScratchFolder const& scratch) {
+// What the tour found, for the JSON document.
+struct Outcome {
+  int status = 0;
+  std::size_t files = 0;
+  std::size_t identical = 0;
+  std::vector<std::string> problems;
+  std::vector<std::pair<std::string, double>> timings;
+};
+
+Outcome tourWith(DemoSettings const& settings, ScratchFolder const& scratch) {
   Tour tour;
   print("sshfa demo: one FileAccess object, this machine and an SSH host (here a private sshd on 127.0.0.1)");
 
@@ -330,15 +347,16 @@ int tourWith(DemoSettings const& settings, ScratchFolder const& scratch) {
   tour.printTimings();
   bool const ok = comparison.problems.empty() && comparison.identical == facts.files;
   print(ok ? "\nThe tree came back unchanged." : "\nThe tree did NOT come back unchanged.");
-  return ok ? 0 : 1;
+  return {ok ? 0 : 1, facts.files, comparison.identical, comparison.problems, tour.timings()};
 }
 
 }  // namespace
 
 int runDemo(DemoSettings const& settings) {
   InterruptGuard const interruptible;
+  gTour = settings.json ? stderr : stdout;
   fs::path scratchPath;
-  int status = 0;
+  Outcome outcome;
   std::exception_ptr failure;
   {
     ScratchFolder const scratch;
@@ -346,7 +364,7 @@ int runDemo(DemoSettings const& settings) {
     // Leaving tourWith closes the connection and stops the server, leaving
     // this block removes the scratch folder: on success, failure and Ctrl-C.
     try {
-      status = tourWith(settings, scratch);
+      outcome = tourWith(settings, scratch);
     } catch (...) {
       failure = std::current_exception();
     }
@@ -354,7 +372,17 @@ int runDemo(DemoSettings const& settings) {
   print(fmt::format("{}Closed the connection, stopped the server, removed {}.", failure ? "\n" : "",
                     scratchPath.string()));
   if (failure) std::rethrow_exception(failure);
-  return status;
+  if (settings.json) {
+    Json timings = Json::object();
+    for (auto const& [label, seconds] : outcome.timings) timings[label] = std::round(seconds * 1000.0) / 1000.0;
+    Json problems = Json::array();
+    for (auto const& problem : outcome.problems) problems.push_back(problem);
+    writeTo(stdout, document({{"files", outcome.files},
+                              {"identical", outcome.identical},
+                              {"problems", problems},
+                              {"seconds", timings}}));
+  }
+  return outcome.status;
 }
 
 }  // namespace sshfa::cli

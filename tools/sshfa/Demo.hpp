@@ -9,6 +9,9 @@ namespace sshfa::cli {
 
 struct DemoSettings {
   int files = 300;
+  // The tour on standard error, and one JSON document of what it found on
+  // standard output.
+  bool json = false;
 };
 
 // Returns the exit status: 0 when the copy came back identical.

@@ -12,9 +12,12 @@ namespace {
 
 // A closed terminal (SIGHUP) is as much a request to stop as Ctrl-C.
 constexpr std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
+// A stop that takes longer than this says so, and how to quit at once.
+constexpr unsigned kQuietSeconds = 1;
 
 volatile sig_atomic_t gPending = 0;
 std::array<struct sigaction, kSignals.size()> gOld{};
+struct sigaction gOldAlarm {};
 
 extern "C" void noteInterrupt(int signalNumber) {
   if (gPending != 0) {
@@ -23,8 +26,21 @@ extern "C" void noteInterrupt(int signalNumber) {
     return;
   }
   gPending = signalNumber;
-  static constexpr char kNotice[] = "\nsshfa: stopping after the current step (a second signal quits at once)\n";
+  // Most stops are over at once; only one still under way is worth a word.
+  ::alarm(kQuietSeconds);
+}
+
+extern "C" void noteSlowStop(int /*signalNumber*/) {
+  static constexpr char kNotice[] = "\nsshfa: still stopping; a second Ctrl-C (or signal) quits at once\n";
   [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, kNotice, sizeof kNotice - 1);
+}
+
+void install(int signalNumber, void (*handler)(int), struct sigaction* old) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  ::sigaction(signalNumber, &action, old);
 }
 
 }  // namespace
@@ -37,15 +53,14 @@ Interrupted::Interrupted(int signalNumber)
 
 InterruptGuard::InterruptGuard() {
   gPending = 0;
-  struct sigaction action {};
-  action.sa_handler = noteInterrupt;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
-  for (std::size_t i = 0; i < kSignals.size(); ++i) ::sigaction(kSignals[i], &action, &gOld[i]);
+  install(SIGALRM, noteSlowStop, &gOldAlarm);
+  for (std::size_t i = 0; i < kSignals.size(); ++i) install(kSignals[i], noteInterrupt, &gOld[i]);
 }
 
 InterruptGuard::~InterruptGuard() {
   for (std::size_t i = 0; i < kSignals.size(); ++i) ::sigaction(kSignals[i], &gOld[i], nullptr);
+  ::alarm(0);
+  ::sigaction(SIGALRM, &gOldAlarm, nullptr);
 }
 
 int pendingInterrupt() noexcept { return gPending; }

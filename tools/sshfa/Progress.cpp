@@ -45,9 +45,13 @@ std::string formatRate(std::uint64_t bytes, double seconds) {
   return formatBytes(static_cast<std::uint64_t>(static_cast<double>(bytes) / seconds)) + "/s";
 }
 
+std::string describeAmount(TransferTotals const& totals) {
+  return fmt::format("{} file{}, {}", totals.files, totals.files == 1 ? "" : "s", formatBytes(totals.bytes));
+}
+
 std::string describeTotals(TransferTotals const& totals) {
-  return fmt::format("{} file{}, {} in {:.2f} s ({})", totals.files, totals.files == 1 ? "" : "s",
-                     formatBytes(totals.bytes), totals.seconds, formatRate(totals.bytes, totals.seconds));
+  return fmt::format("{} in {:.2f} s ({})", describeAmount(totals), totals.seconds,
+                     formatRate(totals.bytes, totals.seconds));
 }
 
 TransferReporter::TransferReporter(bool drawBar) : drawBar_(drawBar), start_(std::chrono::steady_clock::now()) {}
@@ -112,11 +116,14 @@ void TransferReporter::draw() {
   drawn_ = true;
 }
 
+void TransferReporter::clearBar() {
+  if (!drawn_) return;
+  writeStderr("\r\x1b[K");
+  drawn_ = false;
+}
+
 TransferTotals TransferReporter::finish() {
-  if (drawn_) {
-    writeStderr("\r\x1b[K");
-    drawn_ = false;
-  }
+  clearBar();
   double const elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
   return {last_.filesDone, last_.bytesDone, elapsed};
 }

@@ -1,7 +1,7 @@
 #pragma once
 // Progress of a transfer on standard error: a one-line bar (percentage,
 // bytes, rate over the last few seconds, files, ETA) redrawn in place when
-// standard error is a terminal, and a summary afterwards. The totals are
+// standard error is a terminal (or when asked for), and a summary afterwards. The totals are
 // known from the listing before the first byte moves.
 
 #include <chrono>
@@ -31,6 +31,9 @@ class TransferReporter {
   // Throws Interrupted when a Ctrl-C is pending, so that the transfer winds
   // down cleanly.
   void update(foundation::sshclient::TransferProgress const& progress);
+  // Takes the bar off the line, so that a line of text can go there; the
+  // next update draws it again.
+  void clearBar();
   // Removes the bar and returns what was transferred.
   TransferTotals finish();
 
@@ -66,5 +69,7 @@ std::string formatBytes(std::uint64_t bytes);
 std::string formatRate(std::uint64_t bytes, double seconds);
 // "300 files, 3.1 MiB in 0.42 s (7.4 MiB/s)"
 std::string describeTotals(TransferTotals const& totals);
+// "300 files, 3.1 MiB": what a dry run would move, which takes no time.
+std::string describeAmount(TransferTotals const& totals);
 
 }  // namespace sshfa::cli

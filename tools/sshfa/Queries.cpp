@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <boost/date_time/posix_time/conversion.hpp>
 #include <ctime>
+#include <filesystem>
 
+#include "sshfileaccess/LocalFileAccess.hpp"
 #include "sshfileaccess/Utils.hpp"
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/SftpFiles.hpp"
@@ -15,6 +17,9 @@ namespace sfa = nimbal::remoteaccess::sshfileaccess;
 namespace ssh = foundation::sshclient;
 using fl::ustring;
 
+std::string bytes(ustring const& text) { return fl::i18n::ustring_to_utf8(text); }
+ustring text(std::string const& bytes) { return fl::i18n::utf8_to_ustring(bytes); }
+
 // The list forms of the interface, one call per query.
 class InterfaceQueries final : public Queries {
  public:
@@ -23,6 +28,19 @@ class InterfaceQueries final : public Queries {
   std::vector<bool> exists(PathList const& paths) override { return side_.exists(paths); }
   std::vector<bool> isFile(PathList const& paths) override { return side_.isFile(paths); }
   std::vector<bool> isDir(PathList const& paths) override { return side_.isDir(paths); }
+
+  // A local link is there even when it leads nowhere; another side answers
+  // as exists does.
+  std::vector<bool> present(PathList const& paths) override {
+    if (dynamic_cast<sfa::LocalFileAccess*>(&side_) == nullptr) return side_.exists(paths);
+    std::vector<bool> out;
+    out.reserve(paths.size());
+    for (auto const& path : paths) {
+      std::error_code error;
+      out.push_back(std::filesystem::exists(std::filesystem::symlink_status(bytes(path), error)));
+    }
+    return out;
+  }
 
   StatAnswer stat(PathList const& paths) override {
     return {side_.getFileInfo(paths), std::vector<std::string>(paths.size())};
@@ -52,9 +70,6 @@ class InterfaceQueries final : public Queries {
   sfa::FileAccessInterface& side_;
 };
 
-std::string bytes(ustring const& text) { return fl::i18n::ustring_to_utf8(text); }
-ustring text(std::string const& bytes) { return fl::i18n::utf8_to_ustring(bytes); }
-
 ssh::SftpFiles::Paths bytesOf(PathList const& paths) {
   ssh::SftpFiles::Paths out;
   out.reserve(paths.size());
@@ -79,6 +94,11 @@ class SftpQueries final : public Queries {
   }
   std::vector<bool> isDir(PathList const& paths) override {
     return answers(paths, [](ssh::FileStatus const& status) { return status.kind == ssh::FileKind::Folder; });
+  }
+  std::vector<bool> present(PathList const& paths) override {
+    std::vector<bool> out;
+    for (auto const& status : statuses(paths, "lstat")) out.push_back(status.exists());
+    return out;
   }
 
   // A link's own size and time, as the remote stat gives them.

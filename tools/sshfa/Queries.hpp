@@ -43,6 +43,8 @@ class Queries {
   virtual std::vector<bool> exists(PathList const& paths) = 0;
   virtual std::vector<bool> isFile(PathList const& paths) = 0;
   virtual std::vector<bool> isDir(PathList const& paths) = 0;
+  // Whether anything is there, a link itself too (dangling or not).
+  virtual std::vector<bool> present(PathList const& paths) = 0;
   virtual StatAnswer stat(PathList const& paths) = 0;
   // A folder by its entries: without hidden ones on the remote side, in the
   // order of their names; recursive: every regular file below it.

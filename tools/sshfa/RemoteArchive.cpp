@@ -12,7 +12,7 @@ fl::ustring operand(fl::ustring const& path) {
 }  // namespace
 
 fl::ustring zipLine(fl::ustring const& parent, fl::ustring const& name, fl::ustring const& archive) {
-  return u"cd " + operand(parent) + u" && zip -r -y " + operand(archive) + u" " + operand(name);
+  return u"cd " + operand(parent) + u" && zip -q -r -y " + operand(archive) + u" " + operand(name) + u" >&2";
 }
 
 fl::ustring unzipLine(fl::ustring const& archive, fl::ustring const& folder) {

@@ -1,18 +1,25 @@
 #include "tools/sshfa/Transfer.hpp"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/SftpFiles.hpp"
 #include "tools/sshfa/Commands.hpp"
 #include "tools/sshfa/Interrupt.hpp"
+#include "tools/sshfa/Json.hpp"
 #include "tools/sshfa/Text.hpp"
+#include "tools/sshfa/TransferRules.hpp"
 
 namespace sshfa::cli {
 namespace {
@@ -20,6 +27,7 @@ namespace {
 namespace sfa = nimbal::remoteaccess::sshfileaccess;
 namespace ssh = foundation::sshclient;
 using PathPairs = sfa::FileAccessInterface::PathPairs;
+using Action = ssh::PlannedChange::Action;
 
 // Clears the router's reporter however the transfer ends.
 class ReporterScope {
@@ -35,35 +43,62 @@ class ReporterScope {
   ProgressRouter& router_;
 };
 
+// While it lives, standard error goes nowhere: -q silences what a transfer
+// reports on its way (progress, notes, summary); failures are reported by the
+// caller after it has gone.
+class SilencedStderr {
+ public:
+  explicit SilencedStderr(bool active) {
+    if (!active) return;
+    std::fflush(stderr);
+    saved_ = ::dup(STDERR_FILENO);
+    int const null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (saved_ >= 0 && null >= 0) ::dup2(null, STDERR_FILENO);
+    if (null >= 0) ::close(null);
+  }
+  ~SilencedStderr() {
+    if (saved_ < 0) return;
+    std::fflush(stderr);
+    ::dup2(saved_, STDERR_FILENO);
+    ::close(saved_);
+  }
+  SilencedStderr(SilencedStderr const&) = delete;
+  SilencedStderr& operator=(SilencedStderr const&) = delete;
+
+ private:
+  int saved_ = -1;
+};
+
 std::string counted(std::size_t count, char const* singular, char const* plural) {
   return fmt::format("{} {}", count, count == 1 ? singular : plural);
 }
 
-char const* actionName(ssh::PlannedChange::Action action) {
+char const* actionName(Action action) {
   switch (action) {
-    case ssh::PlannedChange::Action::Copy:
+    case Action::Copy:
       return "copy";
-    case ssh::PlannedChange::Action::Resume:
+    case Action::Resume:
       return "resume";
-    case ssh::PlannedChange::Action::Skip:
+    case Action::Skip:
       return "skip";
-    case ssh::PlannedChange::Action::Link:
+    case Action::Link:
       return "link";
-    case ssh::PlannedChange::Action::Folder:
+    case Action::Folder:
       return "mkdir";
-    case ssh::PlannedChange::Action::Delete:
+    case Action::Delete:
       return "delete";
-    case ssh::PlannedChange::Action::Replace:
+    case Action::Replace:
       return "replace";
-    case ssh::PlannedChange::Action::Exclude:
+    case Action::Exclude:
       return "exclude";
+    case Action::Fix:
+      return "fix";
   }
   return "?";
 }
 
-// "copy PATH (SIZE)": one line of a dry run's plan; sizes for file data.
+// "copy PATH (SIZE)": one line of a plan or of -v; sizes for file data.
 std::string describeChange(ssh::PlannedChange const& change) {
-  using Action = ssh::PlannedChange::Action;
   bool const data = change.action == Action::Copy || change.action == Action::Resume || change.action == Action::Skip;
   auto const size = data ? fmt::format(" ({})", formatBytes(change.bytes)) : std::string();
   return fmt::format("{} {}{}\n", actionName(change.action), forStream(STDOUT_FILENO, change.path), size);
@@ -78,12 +113,128 @@ std::string rulesFile(std::string const& path) {
   return text.str();
 }
 
-// A dry run's plan, a line per change; what the filter leaves out only when verbose.
+// A dry run's plan, a line per change; what is left alone (unchanged, or
+// left out by the filter) only when verbose.
 void printPlan(std::vector<ssh::PlannedChange> const& plan, bool verbose) {
+  std::string out;
   for (auto const& change : plan) {
-    if (change.action == ssh::PlannedChange::Action::Exclude && !verbose) continue;
-    writeTo(stdout, describeChange(change));
+    if (!verbose && (change.action == Action::Exclude || change.action == Action::Skip)) continue;
+    out += describeChange(change);
   }
+  writeTo(stdout, out);
+}
+
+enum class Kind { Missing, Folder, Other };
+
+Kind localKind(std::string const& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return Kind::Missing;
+  return S_ISDIR(st.st_mode) ? Kind::Folder : Kind::Other;
+}
+
+Kind remoteKind(sfa::FileAccess& access, std::string const& path) {
+  auto const status = access.sftp().stat({path}).front();
+  if (!status.exists()) return Kind::Missing;
+  return status.kind == ssh::FileKind::Folder ? Kind::Folder : Kind::Other;
+}
+
+Kind kindOf(sfa::FileAccess& access, bool remote, std::string const& path) {
+  return remote ? remoteKind(access, path) : localKind(path);
+}
+
+// sync makes the destination a copy of the source; at the top it does not
+// put a file in a folder's place, or a folder in a file's: that is almost
+// always a mistyped operand, and would remove what was there.
+void refuseKindChange(sfa::FileAccess& access, TransferCommand const& command) {
+  auto const source = kindOf(access, !command.upload, command.paths[0]);
+  if (source == Kind::Missing) return;  // the transfer says so
+  auto const destination = kindOf(access, command.upload, command.paths[1]);
+  if (destination == Kind::Missing || (source == Kind::Folder) == (destination == Kind::Folder)) return;
+  auto const& from = command.typed[0];
+  auto const& to = command.typed[1];
+  throw std::runtime_error(
+      destination == Kind::Folder
+          ? fmt::format("'{}' is a folder and '{}' is not; sync makes the destination a copy of the source and will "
+                        "not put a file in a folder's place: name the copy ('{}/NAME')",
+                        to, from, to)
+          : fmt::format("'{}' is a folder and '{}' is not; sync makes the destination a copy of the source and will "
+                        "not put a folder in its place: remove it first, or name another destination",
+                        from, to));
+}
+
+// put and get into an existing DEST named like the source: said once.
+void noteNesting(sfa::FileAccess& access, TransferCommand const& command) {
+  if (command.name == "sync" || command.paths.size() != 2) return;
+  auto const& destination = command.paths[1];
+  if (!nestsUnderItsOwnName(command.paths[0], destination)) return;
+  if (kindOf(access, command.upload, destination) != Kind::Folder) return;
+  writeTo(stderr,
+          "sshfa: " + forStream(STDERR_FILENO, nestingNote(command.name, command.typed[0], command.typed[1])) + "\n");
+}
+
+sfa::TransferOptions optionsOf(TransferCommand const& command) {
+  auto const& flags = command.flags;
+  sfa::TransferOptions options;
+  options.keepPermissions = !flags.noPermissions;
+  options.keepSpecialBits = flags.keepSpecialBits;
+  options.keepTimes = !flags.noTimes;
+  options.followLinks = flags.followLinks;
+  // sync: the destination is the copy itself, whether or not it exists.
+  options.intoFolders = command.name != "sync";
+  options.skipUnchanged = flags.checksum      ? ssh::UnchangedTest::Checksum
+                          : flags.ignoreTimes ? ssh::UnchangedTest::None
+                                              : ssh::UnchangedTest::SizeAndTime;
+  options.update = flags.update;
+  options.deleteExtraneous = flags.deleteExtraneous || flags.deleteExcluded;
+  options.dryRun = flags.dryRun;
+  options.resume = !flags.noResume;
+  options.ignoreSuspectNames = flags.ignoreSuspectNames;
+  options.filter = flags.filter;
+  options.bytesPerSecond = flags.bytesPerSecond;
+  // As rsync: what is in the way is replaced (a folder only with --delete).
+  options.replaceInTheWay = true;
+  return options;
+}
+
+// The one document of a transfer: its counts in the summary's words.
+Json totalsDocument(TransferCommand const& command, sfa::TransferReport const& report, TransferTotals const& totals) {
+  Json json;
+  if (command.flags.dryRun) {
+    json["dryRun"] = true;
+    Json plan = Json::array();
+    for (auto const& change : report.plan) {
+      plan.push_back({{"action", actionName(change.action)}, {"path", jsonName(change.path)}, {"bytes", change.bytes}});
+    }
+    json["plan"] = std::move(plan);
+  }
+  json["copied"] = report.files;
+  json["bytes"] = report.bytes;
+  json["seconds"] = std::round(totals.seconds * 1000.0) / 1000.0;
+  json["resumed"] = report.resumed;
+  json["unchanged"] = report.skipped;
+  json["newer"] = report.newer;
+  json["deleted"] = report.deleted;
+  json["replaced"] = report.replaced;
+  json["folders"] = report.folders;
+  json["links"] = report.links;
+  json["special"] = report.special;
+  return json;
+}
+
+// "put: copied 3 files, 1.2 MiB in 0.20 s (6.0 MiB/s), 1 resumed, 997 unchanged, 2 deleted"; a dry run has no time.
+std::string summary(TransferCommand const& command, sfa::TransferReport const& report, TransferTotals const& totals) {
+  std::string extra;
+  if (report.links > 0) extra += ", " + counted(report.links, "link", "links");
+  if (report.special > 0) extra += ", " + counted(report.special, "special file", "special files") + " left out";
+  if (report.resumed > 0) extra += fmt::format(", {} resumed", report.resumed);
+  if (report.skipped > 0) extra += fmt::format(", {} unchanged", report.skipped);
+  if (report.newer > 0) extra += fmt::format(", {} newer", report.newer);
+  if (report.deleted > 0) extra += fmt::format(", {} deleted", report.deleted);
+  if (report.replaced > 0) extra += fmt::format(", {} replaced", report.replaced);
+  if (command.flags.dryRun) {
+    return fmt::format("{}: dry run, would copy {}{}\n", command.name, describeAmount(totals), extra);
+  }
+  return fmt::format("{}: copied {}{}\n", command.name, describeTotals(totals), extra);
 }
 
 }  // namespace
@@ -119,38 +270,33 @@ ssh::Filter buildFilter(TransferFlags const& flags, std::vector<std::string> con
   return filter;
 }
 
-int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
-                std::vector<std::string> const& operands, TransferFlags const& flags, bool json) {
-  char const* const name = upload ? "put" : "get";
-  if (operands.size() < 2) throw UsageError(fmt::format("{} takes SOURCE... DESTINATION", name));
-  std::string destination = operands.back();
+int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, TransferCommand const& command) {
+  auto const& name = command.name;
+  auto const& flags = command.flags;
+  auto const& paths = command.paths;
+  if (paths.size() < 2) throw UsageError(fmt::format("{} takes SOURCE... DESTINATION", name));
+  std::string destination = paths.back();
   // Several sources go into one folder, made when missing.
-  if (operands.size() > 2 && !destination.ends_with('/')) destination += '/';
+  if (paths.size() > 2 && !destination.ends_with('/')) destination += '/';
   PathPairs pairs;
-  pairs.reserve(operands.size() - 1);
+  pairs.reserve(paths.size() - 1);
   auto const to = fl::i18n::utf8_to_ustring(destination);
-  for (std::size_t i = 0; i + 1 < operands.size(); ++i) pairs.emplace_back(fl::i18n::utf8_to_ustring(operands[i]), to);
-
-  sfa::TransferOptions options;
-  options.keepPermissions = !flags.noPermissions;
-  options.keepSpecialBits = flags.keepSpecialBits;
-  options.keepTimes = !flags.noTimes;
-  options.followLinks = flags.followLinks;
-  options.intoFolders = true;
-  options.skipUnchanged = flags.checksum      ? ssh::UnchangedTest::Checksum
-                          : flags.ignoreTimes ? ssh::UnchangedTest::None
-                                              : ssh::UnchangedTest::SizeAndTime;
-  options.deleteExtraneous = flags.deleteExtraneous || flags.deleteExcluded;
-  options.dryRun = flags.dryRun;
-  options.resume = !flags.noResume;
-  options.ignoreSuspectNames = flags.ignoreSuspectNames;
-  options.filter = flags.filter;
-  // As rsync: what is in the way is replaced (a folder only with --delete).
-  options.replaceInTheWay = true;
+  for (std::size_t i = 0; i + 1 < paths.size(); ++i) pairs.emplace_back(fl::i18n::utf8_to_ustring(paths[i]), to);
 
   InterruptGuard const interruptible;
-  TransferReporter reporter(isTerminal(STDERR_FILENO));
-  auto const printNotes = [name](sfa::TransferReport const& done) {
+  if (name == "sync") refuseKindChange(access, command);
+  noteNesting(access, command);
+  auto options = optionsOf(command);
+  SilencedStderr const silenced(flags.quiet);
+  TransferReporter reporter(flags.progress || isTerminal(STDERR_FILENO));
+  if (flags.verbose && !command.json && !flags.dryRun) {
+    // rsync's -v: a line per change as it is done, the bar out of its way.
+    options.onChange = [&reporter](ssh::PlannedChange const& change) {
+      reporter.clearBar();
+      writeTo(stdout, describeChange(change));
+    };
+  }
+  auto const printNotes = [&name](sfa::TransferReport const& done) {
     for (auto const& note : done.notes) {
       writeTo(stderr, fmt::format("sshfa: {}: {}\n", name, forStream(STDERR_FILENO, note)));
     }
@@ -158,45 +304,23 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, bool upload,
   sfa::TransferReport report;
   try {
     ReporterScope const scope(progress, reporter);
-    report = upload ? access.upload(pairs, options) : access.download(pairs, options);
+    report = command.upload ? access.upload(pairs, options) : access.download(pairs, options);
   } catch (ssh::TransferError const& e) {
     // What was found goes out before the failure: a dry run's plan too.
     printNotes(e.report());
-    if (flags.dryRun && !json) printPlan(e.report().plan, flags.verbose);
+    if (flags.dryRun && !command.json) printPlan(e.report().plan, flags.verbose);
     throw;
   }
   TransferTotals totals = reporter.finish();
   totals.files = report.files;
   totals.bytes = report.bytes;
   printNotes(report);
-  if (json) {
-    std::string plan;
-    if (flags.dryRun) {
-      plan = "\"dryRun\": true, \"plan\": [";
-      for (auto const& change : report.plan) {
-        if (plan.back() != '[') plan += ", ";
-        plan += fmt::format("{{\"action\": \"{}\", \"path\": {}, \"bytes\": {}}}", actionName(change.action),
-                            jsonString(change.path), change.bytes);
-      }
-      plan += "], ";
-    }
-    writeTo(stdout, fmt::format("{{{}\"files\": {}, \"skipped\": {}, \"deleted\": {}, \"resumed\": {}, "
-                                "\"bytes\": {}, \"seconds\": {:.3f}, \"folders\": {}, \"links\": {}, "
-                                "\"special\": {}, \"replaced\": {}}}\n",
-                                plan, totals.files, report.skipped, report.deleted, report.resumed, totals.bytes,
-                                totals.seconds, report.folders, report.links, report.special, report.replaced));
+  if (command.json) {
+    writeTo(stdout, document(totalsDocument(command, report, totals)));
     return 0;
   }
   if (flags.dryRun) printPlan(report.plan, flags.verbose);
-  std::string extra;
-  if (report.links > 0) extra += ", " + counted(report.links, "link", "links");
-  if (report.special > 0) extra += ", " + counted(report.special, "special file", "special files") + " left out";
-  if (report.resumed > 0) extra += fmt::format(", {} resumed", report.resumed);
-  if (report.skipped > 0) extra += fmt::format(", {} unchanged", report.skipped);
-  if (report.deleted > 0) extra += fmt::format(", {} deleted", report.deleted);
-  if (report.replaced > 0) extra += fmt::format(", {} replaced", report.replaced);
-  writeTo(stderr, fmt::format("{}: {} {}{}\n", name, flags.dryRun ? "dry run, would copy" : "copied",
-                              describeTotals(totals), extra));
+  writeTo(stderr, summary(command, report, totals));
   return 0;
 }
 

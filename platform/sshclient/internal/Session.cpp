@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -106,6 +107,65 @@ int signalNumber(char const* name) {
   return 0;
 }
 
+// libssh 0.10 names the compression it negotiated only in its log (at
+// INFO: "Negotiated kex,hostkey,cipher-out,cipher-in,mac-out,mac-in,
+// compression-out,compression-in,..."). Its log level and callback belong
+// to the calling thread: while this object lives they catch that line, and
+// what the thread had is put back afterwards. (A callback cannot be unset:
+// where the thread had none, ours stays and writes to standard error, as
+// libssh does without one.)
+class NegotiationLog {
+ public:
+  explicit NegotiationLog(std::string& line)
+      : line_(line), level_(ssh_get_log_level()), callback_(ssh_get_log_callback()), userdata_(ssh_get_log_userdata()) {
+    ssh_set_log_callback(&NegotiationLog::take);
+    ssh_set_log_userdata(this);
+    ssh_set_log_level(std::max(level_, SSH_LOG_INFO));
+  }
+  ~NegotiationLog() {
+    ssh_set_log_level(level_);
+    if (callback_ != nullptr) ssh_set_log_callback(callback_);
+    ssh_set_log_userdata(callback_ != nullptr ? userdata_ : nullptr);
+  }
+  NegotiationLog(NegotiationLog const&) = delete;
+  NegotiationLog& operator=(NegotiationLog const&) = delete;
+
+ private:
+  static void toStderr(int priority, char const* text) { std::fprintf(stderr, "[%d] %s\n", priority, text); }
+
+  static void take(int priority, char const* function, char const* text, void* userdata) {
+    auto* const self = static_cast<NegotiationLog*>(userdata);
+    if (self == nullptr) return toStderr(priority, text);
+    std::string_view const record(text);
+    static constexpr std::string_view kNegotiated = "Negotiated ";
+    if (auto const at = record.find(kNegotiated); at != std::string_view::npos) {
+      self->line_ = record.substr(at + kNegotiated.size());
+    }
+    // What the thread asked for still goes where it went.
+    if (priority > self->level_) return;
+    if (self->callback_ != nullptr) return self->callback_(priority, function, text, self->userdata_);
+    toStderr(priority, text);
+  }
+
+  std::string& line_;
+  int level_;
+  ssh_logging_callback callback_;
+  void* userdata_;
+};
+
+// The fields of libssh's "Negotiated ..." record; empty where it is missing.
+NegotiatedAlgorithms negotiatedFrom(std::string const& line) {
+  std::vector<std::string> fields;
+  std::size_t start = 0;
+  for (std::size_t comma = line.find(','); start <= line.size(); comma = line.find(',', start)) {
+    if (comma == std::string::npos) comma = line.size();
+    fields.push_back(line.substr(start, comma - start));
+    start = comma + 1;
+  }
+  fields.resize(8);
+  return {fields[0], fields[1], fields[2], fields[3], fields[4], fields[5], fields[6], fields[7]};
+}
+
 }  // namespace
 
 // ---- Session ---------------------------------------------------------------------
@@ -132,6 +192,7 @@ class Session::Impl {
   std::string route;
   // See Session::shellFound().
   std::optional<bool> shell;
+  NegotiatedAlgorithms negotiated;
 
   // Keep-alive bookkeeping, see the header. libssh counts the bytes it takes
   // off the socket in received, in whichever call that happens.
@@ -212,7 +273,23 @@ void Session::Impl::open(std::string const& requestedUser, int requestedPort, SS
 
   ssh_set_blocking(session.get(), 1);
   auto const started = Clock::now();
-  if (ssh_connect(session.get()) != SSH_OK) {
+  std::string negotiation;
+  int connected = SSH_ERROR;
+  {
+    NegotiationLog const log(negotiation);
+    connected = ssh_connect(session.get());
+  }
+  negotiated = negotiatedFrom(negotiation);
+  if (negotiated.kex.empty()) {
+    // Without the record, what libssh tells otherwise.
+    auto const known = [](char const* name) { return name != nullptr ? std::string(name) : std::string(); };
+    negotiated.kex = known(ssh_get_kex_algo(session.get()));
+    negotiated.cipherOut = known(ssh_get_cipher_out(session.get()));
+    negotiated.cipherIn = known(ssh_get_cipher_in(session.get()));
+    negotiated.macOut = known(ssh_get_hmac_out(session.get()));
+    negotiated.macIn = known(ssh_get_hmac_in(session.get()));
+  }
+  if (connected != SSH_OK) {
     std::string const cause = libraryError();
     bool const timedOut = Clock::now() - started >= connectTimeout || cause.find("Timeout") != std::string::npos ||
                           cause.find("timed out") != std::string::npos;
@@ -267,6 +344,8 @@ void Session::Impl::configure(std::string const& requestedUser, int requestedPor
     setOption(SSH_OPTIONS_CIPHERS_C_S, options.ciphers.c_str(), "cipher list");
     setOption(SSH_OPTIONS_CIPHERS_S_C, options.ciphers.c_str(), "cipher list");
   }
+  // None stays on the list: a server that compresses nothing still answers.
+  if (options.compression) setOption(SSH_OPTIONS_COMPRESSION, "zlib@openssh.com,zlib,none", "compression");
   if (knownHosts.empty()) knownHosts = defaultKnownHostsFiles();
 
   if (char* configured = nullptr; ssh_options_get(session.get(), SSH_OPTIONS_USER, &configured) == SSH_OK) {
@@ -579,6 +658,7 @@ std::string const& Session::describe() const noexcept { return impl_->descriptio
 void Session::fail(SSHError::Kind kind, std::string const& cause) const { impl_->fail(kind, cause); }
 std::string Session::libraryError() const { return impl_->libraryError(); }
 std::chrono::seconds Session::keepaliveInterval() const noexcept { return impl_->keepalive; }
+NegotiatedAlgorithms const& Session::negotiated() const noexcept { return impl_->negotiated; }
 
 void Session::setKeepaliveInterval(std::chrono::seconds interval) noexcept {
   impl_->keepalive = interval;

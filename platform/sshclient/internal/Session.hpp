@@ -107,6 +107,8 @@ class Session {
   bool takeIn();
 
   [[nodiscard]] std::chrono::seconds keepaliveInterval() const noexcept;
+  // What the key exchange of the connection settled on.
+  [[nodiscard]] NegotiatedAlgorithms const& negotiated() const noexcept;
   void setKeepaliveInterval(std::chrono::seconds interval) noexcept;
 
   // Whether a shell runs commands on this connection, once known: true when

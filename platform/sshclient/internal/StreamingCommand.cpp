@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <optional>
 #include <random>
@@ -22,10 +24,17 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kInputChunk = 64 * 1024;
 // How often a stop request is looked at while nothing else happens.
 constexpr std::chrono::milliseconds kStopCheck{100};
-// After SIGINT, how long the command may take to end before its channel is
-// closed under it.
+// How long a stopped command may take to end before the next, harder
+// signal; after the last, before its channel is closed under it.
 constexpr std::chrono::seconds kStopGrace{2};
 constexpr int kStoppedStatus = 128 + 2;  // as a shell reports SIGINT
+
+struct StopSignal {
+  int number;
+  char const* name;  // as the protocol and kill -s name it
+};
+// A command that ignores one signal gets the next.
+constexpr std::array<StopSignal, 3> kStopSignals{{{SIGINT, "INT"}, {SIGTERM, "TERM"}, {SIGKILL, "KILL"}}};
 
 // One output stream: what the login wrote before the marker is dropped, the
 // rest is handed over as it comes. On standard output, the line after the
@@ -102,7 +111,21 @@ int runStreaming(Session& session, std::string const& command, CommandStreams co
   std::size_t sent = 0;
   bool inputOpen = streams.inputFd >= 0;
   bool inputReady = false;
-  std::optional<Clock::time_point> giveUpAt;  // set once stopping
+  std::optional<Clock::time_point> giveUpAt;  // set once stopping: when the next signal goes
+  std::size_t signalsSent = 0;
+  // sshd signals the command's whole process group where it may (it refuses
+  // without privilege separation), so the group is also signalled from a
+  // channel of its own.
+  auto const sendSignal = [&] {
+    auto const& signal = kStopSignals[signalsSent++];
+    ssh_channel_request_send_signal(channel.raw(), signal.name);
+    if (!out.processGroup().empty() && !channel.finished()) {
+      ExecChannelRunner(session).run(std::string("kill -s ") + signal.name + " -- -" + out.processGroup() +
+                                     " 2>/dev/null");
+    }
+    if (streams.signalled) streams.signalled(signal.number);
+    giveUpAt = Clock::now() + kStopGrace;
+  };
   bool arrived = false;
   ArrivalWatch const watch(channel.raw(), arrived);
   for (;;) {
@@ -145,22 +168,18 @@ int runStreaming(Session& session, std::string const& command, CommandStreams co
       break;
     }
     if (!giveUpAt && streams.stopRequested && streams.stopRequested()) {
-      // sshd signals the command's whole process group where it may (it
-      // refuses without privilege separation), so the group is also
-      // signalled from a channel of its own. A command that ignores SIGINT
-      // loses its channel after the grace.
-      ssh_channel_request_send_signal(channel.raw(), "INT");
-      if (!out.processGroup().empty() && !channel.finished()) {
-        ExecChannelRunner(session).run("kill -s INT -- -" + out.processGroup() + " 2>/dev/null");
-      }
       inputOpen = false;
       pending.clear();
       sent = 0;
       channel.sendEof();
-      giveUpAt = Clock::now() + kStopGrace;
+      sendSignal();
       progressed = true;
     }
-    if (giveUpAt && Clock::now() >= *giveUpAt) break;
+    if (giveUpAt && Clock::now() >= *giveUpAt) {
+      // Still running after the last signal: its channel goes.
+      if (signalsSent == kStopSignals.size()) break;
+      sendSignal();
+    }
     if (progressed || arrived) continue;
     auto timeout = Session::kForever;
     if (giveUpAt) {

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <libssh/callbacks.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
@@ -11,6 +12,9 @@
 
 #include <fstream>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "sshfileaccess/platform/sshclient/internal/Session.hpp"
 #include "tests/support/SshTestHelpers.hpp"
@@ -483,6 +487,54 @@ TEST(Options, KeepaliveIntervalComesFromTheOptionsAndCanBeChanged) {
   client->setKeepaliveInterval(std::chrono::seconds(1));
   EXPECT_EQ(client->getKeepaliveInterval(), std::chrono::seconds(1));
   EXPECT_EQ(echoHello(*client), "hello\n");
+}
+
+TEST(Options, NegotiatedAlgorithmsAreKnownAndCompressionIsOffByDefault) {
+  auto client = TestSshd::instance().connect();
+  auto const algorithms = client->negotiatedAlgorithms();
+  EXPECT_FALSE(algorithms.kex.empty());
+  EXPECT_FALSE(algorithms.hostKey.empty());
+  EXPECT_EQ(algorithms.cipherOut, "aes128-gcm@openssh.com");
+  EXPECT_EQ(algorithms.cipherIn, "aes128-gcm@openssh.com");
+  EXPECT_EQ(algorithms.compressionOut, "none");
+  EXPECT_EQ(algorithms.compressionIn, "none");
+}
+
+TEST(Options, CompressionIsNegotiatedWhenAsked) {
+  auto options = TestSshd::instance().options();
+  options.compression = true;
+  auto client = TestSshd::instance().connect(options);
+  auto const algorithms = client->negotiatedAlgorithms();
+  EXPECT_EQ(algorithms.compressionOut, "zlib@openssh.com");
+  EXPECT_EQ(algorithms.compressionIn, "zlib@openssh.com");
+  auto const result = client->executeCommand(ssh::ExecuteCommand(u"yes | head -c 300000 | wc -c; yes | head -c 70000"));
+  EXPECT_EQ(result.getExitcode(), 0);
+  auto const out = utf8(result.getStdout());
+  EXPECT_EQ(out.substr(0, 7), "300000\n");
+  EXPECT_EQ(out.size(), 7U + 70000U);
+}
+
+// The caller's thread keeps its own libssh log level and callback.
+std::vector<std::pair<int, std::string>> gLogged;
+void keepRecord(int priority, char const* /*function*/, char const* text, void* /*userdata*/) {
+  gLogged.emplace_back(priority, text);
+}
+
+TEST(Options, TheThreadsLibsshLogIsPutBackAfterConnecting) {
+  gLogged.clear();
+  int const level = ssh_get_log_level();
+  auto const callback = ssh_get_log_callback();
+  void* const userdata = ssh_get_log_userdata();
+  ssh_set_log_callback(&keepRecord);
+  ssh_set_log_level(SSH_LOG_WARN);
+  auto client = TestSshd::instance().connect();
+  EXPECT_EQ(ssh_get_log_level(), SSH_LOG_WARN);
+  EXPECT_EQ(ssh_get_log_callback(), &keepRecord);
+  for (auto const& [priority, text] : gLogged) EXPECT_LE(priority, SSH_LOG_WARN) << text;
+  EXPECT_FALSE(client->negotiatedAlgorithms().compressionIn.empty());
+  ssh_set_log_level(level);
+  if (callback != nullptr) ssh_set_log_callback(callback);
+  ssh_set_log_userdata(userdata);
 }
 
 // ---- connections that cannot be made ------------------------------------------------

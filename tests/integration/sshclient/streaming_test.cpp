@@ -5,8 +5,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "tests/support/SshTestHelpers.hpp"
 
@@ -30,6 +34,23 @@ class ExecuteStreaming : public ::testing::Test {
     streams.out = [&](std::string_view text) { result.out += text; };
     streams.err = [&](std::string_view text) { result.err += text; };
     streams.inputFd = inputFd;
+    result.status = client_->executeStreaming(u(command), streams);
+    return result;
+  }
+
+  // Asks the command to stop once it printed "started": its status, its
+  // output and the signals it was sent.
+  struct Stopped {
+    int status = -1;
+    std::string out;
+    std::vector<int> signals;
+  };
+  static Stopped stopOnceStarted(std::string const& command) {
+    Stopped result;
+    ssh::CommandStreams streams;
+    streams.out = [&](std::string_view text) { result.out += text; };
+    streams.stopRequested = [&] { return result.out == "started\n"; };
+    streams.signalled = [&](int number) { result.signals.push_back(number); };
     result.status = client_->executeStreaming(u(command), streams);
     return result;
   }
@@ -130,16 +151,29 @@ TEST_F(ExecuteStreaming, HandsTheFirstLineOverBeforeTheCommandEnds) {
 }
 
 TEST_F(ExecuteStreaming, AStopRequestEndsTheRemoteCommandWith130) {
-  std::string out;
-  ssh::CommandStreams streams;
-  streams.out = [&](std::string_view text) { out += text; };
-  streams.stopRequested = [&] { return out == "started\n"; };
-  int const status = client_->executeStreaming(u("echo started; exec sleep 4711; echo never"), streams);
-  EXPECT_EQ(status, 130);
-  EXPECT_EQ(out, "started\n");
+  auto const stopped = stopOnceStarted("echo started; exec sleep 4711; echo never");
+  EXPECT_EQ(stopped.status, 130);
+  EXPECT_EQ(stopped.out, "started\n");
+  EXPECT_EQ(stopped.signals, std::vector<int>{SIGINT});
   // Nothing of it is left on the server.
   auto const left = client_->executeCommand(ssh::ExecuteCommand(u("ps -eo args | grep -c '^sleep 4711$'")));
   EXPECT_EQ(left.getStdout(), u"0\n");
+}
+
+// A command that ignores SIGINT gets SIGTERM after the grace, one that also
+// ignores SIGTERM gets SIGKILL; none of it stays on the server.
+TEST_F(ExecuteStreaming, ACommandThatIgnoresSignalsGetsHarderOnes) {
+  for (auto const& [ignored, expected] : std::vector<std::pair<std::string, std::vector<int>>>{
+           {"INT", {SIGINT, SIGTERM}}, {"INT TERM", {SIGINT, SIGTERM, SIGKILL}}}) {
+    auto const started = std::chrono::steady_clock::now();
+    auto const stopped = stopOnceStarted("trap '' " + ignored + "; echo started; while :; do sleep 4713; done");
+    auto const took = std::chrono::steady_clock::now() - started;
+    EXPECT_EQ(stopped.status, 130) << ignored;
+    EXPECT_EQ(stopped.signals, expected) << ignored;
+    EXPECT_GE(took, std::chrono::seconds(2) * (expected.size() - 1)) << ignored;
+    auto const left = client_->executeCommand(ssh::ExecuteCommand(u("ps -eo args | grep -c '^sleep 4713$'")));
+    EXPECT_EQ(left.getStdout(), u"0\n") << ignored;
+  }
 }
 
 TEST_F(ExecuteStreaming, ReportsACommandKilledBySignal) { EXPECT_EQ(run("kill -9 $$").status, 128 + 9); }

@@ -8,9 +8,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -268,6 +270,81 @@ TEST_P(Reruns, ADryRunIntoNothingPlansEverything) {
   EXPECT_FALSE(fs::exists(dst()));
   EXPECT_EQ(report.files, 1U);
   EXPECT_EQ(report.bytes, 4U);
+}
+
+TEST_P(Reruns, EachChangeIsToldAsItIsDoneAndNoneInADryRun) {
+  makeCopiedTree();
+  writeFile(src() / "sub" / "b", "new bravo");
+  for (auto const& folder : {src() / "fresh", dst() / "old", src() / "was-a-file"}) fs::create_directory(folder);
+  writeFile(src() / "fresh" / "f", "fresh");
+  fs::create_symlink("a", src() / "link");
+  ::chmod((src() / "a").c_str(), 0640);
+  ::chmod((dst() / "a").c_str(), 0600);
+  writeFile(dst() / "extra", "x");
+  writeFile(dst() / "old" / "gone", "g");
+  writeFile(src() / "was-a-file" / "now", "now");
+  writeFile(dst() / "was-a-file", "in the way");
+  std::vector<std::tuple<Action, std::string, std::uint64_t>> told;
+  ssh::TreeTransferOptions options{
+      .skipUnchanged = UnchangedTest::SizeAndTime, .deleteExtraneous = true, .dryRun = true, .replaceInTheWay = true};
+  options.onChange = [&](ssh::PlannedChange const& change) {
+    told.emplace_back(change.action, utf8(change.path), change.bytes);
+  };
+  auto const planned = copyTree(options);
+  EXPECT_THAT(told, IsEmpty());
+  std::vector<std::tuple<Action, std::string, std::uint64_t>> plan;
+  for (auto const& change : planned.plan) plan.emplace_back(change.action, utf8(change.path), change.bytes);
+  auto const at = [&](char const* name) { return (dst() / name).string(); };
+  EXPECT_THAT(plan, ::testing::Contains(std::tuple{Action::Fix, at("a"), 5U}));
+
+  options.dryRun = false;
+  auto const report = copyTree(options);
+  std::sort(told.begin(), told.end());
+  EXPECT_THAT(told,
+              ElementsAre(std::tuple{Action::Copy, at("fresh/f"), 5U}, std::tuple{Action::Copy, at("sub/b"), 9U},
+                          std::tuple{Action::Copy, at("was-a-file/now"), 3U}, std::tuple{Action::Link, at("link"), 0U},
+                          std::tuple{Action::Folder, at("fresh"), 0U}, std::tuple{Action::Folder, at("was-a-file"), 0U},
+                          std::tuple{Action::Delete, at("extra"), 0U}, std::tuple{Action::Delete, at("old"), 0U},
+                          std::tuple{Action::Delete, at("old/gone"), 0U},
+                          std::tuple{Action::Replace, at("was-a-file"), 0U}, std::tuple{Action::Fix, at("a"), 0U}));
+  EXPECT_EQ(report.files, 3U);
+  EXPECT_EQ(report.deleted, 3U);
+  EXPECT_EQ(report.replaced, 1U);
+  EXPECT_EQ(permissionsOf(dst() / "a"), 0640U);
+}
+
+TEST_P(Reruns, UpdateLeavesNewerDestinationFilesAlone) {
+  makeCopiedTree();
+  writeFile(dst() / "a", "mine, newer");
+  setTime(dst() / "a", kOldTime + 100);
+  writeFile(src() / "sub" / "b", "new bravo");
+  setTime(src() / "sub" / "b", kOldTime + 200);
+  auto options = ssh::TreeTransferOptions{.skipUnchanged = UnchangedTest::SizeAndTime};
+  options.update = true;
+  auto const report = copyTree(options);
+  EXPECT_EQ(report.files, 1U);
+  EXPECT_EQ(report.newer, 1U);
+  EXPECT_EQ(report.skipped, 1U);
+  EXPECT_EQ(readFile(dst() / "a"), "mine, newer");
+  EXPECT_EQ(readFile(dst() / "sub" / "b"), "new bravo");
+  // Without it, the source's older file wins.
+  auto const again = copyTree({.skipUnchanged = UnchangedTest::SizeAndTime});
+  EXPECT_EQ(again.files, 1U);
+  EXPECT_EQ(again.newer, 0U);
+  EXPECT_EQ(readFile(dst() / "a"), "alpha");
+}
+
+// A lower bound only: the limit holds the data back, whatever the machine.
+TEST_P(Reruns, ARateLimitHoldsTheDataBack) {
+  auto const contents = randomBytes(512 * 1024, 3);
+  writeFile(src() / "f", contents);
+  auto options = ssh::TreeTransferOptions{};
+  options.bytesPerSecond = 256 * 1024;
+  auto const started = std::chrono::steady_clock::now();
+  auto const report = copyTree(options);
+  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1750));
+  EXPECT_EQ(report.bytes, contents.size());
+  EXPECT_TRUE(readFile(dst() / "f") == contents);
 }
 
 // An earlier run's temporary holding the first half of the file.

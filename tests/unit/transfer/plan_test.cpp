@@ -96,6 +96,7 @@ char const* stepName(Step step) {
 std::string describe(tr::Action const& action) {
   std::string out = std::string(stepName(action.step)) + " " + action.name;
   if (action.replace) out += " (replace)";
+  if (action.newer) out += " (newer)";
   if (action.problem == tr::Problem::FileInTheWay) out += " (file in the way)";
   if (action.problem == tr::Problem::FolderInTheWay) out += " (folder in the way)";
   if (!action.temporary.empty()) {
@@ -119,6 +120,11 @@ struct Case {
 tr::PlanSettings skipping(UnchangedTest test = UnchangedTest::SizeAndTime) {
   tr::PlanSettings settings;
   settings.skipUnchanged = test;
+  return settings;
+}
+
+tr::PlanSettings updating(tr::PlanSettings settings) {
+  settings.update = true;
   return settings;
 }
 
@@ -206,6 +212,62 @@ std::vector<Case> const kCases{
      {file("a", 5)},
      std::vector<Entry>{file("a", 5)},
      skipping(UnchangedTest::Checksum),
+     {},
+     {},
+     {"copy a"}},
+    {"UpdateLeavesANewerDestinationFileAlone",
+     {file("a", 5, kTime, 0640)},
+     std::vector<Entry>{file("a", 7, kTime + 1, 0600)},
+     updating(skipping()),
+     {},
+     {},
+     {"skip a (newer)"}},
+    {"UpdateCopiesOverAnOlderDestinationFile",
+     {file("a", 5)},
+     std::vector<Entry>{file("a", 5, kTime - 1)},
+     updating(skipping()),
+     {},
+     {},
+     {"copy a"}},
+    {"UpdateCopiesAFileOfTheSameTimeAndAnotherSize",
+     {file("a", 5)},
+     std::vector<Entry>{file("a", 6)},
+     updating(skipping()),
+     {},
+     {},
+     {"copy a"}},
+    {"UpdateAppliesWhenEveryFileIsCopied",
+     {file("a", 5)},
+     std::vector<Entry>{file("a", 5, kTime + 60)},
+     updating({}),
+     {},
+     {},
+     {"skip a (newer)"}},
+    {"UpdateWinsOverChecksums",
+     {file("a", 5)},
+     std::vector<Entry>{file("a", 5, kTime + 1)},
+     updating(skipping(UnchangedTest::Checksum)),
+     {},
+     {{"a", false}},
+     {"skip a (newer)"}},
+    {"UpdateStillReplacesAFolderInTheWay",
+     {file("f", 1)},
+     std::vector<Entry>{folder("f")},
+     updating(with({}, true, true, false)),
+     {},
+     {},
+     {"copy f (replace)"}},
+    {"UpdateLeavesTheNewerFileAndDropsItsTemporary",
+     {file("big", 9)},
+     std::vector<Entry>{file("big", 3, kTime + 5), file(kPartial, 4)},
+     updating(with(skipping(), false, false, true)),
+     {},
+     {},
+     {"remove-temporary " + kPartial, "skip big (newer)"}},
+    {"WithoutUpdateANewerDestinationFileIsCopiedOver",
+     {file("a", 5)},
+     std::vector<Entry>{file("a", 5, kTime + 60)},
+     skipping(),
      {},
      {},
      {"copy a"}},
@@ -422,6 +484,11 @@ TEST(ChecksumCandidates, AreRegularFilesOfEqualSize) {
               ::testing::ElementsAre("same"));
   EXPECT_TRUE(tr::checksumCandidates(source, &destination, skipping()).empty());
   EXPECT_TRUE(tr::checksumCandidates(source, nullptr, skipping(UnchangedTest::Checksum)).empty());
+  // A newer destination file is left alone whatever its data: nothing to hash.
+  auto const newer = listing({file("same", 5, kTime + 1), file("other", 6)});
+  EXPECT_TRUE(tr::checksumCandidates(source, &newer, updating(skipping(UnchangedTest::Checksum))).empty());
+  EXPECT_THAT(tr::checksumCandidates(source, &newer, skipping(UnchangedTest::Checksum)),
+              ::testing::ElementsAre("same"));
 }
 
 TEST(Kept, FollowsTheOptions) {

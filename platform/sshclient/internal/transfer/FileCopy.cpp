@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "sshfileaccess/platform/sshclient/internal/transfer/FileCopyJob.hpp"
@@ -25,7 +26,8 @@ FileCopier::FileCopier(sftp::SftpSession& session, CopySettings const& settings,
       counters_(counters),
       random_(std::random_device{}()),
       window_(settings.windowBytes),
-      openFiles_(settings.maxOpenFiles) {}
+      openFiles_(settings.maxOpenFiles),
+      limit_(settings.bytesPerSecond, RateLimit::Clock::now()) {}
 
 FileCopier::~FileCopier() = default;
 
@@ -93,6 +95,17 @@ void FileCopier::poll() {
     start(*jobs_.back());
   }
   if (!session_.limitsKnown()) return;
+  sendData();
+  // Held back by the rate limit with nothing else to wait for: the wait is
+  // here, exactly as long as the limit needs.
+  while (throttled_ && session_.pending() == 0 && session_.queuedBytes() == 0) {
+    std::this_thread::sleep_until(limit_.readyAt());
+    sendData();
+  }
+}
+
+void FileCopier::sendData() {
+  throttled_ = false;
   for (auto& job : jobs_) {
     if (session_.dataInFlight() >= window_ || session_.queuedBytes() >= kOutboundLimit) return;
     if (job->phase != Job::Phase::Transferring || job->failed) continue;
@@ -101,8 +114,17 @@ void FileCopier::poll() {
     } else {
       issueReads(*job);
     }
+    if (throttled_) return;
   }
 }
+
+bool FileCopier::mayRequest() {
+  if (limit_.ready(RateLimit::Clock::now())) return true;
+  throttled_ = true;
+  return false;
+}
+
+void FileCopier::requested(std::uint32_t length) { limit_.take(length, RateLimit::Clock::now()); }
 
 void FileCopier::onReply(Ticket const& ticket, Reply const& reply) {
   auto& job = *static_cast<Job*>(ticket.subject);

@@ -17,6 +17,11 @@
 // descriptor (LocalDir), never through a link. A file whose size or time
 // changes while it is read fails ("changed while being read").
 //
+// Under a rate limit (bytesPerSecond), data requests are cut to an eighth
+// of a second's worth and issued as a token bucket allows; when nothing else
+// is awaited, poll() sleeps until the next may go (never longer, never in a
+// busy loop).
+//
 // A failed file's temporary goes and the observer is told; with
 // stopOnFailure no new file starts afterwards. cancel() (a stop) fails every
 // file in flight quietly, keeping resumable temporaries that hold data;
@@ -36,6 +41,7 @@
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/RateLimit.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Windows.hpp"
 
 namespace foundation::sshclient::internal::transfer {
@@ -53,6 +59,7 @@ struct CopySettings {
   std::uint32_t createMode = 0600;         // temporaries are created with it (less the umask)
   bool resume = false;                     // resumable temporaries, kept when stopped
   bool stopOnFailure = false;
+  std::uint64_t bytesPerSecond = 0;  // file data sent or asked for; 0: no limit
 };
 
 struct FileTask {
@@ -99,7 +106,8 @@ class FileCopier final : public sftp::ReplyHandler {
   FileCopier& operator=(FileCopier const&) = delete;
 
   void add(FileTask task);
-  // Starts queued files and sends data as the window allows.
+  // Starts queued files and sends data as the window (and the rate limit)
+  // allows.
   void poll();
   [[nodiscard]] bool idle() const noexcept;
   [[nodiscard]] std::size_t waiting() const noexcept;  // queued, not started
@@ -149,6 +157,13 @@ class FileCopier final : public sftp::ReplyHandler {
 
   [[nodiscard]] std::uint32_t chunk() const noexcept;
   void followLink();
+  // The length of the next data request: a chunk, cut under a rate limit.
+  [[nodiscard]] std::uint32_t requestChunk() const noexcept { return limit_.requestLength(chunk()); }
+  // Whether the rate limit lets a data request go now; false marks the copier
+  // throttled.
+  [[nodiscard]] bool mayRequest();
+  void requested(std::uint32_t length);
+  void sendData();
 
   sftp::SftpSession& session_;
   CopySettings settings_;
@@ -169,6 +184,8 @@ class FileCopier final : public sftp::ReplyHandler {
   std::size_t openFiles_;
   RateMeter dataRate_;
   RateMeter fileRate_;
+  RateLimit limit_;
+  bool throttled_ = false;  // data held back by the rate limit
 };
 
 }  // namespace foundation::sshclient::internal::transfer

@@ -96,8 +96,9 @@ void FileCopier::onDownloadAnswer(Job& job, std::uint32_t kind, Reply const& rep
 
 void FileCopier::issueReads(Job& job) {
   while (job.next < job.size && job.end == UINT64_MAX && session_.dataInFlight() < window_ &&
-         session_.queuedBytes() < kOutboundLimit) {
-    auto const length = static_cast<std::uint32_t>(std::min<std::uint64_t>(chunk(), job.size - job.next));
+         session_.queuedBytes() < kOutboundLimit && mayRequest()) {
+    auto const length = static_cast<std::uint32_t>(std::min<std::uint64_t>(requestChunk(), job.size - job.next));
+    requested(length);
     ++job.pending;
     session_.read({this, kRead, &job, job.next, length}, job.handle, job.next, length);
     job.next += length;

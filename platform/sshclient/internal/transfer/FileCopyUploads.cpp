@@ -120,10 +120,12 @@ bool FileCopier::readAhead(Job& job) {
 }
 
 void FileCopier::issueWrites(Job& job) {
-  while (job.next < job.size && session_.dataInFlight() < window_ && session_.queuedBytes() < kOutboundLimit) {
+  while (job.next < job.size && session_.dataInFlight() < window_ && session_.queuedBytes() < kOutboundLimit &&
+         mayRequest()) {
     if (!readAhead(job)) break;
-    auto const length =
-        static_cast<std::uint32_t>(std::min<std::uint64_t>({chunk(), job.size - job.next, job.block.end() - job.next}));
+    auto const length = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>({requestChunk(), job.size - job.next, job.block.end() - job.next}));
+    requested(length);
     ++job.pending;
     session_.write({this, kWrite, &job, job.next, length}, job.handle, job.next,
                    ByteView(job.block.data() + (job.next - job.block.offset), length));

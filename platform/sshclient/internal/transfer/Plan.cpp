@@ -24,6 +24,12 @@ Action actionFor(Step step, std::string const& name, Entry const* source, Entry 
   return action;
 }
 
+// With update, a destination file later than its source stays as it is.
+bool newerThere(Entry const& source, Entry const& existing, PlanSettings const& settings) {
+  return settings.update && existing.type == EntryType::File && source.mtime && existing.mtime &&
+         *existing.mtime > *source.mtime;
+}
+
 bool unchangedFile(Entry const& source, Entry const& existing, PlanSettings const& settings,
                    ChecksumAnswers const& checksums) {
   if (settings.skipUnchanged == UnchangedTest::None || existing.type != EntryType::File ||
@@ -55,6 +61,11 @@ Action placeData(Entry const& source, Entry const* existing, PlanSettings const&
     // An equal link is left as it is, like an unchanged file.
     bool const equal = existing->type == EntryType::Link && existing->linkTarget == source.linkTarget;
     if (settings.skipUnchanged != UnchangedTest::None && equal) action.step = Step::Skip;
+    return action;
+  }
+  if (newerThere(source, *existing, settings)) {
+    action.step = Step::Skip;
+    action.newer = true;
     return action;
   }
   if (unchangedFile(source, *existing, settings, checksums)) {
@@ -99,6 +110,7 @@ PlanSettings PlanSettings::from(TreeTransferOptions const& options) {
   settings.keepSpecialBits = options.keepSpecialBits;
   settings.keepTimes = options.keepTimes;
   settings.replaceInTheWay = options.replaceInTheWay;
+  settings.update = options.update;
   return settings;
 }
 
@@ -128,7 +140,8 @@ std::vector<std::string> checksumCandidates(Listing const& source, Listing const
   for (auto const& entry : source.entries) {
     if (entry.type != EntryType::File) continue;
     auto const* existing = destination->find(entry.name);
-    if (existing != nullptr && existing->type == EntryType::File && existing->size == entry.size) {
+    if (existing != nullptr && existing->type == EntryType::File && existing->size == entry.size &&
+        !newerThere(entry, *existing, settings)) {
       names.push_back(entry.name);
     }
   }

@@ -32,6 +32,9 @@ struct PlanSettings {
   // A file in the way of a folder is replaced by it; with deleteExtraneous
   // also a folder in the way of a file or link (with all it holds).
   bool replaceInTheWay = false;
+  // A destination file with a later modification time than its source file
+  // is left alone (Skip, marked `newer`).
+  bool update = false;
 
   static PlanSettings from(TreeTransferOptions const& options);
 };
@@ -54,7 +57,7 @@ enum class Step : std::uint8_t {
   Link,             // made under a temporary name and renamed into place
   FixAttributes,    // unchanged data: mode and times put right
   Copy,             // sent (from `resumeFrom` of `temporary` when set)
-  Skip,             // unchanged: left alone
+  Skip,             // unchanged (or newer, with update): left alone
   Delete,           // not in the source: removed once the folder's files are in
 };
 
@@ -70,6 +73,7 @@ struct Action {
   Entry const* source = nullptr;    // into the source listing
   Entry const* existing = nullptr;  // into the destination listing
   bool replace = false;             // what is in the way goes first
+  bool newer = false;               // Skip: the destination file is newer (update)
   Problem problem = Problem::None;  // Fail
   // Copy: an earlier run's resumable temporary, continued once its prefix
   // is verified, else removed and the file sent whole.

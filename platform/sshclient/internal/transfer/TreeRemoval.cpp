@@ -35,6 +35,7 @@ void TreeTransfer::removeExtras(Folder& folder) {
     } else if (auto const error = folder.local->removeFile(action.name); error == 0) {
       ++report_.deleted;
       folder.changed = true;
+      changed(Change::Delete, path);
     } else if (error != ENOENT) {
       fail(folder, describePair(folder.item) + "cannot delete " + quoted(path) + ": " + errnoText(error));
     }
@@ -71,6 +72,7 @@ int TreeTransfer::removeLocalTree(LocalDir const& parent, std::string const& nam
       ++report_.deleted;
     } else if (error = folder->removeFile(entry.name); error == 0) {
       ++report_.deleted;
+      changed(Change::Delete, folder->pathOf(entry.name));
     }
     kept = kept || keptBelow;
     if (error != 0 && error != ENOENT) return error;
@@ -78,8 +80,9 @@ int TreeTransfer::removeLocalTree(LocalDir const& parent, std::string const& nam
   if (kept) return 0;
   if (dryRun_) {
     plan(Change::Delete, parent.pathOf(name), 0);
-  } else if (error = parent.removeFolder(name); error != 0) {
-    return error == ENOENT ? 0 : error;
+  } else {
+    if (error = parent.removeFolder(name); error != 0) return error == ENOENT ? 0 : error;
+    changed(Change::Delete, parent.pathOf(name));
   }
   ++report_.deleted;
   return 0;
@@ -161,6 +164,7 @@ void TreeTransfer::onRemovalReply(Removal& removal, Ticket const& ticket, Reply 
   if (reply.type == PacketType::Status && reply.status == StatusCode::Ok) {
     ++report_.deleted;
     folder.changed = true;
+    changed(Change::Delete, path);
   } else if (reply.status != StatusCode::NoSuchFile) {
     removal.failed = true;
     fail(folder, describePair(folder.item) + "cannot delete " + where(path) + ": " +

@@ -221,7 +221,10 @@ void TreeTransfer::makeParents() {
   examineDestinations();
   std::vector<std::string const*> failed;
   for (auto const& parent : parents) {
-    if (parent.made && parent.isFolder) ++report_.folders;
+    if (parent.made && parent.isFolder) {
+      ++report_.folders;
+      changed(PlannedChange::Action::Folder, parent.path);
+    }
     if (parent.isFolder) continue;
     bool const below = std::any_of(failed.begin(), failed.end(),
                                    [&](std::string const* above) { return strictlyBelow(*above, parent.path); });

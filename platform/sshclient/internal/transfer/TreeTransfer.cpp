@@ -83,6 +83,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   // Private until the final mode is set.
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
   copy.resume = options_.resume;
+  copy.bytesPerSecond = options_.bytesPerSecond;
   copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
   session_.usePosixRename(options.usePosixRename);
 }
@@ -365,7 +366,7 @@ void TreeTransfer::act(Folder& folder, std::size_t index) {
       return copyFile(folder, index);
     case Step::Skip:
       if (action.source->type != EntryType::File) return;
-      ++report_.skipped;
+      ++(action.newer ? report_.newer : report_.skipped);
       if (dryRun_) plan(Change::Skip, path, action.source->size);
       return;
     case Step::Delete:
@@ -434,7 +435,11 @@ void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
   auto const path = target(folder, action.name);
   if (action.replace) {
     ++report_.replaced;
-    if (dryRun_) plan(Change::Replace, path, 0);
+    if (dryRun_) {
+      plan(Change::Replace, path, 0);
+    } else {
+      changed(Change::Replace, path);
+    }
   }
   if (dryRun_) {
     plan(Change::Folder, path, 0);
@@ -453,6 +458,7 @@ void TreeTransfer::makeFolder(Folder& folder, std::size_t index) {
   if (error == 0) {
     ++report_.folders;
     folder.changed = true;
+    changed(Change::Folder, path);
     return addChild(folder, index, true);
   }
   if (error == EEXIST) return addChild(folder, index, false);
@@ -468,6 +474,7 @@ bool TreeTransfer::waitsForTheWay(Folder& folder, std::size_t index, std::string
     plan(Change::Replace, path, 0);
     return false;
   }
+  changed(Change::Replace, path);
   replaceFolder(folder, index);
   return true;
 }
@@ -498,13 +505,14 @@ void TreeTransfer::placeLink(Folder& folder, std::size_t index) {
     return fail(folder, describePair(folder.item) + "cannot replace " + quoted(path) + ": " + errnoText(error));
   }
   folder.changed = true;
+  changed(Change::Link, path);
 }
 
 void TreeTransfer::fixAttributes(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
   auto const path = target(folder, action.name);
   ++report_.skipped;
-  if (dryRun_) return plan(Change::Skip, path, action.source->size);
+  if (dryRun_) return plan(Change::Fix, path, action.source->size);
   auto const wanted = kept(*action.source, settings_);
   if (upload_) {
     ++folder.outstanding;
@@ -512,9 +520,10 @@ void TreeTransfer::fixAttributes(Folder& folder, std::size_t index) {
     return;
   }
   if (auto const error = folder.local->setAttributes(action.name, wanted); error != 0) {
-    fail(folder,
-         describePair(folder.item) + "cannot set the mode and time of " + quoted(path) + ": " + errnoText(error));
+    return fail(folder, describePair(folder.item) + "cannot set the mode and time of " + quoted(path) + ": " +
+                            errnoText(error));
   }
+  changed(Change::Fix, path);
 }
 
 void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
@@ -560,6 +569,8 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
 void TreeTransfer::fileDone(FileTask const& task) {
   auto& folder = *static_cast<Folder*>(task.owner);
   folder.changed = true;
+  changed(task.resumeFrom > 0 ? Change::Resume : Change::Copy, task.destination,
+          task.size.value_or(0) - task.resumeFrom);
   --folder.outstanding;
   tryFinish(folder);
 }
@@ -607,6 +618,7 @@ void TreeTransfer::onFolderReply(Folder& folder, Ticket const& ticket, Reply con
       if (ok(reply)) {
         ++report_.folders;
         folder.changed = true;
+        changed(Change::Folder, pathOf());
         addChild(folder, index, true);
         break;
       }
@@ -634,6 +646,7 @@ void TreeTransfer::onFolderReply(Folder& folder, Ticket const& ticket, Reply con
       if (folder.linkFailed.contains(index)) break;
       if (ok(reply)) {
         folder.changed = true;
+        changed(Change::Link, pathOf());
       } else {
         --report_.links;
         session_.remove(sftp::SftpSession::ignored(), folder.temporaries[index]);
@@ -646,12 +659,15 @@ void TreeTransfer::onFolderReply(Folder& folder, Ticket const& ticket, Reply con
         auto const path = ticket.kind == kFixAttributes ? pathOf() : folder.destination;
         fail(folder,
              describePair(folder.item) + "cannot set the mode and time of " + quoted(path) + ": " + statusOf(reply));
+      } else if (ticket.kind == kFixAttributes) {
+        changed(Change::Fix, pathOf());
       }
       break;
     case kDelete:
       if (ok(reply)) {
         ++report_.deleted;
         folder.changed = true;
+        changed(Change::Delete, pathOf());
       } else if (reply.status != StatusCode::NoSuchFile) {
         fail(folder, describePair(folder.item) + "cannot delete " + where(pathOf()) + ": " + statusOf(reply));
       }
@@ -727,6 +743,22 @@ void TreeTransfer::plan(Change action, std::string const& path, std::uint64_t by
   report_.plan.push_back({action, fl::i18n::utf8_to_ustring(path), bytes});
 }
 
+void TreeTransfer::changed(Change action, std::string const& path, std::uint64_t bytes) {
+  if (!options_.onChange || cancelled_) return;
+  try {
+    options_.onChange({action, fl::i18n::utf8_to_ustring(path), bytes});
+  } catch (...) {
+    stop(std::current_exception());
+  }
+}
+
+// Everything in flight ends at once; resumable temporaries stay.
+void TreeTransfer::stop(std::exception_ptr why) {
+  cancelled_ = std::move(why);
+  stopping_ = true;
+  copier_->cancel();
+}
+
 std::string TreeTransfer::target(Folder const& folder, std::string const& name) const {
   auto path = folder.destination.empty() ? name : joined(folder.destination, name);
   // Beside a root only the root's own temporaries are ever touched.
@@ -765,9 +797,7 @@ void TreeTransfer::reportProgress(bool final) {
   try {
     progress_(progress);
   } catch (...) {
-    cancelled_ = std::current_exception();
-    stopping_ = true;
-    copier_->cancel();
+    stop(std::current_exception());
   }
 }
 

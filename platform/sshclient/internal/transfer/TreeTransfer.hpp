@@ -126,6 +126,9 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void fail(std::size_t item, std::string const& message);
   void fail(Folder& folder, std::string const& message);
   void plan(PlannedChange::Action action, std::string const& path, std::uint64_t bytes);
+  // A change done, for the caller's onChange (a stop when it throws).
+  void changed(PlannedChange::Action action, std::string const& path, std::uint64_t bytes = 0);
+  void stop(std::exception_ptr why);
   void reportProgress(bool final);
   [[nodiscard]] std::string describePair(std::size_t item) const;
   [[nodiscard]] std::string where(std::string const& path) const;
