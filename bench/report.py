@@ -99,6 +99,8 @@ VALUE_COLUMNS = [
     ("resumed", "files resumed (sshfa's count)", lambda v: f"{v:.0f}"),
     ("leftover", "other files left in the folder", lambda v: f"{v:.0f}"),
     ("memory", "peak memory", lambda v: mib_text(v)),
+    ("client-cpu", "client CPU per file", lambda v: f"{v:.0f} µs"),
+    ("server-cpu", "server CPU per file (sshd and what it runs)", lambda v: f"{v:.0f} µs"),
 ]
 
 KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "transfer", "download-10k": "transfer",
@@ -216,6 +218,11 @@ def goals(medians, values=None):
             rows.append((f"10,000 files, {label}: <= {'⅓' if most < 0.4 else '½'} of `rsync -a`'s time",
                          f"ratio {ratio:.3f} ({seconds_text(ours(w))} against {seconds_text(peer(w, 'rsync-a'))})",
                          ratio <= most + 1e-9))
+    for w in ("upload-10k", "download-10k", "upload-1g", "download-1g", "noop-10k"):
+        if ours(w) and peer(w, "sshfa-baseline"):
+            change = ours(w) / peer(w, "sshfa-baseline") - 1
+            rows.append((f"{w}: within 5 % of the baseline build, or faster", f"{change * 100:+.1f} %",
+                         change <= 0.05))
     if ours("noop-10k") and peer("noop-10k", "sshfa-filtered"):
         extra = peer("noop-10k", "sshfa-filtered") / ours("noop-10k") - 1
         rows.append(("10,000 files, no-op re-run through 8 filter rules: adds < 5 %",

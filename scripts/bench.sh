@@ -22,6 +22,10 @@
 #                                     100-byte files, with peak memory
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
+#   SSHFA_BENCH_TOOLS only these tools (names as in the report), e.g.
+#                     "sshfa sshfa-baseline rsync-a" (default: every tool)
+#   SSHFA_BENCH_BASELINE  another sshfa binary (an older build): the transfer
+#                     and no-op rows then run it too, as sshfa-baseline
 #   SSHFA_BENCH_OUT   report folder (default: bench/results)
 #   SSHFA_BENCH_SETTLE  seconds of rest before every step (default 0.5): the
 #                     kernel frees what the previous step removed meanwhile
@@ -169,6 +173,12 @@ ssh -F "$work/ssh_config" -o ControlMaster=yes -o ControlPersist=yes -fN bench
 ssh_cfg=(-F "$work/ssh_config")
 sshfa_cmd=("$sshfa_bin" --host 127.0.0.1 --port "$port" --user "$user" --identity "$work/user_key"
   --known-hosts "$work/known_hosts" --ssh-config "$work/empty_config" --batch)
+# sshfa-baseline runs a step of sshfa with the other binary.
+baseline_bin=${SSHFA_BENCH_BASELINE:-}
+for f in up_sshfa down_sshfa tup_sshfa tdown_sshfa noop_sshfa; do
+  eval "baseline_$f() { local -a sshfa_cmd=(\"\$baseline_bin\" \"\${sshfa_cmd[@]:1}\"); $f; }"
+done
+baseline() { [ -z "$baseline_bin" ] || echo "sshfa-baseline:baseline_$1"; }
 lib_args=(--host 127.0.0.1 --port "$port" --user "$user" --key "$work/user_key" --known-hosts "$work/known_hosts")
 paramiko_cmd=("$python" "$root/bench/peers/paramiko_peer.py" "${lib_args[@]}")
 asyncssh_cmd=("$python" "$root/bench/peers/asyncssh_peer.py" "${lib_args[@]}")
@@ -188,10 +198,15 @@ values=$work/values.tsv  # workload, tool, round, key, value: what a step did be
 # when the step leaves a number in $work/seconds (a library's own timing of
 # the work alone), that number.
 declare -A ciphers
+# CPU time (clock ticks) of a process's children that it has waited for.
+clock_ticks=$(getconf CLK_TCK)
+reaped_cpu() { awk '{print $16 + $17}' "/proc/$1/stat"; }
+
 run_step() {  # workload tool round function
-  local workload=$1 tool=$2 round=$3 fn=$4 log_lines start end seconds
+  local workload=$1 tool=$2 round=$3 fn=$4 log_lines start end seconds cpu_before cpu_after server_before
   log_lines=$(wc -l <"$work/sshd.log")
   rm -f "$work/seconds"
+  cpu_before=$(reaped_cpu $$) server_before=$(reaped_cpu "$sshd_pid")
   start=$EPOCHREALTIME
   if ! "$fn" >"$work/step.out" 2>"$work/step.err"; then
     echo "bench.sh: $workload/$tool failed:" >&2
@@ -199,6 +214,16 @@ run_step() {  # workload tool round function
     exit 1
   fi
   end=$EPOCHREALTIME
+  cpu_after=$(reaped_cpu $$)
+  case $workload in
+  upload-10k | download-10k | noop-10k | changed-10k)
+    # The connection's sshd processes count once the listener has reaped them.
+    local waited
+    for waited in $(seq 40); do pgrep -P "$sshd_pid" >/dev/null || break; sleep 0.05; done
+    note client-cpu $(((cpu_after - cpu_before) * 1000000 / clock_ticks / 10000))
+    note server-cpu $((($(reaped_cpu "$sshd_pid") - server_before) * 1000000 / clock_ticks / 10000))
+    ;;
+  esac
   if [ -s "$work/seconds" ]; then
     seconds=$(cat "$work/seconds")
   else
@@ -241,6 +266,7 @@ run_workload() {  # workload prepare verify tool:function ...
   echo "== $workload" >&2
   for round in $(seq 0 "$runs"); do
     for pair in "$@"; do
+      [ -z "${SSHFA_BENCH_TOOLS:-}" ] || [[ " $SSHFA_BENCH_TOOLS " == *" ${pair%%:*} "* ]] || continue
       step_workload=$workload step_tool=${pair%%:*} step_round=$round
       "$prepare" "${pair%%:*}"
       sleep "$settle"
@@ -497,9 +523,9 @@ after_sync() {  # tool
     $python - "$work/step.out" <<'PY' | while read -r k v; do note "$k" "$v"; done
 import json, sys
 a = json.load(open(sys.argv[1]))
-for k in ("files", "skipped", "bytes"):
-    if k in a:
-        print(k, a[k])
+for k, key in (("files", "copied"), ("skipped", "unchanged"), ("bytes", "bytes")):
+    if key in a:
+        print(k, a[key])
 PY
   fi
 }
@@ -855,22 +881,22 @@ for w in $workloads; do
   case $w in
   upload-1g)
     make_big
-    run_workload "$w" reset_big_up check_big_up sshfa:up_sshfa sftp:up_sftp scp:up_scp rsync:up_rsync \
+    run_workload "$w" reset_big_up check_big_up sshfa:up_sshfa $(baseline up_sshfa) sftp:up_sftp scp:up_scp rsync:up_rsync \
       cat-over-ssh:up_cat paramiko:up_paramiko asyncssh:up_asyncssh
     ;;
   download-1g)
     make_big
-    run_workload "$w" reset_big_down check_big_down sshfa:down_sshfa sftp:down_sftp scp:down_scp \
+    run_workload "$w" reset_big_down check_big_down sshfa:down_sshfa $(baseline down_sshfa) sftp:down_sftp scp:down_scp \
       rsync:down_rsync cat-over-ssh:down_cat paramiko:down_paramiko asyncssh:down_asyncssh
     ;;
   upload-10k)
     make_tree
-    run_workload "$w" reset_tree_up check_tree_up sshfa:tup_sshfa scp-r:tup_scp sftp-r:tup_sftp \
+    run_workload "$w" reset_tree_up check_tree_up sshfa:tup_sshfa $(baseline tup_sshfa) scp-r:tup_scp sftp-r:tup_sftp \
       rsync-a:tup_rsync tar-pipe:tup_tar paramiko:tup_paramiko asyncssh:tup_asyncssh
     ;;
   download-10k)
     make_tree
-    run_workload "$w" reset_tree_down check_tree_down sshfa:tdown_sshfa scp-r:tdown_scp sftp-r:tdown_sftp \
+    run_workload "$w" reset_tree_down check_tree_down sshfa:tdown_sshfa $(baseline tdown_sshfa) scp-r:tdown_scp sftp-r:tdown_sftp \
       rsync-a:tdown_rsync tar-pipe:tdown_tar paramiko:tdown_paramiko asyncssh:tdown_asyncssh
     ;;
   small-1)
@@ -917,7 +943,7 @@ for w in $workloads; do
   noop-10k)
     make_sync_trees
     after_step=after_sync
-    run_workload "$w" prepare_noop check_noop $(sync_steps noop) sshfa-filtered:noop_sshfa_filtered \
+    run_workload "$w" prepare_noop check_noop $(sync_steps noop) $(baseline noop_sshfa) sshfa-filtered:noop_sshfa_filtered \
       sshfa-empty-folder:noop_sshfa_empty \
       ssh-true:noop_ssh_true
     check_noop || { echo "bench.sh: $w: the destination changed during the counted rounds" >&2; exit 1; }
