@@ -619,22 +619,24 @@ Session::Session(std::string host, int port, AuthMethods const& authMethods, SSH
   auto connectAs = [&](std::string const& user) {
     impl.open(user, port, options);
     connectedAs = user;
-    // "none" both asks the server which methods it offers and logs in when
-    // it needs no authentication at all.
-    int const rc = ssh_userauth_none(impl.session.get(), nullptr);
-    impl.failIfStalled(rc, "none");
-    authenticated = rc == SSH_AUTH_SUCCESS;
-    offered = ssh_userauth_list(impl.session.get(), nullptr);
   };
+  // The caller's methods go first, without asking the server for its list
+  // ("none"): that costs a round trip, and every refusal lists the methods.
   for (auto const& method : authMethods) {
     std::string const user = userOf(method);
     if (!impl.session || user != connectedAs) connectAs(user);
-    if (authenticated) break;
     authenticated = impl.authenticate(method, attempts);
     if (authenticated) break;
     offered = ssh_userauth_list(impl.session.get(), nullptr);
   }
   if (!impl.session) connectAs("");
+  if (!authenticated && ssh_is_connected(impl.session.get()) != 0) {
+    // Last, "none": it logs in where the server needs no authentication.
+    int const rc = ssh_userauth_none(impl.session.get(), nullptr);
+    if (attempts.empty()) impl.failIfStalled(rc, "none");
+    authenticated = rc == SSH_AUTH_SUCCESS;
+    if (rc == SSH_AUTH_DENIED || rc == SSH_AUTH_PARTIAL) offered = ssh_userauth_list(impl.session.get(), nullptr);
+  }
   if (!authenticated) {
     fail(SSHError::Kind::Authentication,
          "authentication failed; tried: " + (attempts.empty() ? std::string("no method") : joined(attempts, ", ")) +
@@ -777,6 +779,9 @@ struct Channel::State {
     session->fail(SSHError::Kind::Channel, what + ": " + session->libraryError());
   }
 
+  // Standard output read since the receive window was last offered room.
+  std::size_t readSinceOffer = std::numeric_limits<std::size_t>::max() / 2;
+
   // The request sent last, repeated until the server answers it.
   std::function<int()> pending;
   std::string pendingWhat;
@@ -904,11 +909,21 @@ void Channel::sendEof() {
 }
 
 std::size_t Channel::read(void* buffer, std::size_t size, Stream stream) {
-  int const n = ssh_channel_read_nonblocking(
-      state_->channel, buffer, static_cast<std::uint32_t>(std::min<std::size_t>(size, std::numeric_limits<int>::max())),
-      stream == Stream::Stderr ? 1 : 0);
+  ssh_channel const channel = state_->channel;
+  auto const count = static_cast<std::uint32_t>(std::min<std::size_t>(size, std::numeric_limits<int>::max()));
+  // libssh grows the receive window to the count of this read (timeout 0:
+  // it does not wait); past end-of-file or a close it would fail instead
+  // of saying so. Offered again once a quarter of it was read, so that the
+  // window is not topped up by a small adjust after every read.
+  std::size_t& readSinceOffer = state_->readSinceOffer;
+  bool const offered = size > kBaseWindow && stream == Stream::Stdout && readSinceOffer >= size / 4 &&
+                       ssh_channel_is_eof(channel) == 0 && ssh_channel_is_closed(channel) == 0;
+  int const n = offered ? ssh_channel_read_timeout(channel, buffer, count, 0, 0)
+                        : ssh_channel_read_nonblocking(channel, buffer, count, stream == Stream::Stderr ? 1 : 0);
   if (n == SSH_EOF) return 0;
   if (n < 0) state_->fail("cannot read from the server");
+  if (offered) readSinceOffer = 0;
+  if (stream == Stream::Stdout) readSinceOffer += static_cast<std::size_t>(n);
   if (n > 0) state_->session->noteServerActivity();
   return static_cast<std::size_t>(n);
 }

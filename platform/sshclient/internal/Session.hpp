@@ -176,8 +176,12 @@ class Channel {
   void sendEof();
 
   // Reads what has already arrived on `stream`, at most `size` bytes; 0 when
-  // nothing is there (yet, or any more: see finished()).
+  // nothing is there (yet, or any more: see finished()). Room of more than
+  // kBaseWindow bytes on standard output is offered to the server: the
+  // channel's receive window grows to `size`, so that the server may send
+  // that much ahead (libssh keeps it near kBaseWindow otherwise).
   std::size_t read(void* buffer, std::size_t size, Stream stream);
+  static constexpr std::size_t kBaseWindow = 1280000;
   // Appends everything that has already arrived on `stream` to `out`. Costs
   // no system call when nothing has arrived since the last read: it does not
   // look at the socket (wait() and takeIn() do).

@@ -97,9 +97,35 @@ TEST_F(SessionTest, RepliesReachTheirHandlersWithTheirTickets) {
   EXPECT_EQ(recorder.seen_.size(), 6U);
 }
 
+TEST_F(SessionTest, MeasuresTheRoundTripAndTheDataAnswered) {
+  writeFile(scratch_ / "f", "hello");
+  SftpServerProcess server;
+  SftpSession session(server, "test@peer");
+  EXPECT_EQ(session.roundTrip(), SftpSession::Clock::duration::zero());
+  session.start();
+  auto const first = session.roundTrip();
+  EXPECT_GT(first, SftpSession::Clock::duration::zero());
+  session.drain();
+  EXPECT_LE(session.roundTrip(), first);  // the shortest so far
+  Recorder recorder;
+  session.open(recorder.ticket(1), (scratch_ / "f").string(), openflags::kRead | openflags::kWrite, Attributes{});
+  session.drain();
+  ASSERT_EQ(recorder.seen_.at(0).type, PacketType::Handle);
+  auto const handle = recorder.seen_[0].text;
+  EXPECT_EQ(session.dataAnswered(), 0U);
+  session.write(recorder.ticket(2), handle, 5, ByteView(reinterpret_cast<std::uint8_t const*>("there"), 5));
+  session.read(recorder.ticket(3), handle, 0, 64);
+  session.drain();
+  // As asked for and sent, not as read: the READ found 5 bytes.
+  EXPECT_EQ(session.dataAnswered(), 5U + 64U);
+  session.close(SftpSession::ignored(), handle);
+  session.drain();
+}
+
 TEST_F(SessionTest, AReplyToNoRequestIsAProtocolError) {
   FakeServer server([](Request const& r, std::vector<Bytes>& out) {
     if (r.type == PacketType::Init) return out.push_back(Body(PacketType::Version).u32(3).framed());
+    if (r.type == PacketType::Extended) return out.push_back(status(r.id, StatusCode::OpUnsupported).framed());
     out.push_back(status(r.id + 7, StatusCode::Ok).framed());
   });
   SftpSession session(server, "test@peer");

@@ -118,7 +118,11 @@ std::span<std::uint8_t> PacketReader::writable(std::size_t minimum) {
       end_ -= begin_;
       begin_ = 0;
     }
-    if (buffer_.size() - end_ < minimum) buffer_.resize(std::max(end_ + minimum, buffer_.size() * 2));
+    // Room for a partial packet besides: a caller that always asks for
+    // the same room never makes it grow again.
+    if (buffer_.size() - end_ < minimum) {
+      buffer_.resize(end_ + minimum + std::min<std::size_t>(minimum, kMaxPacketLength));
+    }
   }
   return std::span<std::uint8_t>(buffer_).subspan(end_);
 }

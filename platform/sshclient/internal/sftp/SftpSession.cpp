@@ -21,20 +21,36 @@ std::uint32_t chunkFor(std::uint64_t stated, std::uint64_t maxPacket) {
   return static_cast<std::uint32_t>(std::max<std::uint64_t>(1, chunk));
 }
 
+void noteRoundTrip(SftpSession::Clock::duration& shortest, SftpSession::Clock::time_point sent) {
+  auto const took = SftpSession::Clock::now() - sent;
+  if (shortest == SftpSession::Clock::duration::zero() || took < shortest) shortest = took;
+}
+
 }  // namespace
 
 SftpSession::SftpSession(Transport& transport, std::string peer)
-    : transport_(transport), peer_(std::move(peer)), readChunk_(kDefaultChunk), writeChunk_(kDefaultChunk) {}
+    : transport_(transport),
+      peer_(std::move(peer)),
+      receiveRoom_(kReceiveRoom),
+      readChunk_(kDefaultChunk),
+      writeChunk_(kDefaultChunk) {}
+
+void SftpSession::begin() {
+  writer().init();
+  initSent_ = Clock::now();
+  versionAwaited_ = true;
+  // Asked for at once, not after VERSION offered them: a server that does
+  // not know the request refuses it (the defaults hold), and the answer
+  // arrives with those to the first requests.
+  writer().limits(track({&limitsReply_}));
+}
 
 void SftpSession::start() {
-  writer().init();
+  begin();
   while (!versionReceived_) pump();
-  if (offers(kLimitsExtension)) {
-    writer().limits(track({&limitsReply_}));
-  } else {
-    adopt(Limits{});
-  }
 }
+
+void SftpSession::setReceiveRoom(std::size_t bytes) noexcept { receiveRoom_ = std::max(bytes, kReceiveRoom); }
 
 bool SftpSession::offers(std::string_view extension) const noexcept {
   return std::any_of(extensions_.begin(), extensions_.end(),
@@ -45,7 +61,10 @@ void SftpSession::LimitsReply::onReply(Ticket const& /*ticket*/, Reply const& re
   session_.adopt(reply.type == PacketType::ExtendedReply ? decodeLimits(reply.data) : Limits{});
 }
 
-void SftpSession::usePosixRename(bool allowed) noexcept { posixRename_ = allowed && offers(kPosixRenameExtension); }
+void SftpSession::usePosixRename(bool allowed) noexcept {
+  posixRenameAllowed_ = allowed;
+  posixRename_ = allowed && offers(kPosixRenameExtension);
+}
 
 void SftpSession::adopt(Limits const& limits) {
   limitsKnown_ = true;
@@ -64,7 +83,7 @@ PacketWriter SftpSession::writer() {
 
 std::uint32_t SftpSession::track(Ticket const& ticket, std::uint32_t data) {
   auto const id = nextId_++;
-  pending_.emplace(id, Waiting{ticket, data});
+  pending_.emplace(id, Waiting{ticket, data, Clock::now()});
   dataInFlight_ += data;
   return id;
 }
@@ -143,7 +162,7 @@ bool SftpSession::pump(bool mayWait) {
   }
   std::size_t received = 0;
   while (received < kReceiveBatch) {
-    auto const n = transport_.receive(in_.writable(kReceiveRoom));
+    auto const n = transport_.receive(in_.writable(receiveRoom_));
     if (n == 0) break;
     in_.commit(n);
     received += n;
@@ -154,21 +173,31 @@ bool SftpSession::pump(bool mayWait) {
 }
 
 void SftpSession::drain() {
-  while (!pending_.empty() || queuedBytes() > 0) pump();
+  while (pending() > 0 || queuedBytes() > 0) pump();
 }
 
 void SftpSession::wait() { transport_.wait(queuedBytes() > 0); }
 
 void SftpSession::onPacket(ByteView packet) {
   if (!versionReceived_) {
+    // A server may answer the requests sent behind INIT before VERSION; as
+    // many as were sent wait for it.
+    if (!packet.empty() && packet[0] != static_cast<std::uint8_t>(PacketType::Version) &&
+        early_.size() < pending_.size()) {
+      early_.emplace_back(packet.begin(), packet.end());
+      return;
+    }
     auto version = decodeVersion(packet);
     if (version.version != kProtocolVersion) {
       throw ProtocolError("the server speaks SFTP version " + std::to_string(version.version) + ", not " +
                           std::to_string(kProtocolVersion));
     }
     versionReceived_ = true;
+    versionAwaited_ = false;
+    noteRoundTrip(roundTrip_, initSent_);
     extensions_ = std::move(version.extensions);
-    posixRename_ = offers(kPosixRenameExtension);
+    posixRename_ = posixRenameAllowed_ && offers(kPosixRenameExtension);
+    for (auto const& early : std::exchange(early_, {})) onPacket(ByteView(early.data(), early.size()));
     return;
   }
   auto const reply = decodeReply(packet);
@@ -177,6 +206,8 @@ void SftpSession::onPacket(ByteView packet) {
   auto const waiting = found->second;
   pending_.erase(found);
   dataInFlight_ -= waiting.data;
+  dataAnswered_ += waiting.data;
+  noteRoundTrip(roundTrip_, waiting.sent);
   if (waiting.ticket.handler != nullptr) waiting.ticket.handler->onReply(waiting.ticket, reply);
 }
 

@@ -13,12 +13,18 @@
 // each has its own ids and queues; pump each with mayWait = false, then wait
 // on one of them.
 //
+// It measures the link from its own replies: the shortest time a request
+// took to be answered (the round trip, with the server's own time), and the
+// file data answered so far (READ and WRITE), from which a caller tells the
+// rate at which data moves.
+//
 // Errors: a reply that cannot be decoded, or that answers no request, throws
 // ProtocolError; the transport throws SSHError (ConnectionLost, Timeout,
 // Transfer) when the stream ends or stalls. Afterwards the session is dead.
 // A handler's exception passes through pump() unchanged.
 // Not thread-safe.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -61,10 +67,16 @@ class SftpSession {
   SftpSession(SftpSession const&) = delete;
   SftpSession& operator=(SftpSession const&) = delete;
 
-  // Sends INIT and waits for VERSION; asks for the server's limits when it
-  // offers them, without waiting: limitsKnown() tells when they arrived.
-  // Throws ProtocolError for another protocol version.
+  // Sends INIT and asks for the server's limits, without waiting: requests
+  // may follow at once (the server answers VERSION first; one that does not
+  // know the limits request refuses it, and the defaults hold).
+  // limitsKnown() tells when the limits arrived; until VERSION offers()
+  // knows no extension. A VERSION of another protocol version throws
+  // ProtocolError from pump().
+  void begin();
+  // begin(), then pumps until VERSION arrived.
   void start();
+  [[nodiscard]] bool started() const noexcept { return versionReceived_; }
 
   [[nodiscard]] std::string const& peer() const noexcept { return peer_; }
   [[nodiscard]] bool offers(std::string_view extension) const noexcept;
@@ -120,14 +132,29 @@ class SftpSession {
   // Sleeps until the stream may move (see Transport::wait).
   void wait();
 
-  [[nodiscard]] std::size_t pending() const noexcept { return pending_.size(); }
+  // Requests not answered yet; an awaited VERSION counts as one.
+  [[nodiscard]] std::size_t pending() const noexcept { return pending_.size() + (versionAwaited_ ? 1U : 0U); }
   [[nodiscard]] std::size_t queuedBytes() const noexcept { return out_.size() - sent_; }
   [[nodiscard]] std::uint64_t dataInFlight() const noexcept { return dataInFlight_; }
+
+  // ---- what the replies measured
+  using Clock = std::chrono::steady_clock;
+  // The shortest time from a request's sending to its answer; zero before
+  // the first answer.
+  [[nodiscard]] Clock::duration roundTrip() const noexcept { return roundTrip_; }
+  // File data of READs and WRITEs answered so far (asked for or sent).
+  [[nodiscard]] std::uint64_t dataAnswered() const noexcept { return dataAnswered_; }
+  // Room offered to the transport for each receive: a channel lets the
+  // server send that much ahead of what was read (see Channel::read). At
+  // least 512 KiB.
+  void setReceiveRoom(std::size_t bytes) noexcept;
+  [[nodiscard]] std::size_t receiveRoom() const noexcept { return receiveRoom_; }
 
  private:
   struct Waiting {
     Ticket ticket;
     std::uint32_t data = 0;  // file data counted in flight
+    Clock::time_point sent;  // queued, in fact: sent at once unless much is queued before it
   };
   // The answer to limits@openssh.com, taken in by the session itself.
   class LimitsReply final : public ReplyHandler {
@@ -152,10 +179,18 @@ class SftpSession {
   std::uint32_t nextId_ = 0;
   std::unordered_map<std::uint32_t, Waiting> pending_;
   std::uint64_t dataInFlight_ = 0;
+  std::uint64_t dataAnswered_ = 0;
+  Clock::duration roundTrip_{};
+  Clock::time_point initSent_;
+  std::size_t receiveRoom_;
 
   bool versionReceived_ = false;
+  bool versionAwaited_ = false;  // INIT sent: VERSION counts as pending
+  // Replies that overtook VERSION, handled right after it.
+  std::vector<std::vector<std::uint8_t>> early_;
   std::vector<Extension> extensions_;
   bool posixRename_ = false;
+  bool posixRenameAllowed_ = true;
   bool limitsKnown_ = false;
   std::uint32_t readChunk_;
   std::uint32_t writeChunk_;

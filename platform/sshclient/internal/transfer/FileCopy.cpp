@@ -25,6 +25,8 @@ FileCopier::FileCopier(sftp::SftpSession& session, CopySettings const& settings,
       observer_(observer),
       counters_(counters),
       random_(std::random_device{}()),
+      window_(settings.windowBytes),
+      openFiles_(settings.maxOpenFiles),
       limit_(settings.bytesPerSecond, RateLimit::Clock::now()) {}
 
 FileCopier::~FileCopier() = default;
@@ -45,12 +47,41 @@ std::optional<std::string> FileCopier::current() const {
   return jobs_.front()->task.source;
 }
 
+namespace {
+
+// A file takes about three round trips in a row (open; write, set and close;
+// rename): the time it spends in flight. Its rate is measured over single
+// round trips, where files finish in bursts: the count grows at the first
+// burst rather than three round trips later.
+constexpr int kTurnsPerFile = 3;
+
+}  // namespace
+
+void FileCopier::followLink() {
+  auto const now = Clock::now();
+  auto const roundTrip = session_.roundTrip();
+  dataRate_.sample(now, session_.dataAnswered(), roundTrip);
+  fileRate_.sample(now, counters_.filesDone, roundTrip);
+  window_ = grown(window_, dataRate_.best(), roundTrip, {settings_.windowBytes, settings_.windowCap});
+  openFiles_ = static_cast<std::size_t>(grown(openFiles_, fileRate_.best(), kTurnsPerFile * roundTrip,
+                                              {settings_.maxOpenFiles, settings_.maxOpenFilesCap}));
+  // The channel lets the server send ahead as much as the room offered to
+  // each receive: grown the same way (more eagerly: libssh's own window
+  // already carries twice its rate), up to the replies of every READ in
+  // flight. On loopback it stays at its floor, as before.
+  if (!settings_.upload) {
+    session_.setReceiveRoom(
+        grown(session_.receiveRoom(), dataRate_.best(), 2 * roundTrip, {0, window_ + window_ / 16}));
+  }
+}
+
 void FileCopier::poll() {
   // Finished files make room for new ones.
   if (std::exchange(reapable_, false)) {
     std::erase_if(jobs_, [](auto const& job) { return job->phase == Job::Phase::Done && job->pending == 0; });
   }
-  auto maxOpen = std::max<std::size_t>(1, settings_.maxOpenFiles);
+  followLink();
+  auto maxOpen = std::max<std::size_t>(1, openFiles_);
   if (!session_.limitsKnown()) {
     maxOpen = std::min(maxOpen, kFilesBeforeLimits);
   } else if (session_.handleLimit() > 0) {
@@ -78,7 +109,7 @@ void FileCopier::poll() {
 void FileCopier::sendData() {
   throttled_ = false;
   for (auto& job : jobs_) {
-    if (session_.dataInFlight() >= settings_.windowBytes || session_.queuedBytes() >= kOutboundLimit) return;
+    if (session_.dataInFlight() >= window_ || session_.queuedBytes() >= kOutboundLimit) return;
     if (job->phase != Job::Phase::Transferring || job->failed) continue;
     if (settings_.upload) {
       issueWrites(*job);
@@ -158,6 +189,8 @@ std::string FileCopier::describe(Job const& job) const {
 }
 
 std::string FileCopier::context() const {
+  // Before VERSION a failure is the session's, whatever file has started.
+  if (!session_.started()) return {};
   auto const busy =
       std::find_if(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->phase != Job::Phase::Done; });
   if (busy != jobs_.end()) return describe(**busy);

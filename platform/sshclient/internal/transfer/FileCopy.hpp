@@ -47,16 +47,22 @@
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/RateLimit.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Windows.hpp"
 
 namespace foundation::sshclient::internal::transfer {
 
+// The window and the open files start at their floors, which measured
+// fastest on loopback, and grow up to their caps while the link carries more
+// (Windows.hpp).
 struct CopySettings {
   bool upload = true;
   std::uint64_t windowBytes = 8U * 1024U * 1024U;  // file data in flight
-  std::size_t maxOpenFiles = 128;                  // also bounded by the server's handle limit
-  std::optional<std::uint32_t> chunkSize;          // bytes per READ/WRITE; unset: the server's
-  std::uint32_t createMode = 0600;                 // temporaries are created with it (less the umask)
-  bool resume = false;                             // resumable temporaries, kept when stopped
+  std::uint64_t windowCap = 32U * 1024U * 1024U;
+  std::size_t maxOpenFiles = 128;  // also bounded by the server's handle limit
+  std::size_t maxOpenFilesCap = 256;
+  std::optional<std::uint32_t> chunkSize;  // bytes per READ/WRITE; unset: the server's
+  std::uint32_t createMode = 0600;         // temporaries are created with it (less the umask)
+  bool resume = false;                     // resumable temporaries, kept when stopped
   bool stopOnFailure = false;
   std::uint64_t bytesPerSecond = 0;  // file data sent or asked for; 0: no limit
 };
@@ -169,6 +175,7 @@ class FileCopier final : public sftp::ReplyHandler {
   void finishDownload(Job& job);
 
   [[nodiscard]] std::uint32_t chunk() const noexcept;
+  void followLink();
   // The length of the next data request: a chunk, cut under a rate limit.
   [[nodiscard]] std::uint32_t requestChunk() const noexcept { return limit_.requestLength(chunk()); }
   // Whether the rate limit lets a data request go now; false marks the copier
@@ -190,6 +197,12 @@ class FileCopier final : public sftp::ReplyHandler {
   bool stopping_ = false;
   bool cancelled_ = false;
   bool reapable_ = false;  // a finished job may be waiting to go
+  // What the link carries: the window and the open files grow from the
+  // settings' floors.
+  std::uint64_t window_;
+  std::size_t openFiles_;
+  RateMeter dataRate_;
+  RateMeter fileRate_;
   RateLimit limit_;
   bool throttled_ = false;  // data held back by the rate limit
 };

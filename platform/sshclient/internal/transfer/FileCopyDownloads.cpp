@@ -95,7 +95,7 @@ void FileCopier::onDownloadAnswer(Job& job, std::uint32_t kind, Reply const& rep
 }
 
 void FileCopier::issueReads(Job& job) {
-  while (job.next < job.size && job.end == UINT64_MAX && session_.dataInFlight() < settings_.windowBytes &&
+  while (job.next < job.size && job.end == UINT64_MAX && session_.dataInFlight() < window_ &&
          session_.queuedBytes() < kOutboundLimit && mayRequest()) {
     auto const length =
         static_cast<std::uint32_t>(std::min<std::uint64_t>(requestChunk(), job.stretchEnd() - job.next));

@@ -135,8 +135,8 @@ bool FileCopier::readAhead(Job& job) {
 }
 
 void FileCopier::issueWrites(Job& job) {
-  while (job.next < job.size && session_.dataInFlight() < settings_.windowBytes &&
-         session_.queuedBytes() < kOutboundLimit && mayRequest()) {
+  while (job.next < job.size && session_.dataInFlight() < window_ && session_.queuedBytes() < kOutboundLimit &&
+         mayRequest()) {
     if (!readAhead(job)) break;
     auto const length = static_cast<std::uint32_t>(
         std::min<std::uint64_t>({requestChunk(), job.stretchEnd() - job.next, job.block.end() - job.next}));
@@ -149,22 +149,21 @@ void FileCopier::issueWrites(Job& job) {
     ++job.dataInFlight;
   }
   if (job.failed) return;
-  if (job.next >= job.size) {
-    job.block.release();
-    if (job.dataInFlight == 0) finishUpload(job);
-  }
+  // The attributes and the CLOSE follow the last WRITE at once: the server
+  // answers in order, so a failed WRITE fails the file before the CLOSE's
+  // answer could lead to the rename.
+  if (job.next >= job.size) finishUpload(job);
 }
 
 void FileCopier::onWrite(Job& job, Ticket const& ticket, Reply const& reply) {
   --job.dataInFlight;
-  if (job.failed || job.phase != Job::Phase::Transferring) return;
+  if (job.failed) return;
   if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to WRITE");
   if (reply.status != StatusCode::Ok) {
     diagnose(job, reply.status, reply.message);
     return fail(job, "cannot write " + quoted(job.temp) + ": " + sftp::describeStatus(reply.status, reply.message));
   }
   counters_.bytesDone += ticket.length;
-  if (job.next >= job.size && job.dataInFlight == 0) finishUpload(job);
 }
 
 void FileCopier::finishUpload(Job& job) {

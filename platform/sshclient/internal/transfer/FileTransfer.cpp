@@ -44,7 +44,7 @@ class FileTransfer final : public transfer::FileObserver {
 
   void run() {
     try {
-      session_.start();
+      session_.begin();
       for (;;) {
         copier_->poll();
         if (copier_->idle() && session_.pending() == 0 && session_.queuedBytes() == 0) break;

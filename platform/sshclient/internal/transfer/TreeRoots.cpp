@@ -62,8 +62,11 @@ void TreeTransfer::prepareRoots() {
   examineSources();
   refuseOverlaps();
   if (!failures_.empty()) return;
-  if (!dryRun_) makeParents();
-  examineDestinations();
+  if (dryRun_) {
+    examineDestinations();
+  } else {
+    makeParents();
+  }
   for (auto& root : roots_) {
     if (!root.failed) startRoot(root);
   }
@@ -154,18 +157,21 @@ void TreeTransfer::refuseOverlaps() {
 
 void TreeTransfer::placeIntoFolders() {
   if (options_.intoFolders) {
+    bool asked = false;
     for (auto& root : roots_) {
       if (root.failed) continue;
       if (root.destination.ends_with('/')) {
         root.into = true;
       } else if (upload_) {
         session_.stat({this, kInto, nullptr, root.item}, root.destination);
+        asked = true;
       } else {
         struct stat st {};
         root.into = ::stat(root.destination.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
       }
     }
-    await();
+    // Not for VERSION alone: what follows may go in its flight.
+    if (asked) await();
   }
   for (auto& root : roots_) {
     if (root.into) root.destination = joined(root.destination, baseName(root.source));
@@ -175,6 +181,8 @@ void TreeTransfer::placeIntoFolders() {
 
 // Every missing parent of a destination is made, as mkdir -p does; one that
 // cannot be made is named once, and what lies below it is not named again.
+// The destinations are examined in the same flight: the server answers in
+// order, so each look comes after its parents were made.
 void TreeTransfer::makeParents() {
   std::vector<Parent> parents;
   std::unordered_set<std::string> asked;
@@ -210,7 +218,7 @@ void TreeTransfer::makeParents() {
       parent.inTheWay = !parent.isFolder;
     }
   }
-  await();
+  examineDestinations();
   std::vector<std::string const*> failed;
   for (auto const& parent : parents) {
     if (parent.made && parent.isFolder) {
@@ -285,7 +293,7 @@ void TreeTransfer::examineSources() {
       fail(root.item, describePair(root.item) + "cannot read " + quoted(root.source) + ": " + errnoText(error));
     }
   }
-  await();
+  if (!upload_) await();
 }
 
 void TreeTransfer::examineDestinations() {

@@ -100,7 +100,7 @@ TreeTransfer::~TreeTransfer() = default;
 
 TreeTransferReport TreeTransfer::run() {
   try {
-    session_.start();
+    session_.begin();
     prepareRoots();
     rootsReady_ = true;
     walk();
