@@ -34,9 +34,9 @@ constexpr std::size_t kFoldersListed = 32;
 constexpr std::size_t kEntriesAhead = 2048;
 // Files queued ahead of the copies before more folders are listed.
 constexpr std::size_t kFilesAhead = 256;
-// libssh 0.10 keeps about this much of a channel's receive window open: the
-// file data a download has under way per round trip, whatever it asks for.
-constexpr std::uint64_t kReceiveWindow = 640'000;
+// OpenSSH's sshd grants a channel this much: the most an upload has under
+// way per round trip, however far its own window grows.
+constexpr std::uint64_t kServerChannelWindow = 2U * 1024U * 1024U;
 
 bool ok(Reply const& reply) { return reply.type == PacketType::Status && reply.status == StatusCode::Ok; }
 
@@ -89,7 +89,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   // Private until the final mode is set.
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
   copy.resume = options_.resume;
-  inFlight_ = upload_ ? copy.windowBytes : std::min(copy.windowBytes, kReceiveWindow);
+  inFlight_ = upload_ ? std::min(copy.windowCap, kServerChannelWindow) : copy.windowCap;
   copy.bytesPerSecond = options_.bytesPerSecond;
   copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
   deltas_ = std::make_unique<DeltaCopier>(session, shell, copy, *copier_, *this, counters_);
