@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
+#include "sshfileaccess/platform/sshclient/internal/files/Plans.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/TreeTransferParts.hpp"
 
@@ -20,12 +21,9 @@ using sftp::Reply;
 using sftp::StatusCode;
 using sftp::Ticket;
 
-namespace {
+using files::withoutTrailingSlashes;
 
-std::string withoutTrailingSlashes(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
-}
+namespace {
 
 // The last name of a path ("a" for "x/a/").
 std::string baseName(std::string const& path) {
