@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "tests/faults/FaultSupport.hpp"
 
 namespace sshfa::testing {
@@ -27,11 +30,31 @@ class KilledSession : public ::testing::Test {
   std::optional<ssh::SSHError> copyKilled(Direction direction, fs::path const& source, fs::path const& destination) {
     auto options = server_.options();
     options.progress = [this](ssh::TransferProgress const& progress) {
-      if (!killed_ && progress.bytesDone > 0) {
-        server_.killConnections();
-        killed_ = true;
-      }
+      if (progress.bytesDone > 0) kill();
     };
+    // A big file can arrive before the first progress report: its temporary
+    // (on this machine, whichever the direction) is watched as well.
+    std::atomic<bool> done{false};
+    std::thread watcher;
+    if (fs::is_regular_file(source)) {
+      watcher = std::thread([this, &done, folder = destination.parent_path()] {
+        while (!done && !killed_) {
+          std::error_code ec;
+          for (auto const& entry : fs::directory_iterator(folder, ec)) {
+            if (isTemporary(entry.path().filename().string()) && entry.file_size(ec) > 0) kill();
+          }
+          std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+      });
+    }
+    struct Join {
+      std::atomic<bool>& done;
+      std::thread& watcher;
+      ~Join() {
+        done = true;
+        if (watcher.joinable()) watcher.join();
+      }
+    } const join{done, watcher};
     FileAccess access(connect(server_, options));
     auto error = catchSSHError([&] {
       if (direction == Direction::Upload) {
@@ -72,8 +95,12 @@ class KilledSession : public ::testing::Test {
     return newer;
   }
 
+  void kill() {
+    if (!killed_.exchange(true)) server_.killConnections();
+  }
+
   TestSshd server_;
-  bool killed_ = false;
+  std::atomic<bool> killed_{false};
   fs::path local_ = TestSshd::makeTempDir();
   fs::path remote_ = TestSshd::makeTempDir();
 };
