@@ -231,6 +231,11 @@ struct TreeTransferOptions {
   // File data sent (uploads) or asked for (downloads) per second, over the
   // whole transfer; 0: no limit. Waits sleep no longer than the limit needs.
   std::uint64_t bytesPerSecond = 0;
+  // SFTP channels of the one connection that carry the files, each with its
+  // own window and its own server process; a file stays on one channel.
+  // When the server refuses more, the transfer goes on over those that
+  // opened (the report's details say so).
+  std::size_t channels = 1;
   // Called on the caller's thread as each change is done: a file copied or
   // resumed (bytes: the data sent), a link placed, a folder made, an entry
   // deleted, an entry in the way replaced, an unchanged file's mode and time

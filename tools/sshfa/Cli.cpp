@@ -243,6 +243,11 @@ CLI::App* addTransferCommand(CLI::App& app, Invocation& inv, std::string const& 
                   "Send (or fetch) at most RATE bytes of file data a second: 1M, 512K, 2.5M, 100000 (K, M, G: "
                   "powers of 1024)")
       ->type_name("RATE");
+  sub->add_option("--channels", inv.transfer.channels,
+                  "Carry the files over N SFTP channels of the one connection (1 to 16; fewer when the server "
+                  "refuses more)")
+      ->type_name("N")
+      ->check(CLI::Range(1, 16));
   sub->add_flag("-a,--archive", inv.archive,
                 "Accepted for habit: modes, times and links are always kept, folders copied whole");
   auto const* const choosing = "Choosing files (rsync's rules; the first that matches decides)";

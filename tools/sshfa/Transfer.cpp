@@ -196,6 +196,7 @@ sfa::TransferOptions optionsOf(TransferCommand const& command) {
   options.ignoreSuspectNames = flags.ignoreSuspectNames;
   options.filter = flags.filter;
   options.bytesPerSecond = flags.bytesPerSecond;
+  options.channels = flags.channels;
   // As rsync: what is in the way is replaced (a folder only with --delete).
   options.replaceInTheWay = true;
   return options;

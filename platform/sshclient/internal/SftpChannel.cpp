@@ -4,7 +4,7 @@
 
 namespace foundation::sshclient::internal {
 
-SftpChannel::SftpChannel(Session& session) : session_(session), channel_(session) {
+SftpChannel::SftpChannel(Session& session, bool& arrived) : session_(session), arrived_(arrived), channel_(session) {
   channel_.requestSubsystem("sftp", Channel::Answer::Later);
 }
 

@@ -6,6 +6,9 @@
 // "the server offers no SFTP service", and a server that ends the session
 // is SSHError(Transfer) with what it wrote to standard error. Closed when
 // destroyed; must not outlive its Session.
+//
+// Several channels driven by one loop share one arrival flag: news taken in
+// for any of them keeps wait() from sleeping on the socket.
 
 #include <cstddef>
 #include <cstdint>
@@ -19,16 +22,19 @@ namespace foundation::sshclient::internal {
 
 class SftpChannel final : public sftp::Transport {
  public:
-  explicit SftpChannel(Session& session);
+  explicit SftpChannel(Session& session) : SftpChannel(session, ownArrival_) {}
+  // `arrived` is shared with the loop's other channels and outlives this one.
+  SftpChannel(Session& session, bool& arrived);
 
   std::size_t send(std::span<std::uint8_t const> data) override;
   std::size_t receive(std::span<std::uint8_t> buffer) override;
   void wait(bool wantSend) override;
 
  private:
+  bool ownArrival_ = false;
   Session& session_;
+  bool& arrived_;
   Channel channel_;
-  bool arrived_ = false;
   ArrivalWatch watch_{channel_.raw(), arrived_};
   std::string diagnostics_;
   bool accepted_ = false;

@@ -40,10 +40,14 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
                                  std::function<void(TransferProgress const&)> const& progress,
                                  std::function<std::string(std::string const&)> const& shell) {
   if (command.getItems().empty()) return {};
-  SftpChannel transport(session);
+  bool arrived = false;
+  SftpChannel transport(session, arrived);
   sftp::RemoteShell const remote{
       shell, [&session](std::string const& line) { return std::make_unique<ChannelCommand>(session, line); }};
-  return sftp::transferTrees(transport, session.describe(), command, progress, remote);
+  auto const more = [&session, &arrived]() -> std::unique_ptr<sftp::Transport> {
+    return std::make_unique<SftpChannel>(session, arrived);
+  };
+  return sftp::transferTrees(transport, session.describe(), command, progress, remote, {}, more);
 }
 
 }  // namespace foundation::sshclient::internal

@@ -33,6 +33,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -129,6 +130,13 @@ class FileCopier final : public sftp::ReplyHandler {
   void poll();
   [[nodiscard]] bool idle() const noexcept;
   [[nodiscard]] std::size_t waiting() const noexcept;  // queued, not started
+  [[nodiscard]] std::size_t active() const noexcept { return jobs_.size(); }
+  // Whether a file to `destination` is queued or under way here.
+  [[nodiscard]] bool holds(std::string const& destination) const {
+    return busy_.contains(destination) || std::any_of(queue_.begin(), queue_.end(), [&](FileTask const& task) {
+             return task.destination == destination;
+           });
+  }
   [[nodiscard]] bool stopped() const noexcept { return stopping_; }
   // The source of the oldest file in flight, for progress.
   [[nodiscard]] std::optional<std::string> current() const;

@@ -169,9 +169,9 @@ void transfer(Transport& transport, std::string const& peer, CopyFilesCommand co
 
 TreeTransferReport transferTrees(Transport& transport, std::string const& peer, CopyTreesCommand const& command,
                                  ProgressCallback const& progress, RemoteShell const& shell,
-                                 EngineOptions const& options) {
+                                 EngineOptions const& options, StreamOpener const& more) {
   SftpSession session(transport, peer);
-  return transfer::TreeTransfer(session, command, progress, shell, options).run();
+  return transfer::TreeTransfer(session, command, progress, shell, options, more).run();
 }
 
 }  // namespace sftp

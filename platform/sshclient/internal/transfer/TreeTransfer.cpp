@@ -67,7 +67,7 @@ sftp::Attributes attributesOf(Kept const& wanted) {
 
 TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& command,
                            sftp::ProgressCallback const& progress, sftp::RemoteShell const& shell,
-                           sftp::EngineOptions const& options)
+                           sftp::EngineOptions const& options, sftp::StreamOpener more)
     : session_(session),
       command_(command),
       options_(command.getOptions()),
@@ -92,15 +92,26 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   inFlight_ = upload_ ? std::min(copy.windowCap, kServerChannelWindow) : copy.windowCap;
   copy.bytesPerSecond = options_.bytesPerSecond;
   copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
+  copiers_.attach(*copier_);
+  copySettings_ = copy;
+  posixRename_ = options.usePosixRename;
+  more_ = std::move(more);
   deltas_ = std::make_unique<DeltaCopier>(session, shell, copy, *copier_, *this, counters_);
   session_.usePosixRename(options.usePosixRename);
 }
+
+struct TreeTransfer::Lane {
+  std::unique_ptr<sftp::Transport> transport;
+  std::unique_ptr<sftp::SftpSession> session;
+  std::unique_ptr<FileCopier> copier;
+};
 
 TreeTransfer::~TreeTransfer() = default;
 
 TreeTransferReport TreeTransfer::run() {
   try {
     session_.begin();
+    openChannels();
     prepareRoots();
     rootsReady_ = true;
     walk();
@@ -148,6 +159,47 @@ TreeTransferReport TreeTransfer::run() {
   return report_;
 }
 
+// ---- channels ------------------------------------------------------------------
+
+// Each further channel costs a round trip to open; they open while the
+// first session's start is under way.
+void TreeTransfer::openChannels() {
+  auto const wanted = std::max<std::size_t>(1, options_.channels);
+  if (wanted == 1 || !more_ || dryRun_) return;
+  while (lanes_.size() + 1 < wanted) {
+    auto lane = std::make_unique<Lane>();
+    try {
+      lane->transport = more_();
+    } catch (SSHError const& e) {
+      if (e.kind() != SSHError::Kind::Channel) throw;
+      report_.details.push_back(fl::i18n::utf8_to_ustring("files went over " + std::to_string(lanes_.size() + 1) +
+                                                          " of " + std::to_string(wanted) +
+                                                          " channels: the server refused another (" + e.what() + ")"));
+      return;
+    }
+    lane->session = std::make_unique<sftp::SftpSession>(*lane->transport, session_.peer());
+    lane->session->usePosixRename(posixRename_);
+    lane->session->begin();
+    lane->copier = std::make_unique<FileCopier>(*lane->session, copySettings_, *this, counters_);
+    copiers_.attach(*lane->copier);
+    lanes_.push_back(std::move(lane));
+  }
+}
+
+bool TreeTransfer::pumpAll() {
+  bool moved = session_.pump(false);
+  for (auto& lane : lanes_) moved |= lane->session->pump(false);
+  return moved;
+}
+
+bool TreeTransfer::quietStreams() const noexcept {
+  auto const quiet = [](sftp::SftpSession const& session) {
+    return session.pending() == 0 && session.queuedBytes() == 0;
+  };
+  return quiet(session_) &&
+         std::all_of(lanes_.begin(), lanes_.end(), [&](auto const& lane) { return quiet(*lane->session); });
+}
+
 // ---- the walk ------------------------------------------------------------------
 
 void TreeTransfer::walk() {
@@ -155,25 +207,26 @@ void TreeTransfer::walk() {
     planMeasured();
     startFolders();
     deltas_->poll();
-    copier_->poll();
-    bool const quiet = session_.pending() == 0 && session_.queuedBytes() == 0;
+    copiers_.poll();
+    bool const quiet = quietStreams();
     // A stop leaves its folders unfinished: it ends once nothing is under way.
     bool const finished = waiting_.empty() && folders_.empty() && removals_.empty();
-    if (quiet && (finished || cancelled_) && copier_->idle() && deltas_->idle()) return;
-    if (deltas_->busy() || (quiet && (!waiting_.empty() || !copier_->idle()))) {
+    if (quiet && (finished || cancelled_) && copiers_.idle() && deltas_->idle()) return;
+    if (deltas_->busy() || (quiet && (!waiting_.empty() || !copiers_.idle()))) {
       // Work that needs no answer: go round without sleeping, taking in
       // what came meanwhile (hashing a large file takes a while).
-      if (!quiet) session_.pump(false);
+      if (!quiet) pumpAll();
       reportProgress(false);
       continue;
     }
     if (deltas_->running()) {
       // A command's news may come in with the SFTP replies: sleep only after
       // the pump, and only when neither has anything.
-      if (!session_.pump(false) && !deltas_->news()) session_.wait();
+      if (!pumpAll() && !deltas_->news()) session_.wait();
     } else {
       if (quiet) throw std::logic_error("tree transfer stalled");
-      session_.pump();
+      // The channels share one arrival flag: this sleeps only when none has news.
+      if (!pumpAll()) session_.wait();
     }
     reportProgress(false);
   }
@@ -183,7 +236,7 @@ void TreeTransfer::startFolders() {
   // The width of the folders listed so far decides how many go at once.
   auto const width = std::max<std::size_t>(1, entriesListed_ / std::max<std::size_t>(1, foldersListed_));
   auto const listings = std::clamp<std::size_t>(kEntriesAhead / width, 1, kFoldersListed);
-  while (!waiting_.empty() && !stopping_ && listing_ < listings && copier_->waiting() < kFilesAhead) {
+  while (!waiting_.empty() && !stopping_ && listing_ < listings && copiers_.waiting() < kFilesAhead) {
     auto* const folder = waiting_.back();
     waiting_.pop_back();
     beginFolder(*folder);
@@ -627,7 +680,7 @@ void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
   }
   ++folder.outstanding;
   if (delta) return deltas_->add(std::move(task), action.existing->size);
-  copier_->add(std::move(task));
+  copiers_.add(std::move(task));
 }
 
 void TreeTransfer::fileDone(FileTask const& task) {
@@ -821,7 +874,7 @@ void TreeTransfer::stop(std::exception_ptr why) {
   cancelled_ = std::move(why);
   stopping_ = true;
   deltas_->cancel();
-  copier_->cancel();
+  copiers_.cancel();
 }
 
 std::string TreeTransfer::target(Folder const& folder, std::string const& name) const {
@@ -857,7 +910,7 @@ void TreeTransfer::reportProgress(bool final) {
     progress.filesDone = counters_.filesDone;
     progress.filesTotal = filesTotal_;
     progress.listing = !waiting_.empty() || listing_ > 0;
-    auto current = copier_->current();
+    auto current = copiers_.current();
     if (!current) current = deltas_->current();
     if (current) progress.currentFile = fl::i18n::utf8_to_ustring(*current);
   }
@@ -870,7 +923,7 @@ void TreeTransfer::reportProgress(bool final) {
 
 // What a failure of the whole stream names: the file under way, else the session.
 std::string TreeTransfer::streamContext() const {
-  auto context = copier_->context();
+  auto context = copiers_.context();
   if (context.empty()) context = deltas_->context();
   if (context.empty()) context = "SFTP session with " + session_.peer() + ": ";
   return context;
@@ -878,7 +931,7 @@ std::string TreeTransfer::streamContext() const {
 
 void TreeTransfer::abandon() noexcept {
   deltas_->abandon();
-  copier_->abandon();
+  copiers_.abandon();
 }
 
 }  // namespace foundation::sshclient::internal::transfer

@@ -41,6 +41,7 @@
 
 #include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Copiers.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/DeltaCopy.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/FileCopy.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LinkProbe.hpp"
@@ -51,8 +52,9 @@ namespace foundation::sshclient::internal::transfer {
 
 class TreeTransfer final : public ListingSink, public FileObserver, public sftp::ReplyHandler {
  public:
+  // `more` opens the further channels the options ask for (unset: one only).
   TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& command, sftp::ProgressCallback const& progress,
-               sftp::RemoteShell const& shell, sftp::EngineOptions const& options);
+               sftp::RemoteShell const& shell, sftp::EngineOptions const& options, sftp::StreamOpener more = {});
   ~TreeTransfer();
   TreeTransfer(TreeTransfer const&) = delete;
   TreeTransfer& operator=(TreeTransfer const&) = delete;
@@ -72,6 +74,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   struct Removal;
   struct Root;
   struct Cookie;
+  struct Lane;
 
  private:
   // ---- roots (TreeRoots.cpp)
@@ -86,6 +89,12 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void examineDestinations();
   void startRoot(Root& root);
   void await();
+
+  // ---- channels: the further sessions that carry files
+  void openChannels();
+  // Every session pumped without sleeping; whether anything moved.
+  bool pumpAll();
+  [[nodiscard]] bool quietStreams() const noexcept;
 
   // ---- the walk
   void walk();
@@ -166,7 +175,12 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
 
   TransferCounters counters_;
   std::size_t filesTotal_ = 0;
-  std::unique_ptr<FileCopier> copier_;
+  std::unique_ptr<FileCopier> copier_;  // the first session's
+  CopySettings copySettings_;
+  bool posixRename_ = true;
+  sftp::StreamOpener more_;
+  std::vector<std::unique_ptr<Lane>> lanes_;
+  Copiers copiers_;  // copier_ and those of the lanes
   std::unique_ptr<DeltaCopier> deltas_;
   LinkProbe probe_;
   std::vector<Folder*> measuring_;  // to plan once the link is measured

@@ -1,0 +1,88 @@
+#include "sshfileaccess/platform/sshclient/internal/transfer/Copiers.hpp"
+
+#include <utility>
+
+namespace foundation::sshclient::internal::transfer {
+
+std::optional<std::size_t> copierFor(std::span<CopierLoad const> loads, std::size_t queueBound) {
+  for (std::size_t i = 0; i < loads.size(); ++i) {
+    if (loads[i].holds) return loads[i].queued < queueBound ? std::optional(i) : std::nullopt;
+  }
+  std::optional<std::size_t> best;
+  for (std::size_t i = 0; i < loads.size(); ++i) {
+    if (loads[i].queued >= queueBound) continue;
+    if (!best || loads[i].queued + loads[i].active < loads[*best].queued + loads[*best].active) best = i;
+  }
+  return best;
+}
+
+void Copiers::add(FileTask task) {
+  queue_.push_back(std::move(task));
+  feed();
+}
+
+void Copiers::feed() {
+  if (cancelled_) return;
+  if (copiers_.size() == 1) {
+    while (!queue_.empty()) {
+      copiers_.front()->add(std::move(queue_.front()));
+      queue_.pop_front();
+    }
+    return;
+  }
+  std::vector<CopierLoad> loads(copiers_.size());
+  while (!queue_.empty()) {
+    for (std::size_t i = 0; i < copiers_.size(); ++i) {
+      loads[i] = {copiers_[i]->waiting(), copiers_[i]->active(), copiers_[i]->holds(queue_.front().destination)};
+    }
+    auto const chosen = copierFor(loads, kQueuedEach);
+    if (!chosen) return;
+    copiers_[*chosen]->add(std::move(queue_.front()));
+    queue_.pop_front();
+  }
+}
+
+void Copiers::poll() {
+  feed();
+  for (auto* copier : copiers_) copier->poll();
+}
+
+bool Copiers::idle() const noexcept {
+  if (!queue_.empty() && !cancelled_) return false;
+  for (auto const* copier : copiers_) {
+    if (!copier->idle()) return false;
+  }
+  return true;
+}
+
+std::size_t Copiers::waiting() const noexcept {
+  auto count = queue_.size();
+  for (auto const* copier : copiers_) count += copier->waiting();
+  return count;
+}
+
+std::optional<std::string> Copiers::current() const {
+  for (auto const* copier : copiers_) {
+    if (auto current = copier->current()) return current;
+  }
+  return std::nullopt;
+}
+
+std::string Copiers::context() const {
+  for (auto const* copier : copiers_) {
+    if (auto context = copier->context(); !context.empty()) return context;
+  }
+  return {};
+}
+
+void Copiers::cancel() {
+  cancelled_ = true;
+  queue_.clear();
+  for (auto* copier : copiers_) copier->cancel();
+}
+
+void Copiers::abandon() noexcept {
+  for (auto* copier : copiers_) copier->abandon();
+}
+
+}  // namespace foundation::sshclient::internal::transfer

@@ -1,0 +1,64 @@
+#pragma once
+// Files spread over the FileCopiers of several SFTP sessions (one per
+// channel of a connection), fed from one queue.
+//
+// Each file's whole life (open, data, close, rename) stays with the copier
+// it was handed to. A file goes to the copier already holding its
+// destination, so that the later of two files to one place still waits for
+// the earlier and is the one that stays; any other to the least loaded
+// copier, each holding at most a bounded queue of its own so that a slow
+// channel does not hoard files. With one copier every file goes to it at
+// once, exactly as without this room.
+//
+// Holds the copiers, not their sessions; the first is the one deltas use.
+// Not thread-safe.
+
+#include <cstddef>
+#include <deque>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "sshfileaccess/platform/sshclient/internal/transfer/FileCopy.hpp"
+
+namespace foundation::sshclient::internal::transfer {
+
+struct CopierLoad {
+  std::size_t queued = 0;  // handed over, not started
+  std::size_t active = 0;  // started, not finished
+  bool holds = false;      // has the file's destination in hand
+};
+
+// The copier a file goes to, or nullopt while it must wait: the one that
+// holds its destination (when that one has room), else the least loaded
+// with fewer than `queueBound` queued.
+[[nodiscard]] std::optional<std::size_t> copierFor(std::span<CopierLoad const> loads, std::size_t queueBound);
+
+class Copiers {
+ public:
+  // Files each copier may hold queued beyond several.
+  static constexpr std::size_t kQueuedEach = 64;
+
+  void attach(FileCopier& copier) { copiers_.push_back(&copier); }
+  [[nodiscard]] std::size_t size() const noexcept { return copiers_.size(); }
+
+  void add(FileTask task);
+  // Hands queued files over, then polls every copier.
+  void poll();
+  [[nodiscard]] bool idle() const noexcept;
+  [[nodiscard]] std::size_t waiting() const noexcept;
+  [[nodiscard]] std::optional<std::string> current() const;
+  [[nodiscard]] std::string context() const;
+  void cancel();
+  void abandon() noexcept;
+
+ private:
+  void feed();
+
+  std::vector<FileCopier*> copiers_;
+  std::deque<FileTask> queue_;
+  bool cancelled_ = false;
+};
+
+}  // namespace foundation::sshclient::internal::transfer

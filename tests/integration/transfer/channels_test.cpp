@@ -1,0 +1,241 @@
+// Tree transfers over several SFTP channels of one connection, through a
+// link with a real round trip: every byte arrives both ways over as many
+// server processes as channels asked for; a server that allows one session
+// per connection still gets everything over one; a channel whose server
+// process dies leaves nothing incomplete under a final name; and a killed
+// transfer over several channels is resumed.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/LinkTestHelpers.hpp"
+#include "tests/support/SftpPackets.hpp"
+#include "tests/support/SshTestHelpers.hpp"
+#include "tests/support/TestFiles.hpp"
+#include "tests/unit/sftp/TransferFiles.hpp"
+
+namespace sshfa::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using ssh::TransferDirection;
+
+void put(fs::path const& path, std::string const& bytes) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+bool isTemporary(std::string const& name) {
+  return name.size() > 1 && name.front() == '.' && name.find(".sshfa-") != std::string::npos;
+}
+
+// Regular files below `root`, relative name -> content; temporaries apart.
+struct Found {
+  std::map<std::string, std::string> files;
+  std::vector<std::string> temporaries;
+};
+Found filesBelow(fs::path const& root) {
+  Found found;
+  for (auto const& entry : fs::recursive_directory_iterator(root)) {
+    if (!entry.is_regular_file()) continue;
+    auto name = fs::relative(entry.path(), root).string();
+    if (isTemporary(entry.path().filename().string())) {
+      found.temporaries.push_back(name);
+    } else {
+      found.files[name] = readFile(entry.path());
+    }
+  }
+  return found;
+}
+
+// A tree of many small files in a few folders, and a few larger ones.
+void writeTree(fs::path const& root, int smallFiles, int largeFiles, std::size_t largeSize) {
+  for (int i = 0; i < smallFiles; ++i) {
+    put(root / ("d" + std::to_string(i % 7)) / ("f" + std::to_string(i)),
+        randomBytes(2048 + static_cast<std::size_t>(i) * 13, static_cast<std::uint64_t>(i)));
+  }
+  for (int i = 0; i < largeFiles; ++i) {
+    put(root / ("large" + std::to_string(i)), randomBytes(largeSize, 1000 + static_cast<std::uint64_t>(i)));
+  }
+}
+
+// Each SFTP session served by a process of its own, as OpenSSH installs it.
+std::string ownProcesses() { return "Subsystem sftp " + sftpServerPath() + "\n"; }
+
+// The SFTP server processes serving `server`'s connections.
+std::vector<pid_t> sftpServers(TestSshd const& server) {
+  std::vector<pid_t> found;
+  for (pid_t const pid : server.connectionPids()) {
+    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+    std::string name;
+    if (std::getline(comm, name) && name == "sftp-server") found.push_back(pid);
+  }
+  return found;
+}
+
+// Counts the most SFTP server processes seen at once while it lives.
+class ServerCount {
+ public:
+  explicit ServerCount(TestSshd const& server)
+      : watcher_([this, &server] {
+          while (!done_) {
+            auto const now = sftpServers(server).size();
+            if (now > most_) most_ = now;
+            std::this_thread::sleep_for(2ms);
+          }
+        }) {}
+  ~ServerCount() {
+    done_ = true;
+    watcher_.join();
+  }
+  ServerCount(ServerCount const&) = delete;
+  ServerCount& operator=(ServerCount const&) = delete;
+  [[nodiscard]] std::size_t most() const { return most_; }
+
+ private:
+  std::atomic<bool> done_{false};
+  std::atomic<std::size_t> most_{0};
+  std::thread watcher_;
+};
+
+class Channels : public ::testing::Test {
+ protected:
+  // One tree copy through `link` to `server`.
+  static ssh::TreeTransferReport copy(TestSshd const& server, linkemu::LinkEmulator const& link,
+                                      TransferDirection direction, fs::path const& from, fs::path const& to,
+                                      ssh::TreeTransferOptions const& options,
+                                      std::function<void(ssh::TransferProgress const&)> progress = {}) {
+    auto clientOptions = optionsThrough(server, link);
+    clientOptions.progress = std::move(progress);
+    auto const client = connectThrough(server, link, clientOptions);
+    auto const source = u(from.string());
+    auto const destination = u(to.string());
+    std::vector<ssh::FileLocations> items{direction == TransferDirection::LocalToRemote
+                                              ? ssh::FileLocations{source, destination}
+                                              : ssh::FileLocations{destination, source}};
+    return client->copyTrees(ssh::CopyTreesCommand(std::move(items), direction, options));
+  }
+
+  fs::path const scratch_ = TestSshd::makeTempDir();
+  fs::path const source_ = scratch_ / "source";
+  fs::path const there_ = scratch_ / "there";
+  fs::path const back_ = scratch_ / "back";
+};
+
+TEST_F(Channels, ATreeOverThreeChannelsArrivesWholeBothWays) {
+  writeTree(source_, 300, 3, 3U << 20U);
+  TestSshd const sshd(ownProcesses());
+  auto const link = linkTo(sshd, 10ms);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  for (auto const direction : {TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal}) {
+    bool const up = direction == TransferDirection::LocalToRemote;
+    ServerCount const servers(sshd);
+    auto const report = copy(sshd, *link, direction, up ? source_ : there_, up ? there_ : back_, options);
+    EXPECT_EQ(report.files, 303U);
+    EXPECT_THAT(report.details, ::testing::IsEmpty());
+    EXPECT_EQ(servers.most(), 3U) << (up ? "up" : "down");
+  }
+  auto const sent = filesBelow(source_).files;
+  ASSERT_EQ(sent.size(), 303U);
+  auto const there = filesBelow(there_);
+  auto const back = filesBelow(back_);
+  EXPECT_TRUE(there.files == sent);
+  EXPECT_TRUE(back.files == sent);
+  EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
+  EXPECT_THAT(back.temporaries, ::testing::IsEmpty());
+}
+
+TEST_F(Channels, AServerOfOneSessionPerConnectionGetsEverythingOverOne) {
+  TestSshd const server("MaxSessions 1\n" + ownProcesses());
+  writeTree(source_, 120, 1, 1U << 20U);
+  auto const link = linkTo(server, 5ms);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  auto const report = copy(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
+  EXPECT_EQ(report.files, 121U);
+  ASSERT_EQ(report.details.size(), 1U);
+  EXPECT_THAT(fl::i18n::ustring_to_utf8(report.details.front()),
+              ::testing::StartsWith("files went over 1 of 3 channels: the server refused another ("));
+  auto const there = filesBelow(there_);
+  EXPECT_TRUE(there.files == filesBelow(source_).files);
+  EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
+}
+
+// The transfer may fail (naming a file under way, or the session) or finish; either way a
+// file under its final name is complete.
+TEST_F(Channels, AChannelWhoseServerDiesLeavesNothingIncomplete) {
+  TestSshd const server(ownProcesses());
+  writeTree(source_, 900, 4, 2U << 20U);
+  auto const link = linkTo(server, 5ms);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  std::atomic<bool> killed{false};
+  auto const killOne = [&](ssh::TransferProgress const& progress) {
+    if (progress.filesDone == 0 || killed) return;
+    auto const servers = sftpServers(server);
+    if (servers.size() < 3) return;
+    ::kill(servers.back(), SIGKILL);
+    killed = true;
+  };
+  std::optional<std::string> error;
+  try {
+    copy(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killOne);
+  } catch (ssh::SSHError const& e) {
+    error = e.what();
+  }
+  ASSERT_TRUE(killed) << "the copy ended before the kill";
+  if (error) {
+    EXPECT_THAT(*error, ::testing::AnyOf(::testing::StartsWith("cannot upload '" + source_.string() + "/"),
+                                         ::testing::StartsWith("SFTP session with ")));
+  }
+  auto const sent = filesBelow(source_).files;
+  auto const there = filesBelow(there_);
+  EXPECT_LT(there.files.size(), sent.size() + 1);
+  for (auto const& [name, bytes] : there.files) {
+    auto const original = sent.find(name);
+    ASSERT_NE(original, sent.end()) << name;
+    EXPECT_TRUE(bytes == original->second) << name << " is incomplete";
+  }
+}
+
+TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
+  TestSshd const server;
+  writeTree(source_, 0, 4, 24U << 20U);
+  // 400 Mbit/s: the 96 MiB take about two seconds, time enough to be killed in.
+  auto const link = linkTo(server, 5ms, 400'000'000);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  options.resume = true;
+  std::atomic<bool> killed{false};
+  auto const killAll = [&](ssh::TransferProgress const& progress) {
+    if (progress.bytesDone < (30U << 20U) || killed.exchange(true)) return;
+    server.killConnections();
+  };
+  EXPECT_THROW(copy(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killAll), ssh::SSHError);
+  ASSERT_TRUE(killed);
+  ASSERT_THAT(filesBelow(there_).temporaries, ::testing::Not(::testing::IsEmpty()));
+  auto const report = copy(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
+  EXPECT_GE(report.resumed, 1U);
+  EXPECT_LT(report.bytes, 96U << 20U);
+  auto const there = filesBelow(there_);
+  EXPECT_TRUE(there.files == filesBelow(source_).files);
+  EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
+}
+
+}  // namespace
+}  // namespace sshfa::testing
