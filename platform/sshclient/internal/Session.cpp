@@ -829,7 +829,7 @@ struct Channel::State {
   }
 };
 
-Channel::Channel(Session& session) : state_(std::make_unique<State>()) {
+Channel::Channel(Session& session, Answer answer) : state_(std::make_unique<State>()) {
   State& state = *state_;
   state.session = &session;
   state.channel = ssh_channel_new(session.raw());
@@ -854,7 +854,7 @@ Channel::Channel(Session& session) : state_(std::make_unique<State>()) {
   };
   ssh_set_channel_callbacks(state.channel, &state.callbacks);
   state.request([channel = state.channel] { return ssh_channel_open_session(channel); },
-                "cannot open a session channel", Answer::Wait);
+                "cannot open a session channel", answer);
 }
 
 Channel::~Channel() {

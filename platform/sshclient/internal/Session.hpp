@@ -138,8 +138,12 @@ enum class Stream { Stdout = 0, Stderr = 1 };
 // or, when the connection is gone, SSHError(ConnectionLost).
 class Channel {
  public:
-  // Opens the channel, waiting through Session::wait().
-  explicit Channel(Session& session);
+  enum class Answer { Wait, Later };
+  // Opens the channel, waiting through Session::wait(); with Answer::Later
+  // it returns at once, so that several channels open in one round trip:
+  // requestAnswered() then reports the server's answer (a refusal throws
+  // SSHError(Channel)), and nothing else may be asked of the channel before.
+  explicit Channel(Session& session, Answer answer = Answer::Wait);
   ~Channel();
 
   Channel(Channel&& other) noexcept;
@@ -156,7 +160,6 @@ class Channel {
   // through Session::failNoShell()). Answer::Later returns at once, so
   // that input can follow without waiting a round trip; requestAnswered()
   // then reports the answer.
-  enum class Answer { Wait, Later };
   void requestExec(std::string const& command, Answer answer = Answer::Wait);
   void requestShell(Answer answer = Answer::Wait);
   void requestSubsystem(std::string const& subsystem, Answer answer = Answer::Wait);

@@ -1,10 +1,13 @@
 #include "sshfileaccess/platform/sshclient/internal/SftpChannel.hpp"
 
 #include <string_view>
+#include <utility>
 
 namespace foundation::sshclient::internal {
 
-SftpChannel::SftpChannel(Session& session, bool& arrived) : session_(session), arrived_(arrived), channel_(session) {
+SftpChannel::SftpChannel(Channel opening, bool& arrived)
+    : session_(opening.session()), arrived_(arrived), channel_(std::move(opening)) {
+  while (!channel_.requestAnswered()) session_.wait();
   channel_.requestSubsystem("sftp", Channel::Answer::Later);
 }
 

@@ -22,9 +22,11 @@ namespace foundation::sshclient::internal {
 
 class SftpChannel final : public sftp::Transport {
  public:
-  explicit SftpChannel(Session& session) : SftpChannel(session, ownArrival_) {}
-  // `arrived` is shared with the loop's other channels and outlives this one.
-  SftpChannel(Session& session, bool& arrived);
+  explicit SftpChannel(Session& session) : SftpChannel(Channel(session), ownArrival_) {}
+  // On `opening` (whose open may still await its answer: a refusal throws
+  // SSHError(Channel) once it came). `arrived` is shared with the loop's
+  // other channels and outlives this one.
+  SftpChannel(Channel opening, bool& arrived);
 
   std::size_t send(std::span<std::uint8_t const> data) override;
   std::size_t receive(std::span<std::uint8_t> buffer) override;

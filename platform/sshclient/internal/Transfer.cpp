@@ -1,6 +1,10 @@
 #include "sshfileaccess/platform/sshclient/internal/Transfer.hpp"
 
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "sshfileaccess/platform/sshclient/internal/PendingCommand.hpp"
 #include "sshfileaccess/platform/sshclient/internal/SftpChannel.hpp"
@@ -40,12 +44,22 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
                                  std::function<void(TransferProgress const&)> const& progress,
                                  std::function<std::string(std::string const&)> const& shell) {
   if (command.getItems().empty()) return {};
+  // Every channel is asked for at once, the SFTP session's first (a server
+  // that allows fewer refuses the last): one round trip for them all.
+  Channel first(session, Channel::Answer::Later);
+  std::vector<Channel> further;
+  auto const& options = command.getOptions();
+  for (std::size_t i = 1; i < options.channels && !options.dryRun; ++i) {
+    further.emplace_back(session, Channel::Answer::Later);
+  }
   bool arrived = false;
-  SftpChannel transport(session, arrived);
+  SftpChannel transport(std::move(first), arrived);
   sftp::RemoteShell const remote{
       shell, [&session](std::string const& line) { return std::make_unique<ChannelCommand>(session, line); }};
-  auto const more = [&session, &arrived]() -> std::unique_ptr<sftp::Transport> {
-    return std::make_unique<SftpChannel>(session, arrived);
+  std::size_t next = 0;
+  auto const more = [&further, &next, &arrived]() -> std::unique_ptr<sftp::Transport> {
+    if (next == further.size()) throw std::logic_error("no further channel was asked for");
+    return std::make_unique<SftpChannel>(std::move(further[next++]), arrived);
   };
   return sftp::transferTrees(transport, session.describe(), command, progress, remote, {}, more);
 }
