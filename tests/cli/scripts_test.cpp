@@ -472,6 +472,27 @@ TEST_F(ScriptsTest, BandwidthLimitHoldsTheRate) {
   EXPECT_FALSE(fs::exists(at("dst/x")));
 }
 
+TEST_F(ScriptsTest, ChannelsCarryTheFilesAndFewerOpenedAreSaidUnderVerbose) {
+  for (int i = 0; i < 40; ++i) writeFile(at("src/f" + std::to_string(i)), "file " + std::to_string(i));
+  auto const result = remote({"--json", "put", "--channels", "3", at("src"), at("dst")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(json::parse(result.out)["copied"], 40);
+  for (int i = 0; i < 40; ++i) EXPECT_EQ(readFile(at("dst/f" + std::to_string(i))), "file " + std::to_string(i));
+
+  // The tool's own shell takes one of the two sessions.
+  TestSshd const two("MaxSessions 2");
+  auto const limited = runTool(testing::withConnection(two, {"-v", "put", "--channels", "3", at("src"), at("one")}));
+  EXPECT_EQ(limited.status, 0) << limited.err;
+  EXPECT_THAT(limited.err,
+              HasSubstr("sshfa: trace: put: files went over 1 of 3 channels: the server refused another ("));
+  EXPECT_EQ(readFile(at("one/f39")), "file 39");
+
+  auto const bad = remote({"put", "--channels", "0", at("src"), at("dst/x")});
+  EXPECT_EQ(bad.status, kUsage);
+  EXPECT_THAT(bad.err, ::testing::StartsWith("sshfa: put: --channels: Value 0 not in range 1 to 16\n"));
+  EXPECT_FALSE(fs::exists(at("dst/x")));
+}
+
 TEST_F(ScriptsTest, CompressionIsShownInTheNegotiatedAlgorithms) {
   auto const compressed = remote({"-v", "-z", "isdir", at(".")});
   EXPECT_EQ(compressed.status, 0) << compressed.err;
