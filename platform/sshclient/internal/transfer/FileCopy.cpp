@@ -61,7 +61,7 @@ void FileCopier::followLink() {
   auto const now = Clock::now();
   auto const roundTrip = session_.roundTrip();
   dataRate_.sample(now, session_.dataAnswered(), roundTrip);
-  fileRate_.sample(now, counters_.filesDone, roundTrip);
+  fileRate_.sample(now, filesDone_, roundTrip);
   window_ = grown(window_, dataRate_.best(), roundTrip, {settings_.windowBytes, settings_.windowCap});
   openFiles_ = static_cast<std::size_t>(grown(openFiles_, fileRate_.best(), kTurnsPerFile * roundTrip,
                                               {settings_.maxOpenFiles, settings_.maxOpenFilesCap}));
@@ -250,6 +250,7 @@ void FileCopier::complete(Job& job) {
   job.phase = Job::Phase::Done;
   reapable_ = true;
   ++counters_.filesDone;
+  ++filesDone_;
   if (job.resumed) ++counters_.resumed;
   if (job.task.delta) counters_.reused += job.task.reused;
   observer_.fileDone(job.task);

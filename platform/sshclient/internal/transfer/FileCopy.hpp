@@ -211,6 +211,7 @@ class FileCopier final : public sftp::ReplyHandler {
   std::size_t openFiles_;
   RateMeter dataRate_;
   RateMeter fileRate_;
+  std::size_t filesDone_ = 0;  // by this copier: its own channel's rate, when several share the counters
   RateLimit limit_;
   bool throttled_ = false;  // data held back by the rate limit
 };
