@@ -112,24 +112,23 @@ class ServerCount {
   std::thread watcher_;
 };
 
+// One tree copy through `link` to `server`.
+ssh::TreeTransferReport copyTree(TestSshd const& server, linkemu::LinkEmulator const& link, TransferDirection direction,
+                                 fs::path const& from, fs::path const& to, ssh::TreeTransferOptions const& options,
+                                 std::function<void(ssh::TransferProgress const&)> progress = {}) {
+  auto clientOptions = optionsThrough(server, link);
+  clientOptions.progress = std::move(progress);
+  auto const client = connectThrough(server, link, clientOptions);
+  auto const source = u(from.string());
+  auto const destination = u(to.string());
+  std::vector<ssh::FileLocations> items{direction == TransferDirection::LocalToRemote
+                                            ? ssh::FileLocations{source, destination}
+                                            : ssh::FileLocations{destination, source}};
+  return client->copyTrees(ssh::CopyTreesCommand(std::move(items), direction, options));
+}
+
 class Channels : public ::testing::Test {
  protected:
-  // One tree copy through `link` to `server`.
-  static ssh::TreeTransferReport copy(TestSshd const& server, linkemu::LinkEmulator const& link,
-                                      TransferDirection direction, fs::path const& from, fs::path const& to,
-                                      ssh::TreeTransferOptions const& options,
-                                      std::function<void(ssh::TransferProgress const&)> progress = {}) {
-    auto clientOptions = optionsThrough(server, link);
-    clientOptions.progress = std::move(progress);
-    auto const client = connectThrough(server, link, clientOptions);
-    auto const source = u(from.string());
-    auto const destination = u(to.string());
-    std::vector<ssh::FileLocations> items{direction == TransferDirection::LocalToRemote
-                                              ? ssh::FileLocations{source, destination}
-                                              : ssh::FileLocations{destination, source}};
-    return client->copyTrees(ssh::CopyTreesCommand(std::move(items), direction, options));
-  }
-
   fs::path const scratch_ = TestSshd::makeTempDir();
   fs::path const source_ = scratch_ / "source";
   fs::path const there_ = scratch_ / "there";
@@ -145,7 +144,7 @@ TEST_F(Channels, ATreeOverThreeChannelsArrivesWholeBothWays) {
   for (auto const direction : {TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal}) {
     bool const up = direction == TransferDirection::LocalToRemote;
     ServerCount const servers(sshd);
-    auto const report = copy(sshd, *link, direction, up ? source_ : there_, up ? there_ : back_, options);
+    auto const report = copyTree(sshd, *link, direction, up ? source_ : there_, up ? there_ : back_, options);
     EXPECT_EQ(report.files, 303U);
     EXPECT_THAT(report.details, ::testing::IsEmpty());
     EXPECT_EQ(servers.most(), 3U) << (up ? "up" : "down");
@@ -166,7 +165,7 @@ TEST_F(Channels, AServerOfOneSessionPerConnectionGetsEverythingOverOne) {
   auto const link = linkTo(server, 5ms);
   ssh::TreeTransferOptions options;
   options.channels = 3;
-  auto const report = copy(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
+  auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
   EXPECT_EQ(report.files, 121U);
   ASSERT_EQ(report.details.size(), 1U);
   EXPECT_THAT(fl::i18n::ustring_to_utf8(report.details.front()),
@@ -176,11 +175,13 @@ TEST_F(Channels, AServerOfOneSessionPerConnectionGetsEverythingOverOne) {
   EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
 }
 
-// The transfer may fail (naming a file under way, or the session) or finish; either way a
-// file under its final name is complete.
-TEST_F(Channels, AChannelWhoseServerDiesLeavesNothingIncomplete) {
+// One of three SFTP server processes is killed once files have arrived. The
+// transfer may fail (naming a file under way, or the session) or finish;
+// either way a file under its final name is complete, and a download leaves
+// no temporary of its own.
+void killOneChannelDuring(TransferDirection direction, fs::path const& source, fs::path const& destination) {
   TestSshd const server(ownProcesses());
-  writeTree(source_, 900, 4, 2U << 20U);
+  writeTree(source, 900, 4, 2U << 20U);
   auto const link = linkTo(server, 5ms);
   ssh::TreeTransferOptions options;
   options.channels = 3;
@@ -194,23 +195,36 @@ TEST_F(Channels, AChannelWhoseServerDiesLeavesNothingIncomplete) {
   };
   std::optional<std::string> error;
   try {
-    copy(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killOne);
+    copyTree(server, *link, direction, source, destination, options, killOne);
   } catch (ssh::SSHError const& e) {
     error = e.what();
   }
   ASSERT_TRUE(killed) << "the copy ended before the kill";
+  bool const up = direction == TransferDirection::LocalToRemote;
   if (error) {
-    EXPECT_THAT(*error, ::testing::AnyOf(::testing::StartsWith("cannot upload '" + source_.string() + "/"),
+    EXPECT_THAT(*error, ::testing::AnyOf(::testing::StartsWith((up ? "cannot upload '" : "cannot download '") +
+                                                               source.string() + "/"),
                                          ::testing::StartsWith("SFTP session with ")));
   }
-  auto const sent = filesBelow(source_).files;
-  auto const there = filesBelow(there_);
-  EXPECT_LT(there.files.size(), sent.size() + 1);
-  for (auto const& [name, bytes] : there.files) {
+  auto const sent = filesBelow(source).files;
+  auto const arrived = filesBelow(destination);
+  EXPECT_LE(arrived.files.size(), sent.size());
+  for (auto const& [name, bytes] : arrived.files) {
     auto const original = sent.find(name);
     ASSERT_NE(original, sent.end()) << name;
     EXPECT_TRUE(bytes == original->second) << name << " is incomplete";
   }
+  if (!up) {
+    EXPECT_THAT(arrived.temporaries, ::testing::IsEmpty());
+  }
+}
+
+TEST_F(Channels, AnUploadWhoseChannelDiesLeavesNothingIncomplete) {
+  killOneChannelDuring(TransferDirection::LocalToRemote, source_, there_);
+}
+
+TEST_F(Channels, ADownloadWhoseChannelDiesLeavesNothingIncomplete) {
+  killOneChannelDuring(TransferDirection::RemoteToLocal, source_, back_);
 }
 
 TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
@@ -226,10 +240,11 @@ TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
     if (progress.bytesDone < (30U << 20U) || killed.exchange(true)) return;
     server.killConnections();
   };
-  EXPECT_THROW(copy(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killAll), ssh::SSHError);
+  EXPECT_THROW(copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killAll),
+               ssh::SSHError);
   ASSERT_TRUE(killed);
   ASSERT_THAT(filesBelow(there_).temporaries, ::testing::Not(::testing::IsEmpty()));
-  auto const report = copy(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
+  auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
   EXPECT_GE(report.resumed, 1U);
   EXPECT_LT(report.bytes, 96U << 20U);
   auto const there = filesBelow(there_);
