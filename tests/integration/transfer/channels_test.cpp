@@ -227,6 +227,21 @@ TEST_F(Channels, ADownloadWhoseChannelDiesLeavesNothingIncomplete) {
   killOneChannelDuring(TransferDirection::RemoteToLocal, source_, back_);
 }
 
+// 768 KiB at 256 KiB a second: about three seconds, however many channels.
+TEST_F(Channels, ARateLimitHoldsForAllChannelsTogether) {
+  TestSshd const server;
+  writeTree(source_, 0, 3, 256U << 10U);
+  auto const link = linkTo(server, 1ms);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  options.bytesPerSecond = 256U << 10U;
+  auto const started = std::chrono::steady_clock::now();
+  auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 2500ms);
+  EXPECT_EQ(report.bytes, 768U << 10U);
+  EXPECT_TRUE(filesBelow(there_).files == filesBelow(source_).files);
+}
+
 TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
   TestSshd const server;
   writeTree(source_, 0, 4, 24U << 20U);

@@ -19,7 +19,7 @@ namespace foundation::sshclient::internal::transfer {
 using namespace copying;  // NOLINT(google-build-using-namespace): this room's own pieces
 
 FileCopier::FileCopier(sftp::SftpSession& session, CopySettings const& settings, FileObserver& observer,
-                       TransferCounters& counters)
+                       TransferCounters& counters, RateLimit* sharedLimit)
     : session_(session),
       settings_(settings),
       observer_(observer),
@@ -27,7 +27,8 @@ FileCopier::FileCopier(sftp::SftpSession& session, CopySettings const& settings,
       random_(std::random_device{}()),
       window_(settings.windowBytes),
       openFiles_(settings.maxOpenFiles),
-      limit_(settings.bytesPerSecond, RateLimit::Clock::now()) {}
+      ownLimit_(settings.bytesPerSecond, RateLimit::Clock::now()),
+      limit_(sharedLimit != nullptr ? *sharedLimit : ownLimit_) {}
 
 FileCopier::~FileCopier() = default;
 

@@ -118,8 +118,10 @@ struct TransferCounters {
 
 class FileCopier final : public sftp::ReplyHandler {
  public:
+  // Copiers of one transfer over several channels share one rate limit:
+  // `sharedLimit` (another copier's rateLimit()) outlives this one.
   FileCopier(sftp::SftpSession& session, CopySettings const& settings, FileObserver& observer,
-             TransferCounters& counters);
+             TransferCounters& counters, RateLimit* sharedLimit = nullptr);
   ~FileCopier();
   FileCopier(FileCopier const&) = delete;
   FileCopier& operator=(FileCopier const&) = delete;
@@ -138,6 +140,7 @@ class FileCopier final : public sftp::ReplyHandler {
            });
   }
   [[nodiscard]] bool stopped() const noexcept { return stopping_; }
+  [[nodiscard]] RateLimit& rateLimit() noexcept { return limit_; }
   // The source of the oldest file in flight, for progress.
   [[nodiscard]] std::optional<std::string> current() const;
   // "cannot upload 'a' to 'b' on peer: " for the file in flight, for a failure of the whole stream.
@@ -212,7 +215,8 @@ class FileCopier final : public sftp::ReplyHandler {
   RateMeter dataRate_;
   RateMeter fileRate_;
   std::size_t filesDone_ = 0;  // by this copier: its own channel's rate, when several share the counters
-  RateLimit limit_;
+  RateLimit ownLimit_;
+  RateLimit& limit_;
   bool throttled_ = false;  // data held back by the rate limit
 };
 

@@ -180,7 +180,7 @@ void TreeTransfer::openChannels() {
     lane->session = std::make_unique<sftp::SftpSession>(*lane->transport, session_.peer());
     lane->session->usePosixRename(posixRename_);
     lane->session->begin();
-    lane->copier = std::make_unique<FileCopier>(*lane->session, copySettings_, *this, counters_);
+    lane->copier = std::make_unique<FileCopier>(*lane->session, copySettings_, *this, counters_, &copier_->rateLimit());
     copiers_.attach(*lane->copier);
     lanes_.push_back(std::move(lane));
   }
