@@ -47,6 +47,7 @@ std::vector<OptionInfo> optionsOf(CLI::App const& app) {
       if (lname == "exclude" || lname == "include") info.valueName = "PATTERN";
       if (lname == "filter") info.valueName = "RULE";
       if (lname == "bwlimit") info.valueName = "RATE";
+      if (lname == "channels") info.valueName = "N";
     }
     infos.push_back(std::move(info));
   }
