@@ -18,6 +18,7 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "support/loopback_sshd/LoopbackSshd.hpp"
@@ -128,7 +129,14 @@ void ensureAccount(std::string const& name, std::string const& loginShell, std::
   if (getpwnam(name.c_str()) == nullptr) {
     TestSshd::shell("useradd -M " + settings);
   } else {
-    TestSshd::shell("usermod " + settings);
+    // usermod refuses while a process of the account runs, and the last
+    // test's connection may still be ending: it gets a few seconds.
+    std::string const line = "usermod " + settings;
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::system((line + " 2>/dev/null").c_str()) != 0 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    TestSshd::shell(line + " 2>&1");  // a no-op when it went through; otherwise its message
   }
   TestSshd::shell("echo " + shellQuoted(name + ":" + password) + " | chpasswd");
 }
