@@ -133,10 +133,11 @@ void ensureAccount(std::string const& name, std::string const& loginShell, std::
     // test's connection may still be ending: it gets a few seconds.
     std::string const line = "usermod " + settings;
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::system((line + " 2>/dev/null").c_str()) != 0 && std::chrono::steady_clock::now() < deadline) {
+    bool done = false;
+    while (!(done = std::system((line + " 2>/dev/null").c_str()) == 0) && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    TestSshd::shell(line + " 2>&1");  // a no-op when it went through; otherwise its message
+    if (!done) TestSshd::shell(line + " 2>&1");  // once more, for its message
   }
   TestSshd::shell("echo " + shellQuoted(name + ":" + password) + " | chpasswd");
 }
