@@ -41,6 +41,10 @@ struct EngineOptions {
   // 256 MiB: 150-190 MiB/s with 8 MiB, 270 MiB/s with 1 MiB).
   std::uint64_t uploadWindowBytes = 1024U * 1024U;
   std::size_t maxOpenUploads = 48;
+  // The two above are where a transfer starts; it grows its window and its
+  // files open up to these while the link carries more.
+  std::uint64_t windowCap = 32U * 1024U * 1024U;
+  std::size_t maxOpenFilesCap = 256;
   // Bytes per READ/WRITE; unset: the server's limits, else 32 KiB.
   std::optional<std::uint32_t> chunkSize;
   // Off: always the plain-rename path, as with a server without the extension.

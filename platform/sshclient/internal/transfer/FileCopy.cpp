@@ -18,6 +18,17 @@ namespace foundation::sshclient::internal::transfer {
 
 using namespace copying;  // NOLINT(google-build-using-namespace): this room's own pieces
 
+CopySettings copySettings(sftp::EngineOptions const& options, bool upload) {
+  CopySettings settings;
+  settings.upload = upload;
+  settings.windowBytes = upload ? std::min(options.windowBytes, options.uploadWindowBytes) : options.windowBytes;
+  settings.windowCap = options.windowCap;
+  settings.maxOpenFiles = upload ? std::min(options.maxOpenFiles, options.maxOpenUploads) : options.maxOpenFiles;
+  settings.maxOpenFilesCap = options.maxOpenFilesCap;
+  settings.chunkSize = options.chunkSize;
+  return settings;
+}
+
 FileCopier::FileCopier(sftp::SftpSession& session, CopySettings const& settings, FileObserver& observer,
                        TransferCounters& counters, RateLimit* sharedLimit)
     : session_(session),

@@ -43,6 +43,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Delta.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
@@ -67,6 +68,9 @@ struct CopySettings {
   bool stopOnFailure = false;
   std::uint64_t bytesPerSecond = 0;  // file data sent or asked for; 0: no limit
 };
+
+// The settings of the engine's options that copying uses, in one direction.
+CopySettings copySettings(sftp::EngineOptions const& options, bool upload);
 
 struct FileTask {
   std::size_t item = 0;     // of the command, to order failures

@@ -23,11 +23,7 @@ class FileTransfer final : public transfer::FileObserver {
                sftp::EngineOptions const& options)
       : session_(session), command_(command), progress_(progress), interval_(options.progressInterval) {
     bool const upload = command.getDirection() == TransferDirection::LocalToRemote;
-    transfer::CopySettings settings;
-    settings.upload = upload;
-    settings.windowBytes = upload ? std::min(options.windowBytes, options.uploadWindowBytes) : options.windowBytes;
-    settings.maxOpenFiles = upload ? std::min(options.maxOpenFiles, options.maxOpenUploads) : options.maxOpenFiles;
-    settings.chunkSize = options.chunkSize;
+    transfer::CopySettings settings = transfer::copySettings(options, upload);
     settings.createMode = static_cast<std::uint32_t>(command.getMode()) & 07777U;
     settings.stopOnFailure = true;
     copier_ = std::make_unique<transfer::FileCopier>(session, settings, *this, counters_);

@@ -81,11 +81,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
       random_(std::random_device{}()),
       probe_(session),
       lister_(session, *this, command.getOptions().followLinks) {
-  CopySettings copy;
-  copy.upload = upload_;
-  copy.windowBytes = upload_ ? std::min(options.windowBytes, options.uploadWindowBytes) : options.windowBytes;
-  copy.maxOpenFiles = upload_ ? std::min(options.maxOpenFiles, options.maxOpenUploads) : options.maxOpenFiles;
-  copy.chunkSize = options.chunkSize;
+  CopySettings copy = copySettings(options, upload_);
   // Private until the final mode is set.
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
   copy.resume = options_.resume;
