@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <limits>
 #include <type_traits>
@@ -795,7 +796,12 @@ struct Channel::State {
     answered();
   }
 
+  // A refusal of an open asked with Answer::Later that came in at once,
+  // kept for requestAnswered().
+  std::exception_ptr refusal;
+
   bool answered() {
+    if (refusal) std::rethrow_exception(refusal);
     if (!pending) return true;
     int const rc = pending();
     if (rc == SSH_AGAIN) return false;
@@ -853,8 +859,15 @@ Channel::Channel(Session& session, Answer answer) : state_(std::make_unique<Stat
     static_cast<State*>(userdata)->closedByServer = true;
   };
   ssh_set_channel_callbacks(state.channel, &state.callbacks);
-  state.request([channel = state.channel] { return ssh_channel_open_session(channel); },
-                "cannot open a session channel", answer);
+  try {
+    state.request([channel = state.channel] { return ssh_channel_open_session(channel); },
+                  "cannot open a session channel", answer);
+  } catch (SSHError const& e) {
+    // The open's own send also takes in what arrived, the refusal of one
+    // asked for just before included: told by requestAnswered(), as promised.
+    if (answer == Answer::Wait || e.kind() != SSHError::Kind::Channel) throw;
+    state.refusal = std::current_exception();
+  }
 }
 
 Channel::~Channel() {
