@@ -16,7 +16,9 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -265,6 +267,115 @@ TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
   auto const there = filesBelow(there_);
   EXPECT_TRUE(there.files == filesBelow(source_).files);
   EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
+}
+
+// SFTP server processes of `server` seen holding a temporary of `name` open.
+class TemporaryHolders {
+ public:
+  TemporaryHolders(TestSshd const& server, std::string const& name)
+      : watcher_([this, &server, prefix = "." + name + ".sshfa-"] {
+          while (!done_) {
+            for (pid_t const pid : sftpServers(server)) {
+              std::error_code error;
+              for (auto const& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
+                auto const target = fs::read_symlink(fd.path(), error).filename().string();
+                if (!error && target.starts_with(prefix)) {
+                  std::lock_guard const lock(mutex_);
+                  pids_.insert(pid);
+                }
+              }
+            }
+            std::this_thread::sleep_for(2ms);
+          }
+        }) {}
+  ~TemporaryHolders() {
+    done_ = true;
+    watcher_.join();
+  }
+  TemporaryHolders(TemporaryHolders const&) = delete;
+  TemporaryHolders& operator=(TemporaryHolders const&) = delete;
+  [[nodiscard]] std::size_t count() {
+    std::lock_guard const lock(mutex_);
+    return pids_.size();
+  }
+
+ private:
+  std::atomic<bool> done_{false};
+  std::mutex mutex_;
+  std::set<pid_t> pids_;
+  std::thread watcher_;
+};
+
+TEST_F(Channels, ABigFileAloneIsSharedOutAmongTheChannels) {
+  TestSshd const server(ownProcesses());
+  writeTree(source_, 0, 1, 48U << 20U);
+  auto const link = linkTo(server, 5ms, 400'000'000);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  TemporaryHolders holders(server, "large0");
+  auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
+  EXPECT_EQ(report.files, 1U);
+  EXPECT_EQ(report.bytes, 48U << 20U);
+  EXPECT_EQ(holders.count(), 3U);
+  auto const there = filesBelow(there_);
+  EXPECT_TRUE(there.files == filesBelow(source_).files);
+  EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
+}
+
+TEST_F(Channels, AKilledSharedOutUploadIsResumedFromWhatSurelyArrived) {
+  TestSshd const server;
+  writeTree(source_, 0, 1, 64U << 20U);
+  auto const link = linkTo(server, 5ms, 400'000'000);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  options.resume = true;
+  std::atomic<bool> killed{false};
+  auto const killAll = [&](ssh::TransferProgress const& progress) {
+    if (progress.bytesDone < (40U << 20U) || killed.exchange(true)) return;
+    server.killConnections();
+  };
+  EXPECT_THROW(copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killAll),
+               ssh::SSHError);
+  ASSERT_TRUE(killed);
+  auto const partial = filesBelow(there_).temporaries;
+  ASSERT_EQ(partial.size(), 1U);
+  auto const held = fs::file_size(there_ / partial.front());
+  ASSERT_GT(held, 16U << 20U) << "too little arrived before the kill to be resumed";
+  auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
+  EXPECT_EQ(report.resumed, 1U);
+  // All but the reach below what the temporary held is trusted.
+  EXPECT_EQ(report.bytes, (64U << 20U) - (held - (16U << 20U)));
+  auto const there = filesBelow(there_);
+  EXPECT_TRUE(there.files == filesBelow(source_).files);
+  EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
+}
+
+// A helper's server process dies: the file fails cleanly or arrives whole.
+TEST_F(Channels, ASharedOutUploadWhoseHelperDiesLeavesNothingIncomplete) {
+  TestSshd const server(ownProcesses());
+  writeTree(source_, 0, 1, 48U << 20U);
+  auto const link = linkTo(server, 5ms, 200'000'000);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  std::atomic<bool> killed{false};
+  auto const killOne = [&](ssh::TransferProgress const& progress) {
+    if (progress.bytesDone < (8U << 20U) || killed) return;
+    auto const servers = sftpServers(server);
+    if (servers.size() < 3) return;
+    ::kill(servers.back(), SIGKILL);
+    killed = true;
+  };
+  std::optional<std::string> error;
+  try {
+    copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killOne);
+  } catch (ssh::SSHError const& e) {
+    error = e.what();
+  }
+  ASSERT_TRUE(killed) << "the copy ended before the kill";
+  ASSERT_TRUE(error) << "a dead channel went unnoticed";
+  EXPECT_THAT(*error, ::testing::AnyOf(::testing::StartsWith("cannot upload '" + (source_ / "large0").string() + "'"),
+                                       ::testing::StartsWith("SFTP session with ")));
+  EXPECT_FALSE(fs::exists(there_ / "large0"));
 }
 
 }  // namespace

@@ -139,6 +139,13 @@ tr::PlanSettings with(tr::PlanSettings settings, bool deleting, bool replacing, 
 
 std::string const kPartial = tr::resumableName("big", 9, kTime);
 
+tr::PlanSettings sharedOut(tr::PlanSettings settings) {
+  settings.sharedOut = true;
+  return settings;
+}
+constexpr std::uint64_t kHuge = std::uint64_t{100} << 20U;  // shared out among channels
+std::string const kHugePartial = tr::resumableName("huge", kHuge, kTime);
+
 std::vector<Case> const kCases{
     {"EverythingIsMadeInANewFolder",
      {file("a", 5), folder("sub"), link("l", "a"), fifo("p")},
@@ -403,6 +410,34 @@ std::vector<Case> const kCases{
      {},
      {},
      {"remove-temporary " + kPartial, "copy big"}},
+    {"AShareableFilesTemporaryIsTrustedBelowTheUnorderedReach",
+     {file("huge", kHuge)},
+     std::vector<Entry>{file(kHugePartial, std::uint64_t{40} << 20U)},
+     sharedOut(with(skipping(), false, false, true)),
+     {},
+     {},
+     {"copy huge (resume " + kHugePartial + " from " + std::to_string(std::uint64_t{24} << 20U) + ")"}},
+    {"AShareableFilesTemporaryWithinTheReachGoes",
+     {file("huge", kHuge)},
+     std::vector<Entry>{file(kHugePartial, std::uint64_t{16} << 20U)},
+     sharedOut(with(skipping(), false, false, true)),
+     {},
+     {},
+     {"remove-temporary " + kHugePartial, "copy huge"}},
+    {"ASmallFilesTemporaryIsWhollyTrustedWhenSharingOut",
+     {file("big", 9)},
+     std::vector<Entry>{file(kPartial, 4)},
+     sharedOut(with(skipping(), false, false, true)),
+     {},
+     {},
+     {"copy big (resume " + kPartial + " from 4)"}},
+    {"WithOneChannelABigFilesTemporaryIsWhollyTrusted",
+     {file("huge", kHuge)},
+     std::vector<Entry>{file(kHugePartial, std::uint64_t{40} << 20U)},
+     with(skipping(), false, false, true),
+     {},
+     {},
+     {"copy huge (resume " + kHugePartial + " from " + std::to_string(std::uint64_t{40} << 20U) + ")"}},
     {"AnEmptyTemporaryGoes",
      {file("big", 9)},
      std::vector<Entry>{file(kPartial, 0)},

@@ -16,6 +16,12 @@ std::optional<std::size_t> copierFor(std::span<CopierLoad const> loads, std::siz
   return best;
 }
 
+void Copiers::attach(FileCopier& copier) {
+  copiers_.push_back(&copier);
+  if (copiers_.size() < 2) return;
+  for (auto* each : copiers_) each->shareStripes(&board_);
+}
+
 void Copiers::add(FileTask task) {
   queue_.push_back(std::move(task));
   feed();
@@ -44,6 +50,11 @@ void Copiers::feed() {
 
 void Copiers::poll() {
   feed();
+  if (copiers_.size() > 1 && !cancelled_) {
+    for (auto* copier : copiers_) {
+      if (copier->waiting() == 0 && copier->active() == 0) copier->help();
+    }
+  }
   for (auto* copier : copiers_) copier->poll();
 }
 

@@ -10,6 +10,10 @@
 // channel does not hoard files. With one copier every file goes to it at
 // once, exactly as without this room.
 //
+// A copier with nothing queued and nothing under way helps with a big
+// upload of another (Stripes.hpp), so that the last big file of a tree, or
+// the only one, still goes over every channel.
+//
 // Holds the copiers, not their sessions; the first is the one deltas use.
 // Not thread-safe.
 
@@ -40,7 +44,7 @@ class Copiers {
   // Files each copier may hold queued beyond several.
   static constexpr std::size_t kQueuedEach = 64;
 
-  void attach(FileCopier& copier) { copiers_.push_back(&copier); }
+  void attach(FileCopier& copier);
   [[nodiscard]] std::size_t size() const noexcept { return copiers_.size(); }
 
   void add(FileTask task);
@@ -57,6 +61,7 @@ class Copiers {
   void feed();
 
   std::vector<FileCopier*> copiers_;
+  StripeBoard board_;
   std::deque<FileTask> queue_;
   bool cancelled_ = false;
 };

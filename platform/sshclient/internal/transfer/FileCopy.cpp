@@ -234,6 +234,17 @@ void FileCopier::discardTemp(Job& job) {
 void FileCopier::fail(Job& job, std::string const& cause) {
   if (job.failed || job.phase == Job::Phase::Done) return;
   job.failed = true;
+  if (job.helper) {
+    // Its owner reports the file (an empty cause: the helper just stops).
+    if (!cancelled_ && !cause.empty()) job.stripe->fail(cause);
+    job.fd.reset();
+    job.block.release();
+    closeRemote(job);
+    job.phase = Job::Phase::Done;
+    reapable_ = true;
+    return;
+  }
+  if (job.stripe) job.stripe->end();
   busy_.erase(busy_.find(job.task.destination));
   if (settings_.stopOnFailure) stopping_ = true;
   // What arrived so far is worth keeping when the temporary stays.

@@ -19,6 +19,10 @@
 // temporary arrives made (DeltaCopy.hpp): only the changed ranges are sent
 // into it, it is cut to the source's size, and it is renamed the same way.
 //
+// Copiers of one transfer over several channels may share big uploads out
+// (Stripes.hpp): the owner posts the file once its temporary is open, and a
+// copier with nothing else to do helps with its ranges.
+//
 // Under a rate limit (bytesPerSecond), data requests are cut to an eighth
 // of a second's worth and issued as a token bucket allows; when nothing else
 // is awaited, poll() sleeps until the next may go (never longer, never in a
@@ -49,6 +53,7 @@
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/RateLimit.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Stripes.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Windows.hpp"
 
 namespace foundation::sshclient::internal::transfer {
@@ -145,6 +150,10 @@ class FileCopier final : public sftp::ReplyHandler {
   }
   [[nodiscard]] bool stopped() const noexcept { return stopping_; }
   [[nodiscard]] RateLimit& rateLimit() noexcept { return limit_; }
+  // Big uploads go on `board` for the other copiers, which outlive them.
+  void shareStripes(StripeBoard* board) noexcept { board_ = board; }
+  // Starts helping with a file on the board; false when there is none.
+  bool help();
   // The source of the oldest file in flight, for progress.
   [[nodiscard]] std::optional<std::string> current() const;
   // "cannot upload 'a' to 'b' on peer: " for the file in flight, for a failure of the whole stream.
@@ -172,7 +181,10 @@ class FileCopier final : public sftp::ReplyHandler {
   void openRemoteTemp(Job& job);
   void onUploadOpen(Job& job, sftp::Reply const& reply);
   bool readAhead(Job& job);
+  bool moreToSend(Job& job);
   void issueWrites(Job& job);
+  void afterStripedWrites(Job& job);
+  void onHelperOpen(Job& job, sftp::Reply const& reply);
   void onWrite(Job& job, sftp::Ticket const& ticket, sftp::Reply const& reply);
   void finishUpload(Job& job);
   void onUploadClose(Job& job, sftp::Reply const& reply);
@@ -222,6 +234,7 @@ class FileCopier final : public sftp::ReplyHandler {
   RateLimit ownLimit_;
   RateLimit& limit_;
   bool throttled_ = false;  // data held back by the rate limit
+  StripeBoard* board_ = nullptr;
 };
 
 }  // namespace foundation::sshclient::internal::transfer

@@ -162,10 +162,17 @@ struct FileCopier::Job {
   std::string diagnosed;           // the server's status text of a failure being looked into
   std::string failure;             // the failure being reported
   std::size_t range = 0;           // a delta: the range being sent
+  // A file shared out among channels: this job's ranges come from `stripe`,
+  // the current one ending at `grantEnd`. A helper only writes its ranges
+  // into the owner's temporary and closes it.
+  std::shared_ptr<Stripe> stripe;
+  std::uint64_t grantEnd = 0;
+  bool helper = false;
 
-  // Where what is sent from `next` on stops: the end of a delta's range,
-  // else the file's end.
+  // Where what is sent from `next` on stops: the end of a delta's range or
+  // of a shared file's grant, else the file's end.
   [[nodiscard]] std::uint64_t stretchEnd() const noexcept {
+    if (stripe) return grantEnd;
     return task.delta && range < task.ranges.size() ? task.ranges[range].end : size;
   }
   // Past a delta's range the next one begins; past the last, the file's end.

@@ -77,6 +77,7 @@ void FileCopier::openRemoteTemp(Job& job) {
 }
 
 void FileCopier::onUploadOpen(Job& job, Reply const& reply) {
+  if (job.helper) return onHelperOpen(job, reply);
   if (reply.type == PacketType::Handle) {
     job.handle = std::string(reply.handle);
     job.temp = std::exchange(job.opening, std::string());
@@ -85,6 +86,11 @@ void FileCopier::onUploadOpen(Job& job, Reply const& reply) {
       return discardTemp(job);
     }
     job.phase = Job::Phase::Transferring;
+    if (board_ != nullptr && !job.task.delta && job.size - job.next >= kStripedFrom) {
+      job.stripe = std::make_shared<Stripe>(job.task.source, job.task.destination, job.temp, job.next, job.size);
+      job.grantEnd = job.next;
+      board_->post(job.stripe);
+    }
     if (job.next >= job.size) finishUpload(job);
     return;
   }
@@ -134,8 +140,20 @@ bool FileCopier::readAhead(Job& job) {
   return true;
 }
 
+// Whether the job has bytes to send now; a shared file's job takes its next
+// range when the last one is sent.
+bool FileCopier::moreToSend(Job& job) {
+  if (!job.stripe) return job.next < job.size;
+  if (job.next < job.grantEnd) return true;
+  auto const grant = job.stripe->take(kGrantSize);
+  if (!grant) return false;
+  job.next = grant->offset;
+  job.grantEnd = grant->end;
+  return true;
+}
+
 void FileCopier::issueWrites(Job& job) {
-  while (job.next < job.size && session_.dataInFlight() < window_ && session_.queuedBytes() < kOutboundLimit &&
+  while (session_.dataInFlight() < window_ && session_.queuedBytes() < kOutboundLimit && moreToSend(job) &&
          mayRequest()) {
     if (!readAhead(job)) break;
     auto const length = static_cast<std::uint32_t>(
@@ -149,10 +167,65 @@ void FileCopier::issueWrites(Job& job) {
     ++job.dataInFlight;
   }
   if (job.failed) return;
+  if (job.stripe) return afterStripedWrites(job);
   // The attributes and the CLOSE follow the last WRITE at once: the server
   // answers in order, so a failed WRITE fails the file before the CLOSE's
   // answer could lead to the rename.
   if (job.next >= job.size) finishUpload(job);
+}
+
+// A shared file ends when every range arrived, over whichever channel: its
+// owner then finishes it as any other. A helper closes once it has nothing
+// in flight and nothing left to take.
+void FileCopier::afterStripedWrites(Job& job) {
+  auto& stripe = *job.stripe;
+  if (job.helper) {
+    bool const nothingLeft = stripe.ended() || (stripe.handedOut() && job.next >= job.grantEnd);
+    if (!nothingLeft || job.dataInFlight > 0) return;
+    job.fd.reset();
+    job.block.release();
+    closeRemote(job);
+    job.phase = Job::Phase::Done;
+    reapable_ = true;
+    return;
+  }
+  if (auto const& failure = stripe.failure()) return fail(job, *failure);
+  if (stripe.complete() && job.dataInFlight == 0) finishUpload(job);
+}
+
+void FileCopier::onHelperOpen(Job& job, Reply const& reply) {
+  auto const opened = std::exchange(job.opening, std::string());
+  if (reply.type == PacketType::Handle) {
+    job.handle = std::string(reply.handle);
+    if (job.failed || job.stripe->ended()) return fail(job, "");
+    job.phase = Job::Phase::Transferring;
+    return;
+  }
+  if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to OPEN");
+  // The owner finished or gave up meanwhile: nothing was taken, nothing lost.
+  fail(job, "");
+}
+
+bool FileCopier::help() {
+  if (board_ == nullptr || stopping_) return false;
+  auto stripe = board_->next();
+  if (!stripe) return false;
+  auto job = std::make_unique<Job>();
+  job->helper = true;
+  job->stripe = stripe;
+  job->task.source = stripe->source();
+  job->task.destination = stripe->destination();
+  job->size = stripe->size();
+  job->fd = UniqueFd(::open(stripe->source().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!job->fd.valid()) {
+    stripe->fail("cannot open " + quoted(stripe->source()) + ": " + errnoText(errno));
+    return false;
+  }
+  job->opening = stripe->temp();
+  ++job->pending;
+  session_.open({this, kOpen, job.get()}, job->opening, openflags::kWrite, Attributes{});
+  jobs_.push_back(std::move(job));
+  return true;
 }
 
 void FileCopier::onWrite(Job& job, Ticket const& ticket, Reply const& reply) {
@@ -160,14 +233,17 @@ void FileCopier::onWrite(Job& job, Ticket const& ticket, Reply const& reply) {
   if (job.failed) return;
   if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to WRITE");
   if (reply.status != StatusCode::Ok) {
-    diagnose(job, reply.status, reply.message);
-    return fail(job, "cannot write " + quoted(job.temp) + ": " + sftp::describeStatus(reply.status, reply.message));
+    if (!job.helper) diagnose(job, reply.status, reply.message);
+    auto const temp = job.helper ? job.stripe->temp() : job.temp;
+    return fail(job, "cannot write " + quoted(temp) + ": " + sftp::describeStatus(reply.status, reply.message));
   }
   counters_.bytesDone += ticket.length;
+  if (job.stripe) job.stripe->arrived(ticket.offset, ticket.length);
 }
 
 void FileCopier::finishUpload(Job& job) {
   if (changedWhileRead(job)) return;
+  if (job.stripe) job.stripe->end();
   job.phase = Job::Phase::Finishing;
   job.fd.reset();
   job.block.release();

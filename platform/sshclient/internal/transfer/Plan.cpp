@@ -5,6 +5,7 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "sshfileaccess/platform/sshclient/internal/transfer/Stripes.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
 
 namespace foundation::sshclient::internal::transfer {
@@ -219,9 +220,10 @@ FolderPlan planFolder(Listing const& source, Listing const* destination, PlanSet
       if (auto const found = temporaries.find(ownerKey(entry.name)); found != temporaries.end()) {
         for (auto const* temporary : found->second) {
           if (!claimed.insert(temporary).second) continue;
-          if (resumableFor(action, *temporary, settings)) {
+          auto const from = settings.sharedOut ? trustedPrefix(temporary->size, entry.size) : temporary->size;
+          if (resumableFor(action, *temporary, settings) && from > 0) {
             action.temporary = temporary->name;
-            action.resumeFrom = temporary->size;
+            action.resumeFrom = from;
             continue;
           }
           add(actionFor(Step::RemoveTemporary, temporary->name, nullptr, temporary));

@@ -41,6 +41,9 @@ struct PlanSettings {
   // A destination file with a later modification time than its source file
   // is left alone (Skip, marked `newer`).
   bool update = false;
+  // Big files may have been shared out among channels (Stripes.hpp): a
+  // resumable temporary of one is trusted only up to trustedPrefix().
+  bool sharedOut = false;
 
   static PlanSettings from(TreeTransferOptions const& options);
 };

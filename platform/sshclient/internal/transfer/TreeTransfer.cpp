@@ -81,6 +81,8 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
       random_(std::random_device{}()),
       probe_(session),
       lister_(session, *this, command.getOptions().followLinks) {
+  // Uploads over several channels share big files out among them.
+  settings_.sharedOut = upload_ && options_.channels > 1;
   CopySettings copy = copySettings(options, upload_);
   // Private until the final mode is set.
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
