@@ -232,10 +232,11 @@ struct TreeTransferOptions {
   // whole transfer; 0: no limit. Waits sleep no longer than the limit needs.
   std::uint64_t bytesPerSecond = 0;
   // SFTP channels of the one connection that carry the files, each with its
-  // own window and its own server process; a file stays on one channel.
-  // When the server refuses more, the transfer goes on over those that
-  // opened (the report's details say so).
-  std::size_t channels = 1;
+  // own window and its own server process; a big upload is shared out among
+  // them. 0: chosen from the round trip (1 on a short link, up to 4; the
+  // report says how many). When the server refuses more, the transfer goes
+  // on over those that opened (the report's details say so).
+  std::size_t channels = 0;
   // Called on the caller's thread as each change is done: a file copied or
   // resumed (bytes: the data sent), a link placed, a folder made, an entry
   // deleted, an entry in the way replaced, an unchanged file's mode and time
@@ -287,6 +288,7 @@ struct TreeTransferReport {
   std::size_t resumed = 0;          // files continued from an earlier run's temporary
   std::size_t replaced = 0;         // destination entries of another type replaced (replaceInTheWay)
   std::size_t newer = 0;            // files left as they were: newer on the destination (update)
+  std::size_t channels = 1;         // SFTP channels the files went over
   std::vector<ustring> notes;       // one line per special file left out
   std::vector<PlannedChange> plan;  // dryRun only: by action (as listed above), then path
   // For a verbose reader: how files were sent where that was not the obvious

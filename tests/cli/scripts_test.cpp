@@ -478,6 +478,9 @@ TEST_F(ScriptsTest, ChannelsCarryTheFilesAndFewerOpenedAreSaidUnderVerbose) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(json::parse(result.out)["copied"], 40);
   for (int i = 0; i < 40; ++i) EXPECT_EQ(readFile(at("dst/f" + std::to_string(i))), "file " + std::to_string(i));
+  auto const verbose = remote({"-v", "put", "--channels", "2", at("src"), at("two")});
+  EXPECT_EQ(verbose.status, 0) << verbose.err;
+  EXPECT_THAT(verbose.err, HasSubstr("sshfa: trace: put: files went over 2 channels\n"));
 
   // The tool's own shell takes one of the two sessions.
   TestSshd const two("MaxSessions 2");

@@ -324,6 +324,7 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, TransferComma
   totals.bytes = report.bytes;
   printNotes(report);
   if (flags.verbose) {
+    if (report.channels > 1) trace(fmt::format("{}: files went over {} channels", name, report.channels));
     for (auto const& line : report.details) trace(fmt::format("{}: {}", name, fl::i18n::ustring_to_utf8(line)));
   }
   if (command.json) {

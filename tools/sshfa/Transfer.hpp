@@ -31,7 +31,7 @@ struct TransferFlags {
   bool ignoreSuspectNames = false;
   bool progress = false;             // the bar also when standard error is no terminal
   std::uint64_t bytesPerSecond = 0;  // --bwlimit; 0: none
-  std::size_t channels = 1;          // --channels
+  std::size_t channels = 0;          // --channels; 0: chosen from the round trip
   bool verbose = false;              // a line per change; a dry run also names skips and what is left out
   bool quiet = false;                // no progress and no summary
   // Choosing files: the options as given; the filter built from them, in

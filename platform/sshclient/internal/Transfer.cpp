@@ -1,5 +1,6 @@
 #include "sshfileaccess/platform/sshclient/internal/Transfer.hpp"
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -9,6 +10,7 @@
 #include "sshfileaccess/platform/sshclient/internal/PendingCommand.hpp"
 #include "sshfileaccess/platform/sshclient/internal/SftpChannel.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Copiers.hpp"
 
 namespace foundation::sshclient::internal {
 
@@ -44,8 +46,9 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
                                  std::function<void(TransferProgress const&)> const& progress,
                                  std::function<std::string(std::string const&)> const& shell) {
   if (command.getItems().empty()) return {};
-  // Every channel is asked for at once, the SFTP session's first (a server
-  // that allows fewer refuses the last): one round trip for them all.
+  // A caller's count: every channel is asked for at once, the SFTP
+  // session's first (a server that allows fewer refuses the last), one
+  // round trip for them all.
   Channel first(session, Channel::Answer::Later);
   std::vector<Channel> further;
   auto const& options = command.getOptions();
@@ -53,15 +56,25 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
     further.emplace_back(session, Channel::Answer::Later);
   }
   bool arrived = false;
+  auto const asked = std::chrono::steady_clock::now();
   SftpChannel transport(std::move(first), arrived);
+  sftp::MoreStreams more;
+  if (options.channels == 0 && !options.dryRun) {
+    // Left to us: the first open's answer took a round trip, which tells
+    // how many channels the link wants; they open while SFTP starts.
+    auto const roundTrip = std::chrono::steady_clock::now() - asked;
+    auto const count = transfer::channelsFor(roundTrip);
+    for (std::size_t i = 1; i < count; ++i) further.emplace_back(session, Channel::Answer::Later);
+  }
   sftp::RemoteShell const remote{
       shell, [&session](std::string const& line) { return std::make_unique<ChannelCommand>(session, line); }};
   std::size_t next = 0;
-  auto const more = [&further, &next, &arrived]() -> std::unique_ptr<sftp::Transport> {
+  more.count = further.size();
+  more.open = [&further, &next, &arrived]() -> std::unique_ptr<sftp::Transport> {
     if (next == further.size()) throw std::logic_error("no further channel was asked for");
     return std::make_unique<SftpChannel>(std::move(further[next++]), arrived);
   };
-  return sftp::transferTrees(transport, session.describe(), command, progress, remote, {}, more);
+  return sftp::transferTrees(transport, session.describe(), command, progress, remote, {}, std::move(more));
 }
 
 }  // namespace foundation::sshclient::internal

@@ -148,6 +148,7 @@ TEST_F(Channels, ATreeOverThreeChannelsArrivesWholeBothWays) {
     ServerCount const servers(sshd);
     auto const report = copyTree(sshd, *link, direction, up ? source_ : there_, up ? there_ : back_, options);
     EXPECT_EQ(report.files, 303U);
+    EXPECT_EQ(report.channels, 3U);
     EXPECT_THAT(report.details, ::testing::IsEmpty());
     EXPECT_EQ(servers.most(), 3U) << (up ? "up" : "down");
   }
@@ -161,6 +162,20 @@ TEST_F(Channels, ATreeOverThreeChannelsArrivesWholeBothWays) {
   EXPECT_THAT(back.temporaries, ::testing::IsEmpty());
 }
 
+// At a 50 ms round trip one channel carries 2 MiB per round trip, about
+// 40 MiB/s: left to itself the transfer takes the most channels it would.
+TEST_F(Channels, ALongRoundTripGetsSeveralChannelsOfItself) {
+  writeTree(source_, 40, 1, 1U << 20U);
+  TestSshd const sshd(ownProcesses());
+  auto const link = linkTo(sshd, 25ms);
+  ServerCount const servers(sshd);
+  auto const report = copyTree(sshd, *link, TransferDirection::LocalToRemote, source_, there_, {});
+  EXPECT_EQ(report.channels, 4U);
+  EXPECT_EQ(servers.most(), 4U);
+  EXPECT_EQ(report.files, 41U);
+  EXPECT_TRUE(filesBelow(there_).files == filesBelow(source_).files);
+}
+
 TEST_F(Channels, AServerOfOneSessionPerConnectionGetsEverythingOverOne) {
   TestSshd const server("MaxSessions 1\n" + ownProcesses());
   writeTree(source_, 120, 1, 1U << 20U);
@@ -169,6 +184,7 @@ TEST_F(Channels, AServerOfOneSessionPerConnectionGetsEverythingOverOne) {
   options.channels = 3;
   auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
   EXPECT_EQ(report.files, 121U);
+  EXPECT_EQ(report.channels, 1U);
   ASSERT_EQ(report.details.size(), 1U);
   EXPECT_THAT(fl::i18n::ustring_to_utf8(report.details.front()),
               ::testing::StartsWith("files went over 1 of 3 channels: the server refused another ("));

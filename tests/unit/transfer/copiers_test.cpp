@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <optional>
 #include <vector>
 
@@ -39,6 +40,20 @@ TEST(CopierFor, KeepsADestinationWithTheCopierHoldingIt) {
 TEST(CopierFor, WaitsForTheHolderOfADestinationWhenItsQueueIsFull) {
   std::vector<CopierLoad> const loads{{0, 0, false}, {64, 40, true}};
   EXPECT_EQ(copierFor(loads, 64), std::nullopt);
+}
+
+// One channel carries 2 MiB a round trip, the connection about 300 MB/s.
+TEST(ChannelsFor, FollowTheRoundTrip) {
+  using std::chrono::microseconds;
+  using std::chrono::milliseconds;
+  EXPECT_EQ(channelsFor(microseconds(60)), 1U);  // loopback
+  EXPECT_EQ(channelsFor(milliseconds(6)), 1U);
+  EXPECT_EQ(channelsFor(milliseconds(10)), 2U);
+  EXPECT_EQ(channelsFor(milliseconds(20)), 3U);
+  EXPECT_EQ(channelsFor(milliseconds(25)), 4U);
+  EXPECT_EQ(channelsFor(milliseconds(50)), 4U);
+  EXPECT_EQ(channelsFor(milliseconds(300)), kMostChannels);
+  EXPECT_EQ(channelsFor(std::chrono::nanoseconds(0)), 1U);
 }
 
 }  // namespace

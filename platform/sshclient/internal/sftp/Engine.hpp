@@ -97,15 +97,19 @@ std::string finishCommand(RemoteCommand& command);
 void transfer(Transport& transport, std::string const& peer, CopyFilesCommand const& command,
               ProgressCallback const& progress, EngineOptions const& options = {});
 
-// Opens one more stream to the same server, for the files of a transfer
-// over several channels; throws SSHError(Channel) when the server refuses.
-using StreamOpener = std::function<std::unique_ptr<Transport>()>;
+// The further streams to the same server that a transfer over several
+// channels was given: `open` opens the next of `count` (throws
+// SSHError(Channel) when the server refused it).
+struct MoreStreams {
+  std::size_t count = 0;
+  std::function<std::unique_ptr<Transport>()> open;
+};
 
 // Trees (copyTrees): see transfer/TreeTransfer.hpp. `shell` runs the command
 // lines that hash remote files (checksums, resumed prefixes); `more` opens
-// the further channels the command's options ask for (unset: one only).
+// the further channels (none: one only).
 TreeTransferReport transferTrees(Transport& transport, std::string const& peer, CopyTreesCommand const& command,
                                  ProgressCallback const& progress, RemoteShell const& shell,
-                                 EngineOptions const& options = {}, StreamOpener const& more = {});
+                                 EngineOptions const& options = {}, MoreStreams more = {});
 
 }  // namespace foundation::sshclient::internal::sftp

@@ -1,5 +1,7 @@
 #include "sshfileaccess/platform/sshclient/internal/transfer/Copiers.hpp"
 
+#include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace foundation::sshclient::internal::transfer {
@@ -14,6 +16,12 @@ std::optional<std::size_t> copierFor(std::span<CopierLoad const> loads, std::siz
     if (!best || loads[i].queued + loads[i].active < loads[*best].queued + loads[*best].active) best = i;
   }
   return best;
+}
+
+std::size_t channelsFor(std::chrono::nanoseconds roundTrip) {
+  constexpr double kChannelWindow = 2 * 1024 * 1024;
+  auto const wanted = std::ceil(kConnectionRate * std::chrono::duration<double>(roundTrip).count() / kChannelWindow);
+  return std::clamp<std::size_t>(wanted < 1 ? 1 : static_cast<std::size_t>(wanted), 1, kMostChannels);
 }
 
 void Copiers::attach(FileCopier& copier) {

@@ -165,9 +165,9 @@ void transfer(Transport& transport, std::string const& peer, CopyFilesCommand co
 
 TreeTransferReport transferTrees(Transport& transport, std::string const& peer, CopyTreesCommand const& command,
                                  ProgressCallback const& progress, RemoteShell const& shell,
-                                 EngineOptions const& options, StreamOpener const& more) {
+                                 EngineOptions const& options, MoreStreams more) {
   SftpSession session(transport, peer);
-  return transfer::TreeTransfer(session, command, progress, shell, options, more).run();
+  return transfer::TreeTransfer(session, command, progress, shell, options, std::move(more)).run();
 }
 
 }  // namespace sftp

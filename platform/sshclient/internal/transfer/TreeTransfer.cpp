@@ -67,7 +67,7 @@ sftp::Attributes attributesOf(Kept const& wanted) {
 
 TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& command,
                            sftp::ProgressCallback const& progress, sftp::RemoteShell const& shell,
-                           sftp::EngineOptions const& options, sftp::StreamOpener more)
+                           sftp::EngineOptions const& options, sftp::MoreStreams more)
     : session_(session),
       command_(command),
       options_(command.getOptions()),
@@ -81,8 +81,6 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
       random_(std::random_device{}()),
       probe_(session),
       lister_(session, *this, command.getOptions().followLinks) {
-  // Uploads over several channels share big files out among them.
-  settings_.sharedOut = upload_ && options_.channels > 1;
   CopySettings copy = copySettings(options, upload_);
   // Private until the final mode is set.
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
@@ -94,6 +92,8 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   copySettings_ = copy;
   posixRename_ = options.usePosixRename;
   more_ = std::move(more);
+  // Uploads over several channels share big files out among them.
+  settings_.sharedOut = upload_ && (more_.count > 0 || options_.channels > 1);
   deltas_ = std::make_unique<DeltaCopier>(session, shell, copy, *copier_, *this, counters_);
   session_.usePosixRename(options.usePosixRename);
 }
@@ -162,12 +162,12 @@ TreeTransferReport TreeTransfer::run() {
 // Each further channel costs a round trip to open; they open while the
 // first session's start is under way.
 void TreeTransfer::openChannels() {
-  auto const wanted = std::max<std::size_t>(1, options_.channels);
-  if (wanted == 1 || !more_ || dryRun_) return;
+  auto const wanted = 1 + more_.count;
+  if (more_.count == 0 || !more_.open || dryRun_) return;
   while (lanes_.size() + 1 < wanted) {
     auto lane = std::make_unique<Lane>();
     try {
-      lane->transport = more_();
+      lane->transport = more_.open();
     } catch (SSHError const& e) {
       if (e.kind() != SSHError::Kind::Channel) throw;
       report_.details.push_back(fl::i18n::utf8_to_ustring("files went over " + std::to_string(lanes_.size() + 1) +
@@ -181,6 +181,7 @@ void TreeTransfer::openChannels() {
     lane->copier = std::make_unique<FileCopier>(*lane->session, copySettings_, *this, counters_, &copier_->rateLimit());
     copiers_.attach(*lane->copier);
     lanes_.push_back(std::move(lane));
+    report_.channels = 1 + lanes_.size();
   }
 }
 

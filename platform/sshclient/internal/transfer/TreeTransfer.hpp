@@ -54,7 +54,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
  public:
   // `more` opens the further channels the options ask for (unset: one only).
   TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& command, sftp::ProgressCallback const& progress,
-               sftp::RemoteShell const& shell, sftp::EngineOptions const& options, sftp::StreamOpener more = {});
+               sftp::RemoteShell const& shell, sftp::EngineOptions const& options, sftp::MoreStreams more = {});
   ~TreeTransfer();
   TreeTransfer(TreeTransfer const&) = delete;
   TreeTransfer& operator=(TreeTransfer const&) = delete;
@@ -178,7 +178,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   std::unique_ptr<FileCopier> copier_;  // the first session's
   CopySettings copySettings_;
   bool posixRename_ = true;
-  sftp::StreamOpener more_;
+  sftp::MoreStreams more_;
   std::vector<std::unique_ptr<Lane>> lanes_;
   Copiers copiers_;  // copier_ and those of the lanes
   std::unique_ptr<DeltaCopier> deltas_;
