@@ -161,6 +161,10 @@ TEST_F(DotDotTest, ASourceThatHoldsItsDestinationIsRefused) {
   auto const itself = tool({"put", "--delete", at("L/tree/sub/.."), at("L") + "/"});
   EXPECT_EQ(itself.status, 1);
   EXPECT_THAT(itself.err, ::testing::EndsWith(": the source is its own destination on this machine\n"));
+  // A folder destination named without its slash: the copy would go into it.
+  auto const into = tool({"put", at("L/tree"), at("L")});
+  EXPECT_EQ(into.status, 1);
+  EXPECT_THAT(into.err, ::testing::EndsWith(": the source is its own destination on this machine\n"));
   auto const back = tool({"get", at("L/tree"), at("L/tree/sub") + "/"});
   EXPECT_EQ(back.status, 1);
   EXPECT_THAT(back.err, ::testing::HasSubstr("cannot download '" + at("L/tree") + "' from "));

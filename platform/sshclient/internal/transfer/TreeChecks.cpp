@@ -75,10 +75,18 @@ ChecksumAnswers TreeTransfer::bySizeAndTime(Folder const& folder, std::vector<st
 }
 
 std::optional<std::string> TreeTransfer::readRemoteFile(std::string const& path, std::optional<std::uint64_t> prefix) {
+  startRemoteRead(path, prefix);
+  return finishRemoteRead();
+}
+
+void TreeTransfer::startRemoteRead(std::string const& path, std::optional<std::uint64_t> prefix) {
   prefix_.reset();
   prefixRead_ = false;
   if (!prefixCookie_) prefixCookie_ = std::make_unique<Cookie>(Cookie{Cookie::Kind::Prefix, nullptr});
   lister_.readFile(path, prefixCookie_.get(), prefix);
+}
+
+std::optional<std::string> TreeTransfer::finishRemoteRead() {
   while (!prefixRead_) session_.pump();
   return std::move(prefix_);
 }

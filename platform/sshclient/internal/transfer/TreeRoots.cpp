@@ -6,7 +6,10 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <map>
 #include <memory>
+#include <optional>
+#include <string>
 #include <unordered_set>
 
 #include "sshfileaccess/platform/i18n/i18n.hpp"
@@ -56,6 +59,7 @@ std::string TreeTransfer::describePair(std::size_t item) const {
 // the caller named something that is not there.
 void TreeTransfer::prepareRoots() {
   resolvePaths();
+  askAboutThisMachine();
   placeIntoFolders();
   examineSources();
   refuseOverlaps();
@@ -68,6 +72,10 @@ void TreeTransfer::prepareRoots() {
   for (auto& root : roots_) {
     if (!root.failed) startRoot(root);
   }
+}
+
+void TreeTransfer::awaitRootAnswers() {
+  while (rootQuestions_ > 0) session_.pump();
 }
 
 // Runs the session until every request sent so far is answered.
@@ -123,24 +131,63 @@ void TreeTransfer::resolvePaths() {
 // root folder are the same on both sides), a source that is its own
 // destination, or a folder that holds it, is refused: the copy would write
 // into what it reads, and a mirror would delete from it.
-void TreeTransfer::refuseOverlaps() {
+//
+// A loopback peer may be a port forwarded far away, so the questions go in
+// the first flight, with those about the destinations: the root's
+// attributes, the boot id, and the real path of every leading part of the
+// remote roots (as given, and with the source's name joined, for a
+// destination that turns out to be a folder) that resolving them may need.
+void TreeTransfer::askAboutThisMachine() {
+  constexpr char const* kBootId = "/proc/sys/kernel/random/boot_id";
   if (!loopbackPeer(session_.peer())) return;
-  constexpr char const* kBoot = "/proc/sys/kernel/random/boot_id";
-  auto const localBoot = readLocalFile(kBoot);
-  struct stat local {};
-  if (!localBoot || localBoot->empty() || ::stat("/", &local) != 0) return;
+  auto machine = std::make_unique<ThisMachine>();
+  machine->boot = readLocalFile(kBootId).value_or(std::string());
+  if (machine->boot.empty() || ::stat("/", &machine->root) != 0) return;
   remoteRoot_.reset();
   session_.stat({this, kRootStat}, "/");
-  auto const remoteBoot = readRemoteFile(kBoot);
-  await();
-  if (remoteBoot != localBoot || !remoteRoot_ ||
+  ++rootQuestions_;
+  auto const ask = [&](std::string const& path) {
+    (void)canonical(path, [&](std::string const& prefix) {
+      machine->realPaths.try_emplace(prefix);
+      return std::optional<std::string>();
+    });
+  };
+  for (auto const& root : roots_) {
+    if (root.failed) continue;
+    if (!upload_) {
+      ask(root.source);
+    } else {
+      ask(root.destination);
+      if (options_.intoFolders) ask(joined(withoutTrailingSlashes(root.destination), baseName(root.source)));
+    }
+  }
+  for (auto& [prefix, real] : machine->realPaths) {
+    session_.realpath({this, kResolve, &real}, prefix);
+    ++rootQuestions_;
+  }
+  // As long as ours, which ends in its line feed: no READ waits for the end.
+  startRemoteRead(kBootId, machine->boot.size());
+  thisMachine_ = std::move(machine);
+}
+
+void TreeTransfer::refuseOverlaps() {
+  if (!thisMachine_) return;
+  auto const machine = std::move(thisMachine_);
+  // The server answers in order, but the answers are counted all the same.
+  auto const remoteBoot = finishRemoteRead();
+  awaitRootAnswers();
+  auto const& local = machine->root;
+  if (remoteBoot != machine->boot || !remoteRoot_ ||
       remoteRoot_->mtime != static_cast<std::uint32_t>(local.st_mtim.tv_sec) ||
       remoteRoot_->permissions != static_cast<std::uint32_t>(local.st_mode) ||
       remoteRoot_->uid != static_cast<std::uint32_t>(local.st_uid)) {
     return;
   }
   auto const localReal = [this](std::string const& path) { return localRealPath(path); };
-  auto const remoteReal = [this](std::string const& path) { return remoteRealPath(path); };
+  auto const remoteReal = [&machine](std::string const& path) {
+    auto const found = machine->realPaths.find(path);
+    return found != machine->realPaths.end() ? found->second : std::nullopt;
+  };
   for (auto& root : roots_) {
     if (root.failed) continue;
     auto const source = canonical(root.source, upload_ ? RealPath(localReal) : RealPath(remoteReal));
@@ -155,21 +202,21 @@ void TreeTransfer::refuseOverlaps() {
 
 void TreeTransfer::placeIntoFolders() {
   if (options_.intoFolders) {
-    bool asked = false;
     for (auto& root : roots_) {
       if (root.failed) continue;
       if (root.destination.ends_with('/')) {
         root.into = true;
       } else if (upload_) {
         session_.stat({this, kInto, nullptr, root.item}, root.destination);
-        asked = true;
+        ++rootQuestions_;
       } else {
         struct stat st {};
         root.into = ::stat(root.destination.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
       }
     }
-    // Not for VERSION alone: what follows may go in its flight.
-    if (asked) await();
+    // Not for VERSION alone, nor for a file being read meanwhile: what
+    // follows may go in their flight.
+    awaitRootAnswers();
   }
   for (auto& root : roots_) {
     if (root.into) root.destination = joined(root.destination, baseName(root.source));
@@ -246,13 +293,18 @@ void TreeTransfer::onRootReply(Ticket const& ticket, Reply const& reply) {
   switch (ticket.kind) {
     case kResolve:
       if (reply.type == PacketType::Name && reply.names.size() == 1) {
-        resolved_ = std::string(reply.names.front().filename);
+        // One of a batch, or the one asked alone.
+        auto* const slot = static_cast<std::optional<std::string>*>(ticket.subject);
+        (slot != nullptr ? *slot : resolved_) = std::string(reply.names.front().filename);
       }
+      if (ticket.subject != nullptr) --rootQuestions_;
       return;
     case kRootStat:
       if (reply.type == PacketType::Attrs) remoteRoot_ = reply.attributes;
+      --rootQuestions_;
       return;
     case kInto:
+      --rootQuestions_;
       roots_[static_cast<std::size_t>(ticket.offset)].into =
           reply.type == PacketType::Attrs && reply.attributes.isDirectory();
       return;

@@ -29,8 +29,11 @@
 // persistent runner, resumed prefixes and deltas' blocks by commands that
 // run while this side hashes its own. Not thread-safe.
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <exception>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -80,6 +83,9 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   // ---- roots (TreeRoots.cpp)
   void prepareRoots();
   void resolvePaths();
+  void askAboutThisMachine();
+  // Runs the session until the roots' own questions are answered.
+  void awaitRootAnswers();
   void refuseOverlaps();
   std::optional<std::string> localRealPath(std::string const& path);
   std::optional<std::string> remoteRealPath(std::string const& path);
@@ -142,6 +148,9 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   ChecksumAnswers bySizeAndTime(Folder const& folder, std::vector<std::string> const& names);
   // A remote file read over SFTP (its first `prefix` bytes, when given).
   std::optional<std::string> readRemoteFile(std::string const& path, std::optional<std::uint64_t> prefix = {});
+  // readRemoteFile in two halves, so that other requests fly meanwhile.
+  void startRemoteRead(std::string const& path, std::optional<std::uint64_t> prefix = {});
+  std::optional<std::string> finishRemoteRead();
 
   // ---- report
   void fail(std::size_t item, std::string const& message);
@@ -196,7 +205,15 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   std::optional<std::string> resolved_;  // the answer to the last REALPATH of a root
   int localError_ = 0;                   // of the last local realpath
   std::optional<sftp::Attributes> remoteRoot_;
-  bool shellUsable_ = true;  // false: the server allows SFTP only
+  // What tells whether a loopback peer is this very machine, asked early.
+  struct ThisMachine {
+    std::string boot;
+    struct stat root {};
+    std::map<std::string, std::optional<std::string>> realPaths;  // remote leading parts
+  };
+  std::unique_ptr<ThisMachine> thisMachine_;
+  std::size_t rootQuestions_ = 0;  // about the roots and this machine, unanswered
+  bool shellUsable_ = true;        // false: the server allows SFTP only
   bool checksumNoted_ = false;
   std::optional<std::string> prefix_;  // the answer to readRemoteFile
   bool prefixRead_ = false;

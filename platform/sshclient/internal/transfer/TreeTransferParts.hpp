@@ -18,7 +18,7 @@ namespace foundation::sshclient::internal::transfer {
 
 // What the walk's own requests are for (Ticket::kind).
 enum TreeRequest : std::uint32_t {
-  kResolve,           // REALPATH of a caller's path with "." or ".."
+  kResolve,           // REALPATH of a caller's path with "." or "..", or of a batch (subject: the answer's slot)
   kInto,              // STAT of a destination that may be a folder to copy into
   kRootStat,          // STAT of the server's root folder: is it this machine's?
   kParent,            // MKDIR of a missing parent of a destination
