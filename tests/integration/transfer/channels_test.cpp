@@ -89,29 +89,41 @@ std::vector<pid_t> sftpServers(TestSshd const& server) {
   return found;
 }
 
+// Runs `look` every 2 ms on a thread of its own while it lives.
+class Watch {
+ public:
+  explicit Watch(std::function<void()> look)
+      : thread_([this, look = std::move(look)] {
+          while (!done_) {
+            look();
+            std::this_thread::sleep_for(2ms);
+          }
+        }) {}
+  ~Watch() {
+    done_ = true;
+    thread_.join();
+  }
+  Watch(Watch const&) = delete;
+  Watch& operator=(Watch const&) = delete;
+
+ private:
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
 // Counts the most SFTP server processes seen at once while it lives.
 class ServerCount {
  public:
   explicit ServerCount(TestSshd const& server)
-      : watcher_([this, &server] {
-          while (!done_) {
-            auto const now = sftpServers(server).size();
-            if (now > most_) most_ = now;
-            std::this_thread::sleep_for(2ms);
-          }
+      : watch_([this, &server] {
+          auto const now = sftpServers(server).size();
+          if (now > most_) most_ = now;
         }) {}
-  ~ServerCount() {
-    done_ = true;
-    watcher_.join();
-  }
-  ServerCount(ServerCount const&) = delete;
-  ServerCount& operator=(ServerCount const&) = delete;
   [[nodiscard]] std::size_t most() const { return most_; }
 
  private:
-  std::atomic<bool> done_{false};
   std::atomic<std::size_t> most_{0};
-  std::thread watcher_;
+  Watch watch_;  // last: stops before the rest goes
 };
 
 // One tree copy through `link` to `server`.
@@ -193,6 +205,35 @@ TEST_F(Channels, AServerOfOneSessionPerConnectionGetsEverythingOverOne) {
   EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
 }
 
+// A copy over 3 channels during which one of the SFTP server processes is
+// killed, once `due` says so; and the copy's failure, if it failed.
+struct KilledOne {
+  bool killed = false;
+  std::optional<std::string> error;
+};
+KilledOne copyKillingOneServer(TestSshd const& server, linkemu::LinkEmulator const& link, TransferDirection direction,
+                               fs::path const& from, fs::path const& to,
+                               std::function<bool(ssh::TransferProgress const&)> const& due) {
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  std::atomic<bool> killed{false};
+  auto const killOne = [&](ssh::TransferProgress const& progress) {
+    if (killed || !due(progress)) return;
+    auto const servers = sftpServers(server);
+    if (servers.size() < 3) return;
+    ::kill(servers.back(), SIGKILL);
+    killed = true;
+  };
+  KilledOne result;
+  try {
+    copyTree(server, link, direction, from, to, options, killOne);
+  } catch (ssh::SSHError const& e) {
+    result.error = e.what();
+  }
+  result.killed = killed;
+  return result;
+}
+
 // One of three SFTP server processes is killed once files have arrived. The
 // transfer may fail (naming a file under way, or the session) or finish;
 // either way a file under its final name is complete, and a download leaves
@@ -201,22 +242,8 @@ void killOneChannelDuring(TransferDirection direction, fs::path const& source, f
   TestSshd const server(ownProcesses());
   writeTree(source, 900, 4, 2U << 20U);
   auto const link = linkTo(server, 5ms);
-  ssh::TreeTransferOptions options;
-  options.channels = 3;
-  std::atomic<bool> killed{false};
-  auto const killOne = [&](ssh::TransferProgress const& progress) {
-    if (progress.filesDone == 0 || killed) return;
-    auto const servers = sftpServers(server);
-    if (servers.size() < 3) return;
-    ::kill(servers.back(), SIGKILL);
-    killed = true;
-  };
-  std::optional<std::string> error;
-  try {
-    copyTree(server, *link, direction, source, destination, options, killOne);
-  } catch (ssh::SSHError const& e) {
-    error = e.what();
-  }
+  auto const [killed, error] = copyKillingOneServer(server, *link, direction, source, destination,
+                                                    [](auto const& progress) { return progress.filesDone > 0; });
   ASSERT_TRUE(killed) << "the copy ended before the kill";
   bool const up = direction == TransferDirection::LocalToRemote;
   if (error) {
@@ -260,22 +287,29 @@ TEST_F(Channels, ARateLimitHoldsForAllChannelsTogether) {
   EXPECT_TRUE(filesBelow(there_).files == filesBelow(source_).files);
 }
 
-TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
-  TestSshd const server;
-  writeTree(source_, 0, 4, 24U << 20U);
-  // 400 Mbit/s: the 96 MiB take about two seconds, time enough to be killed in.
-  auto const link = linkTo(server, 5ms, 400'000'000);
+// An upload over 3 resuming channels whose connection is killed once
+// `bytes` have arrived.
+ssh::TreeTransferOptions uploadKilledAt(TestSshd const& server, linkemu::LinkEmulator const& link, std::uint64_t bytes,
+                                        fs::path const& from, fs::path const& to) {
   ssh::TreeTransferOptions options;
   options.channels = 3;
   options.resume = true;
   std::atomic<bool> killed{false};
   auto const killAll = [&](ssh::TransferProgress const& progress) {
-    if (progress.bytesDone < (30U << 20U) || killed.exchange(true)) return;
+    if (progress.bytesDone < bytes || killed.exchange(true)) return;
     server.killConnections();
   };
-  EXPECT_THROW(copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killAll),
-               ssh::SSHError);
-  ASSERT_TRUE(killed);
+  EXPECT_THROW(copyTree(server, link, TransferDirection::LocalToRemote, from, to, options, killAll), ssh::SSHError);
+  EXPECT_TRUE(killed);
+  return options;
+}
+
+TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
+  TestSshd const server;
+  writeTree(source_, 0, 4, 24U << 20U);
+  // 400 Mbit/s: the 96 MiB take about two seconds, time enough to be killed in.
+  auto const link = linkTo(server, 5ms, 400'000'000);
+  auto const options = uploadKilledAt(server, *link, 30U << 20U, source_, there_);
   ASSERT_THAT(filesBelow(there_).temporaries, ::testing::Not(::testing::IsEmpty()));
   auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
   EXPECT_GE(report.resumed, 1U);
@@ -289,37 +323,27 @@ TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
 class TemporaryHolders {
  public:
   TemporaryHolders(TestSshd const& server, std::string const& name)
-      : watcher_([this, &server, prefix = "." + name + ".sshfa-"] {
-          while (!done_) {
-            for (pid_t const pid : sftpServers(server)) {
-              std::error_code error;
-              for (auto const& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
-                auto const target = fs::read_symlink(fd.path(), error).filename().string();
-                if (!error && target.starts_with(prefix)) {
-                  std::lock_guard const lock(mutex_);
-                  pids_.insert(pid);
-                }
+      : watch_([this, &server, prefix = "." + name + ".sshfa-"] {
+          for (pid_t const pid : sftpServers(server)) {
+            std::error_code error;
+            for (auto const& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
+              auto const target = fs::read_symlink(fd.path(), error).filename().string();
+              if (!error && target.starts_with(prefix)) {
+                std::lock_guard const lock(mutex_);
+                pids_.insert(pid);
               }
             }
-            std::this_thread::sleep_for(2ms);
           }
         }) {}
-  ~TemporaryHolders() {
-    done_ = true;
-    watcher_.join();
-  }
-  TemporaryHolders(TemporaryHolders const&) = delete;
-  TemporaryHolders& operator=(TemporaryHolders const&) = delete;
   [[nodiscard]] std::size_t count() {
     std::lock_guard const lock(mutex_);
     return pids_.size();
   }
 
  private:
-  std::atomic<bool> done_{false};
   std::mutex mutex_;
   std::set<pid_t> pids_;
-  std::thread watcher_;
+  Watch watch_;  // last: stops before the rest goes
 };
 
 TEST_F(Channels, ABigFileAloneIsSharedOutAmongTheChannels) {
@@ -342,17 +366,7 @@ TEST_F(Channels, AKilledSharedOutUploadIsResumedFromWhatSurelyArrived) {
   TestSshd const server;
   writeTree(source_, 0, 1, 64U << 20U);
   auto const link = linkTo(server, 5ms, 400'000'000);
-  ssh::TreeTransferOptions options;
-  options.channels = 3;
-  options.resume = true;
-  std::atomic<bool> killed{false};
-  auto const killAll = [&](ssh::TransferProgress const& progress) {
-    if (progress.bytesDone < (40U << 20U) || killed.exchange(true)) return;
-    server.killConnections();
-  };
-  EXPECT_THROW(copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killAll),
-               ssh::SSHError);
-  ASSERT_TRUE(killed);
+  auto const options = uploadKilledAt(server, *link, 40U << 20U, source_, there_);
   auto const partial = filesBelow(there_).temporaries;
   ASSERT_EQ(partial.size(), 1U);
   auto const held = fs::file_size(there_ / partial.front());
@@ -371,22 +385,9 @@ TEST_F(Channels, ASharedOutUploadWhoseHelperDiesLeavesNothingIncomplete) {
   TestSshd const server(ownProcesses());
   writeTree(source_, 0, 1, 48U << 20U);
   auto const link = linkTo(server, 5ms, 200'000'000);
-  ssh::TreeTransferOptions options;
-  options.channels = 3;
-  std::atomic<bool> killed{false};
-  auto const killOne = [&](ssh::TransferProgress const& progress) {
-    if (progress.bytesDone < (8U << 20U) || killed) return;
-    auto const servers = sftpServers(server);
-    if (servers.size() < 3) return;
-    ::kill(servers.back(), SIGKILL);
-    killed = true;
-  };
-  std::optional<std::string> error;
-  try {
-    copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options, killOne);
-  } catch (ssh::SSHError const& e) {
-    error = e.what();
-  }
+  auto const [killed, error] =
+      copyKillingOneServer(server, *link, TransferDirection::LocalToRemote, source_, there_,
+                           [](auto const& progress) { return progress.bytesDone >= (8U << 20U); });
   ASSERT_TRUE(killed) << "the copy ended before the kill";
   ASSERT_TRUE(error) << "a dead channel went unnoticed";
   EXPECT_THAT(*error, ::testing::AnyOf(::testing::StartsWith("cannot upload '" + (source_ / "large0").string() + "'"),

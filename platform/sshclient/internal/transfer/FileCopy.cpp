@@ -237,12 +237,7 @@ void FileCopier::fail(Job& job, std::string const& cause) {
   if (job.helper) {
     // Its owner reports the file (an empty cause: the helper just stops).
     if (!cancelled_ && !cause.empty()) job.stripe->fail(cause);
-    job.fd.reset();
-    job.block.release();
-    closeRemote(job);
-    job.phase = Job::Phase::Done;
-    reapable_ = true;
-    return;
+    return endHelper(job);
   }
   if (job.stripe) job.stripe->end();
   busy_.erase(busy_.find(job.task.destination));

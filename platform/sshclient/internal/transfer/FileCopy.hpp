@@ -185,6 +185,7 @@ class FileCopier final : public sftp::ReplyHandler {
   void issueWrites(Job& job);
   void afterStripedWrites(Job& job);
   void onHelperOpen(Job& job, sftp::Reply const& reply);
+  void endHelper(Job& job);
   void onWrite(Job& job, sftp::Ticket const& ticket, sftp::Reply const& reply);
   void finishUpload(Job& job);
   void onUploadClose(Job& job, sftp::Reply const& reply);

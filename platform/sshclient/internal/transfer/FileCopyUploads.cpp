@@ -181,16 +181,19 @@ void FileCopier::afterStripedWrites(Job& job) {
   auto& stripe = *job.stripe;
   if (job.helper) {
     bool const nothingLeft = stripe.ended() || (stripe.handedOut() && job.next >= job.grantEnd);
-    if (!nothingLeft || job.dataInFlight > 0) return;
-    job.fd.reset();
-    job.block.release();
-    closeRemote(job);
-    job.phase = Job::Phase::Done;
-    reapable_ = true;
+    if (nothingLeft && job.dataInFlight == 0) endHelper(job);
     return;
   }
   if (auto const& failure = stripe.failure()) return fail(job, *failure);
   if (stripe.complete() && job.dataInFlight == 0) finishUpload(job);
+}
+
+void FileCopier::endHelper(Job& job) {
+  job.fd.reset();
+  job.block.release();
+  closeRemote(job);
+  job.phase = Job::Phase::Done;
+  reapable_ = true;
 }
 
 void FileCopier::onHelperOpen(Job& job, Reply const& reply) {
