@@ -233,8 +233,8 @@ struct TreeTransferOptions {
   std::uint64_t bytesPerSecond = 0;
   // SFTP channels of the one connection that carry the files, each with its
   // own window and its own server process; a big upload is shared out among
-  // them. 0: chosen from the round trip (1 on a short link, up to 4; the
-  // report says how many). When the server refuses more, the transfer goes
+  // them. 0: chosen from the round trip (2 on a short link, where big
+  // uploads are not shared out, up to 4; the report says how many). When the server refuses more, the transfer goes
   // on over those that opened (the report's details say so).
   std::size_t channels = 0;
   // Called on the caller's thread as each change is done: a file copied or

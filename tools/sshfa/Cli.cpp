@@ -245,7 +245,7 @@ CLI::App* addTransferCommand(CLI::App& app, Invocation& inv, std::string const& 
       ->type_name("RATE");
   sub->add_option("--channels", inv.transfer.channels,
                   "Carry the files over N SFTP channels of the one connection (1 to 16; fewer when the server "
-                  "refuses more). Default: chosen from the round trip, 1 on a short link, up to 4")
+                  "refuses more). Default: chosen from the round trip, 2 on a short link, up to 4")
       ->type_name("N")
       ->check(CLI::Range(1, 16));
   sub->add_flag("-a,--archive", inv.archive,

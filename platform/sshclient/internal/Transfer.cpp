@@ -63,8 +63,11 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
     // Left to us: the first open's answer took a round trip, which tells
     // how many channels the link wants; they open while SFTP starts.
     auto const roundTrip = std::chrono::steady_clock::now() - asked;
-    auto const count = transfer::channelsFor(roundTrip);
-    for (std::size_t i = 1; i < count; ++i) further.emplace_back(session, Channel::Answer::Later);
+    auto const choice = transfer::channelsFor(roundTrip);
+    for (std::size_t i = 1; i < choice.count; ++i) further.emplace_back(session, Channel::Answer::Later);
+    more.shareOut = choice.shareOut;
+  } else {
+    more.shareOut = options.channels > 1;
   }
   sftp::RemoteShell const remote{
       shell, [&session](std::string const& line) { return std::make_unique<ChannelCommand>(session, line); }};

@@ -18,14 +18,14 @@ std::optional<std::size_t> copierFor(std::span<CopierLoad const> loads, std::siz
   return best;
 }
 
-std::size_t channelsFor(std::chrono::nanoseconds roundTrip) {
+ChannelChoice channelsFor(std::chrono::nanoseconds roundTrip) {
   constexpr double kChannelWindow = 2 * 1024 * 1024;
   auto const wanted = std::ceil(kConnectionRate * std::chrono::duration<double>(roundTrip).count() / kChannelWindow);
-  return std::clamp<std::size_t>(wanted < 1 ? 1 : static_cast<std::size_t>(wanted), 1, kMostChannels);
+  auto const windows = wanted < 1 ? std::size_t{1} : static_cast<std::size_t>(wanted);
+  return {std::clamp(windows, kLeastChannels, kMostChannels), windows > 1};
 }
 
-void Copiers::attach(FileCopier& copier) {
-  copiers_.push_back(&copier);
+void Copiers::shareOut() {
   if (copiers_.size() < 2) return;
   for (auto* each : copiers_) each->shareStripes(&board_);
 }

@@ -92,8 +92,8 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   copySettings_ = copy;
   posixRename_ = options.usePosixRename;
   more_ = std::move(more);
-  // Uploads over several channels share big files out among them.
-  settings_.sharedOut = upload_ && (more_.count > 0 || options_.channels > 1);
+  // Uploads over several channels may share big files out among them.
+  settings_.sharedOut = upload_ && (more_.shareOut || options_.channels > 1);
   deltas_ = std::make_unique<DeltaCopier>(session, shell, copy, *copier_, *this, counters_);
   session_.usePosixRename(options.usePosixRename);
 }
@@ -173,7 +173,7 @@ void TreeTransfer::openChannels() {
       report_.details.push_back(fl::i18n::utf8_to_ustring("files went over " + std::to_string(lanes_.size() + 1) +
                                                           " of " + std::to_string(wanted) +
                                                           " channels: the server refused another (" + e.what() + ")"));
-      return;
+      break;
     }
     lane->session = std::make_unique<sftp::SftpSession>(*lane->transport, session_.peer());
     lane->session->usePosixRename(posixRename_);
@@ -183,6 +183,7 @@ void TreeTransfer::openChannels() {
     lanes_.push_back(std::move(lane));
     report_.channels = 1 + lanes_.size();
   }
+  if (more_.shareOut) copiers_.shareOut();
 }
 
 bool TreeTransfer::pumpAll() {
