@@ -37,6 +37,8 @@ WORKLOADS = collections.OrderedDict([
     ("noop-10k", "re-run of the upload of 10,000 files of 1-4 KiB in 100 folders, nothing changed"),
     ("changed-10k", "re-run of the upload of 10,000 files of 1-4 KiB in 100 folders, 100 of them changed"),
     ("resume-1g", "1 GiB file, re-run of an upload interrupted at about 512 MiB"),
+    ("scale-100k", "100,000 files of 100 B in 500 folders, on disk: put, the same put again, get"),
+    ("scale-1m", "1,000,000 files of 100 B in 1,000 folders, on disk: put, the same put again, get"),
 ])
 
 # The latency rows, each run once per link; their workload is NAME@LINK.

@@ -68,7 +68,7 @@ for w in ${*:-$all_workloads}; do
     *" $w "*) latency_rows+=" ${w/#latency/$latency_workloads}" ;;
     *)
       case " scale $scale_workloads " in
-      *" $w "*) workloads+=" ${w/#scale/$scale_workloads}" ;;
+      *" $w "*) if [ "$w" = scale ]; then workloads+=" $scale_workloads"; else workloads+=" $w"; fi ;;
       *) echo "bench.sh: unknown workload '$w'" >&2; exit 2 ;;
       esac
       ;;
@@ -890,6 +890,7 @@ run_latency_row() {  # workload
 # tmpfs every file takes a page of memory. Each step records its peak memory.
 scale_dir=${SSHFA_BENCH_SCALE_DIR:-$root/$build_dir/scale}
 make_scale() {  # files folders
+  scale_files=$1
   scale_src=$scale_dir/src-$1
   scale_up=$scale_dir/up scale_down=$scale_dir/down
   [ -d "$scale_src" ] || $python - "$scale_src" "$1" "$2" <<'PY'
@@ -915,7 +916,11 @@ prepare_scale() {  # tool: a put starts into nothing, a no-op finds the put's co
   *-get) rm -rf "$scale_down" && mkdir -p "$scale_down" ;;
   esac
 }
-check_scale() { [ "$(find "$scale_up" "$scale_down" -type f 2>/dev/null | wc -l)" -gt 0 ]; }
+check_scale() {  # every file where the step just taken put it
+  local into=$scale_up
+  [[ $step_tool != *-get ]] || into=$scale_down
+  [ "$(find "$into" -type f 2>/dev/null | wc -l)" -eq "$scale_files" ]
+}
 memory() {  # command...: runs it, noting its peak memory
   /usr/bin/time -o "$work/memory" -f %M "$@"
   note memory "$(($(tail -n 1 "$work/memory") * 1024))"
@@ -927,12 +932,12 @@ scale_rsync_put() { memory rsync -a -e "$rsync_e" "$scale_src" "bench:$scale_up/
 scale_rsync_noop() { memory rsync -a -e "$rsync_e" "$scale_src" "bench:$scale_up/"; }
 scale_rsync_get() { memory rsync -a -e "$rsync_e" "bench:$scale_dir/remote/tree" "$scale_down/"; }
 scale_tar_put() {
-  memory bash -c "tar -C '$scale_dir' -cf - '$(basename "$scale_src")' |
-    ssh -F '$work/ssh_config' -o ControlPath=none bench 'tar -C \'$scale_up\' -xf -'"
+  memory bash -c 'set -o pipefail; tar -C "$1" -cf - "$2" | ssh -F "$3" -o ControlPath=none bench "tar -C $4 -xf -"' _ \
+    "$scale_dir" "$(basename "$scale_src")" "$work/ssh_config" "$(printf %q "$scale_up")"
 }
 scale_tar_get() {
-  memory bash -c "ssh -F '$work/ssh_config' -o ControlPath=none bench 'tar -C \'$scale_dir/remote\' -cf - tree' |
-    tar -C '$scale_down' -xf -"
+  memory bash -c 'set -o pipefail; ssh -F "$1" -o ControlPath=none bench "tar -C $2 -cf - tree" | tar -C "$3" -xf -' _ \
+    "$work/ssh_config" "$(printf %q "$scale_dir/remote")" "$scale_down"
 }
 scale_steps=(sshfa-put:scale_sshfa_put sshfa-noop:scale_sshfa_noop sshfa-get:scale_sshfa_get
   rsync-put:scale_rsync_put rsync-noop:scale_rsync_noop rsync-get:scale_rsync_get
