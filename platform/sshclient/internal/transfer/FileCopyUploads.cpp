@@ -141,9 +141,11 @@ bool FileCopier::readAhead(Job& job) {
 }
 
 // Whether the job has bytes to send now; a shared file's job takes its next
-// range when the last one is sent.
+// range when the last one is sent, and sends nothing more once the file
+// failed or was given up.
 bool FileCopier::moreToSend(Job& job) {
   if (!job.stripe) return job.next < job.size;
+  if (job.stripe->ended()) return false;
   if (job.next < job.grantEnd) return true;
   auto const grant = job.stripe->take(kGrantSize);
   if (!grant) return false;
