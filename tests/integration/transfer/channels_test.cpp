@@ -2,8 +2,9 @@
 // link with a real round trip: every byte arrives both ways over as many
 // server processes as channels asked for; a server that allows one session
 // per connection still gets everything over one; a channel whose server
-// process dies leaves nothing incomplete under a final name; and a killed
-// transfer over several channels is resumed.
+// process dies leaves nothing incomplete under a final name; a killed
+// transfer over several channels is resumed; and folders are listed over
+// every channel.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -319,16 +320,17 @@ TEST_F(Channels, AKilledTransferOverSeveralChannelsIsResumed) {
   EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
 }
 
-// SFTP server processes of `server` seen holding a temporary of `name` open.
-class TemporaryHolders {
+// SFTP server processes of `server` seen holding open a file that `wanted`
+// picks by its path.
+class Holders {
  public:
-  TemporaryHolders(TestSshd const& server, std::string const& name)
-      : watch_([this, &server, prefix = "." + name + ".sshfa-"] {
+  Holders(TestSshd const& server, std::function<bool(fs::path const&)> wanted)
+      : watch_([this, &server, wanted = std::move(wanted)] {
           for (pid_t const pid : sftpServers(server)) {
             std::error_code error;
             for (auto const& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
-              auto const target = fs::read_symlink(fd.path(), error).filename().string();
-              if (!error && target.starts_with(prefix)) {
+              auto const target = fs::read_symlink(fd.path(), error);
+              if (!error && wanted(target)) {
                 std::lock_guard const lock(mutex_);
                 pids_.insert(pid);
               }
@@ -346,13 +348,19 @@ class TemporaryHolders {
   Watch watch_;  // last: stops before the rest goes
 };
 
+// Holders of a temporary of `name`.
+std::function<bool(fs::path const&)> temporaryOf(std::string const& name) {
+  return
+      [prefix = "." + name + ".sshfa-"](fs::path const& path) { return path.filename().string().starts_with(prefix); };
+}
+
 TEST_F(Channels, ABigFileAloneIsSharedOutAmongTheChannels) {
   TestSshd const server(ownProcesses());
   writeTree(source_, 0, 1, 48U << 20U);
   auto const link = linkTo(server, 5ms, 400'000'000);
   ssh::TreeTransferOptions options;
   options.channels = 3;
-  TemporaryHolders holders(server, "large0");
+  Holders holders(server, temporaryOf("large0"));
   auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
   EXPECT_EQ(report.files, 1U);
   EXPECT_EQ(report.bytes, 48U << 20U);
@@ -393,6 +401,29 @@ TEST_F(Channels, ASharedOutUploadWhoseHelperDiesLeavesNothingIncomplete) {
   EXPECT_THAT(*error, ::testing::AnyOf(::testing::StartsWith("cannot upload '" + (source_ / "large0").string() + "'"),
                                        ::testing::StartsWith("SFTP session with ")));
   EXPECT_FALSE(fs::exists(there_ / "large0"));
+}
+
+// Each channel's server process reads folders of its own: a run that finds
+// everything in place still lists its folders over every channel.
+TEST_F(Channels, ARunWithNothingToCopyListsFoldersOverEveryChannel) {
+  TestSshd const server(ownProcesses());
+  for (int folder = 0; folder < 24; ++folder) {
+    for (int file = 0; file < 300; ++file) {
+      put(source_ / ("d" + std::to_string(folder)) / ("f" + std::to_string(file)), std::to_string(file));
+    }
+  }
+  auto const link = linkTo(server, 10ms);
+  ssh::TreeTransferOptions options;
+  options.channels = 3;
+  options.skipUnchanged = ssh::UnchangedTest::SizeAndTime;
+  ASSERT_EQ(copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options).files, 7200U);
+  auto const inside = there_.string() + "/";
+  Holders listers(
+      server, [&inside](fs::path const& path) { return path.string().starts_with(inside) && fs::is_directory(path); });
+  auto const report = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, options);
+  EXPECT_EQ(report.files, 0U);
+  EXPECT_EQ(report.skipped, 7200U);
+  EXPECT_EQ(listers.count(), 3U);
 }
 
 }  // namespace

@@ -20,6 +20,9 @@ enum Kind : std::uint32_t { kOpen, kRead, kLink, kFollow, kExamine, kExamineLink
 // The largest file readFile() takes, and what it asks for at once.
 constexpr std::uint64_t kMaxFileRead = 1024U * 1024U;
 constexpr std::uint32_t kFileChunk = 64U * 1024U;
+// READDIRs in flight for a wide folder (OpenSSH's server answers 100 names
+// at a time).
+constexpr int kReadsAhead = 4;
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
@@ -47,6 +50,7 @@ struct RemoteLister::Folder {
   std::size_t waiting = 0;
   bool ended = false;
   int reads = 0;        // READDIRs in flight
+  int answers = 0;      // READDIRs answered with names
   bool sawDot = false;  // each listing's one "." and ".." are the rule
   bool sawDotDot = false;
 };
@@ -177,7 +181,11 @@ void RemoteLister::onFolderReply(Folder& folder, Ticket const& ticket, Reply con
       if (folder.ended) return;  // the read sent beside the one that found the end
       if (reply.type == PacketType::Name) {
         takeNames(folder, reply);
-        if (folder.reads == 0) {
+        // A folder that took two answers is wide: more reads stay in flight,
+        // so that it takes fewer round trips; the few past its end just
+        // find the end again.
+        int const ahead = ++folder.answers < 2 ? 1 : kReadsAhead;
+        while (folder.reads < ahead) {
           ++folder.waiting;
           ++folder.reads;
           session_.readdir({this, kRead, &folder}, folder.handle);

@@ -31,9 +31,9 @@ namespace {
 // folders are wide, so that what is listed ahead stays near kEntriesAhead
 // entries, whatever the width of the tree's folders.
 constexpr std::size_t kFoldersListed = 32;
-constexpr std::size_t kEntriesAhead = 2048;
+constexpr std::size_t kEntriesAhead = 8192;
 // Files queued ahead of the copies before more folders are listed.
-constexpr std::size_t kFilesAhead = 256;
+constexpr std::size_t kFilesAhead = 2048;
 // OpenSSH's sshd grants a channel this much: the most an upload has under
 // way per round trip, however far its own window grows.
 constexpr std::uint64_t kServerChannelWindow = 2U * 1024U * 1024U;
@@ -101,6 +101,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
 struct TreeTransfer::Lane {
   std::unique_ptr<sftp::Transport> transport;
   std::unique_ptr<sftp::SftpSession> session;
+  std::unique_ptr<RemoteLister> lister;
   std::unique_ptr<FileCopier> copier;
 };
 
@@ -178,12 +179,23 @@ void TreeTransfer::openChannels() {
     lane->session = std::make_unique<sftp::SftpSession>(*lane->transport, session_.peer());
     lane->session->usePosixRename(posixRename_);
     lane->session->begin();
+    lane->lister = std::make_unique<RemoteLister>(*lane->session, *this, options_.followLinks);
     lane->copier = std::make_unique<FileCopier>(*lane->session, copySettings_, *this, counters_, &copier_->rateLimit());
     copiers_.attach(*lane->copier);
     lanes_.push_back(std::move(lane));
     report_.channels = 1 + lanes_.size();
   }
   if (more_.shareOut) copiers_.shareOut();
+}
+
+// Folders are listed over every channel: each has a server process of its
+// own, so the server's file system is read by several at once.
+RemoteLister& TreeTransfer::listerFor() {
+  auto* lister = &lister_;
+  for (auto const& lane : lanes_) {
+    if (lane->lister->busy() < lister->busy()) lister = lane->lister.get();
+  }
+  return *lister;
 }
 
 bool TreeTransfer::pumpAll() {
@@ -261,13 +273,13 @@ void TreeTransfer::beginFolder(Folder& folder) {
       folder.sourceListed = true;
     } else {
       ++folder.listings;
-      lister_.list(folder.source, &folder.sourceCookie);
+      listerFor().list(folder.source, &folder.sourceCookie);
     }
   }
   if (!folder.destinationKnown && !folder.fresh) {
     if (upload_) {
       ++folder.listings;
-      lister_.list(folder.destination, &folder.destinationCookie);
+      listerFor().list(folder.destination, &folder.destinationCookie);
     } else if (folder.local) {
       folder.destinationListing = folder.local->list();
       folder.destinationKnown = true;

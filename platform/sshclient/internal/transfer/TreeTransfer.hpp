@@ -2,7 +2,8 @@
 // A tree transfer (SSHClient::copyTrees), one folder at a time.
 //
 // For each folder pair the source and the destination are listed side by
-// side (the remote side over the SFTP session, many folders at once), the
+// side (the remote side over the SFTP sessions of every channel, many
+// folders at once), the
 // folder's plan is made (Plan.hpp decides everything), and its actions run:
 // folders made, links placed, unchanged files' modes and times put right,
 // copies handed to the FileCopier (deltas to the DeltaCopier first, which
@@ -100,6 +101,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void openChannels();
   // Every session pumped without sleeping; whether anything moved.
   bool pumpAll();
+  RemoteLister& listerFor();
   [[nodiscard]] bool quietStreams() const noexcept;
 
   // ---- the walk
