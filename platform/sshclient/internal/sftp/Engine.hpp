@@ -44,7 +44,7 @@ struct EngineOptions {
   // The two above are where a transfer starts; it grows its window and its
   // files open up to these while the link carries more.
   std::uint64_t windowCap = 32U * 1024U * 1024U;
-  std::size_t maxOpenFilesCap = 256;
+  std::size_t maxOpenFilesCap = 512;
   // Bytes per READ/WRITE; unset: the server's limits, else 32 KiB.
   std::optional<std::uint32_t> chunkSize;
   // Off: always the plain-rename path, as with a server without the extension.

@@ -90,7 +90,7 @@ void FileCopier::followLink() {
 void FileCopier::poll() {
   // Finished files make room for new ones.
   if (std::exchange(reapable_, false)) {
-    std::erase_if(jobs_, [](auto const& job) { return job->phase == Job::Phase::Done && job->pending == 0; });
+    done_ -= std::erase_if(jobs_, [](auto const& job) { return job->phase == Job::Phase::Done && job->pending == 0; });
   }
   followLink();
   auto maxOpen = std::max<std::size_t>(1, openFiles_);
@@ -99,7 +99,10 @@ void FileCopier::poll() {
   } else if (session_.handleLimit() > 0) {
     maxOpen = std::min<std::size_t>(maxOpen, std::max<std::uint64_t>(1, session_.handleLimit() / 2));
   }
-  while (!stopping_ && !queue_.empty() && jobs_.size() < maxOpen && session_.queuedBytes() < kOutboundLimit) {
+  // A file done holds no handle: its CLOSE went before any later OPEN, and
+  // the server answers in order (one failed before its OPEN was answered
+  // closes on the answer: half the server's handles stay spare for those).
+  while (!stopping_ && !queue_.empty() && active() < maxOpen && session_.queuedBytes() < kOutboundLimit) {
     if (busy_.contains(queue_.front().destination)) break;
     auto job = std::make_unique<Job>();
     job->task = std::move(queue_.front());
@@ -254,19 +257,23 @@ void FileCopier::fail(Job& job, std::string const& cause) {
     session_.rename({this, kCleanup, &job}, job.aside, job.task.destination, false);
     job.aside.clear();
   }
-  job.phase = Job::Phase::Done;
-  reapable_ = true;
+  retire(job);
   if (cancelled_) return;
   job.failure = describe(job) + cause;
   // A cause being looked into is named once its answer is in.
   if (job.diagnosed.empty()) observer_.fileFailed(job.task, job.failure);
 }
 
+void FileCopier::retire(Job& job) {
+  job.phase = Job::Phase::Done;
+  reapable_ = true;
+  ++done_;
+}
+
 void FileCopier::complete(Job& job) {
   busy_.erase(busy_.find(job.task.destination));
   job.temp.clear();
-  job.phase = Job::Phase::Done;
-  reapable_ = true;
+  retire(job);
   ++counters_.filesDone;
   ++filesDone_;
   if (job.resumed) ++counters_.resumed;

@@ -66,7 +66,7 @@ struct CopySettings {
   std::uint64_t windowBytes = 8U * 1024U * 1024U;  // file data in flight
   std::uint64_t windowCap = 32U * 1024U * 1024U;
   std::size_t maxOpenFiles = 128;  // also bounded by the server's handle limit
-  std::size_t maxOpenFilesCap = 256;
+  std::size_t maxOpenFilesCap = 512;
   std::optional<std::uint32_t> chunkSize;  // bytes per READ/WRITE; unset: the server's
   std::uint32_t createMode = 0600;         // temporaries are created with it (less the umask)
   bool resume = false;                     // resumable temporaries, kept when stopped
@@ -141,7 +141,8 @@ class FileCopier final : public sftp::ReplyHandler {
   void poll();
   [[nodiscard]] bool idle() const noexcept;
   [[nodiscard]] std::size_t waiting() const noexcept;  // queued, not started
-  [[nodiscard]] std::size_t active() const noexcept { return jobs_.size(); }
+  // Files under way (those done may still wait for a stray answer).
+  [[nodiscard]] std::size_t active() const noexcept { return jobs_.size() - done_; }
   // Whether a file to `destination` is queued or under way here.
   [[nodiscard]] bool holds(std::string const& destination) const {
     return busy_.contains(destination) || std::any_of(queue_.begin(), queue_.end(), [&](FileTask const& task) {
@@ -168,6 +169,7 @@ class FileCopier final : public sftp::ReplyHandler {
   struct Job;
   void start(Job& job);
   void fail(Job& job, std::string const& cause);
+  void retire(Job& job);
   void complete(Job& job);
   void closeRemote(Job& job);
   void discardTemp(Job& job);
@@ -225,6 +227,7 @@ class FileCopier final : public sftp::ReplyHandler {
   bool stopping_ = false;
   bool cancelled_ = false;
   bool reapable_ = false;  // a finished job may be waiting to go
+  std::size_t done_ = 0;   // jobs done and still held for their answers
   // What the link carries: the window and the open files grow from the
   // settings' floors.
   std::uint64_t window_;

@@ -194,8 +194,7 @@ void FileCopier::endHelper(Job& job) {
   job.fd.reset();
   job.block.release();
   closeRemote(job);
-  job.phase = Job::Phase::Done;
-  reapable_ = true;
+  retire(job);
 }
 
 void FileCopier::onHelperOpen(Job& job, Reply const& reply) {
