@@ -4,10 +4,13 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -715,6 +718,66 @@ TEST_F(ScriptedTest, FilesThatAllCompleteAtOnceMakeRoomForTheNext) {
   transfer(server, kPeer,
            CopyFilesCommand(std::move(items), TransferDirection::LocalToRemote, TransferProtocol::SFTP, 0744), {}, {});
   EXPECT_EQ(renames, 300U);
+}
+
+// A download holds its handle until its CLOSE is sent: the next file opens
+// without waiting for the CLOSE's answer (a round trip on a long link), and
+// the server never holds more handles than its limit.
+TEST_F(ScriptedTest, ADownloadsSlotIsFreeOnceItsCloseIsSent) {
+  constexpr int kFiles = 40;
+  std::vector<FileLocations> items;
+  for (int i = 0; i < kFiles; ++i) {
+    auto const name = "f" + std::to_string(i);
+    items.push_back({fl::i18n::utf8_to_ustring((scratch_ / name).string()), u"/r/" + fl::i18n::utf8_to_ustring(name)});
+  }
+  std::set<std::string> open;
+  std::size_t mostOpen = 0;
+  int opens = 0;
+  std::vector<Bytes> heldCloses;  // answered only once every file was opened
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    switch (r.type) {
+      case PacketType::Init:
+        out.push_back(Body(PacketType::Version).u32(3).str("limits@openssh.com").str("1").framed());
+        return;
+      case PacketType::Extended:  // the limits: at most 8 handles
+        out.push_back(Body(PacketType::ExtendedReply).u32(r.id).u64(1 << 20).u64(1 << 15).u64(1 << 15).u64(8).framed());
+        return;
+      case PacketType::Stat:
+        out.push_back(Body(PacketType::Attrs)
+                          .u32(r.id)
+                          .u32(attrflags::kSize | attrflags::kPermissions)
+                          .u64(1)
+                          .u32(0100644)
+                          .framed());
+        return;
+      case PacketType::Open: {
+        auto const handle = "H" + std::to_string(opens++);
+        open.insert(handle);
+        mostOpen = std::max(mostOpen, open.size());
+        out.push_back(Body(PacketType::Handle).u32(r.id).str(handle).framed());
+        if (opens == kFiles) std::move(heldCloses.begin(), heldCloses.end(), std::back_inserter(out));
+        return;
+      }
+      case PacketType::Read: {
+        auto const [offset, length] = r.offsetAndLength();
+        out.push_back(offset == 0 ? Body(PacketType::Data).u32(r.id).str("x").framed()
+                                  : sshfa::testing::status(r.id, StatusCode::Eof).framed());
+        return;
+      }
+      case PacketType::Close:
+        open.erase(r.firstString());
+        (opens < kFiles ? heldCloses : out).push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+        return;
+      default:
+        out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+    }
+  });
+  transfer(server, kPeer,
+           CopyFilesCommand(std::move(items), TransferDirection::RemoteToLocal, TransferProtocol::SFTP, 0644), {}, {});
+  EXPECT_EQ(opens, kFiles);
+  EXPECT_LE(mostOpen, 8U);
+  EXPECT_TRUE(open.empty());
+  for (int i = 0; i < kFiles; ++i) EXPECT_EQ(readFile(scratch_ / ("f" + std::to_string(i))), "x") << i;
 }
 
 // Strings of a request body in order (what follows them is not read).
