@@ -38,6 +38,7 @@ WORKLOADS = collections.OrderedDict([
     ("changed-10k", "re-run of the upload of 10,000 files of 1-4 KiB in 100 folders, 100 of them changed"),
     ("resume-1g", "1 GiB file, re-run of an upload interrupted at about 512 MiB"),
     ("scale-100k", "100,000 files of 100 B in 500 folders, on disk: put, the same put again, get"),
+    ("scale-200k", "200,000 files of 100 B in 1,000 folders, on disk: put, the same put again, get"),
     ("scale-1m", "1,000,000 files of 100 B in 1,000 folders, on disk: put, the same put again, get"),
 ])
 
@@ -120,10 +121,10 @@ KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "trans
         "lat-up-128m": "transfer", "lat-down-128m": "transfer", "lat-small-300": "transfer",
         "lat-exists-200": "latency-exists", "lat-connect": "latency-connect",
         "lat-delta-up-64m": "delta", "lat-delta-down-64m": "delta",
-        "scale-100k": "scale", "scale-1m": "scale"}
+        "scale-100k": "scale", "scale-200k": "scale", "scale-1m": "scale"}
 
 # The file counts of the scale rows.
-SCALE_FILES = {"scale-100k": 100_000, "scale-1m": 1_000_000}
+SCALE_FILES = {"scale-100k": 100_000, "scale-200k": 200_000, "scale-1m": 1_000_000}
 
 # The link of the goals of the latency rows, and of the delta rows.
 GOAL_LINK = "50ms"

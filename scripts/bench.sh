@@ -19,7 +19,7 @@
 #                                     lat-delta-up-64m lat-delta-down-64m:
 #                                     the latency rows, once per link of
 #                                     SSHFA_BENCH_LINKS; scale, or one of
-#                                     scale-100k scale-1m: trees of
+#                                     scale-100k scale-200k scale-1m: trees of
 #                                     100-byte files, with peak memory
 #   BUILD_DIR         build folder (default: build-bench)
 #   SSHFA_BENCH_RUNS  counted rounds (default 5)
@@ -56,7 +56,7 @@ all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 s
 latency_workloads="lat-up-128m lat-down-128m lat-small-300 lat-exists-200 lat-connect lat-delta-up-64m lat-delta-down-64m"
 # Trees of 100-byte files, by name only (long): put, a no-op put and get of
 # each tool, with time and peak memory. "scale" runs both.
-scale_workloads="scale-100k scale-1m"
+scale_workloads="scale-100k scale-200k scale-1m"
 scale_runs=${SSHFA_BENCH_SCALE_RUNS:-1}
 links=${SSHFA_BENCH_LINKS:-0 20 50 100 50/100M}
 workloads= latency_rows=
@@ -1022,8 +1022,12 @@ for w in $workloads; do
     run_workload "$w" prepare_changed check_changed $(sync_steps changed)
     after_step=
     ;;
-  scale-100k | scale-1m)
-    if [ "$w" = scale-100k ]; then make_scale 100000 500; else make_scale 1000000 1000; fi
+  scale-100k | scale-200k | scale-1m)
+    case $w in
+    scale-100k) make_scale 100000 500 ;;
+    scale-200k) make_scale 200000 1000 ;;
+    *) make_scale 1000000 1000 ;;
+    esac
     counted=$runs runs=$scale_runs
     run_workload "$w" prepare_scale check_scale "${scale_steps[@]}"
     runs=$counted
