@@ -28,11 +28,12 @@ using Change = PlannedChange::Action;
 namespace {
 
 // Folders whose listings are in flight at once, at most; fewer when the
-// folders are wide, so that what is listed ahead stays near kEntriesAhead
-// entries, whatever the width of the tree's folders.
+// folders are wide or files wait for the copies, so that the files queued
+// and the entries being listed stay near kEntriesAhead together, whatever
+// the width of the tree's folders. No folder starts while kFilesAhead files
+// wait for the copies.
 constexpr std::size_t kFoldersListed = 32;
 constexpr std::size_t kEntriesAhead = 8192;
-// Files queued ahead of the copies before more folders are listed.
 constexpr std::size_t kFilesAhead = 2048;
 // OpenSSH's sshd grants a channel this much: the most an upload has under
 // way per round trip, however far its own window grows.
@@ -244,11 +245,19 @@ void TreeTransfer::walk() {
   }
 }
 
-void TreeTransfer::startFolders() {
-  // The width of the folders listed so far decides how many go at once.
+// How many folders may be in their listing at once: asked again after each
+// folder started, since a folder listed here at once queues its files.
+std::size_t TreeTransfer::listingRoom() const {
+  // The width of the folders listed so far says what a listing brings.
   auto const width = std::max<std::size_t>(1, entriesListed_ / std::max<std::size_t>(1, foldersListed_));
-  auto const listings = std::clamp<std::size_t>(kEntriesAhead / width, 1, kFoldersListed);
-  while (!waiting_.empty() && !stopping_ && listing_ < listings && copiers_.waiting() < kFilesAhead) {
+  auto const queued = copiers_.waiting();
+  if (queued >= kFilesAhead) return 0;
+  // One at least: a folder wider than the rest still goes.
+  return std::clamp<std::size_t>((kEntriesAhead - queued) / width, 1, kFoldersListed);
+}
+
+void TreeTransfer::startFolders() {
+  while (!waiting_.empty() && !stopping_ && listing_ < listingRoom()) {
     auto* const folder = waiting_.back();
     waiting_.pop_back();
     beginFolder(*folder);

@@ -106,6 +106,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
 
   // ---- the walk
   void walk();
+  [[nodiscard]] std::size_t listingRoom() const;
   void startFolders();
   void beginFolder(Folder& folder);
   void folderListed(Folder& folder);
