@@ -58,11 +58,12 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
   bool arrived = false;
   auto const asked = std::chrono::steady_clock::now();
   SftpChannel transport(std::move(first), arrived);
+  // The first open's answer took a round trip: it tells how much the link
+  // wants in flight and, when the count is left to us, how many channels;
+  // they open while SFTP starts.
+  auto const roundTrip = std::chrono::steady_clock::now() - asked;
   sftp::MoreStreams more;
   if (options.channels == 0 && !options.dryRun) {
-    // Left to us: the first open's answer took a round trip, which tells
-    // how many channels the link wants; they open while SFTP starts.
-    auto const roundTrip = std::chrono::steady_clock::now() - asked;
     auto const choice = transfer::channelsFor(roundTrip);
     for (std::size_t i = 1; i < choice.count; ++i) further.emplace_back(session, Channel::Answer::Later);
     more.shareOut = choice.shareOut;
@@ -77,7 +78,8 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
     if (next == further.size()) throw std::logic_error("no further channel was asked for");
     return std::make_unique<SftpChannel>(std::move(further[next++]), arrived);
   };
-  return sftp::transferTrees(transport, session.describe(), command, progress, remote, {}, std::move(more));
+  return sftp::transferTrees(transport, session.describe(), command, progress, remote,
+                             transfer::startingOptions(roundTrip), std::move(more));
 }
 
 }  // namespace foundation::sshclient::internal

@@ -57,5 +57,25 @@ TEST(ChannelsFor, FollowTheRoundTrip) {
   EXPECT_EQ(channelsFor(std::chrono::nanoseconds(0)), (ChannelChoice{2, false}));
 }
 
+// Uploads start at 48 files on a short round trip, at 128 from 10 ms on.
+TEST(StartingOptions, FollowTheRoundTrip) {
+  using std::chrono::microseconds;
+  using std::chrono::milliseconds;
+  sftp::EngineOptions const defaults;
+  EXPECT_EQ(startingOptions(microseconds(60)).maxOpenUploads, 48U);  // loopback
+  EXPECT_EQ(startingOptions(milliseconds(9)).maxOpenUploads, 48U);
+  EXPECT_EQ(startingOptions(milliseconds(10)).maxOpenUploads, 128U);
+  EXPECT_EQ(startingOptions(milliseconds(50)).maxOpenUploads, 128U);
+  // Nothing else moves.
+  for (auto const roundTrip : {microseconds(60), microseconds(50'000)}) {
+    auto const options = startingOptions(roundTrip);
+    EXPECT_EQ(options.maxOpenFiles, defaults.maxOpenFiles);
+    EXPECT_EQ(options.windowBytes, defaults.windowBytes);
+    EXPECT_EQ(options.uploadWindowBytes, defaults.uploadWindowBytes);
+    EXPECT_EQ(options.windowCap, defaults.windowCap);
+    EXPECT_EQ(options.maxOpenFilesCap, defaults.maxOpenFilesCap);
+  }
+}
+
 }  // namespace
 }  // namespace foundation::sshclient::internal::transfer

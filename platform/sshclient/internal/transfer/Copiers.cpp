@@ -25,6 +25,12 @@ ChannelChoice channelsFor(std::chrono::nanoseconds roundTrip) {
   return {std::clamp(windows, kLeastChannels, kMostChannels), windows > 1};
 }
 
+sftp::EngineOptions startingOptions(std::chrono::nanoseconds roundTrip) {
+  sftp::EngineOptions options;
+  if (roundTrip >= kLongRoundTrip) options.maxOpenUploads = options.maxOpenFiles;
+  return options;
+}
+
 void Copiers::shareOut() {
   if (copiers_.size() < 2) return;
   for (auto* each : copiers_) each->shareStripes(&board_);
