@@ -64,11 +64,9 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
   auto const roundTrip = std::chrono::steady_clock::now() - asked;
   sftp::MoreStreams more;
   if (options.channels == 0 && !options.dryRun) {
-    auto const choice = transfer::channelsFor(roundTrip);
-    for (std::size_t i = 1; i < choice.count; ++i) further.emplace_back(session, Channel::Answer::Later);
-    more.shareOut = choice.shareOut;
-  } else {
-    more.shareOut = options.channels > 1;
+    for (std::size_t i = 1; i < transfer::channelsFor(roundTrip); ++i) {
+      further.emplace_back(session, Channel::Answer::Later);
+    }
   }
   sftp::RemoteShell const remote{
       shell, [&session](std::string const& line) { return std::make_unique<ChannelCommand>(session, line); }};

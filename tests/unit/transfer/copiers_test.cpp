@@ -43,18 +43,19 @@ TEST(CopierFor, WaitsForTheHolderOfADestinationWhenItsQueueIsFull) {
 }
 
 // One channel carries 2 MiB a round trip, the connection about 300 MB/s;
-// two channels at least, big uploads shared out only past one window.
+// two channels at least, four at most.
 TEST(ChannelsFor, FollowTheRoundTrip) {
   using std::chrono::microseconds;
   using std::chrono::milliseconds;
-  EXPECT_EQ(channelsFor(microseconds(60)), (ChannelChoice{2, false}));  // loopback
-  EXPECT_EQ(channelsFor(milliseconds(6)), (ChannelChoice{2, false}));
-  EXPECT_EQ(channelsFor(milliseconds(10)), (ChannelChoice{2, true}));
-  EXPECT_EQ(channelsFor(milliseconds(20)), (ChannelChoice{3, true}));
-  EXPECT_EQ(channelsFor(milliseconds(25)), (ChannelChoice{4, true}));
-  EXPECT_EQ(channelsFor(milliseconds(50)), (ChannelChoice{4, true}));
-  EXPECT_EQ(channelsFor(milliseconds(300)), (ChannelChoice{kMostChannels, true}));
-  EXPECT_EQ(channelsFor(std::chrono::nanoseconds(0)), (ChannelChoice{2, false}));
+  EXPECT_EQ(channelsFor(microseconds(60)), 2U);  // loopback
+  EXPECT_EQ(channelsFor(milliseconds(6)), 2U);
+  EXPECT_EQ(channelsFor(milliseconds(10)), 2U);
+  EXPECT_EQ(channelsFor(milliseconds(15)), 3U);
+  EXPECT_EQ(channelsFor(milliseconds(20)), 3U);
+  EXPECT_EQ(channelsFor(milliseconds(25)), 4U);
+  EXPECT_EQ(channelsFor(milliseconds(50)), 4U);
+  EXPECT_EQ(channelsFor(milliseconds(300)), kMostChannels);
+  EXPECT_EQ(channelsFor(std::chrono::nanoseconds(0)), 2U);
 }
 
 // Uploads start at 48 files on a short round trip, at 128 from 10 ms on.

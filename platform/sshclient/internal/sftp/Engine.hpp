@@ -99,12 +99,11 @@ void transfer(Transport& transport, std::string const& peer, CopyFilesCommand co
 
 // The further streams to the same server that a transfer over several
 // channels was given: `open` opens the next of `count` (throws
-// SSHError(Channel) when the server refused it). With `shareOut`, big
-// uploads are shared out among them.
+// SSHError(Channel) when the server refused it). Big uploads are shared out
+// among them.
 struct MoreStreams {
   std::size_t count = 0;
   std::function<std::unique_ptr<Transport>()> open;
-  bool shareOut = false;
 };
 
 // Trees (copyTrees): see transfer/TreeTransfer.hpp. `shell` runs the command

@@ -18,11 +18,11 @@ std::optional<std::size_t> copierFor(std::span<CopierLoad const> loads, std::siz
   return best;
 }
 
-ChannelChoice channelsFor(std::chrono::nanoseconds roundTrip) {
+std::size_t channelsFor(std::chrono::nanoseconds roundTrip) {
   constexpr double kChannelWindow = 2 * 1024 * 1024;
   auto const wanted = std::ceil(kConnectionRate * std::chrono::duration<double>(roundTrip).count() / kChannelWindow);
   auto const windows = wanted < 1 ? std::size_t{1} : static_cast<std::size_t>(wanted);
-  return {std::clamp(windows, kLeastChannels, kMostChannels), windows > 1};
+  return std::clamp(windows, kLeastChannels, kMostChannels);
 }
 
 sftp::EngineOptions startingOptions(std::chrono::nanoseconds roundTrip) {

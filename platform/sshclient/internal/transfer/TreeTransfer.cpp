@@ -94,7 +94,7 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   posixRename_ = options.usePosixRename;
   more_ = std::move(more);
   // Uploads over several channels may share big files out among them.
-  settings_.sharedOut = upload_ && (more_.shareOut || options_.channels > 1);
+  settings_.sharedOut = upload_ && more_.count > 0;
   deltas_ = std::make_unique<DeltaCopier>(session, shell, copy, *copier_, *this, counters_);
   session_.usePosixRename(options.usePosixRename);
 }
@@ -186,7 +186,7 @@ void TreeTransfer::openChannels() {
     lanes_.push_back(std::move(lane));
     report_.channels = 1 + lanes_.size();
   }
-  if (more_.shareOut) copiers_.shareOut();
+  copiers_.shareOut();
 }
 
 // Folders are listed over every channel: each has a server process of its
