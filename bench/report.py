@@ -47,6 +47,9 @@ LATENCY = collections.OrderedDict([
     ("lat-up-128m", "one 128 MiB file, upload"),
     ("lat-down-128m", "one 128 MiB file, download"),
     ("lat-small-300", "300 files of 2-6 KiB in one folder, upload"),
+    ("lat-up-10k", "10,000 files of 1-4 KiB in 100 folders, upload"),
+    ("lat-down-10k", "10,000 files of 1-4 KiB in 100 folders, download"),
+    ("lat-noop-10k", "re-run of the upload of 10,000 files of 1-4 KiB in 100 folders, nothing changed"),
     ("lat-exists-200", "existence of 200 remote paths (half of them missing), connection set-up included"),
     ("lat-connect", "connection set-up, and the first answer"),
     ("lat-delta-up-64m", "64 MiB with 1 MiB changed over its old version, upload"),
@@ -119,6 +122,7 @@ KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "trans
         "sftp-exists-1000": "query", "sftp-stat-1000": "query",
         "noop-10k": "sync", "changed-10k": "sync", "resume-1g": "resume",
         "lat-up-128m": "transfer", "lat-down-128m": "transfer", "lat-small-300": "transfer",
+        "lat-up-10k": "transfer", "lat-down-10k": "transfer", "lat-noop-10k": "sync",
         "lat-exists-200": "latency-exists", "lat-connect": "latency-connect",
         "lat-delta-up-64m": "delta", "lat-delta-down-64m": "delta",
         "scale-100k": "scale", "scale-200k": "scale", "scale-1m": "scale"}

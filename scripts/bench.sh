@@ -15,6 +15,7 @@
 #                                     resume-1g (default: all of these)
 #                                     latency, or some of lat-up-128m
 #                                     lat-down-128m lat-small-300
+#                                     lat-up-10k lat-down-10k lat-noop-10k
 #                                     lat-exists-200 lat-connect
 #                                     lat-delta-up-64m lat-delta-down-64m:
 #                                     the latency rows, once per link of
@@ -53,7 +54,7 @@ name=${SSHFA_BENCH_NAME:-}
 python=/usr/bin/python3  # Debian's, which has paramiko and asyncssh
 all_workloads="upload-1g download-1g upload-10k download-10k small-1 small-300 stat-10k exists-1000 list-100k
   sftp-exists-1000 sftp-stat-1000 connect noop-10k changed-10k resume-1g"
-latency_workloads="lat-up-128m lat-down-128m lat-small-300 lat-exists-200 lat-connect lat-delta-up-64m lat-delta-down-64m"
+latency_workloads="lat-up-128m lat-down-128m lat-small-300 lat-up-10k lat-down-10k lat-noop-10k lat-exists-200 lat-connect lat-delta-up-64m lat-delta-down-64m"
 # Trees of 100-byte files, by name only (long): put, a no-op put and get of
 # each tool, with time and peak memory. "scale" runs both.
 scale_workloads="scale-100k scale-200k scale-1m"
@@ -736,6 +737,26 @@ ldown_rsync() { rsync -e "$rsync_e" "$lhost:$lat_big_remote" "$lat_down"; }
 ldown_cat() { lssh "cat '$lat_big_remote'" >"$lat_down"; }
 ldown_paramiko() { lparamiko get "$lat_big_remote" "$lat_down"; }
 
+# make_tree's 10,000 files at the link: put into nothing, get into nothing,
+# and put again onto the copy that holds them already (noop-10k's).
+lat_tree_up=$remote_dir/lat-tree-up
+lat_tree_down=$local_dir/lat-tree-down
+reset_lat_tree_up() { rm -rf "$lat_tree_up"; }
+reset_lat_tree_down() { rm -rf "$lat_tree_down"; }
+check_lat_tree_up() { diff -r "$tree_local" "$lat_tree_up" >/dev/null; }
+check_lat_tree_down() { diff -r "$tree_remote" "$lat_tree_down" >/dev/null; }
+ltup_sshfa() { lsshfa put "$tree_local" "$lat_tree_up"; }
+ltup_rsync() { rsync -a -e "$rsync_e" "$tree_local/" "$lhost:$lat_tree_up/"; }
+ltup_tar() { tar -C "$tree_local" -cf - . | lssh "mkdir -p '$lat_tree_up' && tar -C '$lat_tree_up' -xf -"; }
+ltdown_sshfa() { lsshfa get "$tree_remote" "$lat_tree_down"; }
+ltdown_rsync() { rsync -a -e "$rsync_e" "$lhost:$tree_remote/" "$lat_tree_down/"; }
+ltdown_tar() { mkdir -p "$lat_tree_down" && lssh "tar -C '$tree_remote' -cf - ." | tar -C "$lat_tree_down" -xf -; }
+ltnoop_sshfa() { lsshfa put "$sync_old" "$noop_dir/"; }
+ltnoop_rsync() { rsync -a -e "$rsync_e" "$sync_old/" "$lhost:$noop_dir/tree/"; }
+for f in ltup_sshfa ltdown_sshfa ltnoop_sshfa; do
+  eval "baseline_$f() { local sshfa_bin=\"\$baseline_bin\"; $f; }"
+done
+
 # 300 files of 2-6 KiB in one folder; the far side's copy is what exists-200 asks about.
 lat_small=$local_dir/lat-small
 lat_small_remote=$remote_dir/lat-small
@@ -857,6 +878,20 @@ run_latency_row() {  # workload
     run_workload "$row" reset_lat_small check_lat_small sshfa:lsmall_sshfa scp-r:lsmall_scp sftp-r:lsmall_sftp \
       rsync-a:lsmall_rsync tar-pipe:lsmall_tar paramiko:lsmall_paramiko
     ;;
+  lat-up-10k)
+    make_tree
+    run_workload "$row" reset_lat_tree_up check_lat_tree_up sshfa:ltup_sshfa $(baseline ltup_sshfa) \
+      rsync-a:ltup_rsync tar-pipe:ltup_tar
+    ;;
+  lat-down-10k)
+    make_tree
+    run_workload "$row" reset_lat_tree_down check_lat_tree_down sshfa:ltdown_sshfa $(baseline ltdown_sshfa) \
+      rsync-a:ltdown_rsync tar-pipe:ltdown_tar
+    ;;
+  lat-noop-10k)
+    make_sync_trees
+    run_workload "$row" prepare_noop check_noop sshfa:ltnoop_sshfa $(baseline ltnoop_sshfa) rsync-a:ltnoop_rsync
+    ;;
   lat-exists-200)
     make_lat_exists
     run_workload "$row" nothing check_lat_exists sshfa:lexists_sshfa sshfa-tool:lexists_tool \
@@ -915,6 +950,8 @@ prepare_scale() {  # tool: a put starts into nothing, a no-op finds the put's co
   *-put) rm -rf "$scale_up" && mkdir -p "$scale_up" ;;
   *-get) rm -rf "$scale_down" && mkdir -p "$scale_down" ;;
   esac
+  # What the last step wrote or removed reaches the disk now, not during the next.
+  sync
 }
 check_scale() {  # every file where the step just taken put it
   local into=$scale_up
