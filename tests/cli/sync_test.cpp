@@ -238,8 +238,13 @@ TEST_P(ResumeTest, AKilledTransferResumesWithTheRestOfTheBytes) {
   auto const again = totals({at("src/big"), at("dst/big")});
   EXPECT_EQ(again["resumed"], 1);
   EXPECT_EQ(again["copied"], 1);
-  EXPECT_EQ(again["bytes"], kBigSize - kept);
-  EXPECT_LE(again["bytes"].get<std::uint64_t>(), kBigSize / 2);
+  // A put goes over several channels, a big file shared out among them: the
+  // next run trusts all but the last 16 MiB of what arrived. A get trusts
+  // all of it.
+  constexpr std::uintmax_t kUnorderedReach = 16U << 20U;
+  auto const trusted = upload() ? kept - std::min(kept, kUnorderedReach) : kept;
+  EXPECT_EQ(again["bytes"], kBigSize - trusted);
+  EXPECT_LE(again["bytes"].get<std::uint64_t>(), kBigSize / 2 + (upload() ? kUnorderedReach : 0));
   EXPECT_TRUE(readFile(at("dst/big")) == contents_);
   EXPECT_TRUE(temporariesIn(at("dst")).empty());
 }
