@@ -200,6 +200,7 @@ class Session::Impl {
   // Keep-alive bookkeeping, see the header. libssh counts the bytes it takes
   // off the socket in received, in whichever call that happens.
   ssh_counter_struct received{};
+  std::uint64_t acknowledged = UINT64_MAX;  // received.in_bytes at the last quick ACK
   Clock::time_point nextProbe;
   bool probeOutstanding = false;
   int unanswered = 0;
@@ -726,8 +727,9 @@ bool Session::wait(std::chrono::milliseconds timeout) {
     // What arrived is acknowledged before we sleep: an ACK held back (for
     // up to 40 ms) holds the server's next small message back too, since
     // sshd leaves Nagle on for a session without a terminal. Seen here as a
-    // channel open answered 42 ms late on loopback.
-    quickAck(session);
+    // channel open answered 42 ms late on loopback. Only after news: one
+    // syscall per wake-up that brought bytes.
+    if (std::exchange(impl.acknowledged, impl.received.in_bytes) != impl.received.in_bytes) quickAck(session);
     // One poll() per wake-up: libssh's own, which also asks for
     // writability while output is pending and takes in what arrived.
     std::uint64_t const before = impl.received.in_bytes;

@@ -64,9 +64,8 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
   auto const roundTrip = std::chrono::steady_clock::now() - asked;
   sftp::MoreStreams more;
   if (options.channels == 0 && !options.dryRun) {
-    for (std::size_t i = 1; i < transfer::channelsFor(roundTrip); ++i) {
-      further.emplace_back(session, Channel::Answer::Later);
-    }
+    auto const count = transfer::channelsFor(roundTrip);
+    for (std::size_t i = 1; i < count; ++i) further.emplace_back(session, Channel::Answer::Later);
   }
   sftp::RemoteShell const remote{
       shell, [&session](std::string const& line) { return std::make_unique<ChannelCommand>(session, line); }};

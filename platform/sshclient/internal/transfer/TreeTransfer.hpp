@@ -3,8 +3,8 @@
 //
 // For each folder pair the source and the destination are listed side by
 // side (the remote side over the SFTP sessions of every channel, many
-// folders at once), the
-// folder's plan is made (Plan.hpp decides everything), and its actions run:
+// folders at once), the folder's plan is made (Plan.hpp decides
+// everything), and its actions run:
 // folders made, links placed, unchanged files' modes and times put right,
 // copies handed to the FileCopier (deltas to the DeltaCopier first, which
 // hashes both sides, and under DeltaMode::Auto the link is measured once,
