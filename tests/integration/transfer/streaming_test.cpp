@@ -1,7 +1,8 @@
 // Trees worked one folder at a time against the real sshd, both ways: a
-// folder wider than anything held ahead arrives whole, a mirror across many
-// folders removes exactly the extras, and a folder whose listing could not
-// be trusted loses nothing while the others are mirrored.
+// folder wider than anything held ahead arrives whole, is mirrored exactly
+// and stops cleanly; a mirror across many folders removes exactly the
+// extras, and a folder whose listing could not be trusted loses nothing
+// while the others are mirrored.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -87,6 +88,42 @@ TEST_P(Streaming, AMirrorAcrossManyFoldersRemovesExactlyTheExtras) {
   EXPECT_EQ(report.files, 0U);
   EXPECT_EQ(report.skipped, 1500U);
   EXPECT_EQ(filesBelow(dst()), filesBelow(src()));
+}
+
+// More files than wait queued at once: the folder's extras go only once all
+// of its files are in, and only they.
+TEST_P(Streaming, AMirrorOfAWideFolderRemovesItsExtrasOnce) {
+  for (int i = 0; i < 5'000; ++i) writeAt(src() / "wide" / ("f" + std::to_string(i)), std::to_string(i));
+  writeAt(dst() / "wide" / "extra", "e");
+  writeAt(dst() / "wide" / "f7", "old");
+  auto const client = TestSshd::instance().connect();
+  auto const report = copyTree(*client, {.skipUnchanged = ssh::UnchangedTest::SizeAndTime, .deleteExtraneous = true});
+  EXPECT_EQ(report.files, 5'000U);
+  EXPECT_EQ(report.deleted, 1U);
+  EXPECT_EQ(filesBelow(dst()), filesBelow(src()));
+}
+
+// A stop while a folder's copies still wait to be queued ends the run at
+// once: what arrived is whole and under its name, nothing else is there.
+TEST_P(Streaming, AStopWhileCopiesWaitLeavesOnlyWholeFiles) {
+  for (int i = 0; i < 5'000; ++i) writeAt(src() / "wide" / ("f" + std::to_string(i)), std::to_string(i));
+  struct Stopped {};
+  ssh::TreeTransferOptions options;
+  std::size_t copied = 0;
+  options.onChange = [&](ssh::PlannedChange const& change) {
+    if (change.action == ssh::PlannedChange::Action::Copy && ++copied == 100) throw Stopped{};
+  };
+  auto const client = TestSshd::instance().connect();
+  EXPECT_THROW(copyTree(*client, options), Stopped);
+  std::size_t arrived = 0;
+  for (auto const& entry : fs::directory_iterator(dst() / "wide")) {
+    auto const name = entry.path().filename().string();
+    ASSERT_EQ(name.front(), 'f') << name;
+    EXPECT_EQ(readFile(entry.path()), name.substr(1));
+    ++arrived;
+  }
+  EXPECT_GE(arrived, 100U);
+  EXPECT_LT(arrived, 5'000U);
 }
 
 // The server's listing of one folder holds a name that cannot be trusted:

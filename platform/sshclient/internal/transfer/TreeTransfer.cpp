@@ -30,8 +30,9 @@ namespace {
 // Folders whose listings are in flight at once, at most; fewer when the
 // folders are wide or files wait for the copies, so that the files queued
 // and the entries being listed stay near kEntriesAhead together, whatever
-// the width of the tree's folders. No folder starts while kFilesAhead files
-// wait for the copies.
+// the width of the tree's folders. No more than kFilesAhead files wait for
+// the copies (a folder's further copies wait in its plan), and no folder
+// starts while they do.
 constexpr std::size_t kFoldersListed = 32;
 constexpr std::size_t kEntriesAhead = 8192;
 constexpr std::size_t kFilesAhead = 2048;
@@ -218,6 +219,7 @@ bool TreeTransfer::quietStreams() const noexcept {
 void TreeTransfer::walk() {
   for (;;) {
     planMeasured();
+    feedCopies();
     startFolders();
     deltas_->poll();
     copiers_.poll();
@@ -225,7 +227,7 @@ void TreeTransfer::walk() {
     // A stop leaves its folders unfinished: it ends once nothing is under way.
     bool const finished = waiting_.empty() && folders_.empty() && removals_.empty();
     if (quiet && (finished || cancelled_) && copiers_.idle() && deltas_->idle()) return;
-    if (deltas_->busy() || (quiet && (!waiting_.empty() || !copiers_.idle()))) {
+    if (deltas_->busy() || (quiet && (!waiting_.empty() || !feeding_.empty() || !copiers_.idle()))) {
       // Work that needs no answer: go round without sleeping, taking in
       // what came meanwhile (hashing a large file takes a while).
       if (!quiet) pumpAll();
@@ -251,7 +253,7 @@ std::size_t TreeTransfer::listingRoom() const {
   // The width of the folders listed so far says what a listing brings.
   auto const width = std::max<std::size_t>(1, entriesListed_ / std::max<std::size_t>(1, foldersListed_));
   auto const queued = copiers_.waiting();
-  if (queued >= kFilesAhead) return 0;
+  if (queued >= kFilesAhead || !feeding_.empty()) return 0;
   // One at least: a folder wider than the rest still goes.
   return std::clamp<std::size_t>((kEntriesAhead - queued) / width, 1, kFoldersListed);
 }
@@ -459,10 +461,30 @@ void TreeTransfer::planAndAct(Folder& folder) {
 }
 
 void TreeTransfer::carryOut(Folder& folder) {
-  // The folder stays while its actions run: they hold on to it.
+  // The folder stays while its actions run, or wait: they hold on to it.
   ++folder.outstanding;
-  for (std::size_t i = 0; i < folder.plan.actions.size() && !stopping_; ++i) act(folder, i);
+  auto const& actions = folder.plan.actions;
+  while (folder.next < actions.size() && !stopping_) {
+    auto const step = actions[folder.next].step;
+    // A listing's entry costs less than a queued file: the rest of the
+    // folder waits as its plan until the copiers take more.
+    if ((step == Step::Copy || step == Step::Delta) && !dryRun_ && copiers_.waiting() >= kFilesAhead) {
+      feeding_.push_back(&folder);
+      return;
+    }
+    act(folder, folder.next++);
+  }
   --folder.outstanding;
+}
+
+void TreeTransfer::feedCopies() {
+  while (!feeding_.empty() && (stopping_ || copiers_.waiting() < kFilesAhead)) {
+    auto& folder = *feeding_.front();
+    feeding_.pop_front();
+    --folder.outstanding;  // carryOut holds it again
+    carryOut(folder);
+    tryFinish(folder);
+  }
 }
 
 void TreeTransfer::act(Folder& folder, std::size_t index) {

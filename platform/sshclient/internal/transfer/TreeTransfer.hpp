@@ -33,6 +33,7 @@
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <deque>
 #include <exception>
 #include <map>
 #include <memory>
@@ -116,7 +117,10 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void planMeasured();
   void planAndAct(Folder& folder);
   static std::optional<std::string> readLocalFile(std::string const& path);
+  // Acts on the folder's plan from where it stopped; copies wait, the folder
+  // in `feeding_`, while the copiers have kFilesAhead files queued.
   void carryOut(Folder& folder);
+  void feedCopies();
   void act(Folder& folder, std::size_t index);
   void makeFolder(Folder& folder, std::size_t index);
   bool waitsForTheWay(Folder& folder, std::size_t index, std::string const& path);
@@ -223,6 +227,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   std::unique_ptr<Cookie> prefixCookie_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> folders_;
   std::vector<Folder*> waiting_;   // not started yet; the last is next (depth first)
+  std::deque<Folder*> feeding_;    // planned, with copies still to queue; the first is next
   std::size_t listing_ = 0;        // folders whose listings are in flight
   std::size_t foldersListed_ = 0;  // so far, and their entries: the tree's width
   std::size_t entriesListed_ = 0;

@@ -73,6 +73,7 @@ struct TreeTransfer::Folder {
   std::size_t listings = 0;       // in flight
   ChecksumAnswers checksums;      // kept while the link is measured
   FolderPlan plan;
+  std::size_t next = 0;  // the first action of the plan not carried out yet
   State state = State::Waiting;
   std::size_t outstanding = 0;                               // requests, copies and folders below it, unfinished
   bool changed = false;                                      // entries made, replaced or removed in it
