@@ -125,12 +125,15 @@ TEST(ChangedRanges, HashesThatDoNotFitTheirSizeSendEverything) {
   EXPECT_EQ(ranges.reused, 0U);
 }
 
-TEST(RemoteBlockHashCommand, HashesTheBlocksWithSplitAndSaysWhatIsMissing) {
+TEST(RemoteBlockHashCommand, HashesTheBlocksInPartsAtOnceAndSaysWhatIsMissing) {
   EXPECT_EQ(tr::remoteBlockHashCommand({.path = "/srv/a b", .blockSize = 1048576, .copyFrom = {}, .tail = {}}),
             "if ! split -b 1 --filter=: </dev/null >/dev/null 2>&1; then echo no-split; "
-            "elif ! wc -c <'/srv/a b'; then echo unreadable; "
-            "elif ! SHELL=/bin/sh split -a 9 -b 1048576 --filter=sha256sum <'/srv/a b'; then echo failed; "
-            "else echo end; fi 2>/dev/null");
+            "elif ! s=$(wc -c <'/srv/a b'); then echo unreadable; "
+            "else echo $s; b=1048576; n=$(((s+b-1)/b)); p=$(nproc) || p=1; [ $p -le 8 ] || p=8; "
+            "k=$(((n+p-1)/p)); i=0; while [ $i -lt $n ]; do "
+            "{ tail -c +$((i*b+1)) <'/srv/a b' | head -c $((k*b)) | SHELL=/bin/sh split -a 9 -b $b "
+            "--filter=sha256sum || echo failed; } | { j=$i; while read h x; do echo $j $h; j=$((j+1)); done; } & "
+            "i=$((i+k)); done; wait; echo end; fi 2>/dev/null");
 }
 
 TEST(RemoteBlockHashCommand, CopiesTheOldVersionFirstAndHashesATail) {
@@ -139,25 +142,31 @@ TEST(RemoteBlockHashCommand, CopiesTheOldVersionFirstAndHashesATail) {
           {.path = "/d/.f.sshfa-1", .blockSize = 131072, .copyFrom = "/d/-f'", .tail = ByteRange{131072, 131100}}),
       "if ! split -b 1 --filter=: </dev/null >/dev/null 2>&1; then echo no-split; "
       "elif ! cp --reflink=auto -- '/d/-f'\\''' '/d/.f.sshfa-1'; then echo no-copy; "
-      "elif ! wc -c <'/d/.f.sshfa-1'; then echo unreadable; "
-      "elif ! SHELL=/bin/sh split -a 9 -b 131072 --filter=sha256sum <'/d/.f.sshfa-1'; then echo failed; "
-      "elif ! tail -c +131073 <'/d/.f.sshfa-1' | head -c 28 | sha256sum; then echo failed; "
-      "else echo end; fi 2>/dev/null");
+      "elif ! s=$(wc -c <'/d/.f.sshfa-1'); then echo unreadable; "
+      "else echo $s; b=131072; n=$(((s+b-1)/b)); p=$(nproc) || p=1; [ $p -le 8 ] || p=8; "
+      "k=$(((n+p-1)/p)); i=0; while [ $i -lt $n ]; do "
+      "{ tail -c +$((i*b+1)) <'/d/.f.sshfa-1' | head -c $((k*b)) | SHELL=/bin/sh split -a 9 -b $b "
+      "--filter=sha256sum || echo failed; } | { j=$i; while read h x; do echo $j $h; j=$((j+1)); done; } & "
+      "i=$((i+k)); done; wait; "
+      "{ tail -c +131073 <'/d/.f.sshfa-1' | head -c 28 | sha256sum || echo failed; } | { read h x; echo tail $h; }; "
+      "echo end; fi 2>/dev/null");
 }
 
 std::string const kHashA(64, 'a');
 std::string const kHashB = std::string(63, '0') + "1";
+std::string const kHashC = std::string(63, '0') + "2";
 
-TEST(ParseRemoteBlockHashes, TheSizeAHashPerBlockAndTheEnd) {
-  auto const answer = tr::parseRemoteBlockHashes("10\n" + kHashA + "  -\n" + kHashB + "  -\nend\n", 8, false);
+TEST(ParseRemoteBlockHashes, TheSizeAHashPerBlockInAnyOrderAndTheEnd) {
+  auto const answer =
+      tr::parseRemoteBlockHashes("20\n2 " + kHashC + "\n0 " + kHashA + "\n1 " + kHashB + "\nend\n", 8, false);
   EXPECT_EQ(answer.status, RemoteBlockStatus::Hashed);
-  EXPECT_EQ(answer.blocks.size, 10U);
-  EXPECT_THAT(answer.blocks.hashes, ::testing::ElementsAre(kHashA, kHashB));
+  EXPECT_EQ(answer.blocks.size, 20U);
+  EXPECT_THAT(answer.blocks.hashes, ::testing::ElementsAre(kHashA, kHashB, kHashC));
   EXPECT_EQ(answer.tail, std::nullopt);
 }
 
 TEST(ParseRemoteBlockHashes, ATailAfterTheBlocksAndAPaddedSize) {
-  auto const answer = tr::parseRemoteBlockHashes("   8\n" + kHashA + "  -\n" + kHashB + "  -\nend\n", 8, true);
+  auto const answer = tr::parseRemoteBlockHashes("   8\n0 " + kHashA + "\ntail " + kHashB + "\nend\n", 8, true);
   EXPECT_EQ(answer.blocks.size, 8U);
   EXPECT_THAT(answer.blocks.hashes, ::testing::ElementsAre(kHashA));
   EXPECT_EQ(answer.tail, kHashB);
@@ -173,19 +182,29 @@ TEST(ParseRemoteBlockHashes, WhatWasMissingIsNamed) {
   EXPECT_EQ(tr::parseRemoteBlockHashes("no-split\n", 8, false).status, RemoteBlockStatus::NoSplit);
   EXPECT_EQ(tr::parseRemoteBlockHashes("no-copy\n", 8, false).status, RemoteBlockStatus::NoCopy);
   EXPECT_EQ(tr::parseRemoteBlockHashes("unreadable\n", 8, false).status, RemoteBlockStatus::Unreadable);
-  // Hashing stopped part way: what came before does not count.
-  EXPECT_EQ(tr::parseRemoteBlockHashes("10\n" + kHashA + "  -\nfailed\n", 8, false).status, RemoteBlockStatus::Failed);
+  // A part stopped part way: what the others hashed does not count.
+  auto const failed = tr::parseRemoteBlockHashes("10\n0 " + kHashA + "\n1 failed\nend\n", 8, false);
+  EXPECT_EQ(failed.status, RemoteBlockStatus::Failed);
+  EXPECT_TRUE(failed.blocks.hashes.empty());
 }
 
 TEST(ParseRemoteBlockHashes, AnythingElseIsNoAnswer) {
-  EXPECT_THROW((void)tr::parseRemoteBlockHashes("", 8, false), std::runtime_error);
-  EXPECT_THROW((void)tr::parseRemoteBlockHashes("10\nend", 8, false), std::runtime_error);  // unfinished
-  EXPECT_THROW((void)tr::parseRemoteBlockHashes("10\n" + kHashA + "  -\nend\n", 8, false), std::runtime_error);
-  EXPECT_THROW((void)tr::parseRemoteBlockHashes("ten\nend\n", 8, false), std::runtime_error);
-  EXPECT_THROW((void)tr::parseRemoteBlockHashes("4\n" + kHashA + "  x\nend\n", 8, false), std::runtime_error);
-  EXPECT_THROW((void)tr::parseRemoteBlockHashes("4\n" + std::string(64, 'A') + "  -\nend\n", 8, false),
-               std::runtime_error);
-  EXPECT_THROW((void)tr::parseRemoteBlockHashes("4\n" + kHashA + "  -\nsplit: oops\n", 8, false), std::runtime_error);
+  auto const refused = [](std::string const& output, bool withTail = false) {
+    EXPECT_THROW((void)tr::parseRemoteBlockHashes(output, 8, withTail), std::runtime_error) << output;
+  };
+  refused("");
+  refused("10\nend");                      // unfinished
+  refused("10\n0 " + kHashA + "\nend\n");  // a block missing
+  refused("ten\nend\n");
+  refused("16\n0 " + kHashA + "\n0 " + kHashB + "\nend\n");   // a block twice
+  refused("16\n0 " + kHashA + "\n2 " + kHashB + "\nend\n");   // past the last block
+  refused("16\n0 " + kHashA + "\n-1 " + kHashB + "\nend\n");  // not an index
+  refused("8\n0 " + std::string(64, 'A') + "\nend\n");        // not sha256sum's
+  refused("8\n0 " + kHashA + " -\nend\n");
+  refused("8\n0 " + kHashA + "\nsplit: oops\n");
+  refused("8\n0 " + kHashA + "\ntail " + kHashB + "\nend\n");           // a tail not asked for
+  refused("8\n0 " + kHashA + "\n1 " + kHashB + "\nend\n", true);        // no tail
+  refused("8\ntail " + kHashA + "\ntail " + kHashB + "\nend\n", true);  // the tail twice
 }
 
 struct CostCase {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <span>
 #include <stdexcept>
 
 #include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
@@ -14,9 +15,6 @@ namespace {
 constexpr std::uint64_t kSmallestBlock = 128U * 1024U;
 constexpr std::uint64_t kLargestBlock = 4U * 1024U * 1024U;
 constexpr std::uint64_t kBlocksWanted = 64;
-
-// sha256sum's line for standard input.
-constexpr std::string_view kStdinMark = "  -";
 
 struct Word {
   std::string_view text;
@@ -34,13 +32,10 @@ bool isHexHash(std::string_view text) {
          std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
-// "HASH  -" of one block.
-std::string hashOfLine(std::string_view line) {
-  auto const hash = line.substr(0, kSha256HexLength);
-  if (!isHexHash(hash) || line.substr(kSha256HexLength) != kStdinMark) {
-    throw std::runtime_error("unexpected line in the block hashes of the remote host: " + std::string(line));
-  }
-  return std::string(hash);
+// A decimal number, the whole text.
+bool numberOf(std::string_view text, std::uint64_t& number) {
+  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return !text.empty() && error == std::errc() && end == text.data() + text.size();
 }
 
 std::vector<std::string_view> linesOf(std::string_view output) {
@@ -113,14 +108,21 @@ std::string remoteBlockHashCommand(RemoteBlockRequest const& request) {
   if (request.copyFrom) {
     line += "elif ! cp --reflink=auto -- " + shellQuoted(*request.copyFrom) + " " + file + "; then echo no-copy; ";
   }
-  line += "elif ! wc -c <" + file + "; then echo unreadable; ";
-  line += "elif ! SHELL=/bin/sh split -a 9 -b " + std::to_string(request.blockSize) + " --filter=sha256sum <" + file +
-          "; then echo failed; ";
+  line += "elif ! s=$(wc -c <" + file + "); then echo unreadable; ";
+  // A part of the blocks per processor (at most 8), hashed at once: a
+  // process per block costs more than the hashing. Each line says its block.
+  line += "else echo $s; b=" + std::to_string(request.blockSize) +
+          "; n=$(((s+b-1)/b)); p=$(nproc) || p=1; [ $p -le 8 ] || p=8; k=$(((n+p-1)/p)); i=0; "
+          "while [ $i -lt $n ]; do { tail -c +$((i*b+1)) <" +
+          file +
+          " | head -c $((k*b)) | SHELL=/bin/sh split -a 9 -b $b --filter=sha256sum || echo failed; } | "
+          "{ j=$i; while read h x; do echo $j $h; j=$((j+1)); done; } & i=$((i+k)); done; wait; ";
   if (request.tail) {
-    line += "elif ! tail -c +" + std::to_string(request.tail->begin + 1) + " <" + file + " | head -c " +
-            std::to_string(request.tail->end - request.tail->begin) + " | sha256sum; then echo failed; ";
+    line += "{ tail -c +" + std::to_string(request.tail->begin + 1) + " <" + file + " | head -c " +
+            std::to_string(request.tail->end - request.tail->begin) +
+            " | sha256sum || echo failed; } | { read h x; echo tail $h; }; ";
   }
-  line += "else echo end; fi 2>/dev/null";
+  line += "echo end; fi 2>/dev/null";
   return line;
 }
 
@@ -140,8 +142,7 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
   // wc pads its number with blanks on some systems.
   auto size = lines.front();
   while (!size.empty() && size.front() == ' ') size.remove_prefix(1);
-  auto const [end, error] = std::from_chars(size.data(), size.data() + size.size(), answer.blocks.size);
-  if (size.empty() || error != std::errc() || end != size.data() + size.size()) {
+  if (!numberOf(size, answer.blocks.size)) {
     throw std::runtime_error("unexpected size in the block hashes of the remote host: " + std::string(lines.front()));
   }
   auto const blocks = blockCount(answer.blocks.size, blockSize);
@@ -149,9 +150,31 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
     throw std::runtime_error("the remote host hashed " + std::to_string(lines.size() - 2) + " blocks of " +
                              std::to_string(answer.blocks.size) + " bytes, not " + std::to_string(blocks));
   }
-  answer.blocks.hashes.reserve(blocks);
-  for (std::uint64_t i = 0; i < blocks; ++i) answer.blocks.hashes.push_back(hashOfLine(lines[1 + i]));
-  if (withTail) answer.tail = hashOfLine(lines[1 + blocks]);
+  // The parts print their lines as they go: "INDEX HASH", in any order.
+  answer.blocks.hashes.resize(blocks);
+  for (auto const line : std::span(lines).subspan(1, lines.size() - 2)) {
+    auto const space = line.find(' ');
+    auto const label = line.substr(0, space);
+    auto const hash = space == std::string_view::npos ? std::string_view() : line.substr(space + 1);
+    if (hash == "failed") {
+      answer.blocks.hashes.clear();
+      answer.status = RemoteBlockStatus::Failed;
+      return answer;
+    }
+    std::uint64_t index = 0;
+    std::string* slot = nullptr;
+    if (withTail && label == "tail") {
+      if (!answer.tail) answer.tail.emplace();
+      slot = &*answer.tail;
+    } else if (numberOf(label, index) && index < blocks) {
+      slot = &answer.blocks.hashes[index];
+    }
+    if (slot == nullptr || !slot->empty() || !isHexHash(hash)) {
+      throw std::runtime_error("unexpected line in the block hashes of the remote host: " + std::string(line));
+    }
+    *slot = std::string(hash);
+  }
+  if (withTail && !answer.tail) throw std::runtime_error("no hash of the tail from the remote host");
   answer.status = RemoteBlockStatus::Hashed;
   return answer;
 }

@@ -76,9 +76,11 @@ struct RemoteBlockRequest {
   std::optional<ByteRange> tail;
 };
 
-// One sh command line. Its standard output: the file's size, a hash line
-// per block, the tail's hash line when asked, then "end"; or, in place of
-// "end", a word telling what was missing (see RemoteBlockStatus).
+// One sh command line. Its standard output: the file's size, a line
+// "INDEX HASH" per block in any order (the blocks are hashed in parts at
+// once, a part per processor of the host), "tail HASH" when asked, then
+// "end"; or, in place of "end", a word telling what was missing (see
+// RemoteBlockStatus). A part that failed prints "INDEX failed".
 [[nodiscard]] std::string remoteBlockHashCommand(RemoteBlockRequest const& request);
 
 enum class RemoteBlockStatus : std::uint8_t {
