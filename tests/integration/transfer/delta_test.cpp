@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/LinkTestHelpers.hpp"
 #include "tests/support/SshTestHelpers.hpp"
 #include "tests/support/TestFiles.hpp"
 #include "tests/unit/sftp/TransferFiles.hpp"
@@ -23,6 +24,7 @@ namespace sshfa::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using ssh::DeltaMode;
 using ssh::TransferDirection;
 using ::testing::HasSubstr;
@@ -197,6 +199,25 @@ TEST_P(Deltas, AutoMeasuresTheLinkOnceAndSaysWhatItFound) {
   ASSERT_EQ(report.details.size(), 1U);
   EXPECT_THAT(utf8(report.details.front()), ::testing::StartsWith("the link moved "));
   files_.expectArrived(bytes);
+}
+
+// Over a link of 40 Mbit/s hashing both sides costs far less than sending
+// 16 MiB: the default measures it and sends the one changed block of 256 KiB.
+TEST_P(Deltas, OverASlowLinkTheDefaultSendsOnlyTheChangedBlock) {
+  auto& sshd = TestSshd::instance();
+  auto const link = linkTo(sshd, 10ms, 40'000'000);
+  auto const client = connectThrough(sshd, *link, optionsThrough(sshd, *link));
+  DeltaUpdate files(*client, GetParam());
+  auto const old = randomBytes(16 * kMiB, 5);
+  auto const bytes = changed(old, 5 * kMiB + 1000, 1000);
+  auto const report = files.update(old, bytes, DeltaMode::Auto);
+  EXPECT_EQ(report.bytes, 256 * 1024U);
+  EXPECT_EQ(report.reused, 16 * kMiB - 256 * 1024U);
+  ASSERT_EQ(report.details.size(), 1U);
+  EXPECT_THAT(utf8(report.details.front()), ::testing::StartsWith("the link moved "));
+  ASSERT_EQ(files.changes().size(), 1U);
+  EXPECT_EQ(files.changes().front().action, ssh::PlannedChange::Action::Delta);
+  files.expectArrived(bytes);
 }
 
 // Five changed files in a tree, two hashed at a time, among unchanged and new

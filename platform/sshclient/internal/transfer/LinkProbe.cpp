@@ -14,28 +14,25 @@ constexpr std::uint64_t kProbeBytes = 1024U * 1024U;
 // Below this the time is noise: the link counts as this fast.
 constexpr double kShortestSeconds = 1e-4;
 
-enum Step : std::uint32_t { kOpen, kFirstByte, kWindow };
+enum Step : std::uint32_t { kOpen, kWindow };
 
 }  // namespace
 
 void LinkProbe::start(std::string const& path, std::uint64_t size) {
   started_ = true;
   wanted_ = std::min(size, kProbeBytes);
+  sent_ = Clock::now();
   session_.open({this, kOpen}, path, sftp::openflags::kRead, sftp::Attributes{});
 }
 
 void LinkProbe::onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) {
   auto const now = Clock::now();
   switch (ticket.kind) {
-    case kOpen:
+    case kOpen: {
+      // The open's answer took a round trip: the reads need not time one more.
+      speed_.roundTripSeconds = std::chrono::duration<double>(now - sent_).count();
       if (reply.type != PacketType::Handle || wanted_ == 0) return finish();
       handle_ = std::string(reply.handle);
-      sent_ = now;
-      session_.read({this, kFirstByte}, handle_, 0, 1);
-      return;
-    case kFirstByte: {
-      speed_.roundTripSeconds = std::chrono::duration<double>(now - sent_).count();
-      if (reply.type != PacketType::Data) return finish();
       sent_ = now;
       auto const chunk = session_.readChunk();
       for (std::uint64_t offset = 0; offset < wanted_; offset += chunk) {

@@ -1,8 +1,8 @@
 #pragma once
 // How fast the link moves file data, measured in the smallest way that
 // answers whether a delta pays: one short timed read of a remote file the
-// transfer is about to work on. A READ of one byte gives the round trip,
-// then READs of up to 1 MiB at once give the rate. A measurement of the
+// transfer is about to work on. Its OPEN gives the round trip, then READs
+// of up to 1 MiB at once give the rate. A measurement of the
 // session's own traffic can replace it: the plan only takes a LinkSpeed.
 //
 // Asynchronous: start() sends requests on the session, the replies come
