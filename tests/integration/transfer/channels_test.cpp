@@ -6,9 +6,11 @@
 // transfer over several channels is resumed; and folders are listed over
 // every channel.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
@@ -204,6 +206,46 @@ TEST_F(Channels, AServerOfOneSessionPerConnectionGetsEverythingOverOne) {
   auto const there = filesBelow(there_);
   EXPECT_TRUE(there.files == filesBelow(source_).files);
   EXPECT_THAT(there.temporaries, ::testing::IsEmpty());
+}
+
+// The SFTP channel fills the only session: checksums have no command to
+// run and fall back to size and time, and say why.
+TEST_F(Channels, AServerOfOneSessionPerConnectionComparesChecksumsBySizeAndTime) {
+  TestSshd const server("MaxSessions 1\n");
+  writeTree(source_, 3, 1, 100);
+  auto const link = linkTo(server, 1ms);
+  copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_, {});
+  auto const again = copyTree(server, *link, TransferDirection::LocalToRemote, source_, there_,
+                              {.skipUnchanged = ssh::UnchangedTest::Checksum});
+  EXPECT_EQ(again.files, 0U);
+  EXPECT_EQ(again.skipped, 4U);
+  std::vector<std::string> notes;
+  for (auto const& note : again.notes) notes.push_back(fl::i18n::ustring_to_utf8(note));
+  EXPECT_THAT(notes, ::testing::ElementsAre(::testing::AllOf(
+                         ::testing::StartsWith("the server refused a channel to run commands on ("),
+                         ::testing::EndsWith("): files are compared by size and time, not by checksum"))));
+}
+
+// ... and a partial copy's prefix, too small to need a command, is read
+// over SFTP, checked here and continued.
+TEST_F(Channels, AServerOfOneSessionPerConnectionStillResumes) {
+  TestSshd const server("MaxSessions 1\n");
+  auto const bytes = randomBytes(3 * 512 * 1024, 9);
+  fs::create_directories(source_);
+  fs::create_directories(back_);
+  writeFile(source_ / "big", bytes);
+  struct timespec const times[2] = {{1'500'000'000, 0}, {1'500'000'000, 0}};
+  ::utimensat(AT_FDCWD, (source_ / "big").c_str(), times, 0);
+  auto const partial = back_ / (".big.sshfa-partial-" + std::to_string(bytes.size()) + "-1500000000");
+  writeFile(partial, bytes.substr(0, 512 * 1024));
+  ::utimensat(AT_FDCWD, partial.c_str(), times, 0);
+  auto const link = linkTo(server, 1ms);
+  auto const report =
+      copyTree(server, *link, TransferDirection::RemoteToLocal, source_ / "big", back_ / "big", {.resume = true});
+  EXPECT_EQ(report.resumed, 1U);
+  EXPECT_EQ(report.bytes, bytes.size() - 512 * 1024);
+  EXPECT_EQ(readFile(back_ / "big"), bytes);
+  EXPECT_EQ(listNames(back_), std::vector<std::string>{"big"});
 }
 
 // A copy over 3 channels during which one of the SFTP server processes is

@@ -220,6 +220,26 @@ TEST_P(Deltas, OverASlowLinkTheDefaultSendsOnlyTheChangedBlock) {
   files.expectArrived(bytes);
 }
 
+// A server that allows one channel per connection has none left to hash
+// with: the file goes whole, and the details say why.
+TEST_P(Deltas, AServerOfOneSessionPerConnectionGetsTheFileWhole) {
+  TestSshd const server("MaxSessions 1\n");
+  auto const client = server.connect();
+  DeltaUpdate files(*client, GetParam());
+  auto const old = randomBytes(3 * kMiB, 6);
+  auto const bytes = changed(old, kMiB, 10);
+  auto const report = files.update(old, bytes, DeltaMode::Always);
+  EXPECT_EQ(report.bytes, 3 * kMiB);
+  EXPECT_EQ(report.reused, 0U);
+  std::vector<std::string> details;
+  for (auto const& line : report.details) details.push_back(utf8(line));
+  EXPECT_THAT(details, ::testing::ElementsAre(::testing::StartsWith("files went over 1 of "),
+                                              ::testing::StartsWith("'" + files.source().string() +
+                                                                    "' sent whole: the server refused a channel to run "
+                                                                    "commands on (")));
+  files.expectArrived(bytes);
+}
+
 // Five changed files in a tree, two hashed at a time, among unchanged and new
 // ones: each sends its own changed block.
 TEST_P(Deltas, ATreeOfChangedFilesSendsEachOnesChangedBlock) {

@@ -90,6 +90,11 @@ struct RemoteShell {
 std::unique_ptr<RemoteCommand> startCommand(RemoteShell const& shell, std::string const& command);
 // Moves a command on until it ends; its output.
 std::string finishCommand(RemoteCommand& command);
+// Why no remote command can run in this transfer, when `error` says so: the
+// server allows SFTP only, or it refused a command its channel (a
+// MaxSessions that the SFTP channels already fill); nullopt for any other
+// error. Hashing on the server is optional: the caller goes without.
+[[nodiscard]] std::optional<std::string> commandsRefused(SSHError const& error);
 
 // Flat copies (copyFiles): each item's file to exactly its destination,
 // created with the command's mode less the creator's umask; the first failed

@@ -22,8 +22,6 @@ constexpr std::size_t kAtOnce = 2;
 // Bytes hashed here per poll(): the SFTP work of other files goes on between.
 constexpr std::uint64_t kSlice = 8U * 1024U * 1024U;
 
-constexpr char const* kSftpOnly = "the server allows SFTP only";
-
 enum Request : std::uint32_t { kOpenOld, kOpenTemp, kCopyOld };
 
 bool sameTime(struct timespec const& a, struct timespec const& b) {
@@ -180,7 +178,7 @@ void DeltaCopier::startUpload(Job& job) {
     job.phase = Job::Phase::Done;
     return copier_.add(std::move(job.task));
   }
-  if (noShell_) return whole(job, kSftpOnly);
+  if (noCommands_) return whole(job, *noCommands_);
   job.sourceSize = job.localSize = static_cast<std::uint64_t>(st.st_size);
   job.stamp = st.st_mtim;
   job.block = deltaBlockSize(job.sourceSize, job.oldSize);
@@ -254,7 +252,7 @@ void DeltaCopier::onCopied(Job& job, Reply const& reply) {
 // while the server hashes the source.
 void DeltaCopier::startDownload(Job& job) {
   auto& task = job.task;
-  if (noShell_) return whole(job, kSftpOnly);
+  if (noCommands_) return whole(job, *noCommands_);
   if (openDestinationFolder(task) != 0) {
     // Sent as an ordinary copy, which names the cause.
     job.phase = Job::Phase::Done;
@@ -293,9 +291,9 @@ void DeltaCopier::startHashing(Job& job, std::optional<std::string> copyFrom) {
   try {
     job.command = sftp::startCommand(shell_, remoteBlockHashCommand(request));
   } catch (SSHError const& e) {
-    if (e.kind() != SSHError::Kind::NoShell) throw;
-    noShell_ = true;
-    return whole(job, kSftpOnly);
+    noCommands_ = sftp::commandsRefused(e);
+    if (!noCommands_) throw;
+    return whole(job, *noCommands_);
   }
   job.phase = Job::Phase::Hashing;
 }
@@ -307,9 +305,9 @@ void DeltaCopier::moveCommand(Job& job) {
   try {
     if (!job.command->poll()) return;
   } catch (SSHError const& e) {
-    if (e.kind() != SSHError::Kind::NoShell) throw;
-    noShell_ = true;
-    return whole(job, kSftpOnly);
+    noCommands_ = sftp::commandsRefused(e);
+    if (!noCommands_) throw;
+    return whole(job, *noCommands_);
   }
   job.output = job.command->output();
   job.command.reset();

@@ -106,8 +106,8 @@ class DeltaCopier final : public sftp::ReplyHandler {
   std::deque<std::pair<FileTask, std::uint64_t>> queue_;
   std::vector<std::unique_ptr<Job>> jobs_;
   std::vector<std::string> details_;
-  std::vector<std::uint8_t> buffer_;  // one block read here
-  bool noShell_ = false;              // the server allows SFTP only
+  std::vector<std::uint8_t> buffer_;       // one block read here
+  std::optional<std::string> noCommands_;  // why no command can hash there
   bool copyDataRefused_ = false;
   bool stopping_ = false;
 };

@@ -149,6 +149,17 @@ std::unique_ptr<RemoteCommand> startCommand(RemoteShell const& shell, std::strin
   return std::make_unique<RanCommand>(shell.run(command));
 }
 
+std::optional<std::string> commandsRefused(SSHError const& error) {
+  switch (error.kind()) {
+    case SSHError::Kind::NoShell:
+      return "the server allows SFTP only";
+    case SSHError::Kind::Channel:
+      return std::string("the server refused a channel to run commands on (") + error.what() + ")";
+    default:
+      return std::nullopt;
+  }
+}
+
 std::string finishCommand(RemoteCommand& command) {
   while (!command.poll()) {
     if (!command.news()) command.wait();

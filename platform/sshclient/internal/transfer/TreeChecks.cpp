@@ -18,28 +18,28 @@ constexpr std::uint64_t kPrefixReadLimit = 1024U * 1024U;
 
 }  // namespace
 
-// A remote command's output; nullopt on a server that allows SFTP only.
+// A remote command's output; nullopt where none can run (noCommands_ says why).
 std::optional<std::string> TreeTransfer::remoteOutput(std::string const& command) {
-  if (!shellUsable_) return std::nullopt;
+  if (noCommands_) return std::nullopt;
   try {
     if (!shell_.run) throw SSHError(SSHError::Kind::NoShell, "no remote shell to hash files with");
     return shell_.run(command);
   } catch (SSHError const& e) {
-    if (e.kind() != SSHError::Kind::NoShell) throw;
-    shellUsable_ = false;
+    noCommands_ = sftp::commandsRefused(e);
+    if (!noCommands_) throw;
     return std::nullopt;
   }
 }
 
-// A remote command started to run beside this side's work; null on a
-// server that allows SFTP only.
+// A remote command started to run beside this side's work; null where none
+// can run.
 std::unique_ptr<sftp::RemoteCommand> TreeTransfer::startRemote(std::string const& command) {
-  if (!shellUsable_) return nullptr;
+  if (noCommands_) return nullptr;
   try {
     return sftp::startCommand(shell_, command);
   } catch (SSHError const& e) {
-    if (e.kind() != SSHError::Kind::NoShell) throw;
-    shellUsable_ = false;
+    noCommands_ = sftp::commandsRefused(e);
+    if (!noCommands_) throw;
     return nullptr;
   }
 }
@@ -50,19 +50,19 @@ std::optional<std::string> TreeTransfer::awaitRemote(std::unique_ptr<sftp::Remot
   try {
     return sftp::finishCommand(*command);
   } catch (SSHError const& e) {
-    if (e.kind() != SSHError::Kind::NoShell) throw;
-    shellUsable_ = false;
+    noCommands_ = sftp::commandsRefused(e);
+    if (!noCommands_) throw;
     return std::nullopt;
   }
 }
 
-// Without a shell on the server files are compared by size and time, and
-// the report says so once.
+// Where no command can hash, files are compared by size and time, and the
+// report says so once.
 ChecksumAnswers TreeTransfer::bySizeAndTime(Folder const& folder, std::vector<std::string> const& names) {
   if (!checksumNoted_) {
     checksumNoted_ = true;
-    report_.notes.push_back(
-        fl::i18n::utf8_to_ustring("the server allows SFTP only: files are compared by size and time, not by checksum"));
+    report_.notes.push_back(fl::i18n::utf8_to_ustring(noCommands_.value_or("no command can run on the server") +
+                                                      ": files are compared by size and time, not by checksum"));
   }
   ChecksumAnswers answers;
   auto const* existing = folder.destinationKnown ? &folder.destinationListing : nullptr;
@@ -145,11 +145,12 @@ bool TreeTransfer::verifyResume(Folder const& folder, Action const& action) {
     if (output) {
       remote = parseRemotePrefixHash(*output);
     } else if (action.resumeFrom <= kPrefixReadLimit) {
-      // No shell to hash with: a small prefix comes over to be hashed here.
+      // No command to hash with: a small prefix comes over to be hashed here.
       if (auto const bytes = readRemoteFile(remotePath, action.resumeFrom)) remote = sha256Of(*bytes);
     } else {
       report_.notes.push_back(fl::i18n::utf8_to_ustring(
-          quoted(remotePath) + " starts over: the server allows SFTP only, so its partial copy cannot be checked"));
+          quoted(remotePath) + " starts over: " + noCommands_.value_or("no command can run on the server") +
+          ", so its partial copy cannot be checked"));
     }
   } catch (std::runtime_error const&) {
     // Either side unreadable or not an answer: start over.

@@ -219,8 +219,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
     std::map<std::string, std::optional<std::string>> realPaths;  // remote leading parts
   };
   std::unique_ptr<ThisMachine> thisMachine_;
-  std::size_t rootQuestions_ = 0;  // about the roots and this machine, unanswered
-  bool shellUsable_ = true;        // false: the server allows SFTP only
+  std::size_t rootQuestions_ = 0;          // about the roots and this machine, unanswered
+  std::optional<std::string> noCommands_;  // why no command can run there
   bool checksumNoted_ = false;
   std::optional<std::string> prefix_;  // the answer to readRemoteFile
   bool prefixRead_ = false;
