@@ -753,7 +753,7 @@ ltdown_rsync() { rsync -a -e "$rsync_e" "$lhost:$tree_remote/" "$lat_tree_down/"
 ltdown_tar() { mkdir -p "$lat_tree_down" && lssh "tar -C '$tree_remote' -cf - ." | tar -C "$lat_tree_down" -xf -; }
 ltnoop_sshfa() { lsshfa put "$sync_old" "$noop_dir/"; }
 ltnoop_rsync() { rsync -a -e "$rsync_e" "$sync_old/" "$lhost:$noop_dir/tree/"; }
-for f in ltup_sshfa ltdown_sshfa ltnoop_sshfa; do
+for f in ltup_sshfa ltdown_sshfa ltnoop_sshfa ldelta_up_sshfa ldelta_down_sshfa; do
   eval "baseline_$f() { local sshfa_bin=\"\$baseline_bin\"; $f; }"
 done
 
@@ -906,15 +906,16 @@ run_latency_row() {  # workload
   lat-delta-up-64m)
     make_lat_delta
     after_step=after_delta
-    run_workload "$row" reset_lat_delta_up check_lat_delta_up sshfa:ldelta_up_sshfa sshfa-delta:ldelta_up_always \
-      sshfa-whole-file:ldelta_up_whole rsync-a:ldelta_up_rsync
+    run_workload "$row" reset_lat_delta_up check_lat_delta_up sshfa:ldelta_up_sshfa $(baseline ldelta_up_sshfa) \
+      sshfa-delta:ldelta_up_always sshfa-whole-file:ldelta_up_whole rsync-a:ldelta_up_rsync
     after_step=
     ;;
   lat-delta-down-64m)
     make_lat_delta
     after_step=after_delta
     run_workload "$row" reset_lat_delta_down check_lat_delta_down sshfa:ldelta_down_sshfa \
-      sshfa-delta:ldelta_down_always sshfa-whole-file:ldelta_down_whole rsync-a:ldelta_down_rsync
+      $(baseline ldelta_down_sshfa) sshfa-delta:ldelta_down_always sshfa-whole-file:ldelta_down_whole \
+      rsync-a:ldelta_down_rsync
     after_step=
     ;;
   esac
