@@ -1,11 +1,13 @@
 // Trees worked one folder at a time against the real sshd, both ways: a
 // folder wider than anything held ahead arrives whole, is mirrored exactly
-// and stops cleanly; a mirror across many folders removes exactly the
-// extras, and a folder whose listing could not be trusted loses nothing
-// while the others are mirrored.
+// and stops cleanly; more folders and files than the process may hold open
+// arrive; a mirror across many folders removes exactly the extras, and a
+// folder whose listing could not be trusted loses nothing while the others
+// are mirrored.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <memory>
@@ -124,6 +126,35 @@ TEST_P(Streaming, AStopWhileCopiesWaitLeavesOnlyWholeFiles) {
   }
   EXPECT_GE(arrived, 100U);
   EXPECT_LT(arrived, 5'000U);
+}
+
+// Lowers this process's soft limit of open files while it lives.
+class OpenFileLimit {
+ public:
+  explicit OpenFileLimit(rlim_t soft) {
+    ::getrlimit(RLIMIT_NOFILE, &saved_);
+    struct rlimit lowered = saved_;
+    lowered.rlim_cur = soft;
+    ::setrlimit(RLIMIT_NOFILE, &lowered);
+  }
+  ~OpenFileLimit() { ::setrlimit(RLIMIT_NOFILE, &saved_); }
+  OpenFileLimit(OpenFileLimit const&) = delete;
+  OpenFileLimit& operator=(OpenFileLimit const&) = delete;
+
+ private:
+  struct rlimit saved_ {};
+};
+
+// A folder of more folders, and one of more files, than the process may
+// hold open at once: everything arrives.
+TEST_P(Streaming, MoreFoldersAndFilesThanOpenFilesAllowedArrive) {
+  for (int i = 0; i < 600; ++i) writeAt(src() / "folders" / ("d" + std::to_string(i)) / "f", std::to_string(i));
+  for (int i = 0; i < 1'500; ++i) writeAt(src() / "files" / ("f" + std::to_string(i)), std::to_string(i));
+  auto const client = TestSshd::instance().connect();
+  OpenFileLimit const limit(256);
+  auto const report = copyTree(*client, {});
+  EXPECT_EQ(report.files, 2'100U);
+  EXPECT_EQ(filesBelow(dst()), filesBelow(src()));
 }
 
 // The server's listing of one folder holds a name that cannot be trusted:

@@ -78,5 +78,20 @@ TEST(StartingOptions, FollowTheRoundTrip) {
   }
 }
 
+TEST(OpenFiles, StayWithinTheProcessLimit) {
+  // Debian's default soft limit: half of what 64 leave, over the channels.
+  EXPECT_EQ(filesOpenPerChannel(1024, 1, 512), 480U);
+  EXPECT_EQ(filesOpenPerChannel(1024, 2, 512), 240U);
+  EXPECT_EQ(filesOpenPerChannel(1024, 4, 512), 120U);
+  EXPECT_EQ(foldersOpen(1024), 240U);
+  // A generous limit leaves the cap.
+  EXPECT_EQ(filesOpenPerChannel(20000, 4, 512), 512U);
+  EXPECT_EQ(foldersOpen(20000), 4984U);
+  // A tiny one still lets a few through.
+  EXPECT_EQ(filesOpenPerChannel(64, 2, 512), 8U);
+  EXPECT_EQ(filesOpenPerChannel(10, 2, 512), 8U);
+  EXPECT_EQ(foldersOpen(64), 16U);
+}
+
 }  // namespace
 }  // namespace foundation::sshclient::internal::transfer

@@ -31,6 +31,15 @@ sftp::EngineOptions startingOptions(std::chrono::nanoseconds roundTrip) {
   return options;
 }
 
+std::size_t filesOpenPerChannel(std::size_t limit, std::size_t channels, std::size_t cap) {
+  auto const room = limit > kReservedFiles ? (limit - kReservedFiles) / 2 : 0;
+  return std::clamp(room / std::max<std::size_t>(1, channels), kFewestFiles, std::max(cap, kFewestFiles));
+}
+
+std::size_t foldersOpen(std::size_t limit) {
+  return std::max(limit > kReservedFiles ? (limit - kReservedFiles) / 4 : 0, kFewestFolders);
+}
+
 void Copiers::shareOut() {
   if (copiers_.size() < 2) return;
   for (auto* each : copiers_) each->shareStripes(&board_);

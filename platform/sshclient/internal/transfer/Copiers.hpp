@@ -64,6 +64,18 @@ inline constexpr std::size_t kMostChannels = 4;
 inline constexpr std::chrono::milliseconds kLongRoundTrip{10};
 [[nodiscard]] sftp::EngineOptions startingOptions(std::chrono::nanoseconds roundTrip);
 
+// What a transfer may keep open here under the process's limit of open
+// files `limit`: each file under way holds a descriptor (its local source or
+// temporary), and each folder a download works in holds one. Half of what is
+// left after kReservedFiles (sockets, libraries, the caller's own) goes to
+// the files of all `channels`, at most `cap` a channel and at least
+// kFewestFiles; a quarter to the folders, at least kFewestFolders.
+inline constexpr std::size_t kReservedFiles = 64;
+inline constexpr std::size_t kFewestFiles = 8;
+inline constexpr std::size_t kFewestFolders = 16;
+[[nodiscard]] std::size_t filesOpenPerChannel(std::size_t limit, std::size_t channels, std::size_t cap);
+[[nodiscard]] std::size_t foldersOpen(std::size_t limit);
+
 class Copiers {
  public:
   // Files each copier may hold queued beyond several.

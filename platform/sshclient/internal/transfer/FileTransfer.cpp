@@ -8,7 +8,9 @@
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/Copiers.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/FileCopy.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/TreeTransfer.hpp"
 
 namespace foundation::sshclient::internal {
@@ -26,6 +28,8 @@ class FileTransfer final : public transfer::FileObserver {
     transfer::CopySettings settings = transfer::copySettings(options, upload);
     settings.createMode = static_cast<std::uint32_t>(command.getMode()) & 07777U;
     settings.stopOnFailure = true;
+    settings.maxOpenFilesCap = transfer::filesOpenPerChannel(transfer::openFileLimit(), 1, settings.maxOpenFilesCap);
+    settings.maxOpenFiles = std::min(settings.maxOpenFiles, settings.maxOpenFilesCap);
     copier_ = std::make_unique<transfer::FileCopier>(session, settings, *this, counters_);
     session.usePosixRename(options.usePosixRename);
     auto const& items = command.getItems();

@@ -2,9 +2,11 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <system_error>
@@ -235,6 +237,13 @@ std::optional<std::pair<dev_t, ino_t>> folderIdentity(std::string const& path) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return std::nullopt;
   return std::pair{st.st_dev, st.st_ino};
+}
+
+std::size_t openFileLimit() noexcept {
+  constexpr std::size_t kNoLimit = 1U << 20U;
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kNoLimit;
+  return static_cast<std::size_t>(std::min<rlim_t>(limit.rlim_cur, kNoLimit));
 }
 
 }  // namespace foundation::sshclient::internal::transfer

@@ -98,6 +98,9 @@ std::optional<Entry> localEntry(std::string const& path, bool follow, int& error
 // A local folder's entries (a source): lstat each, or stat when `follow`
 // (a dangling link then stays a link). Links' texts are read.
 Listing listLocalFolder(std::string const& path, bool follow);
+// How many files this process may hold open: its soft limit (a large
+// number where there is none).
+[[nodiscard]] std::size_t openFileLimit() noexcept;
 // The identity of a local folder, to tell a loop when links are followed.
 std::optional<std::pair<dev_t, ino_t>> folderIdentity(std::string const& path);
 

@@ -33,8 +33,9 @@ namespace {
 // the width of the tree's folders. No more than kFilesAhead files wait for
 // the copies (a folder's further copies wait in its plan), and no folder
 // starts while they do.
-constexpr std::size_t kFoldersListed = 32;
+constexpr std::size_t kFoldersListed = 64;
 constexpr std::size_t kEntriesAhead = 8192;
+constexpr std::size_t kAssumedWidth = 1024;
 constexpr std::size_t kFilesAhead = 2048;
 // OpenSSH's sshd grants a channel this much: the most an upload has under
 // way per round trip, however far its own window grows.
@@ -89,6 +90,10 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
   copy.resume = options_.resume;
   inFlight_ = upload_ ? std::min(copy.windowCap, kServerChannelWindow) : copy.windowCap;
   copy.bytesPerSecond = options_.bytesPerSecond;
+  auto const openLimit = openFileLimit();
+  copy.maxOpenFilesCap = filesOpenPerChannel(openLimit, 1 + more.count, copy.maxOpenFilesCap);
+  copy.maxOpenFiles = std::min(copy.maxOpenFiles, copy.maxOpenFilesCap);
+  foldersOpen_ = foldersOpen(openLimit);
   copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
   copiers_.attach(*copier_);
   copySettings_ = copy;
@@ -250,10 +255,16 @@ void TreeTransfer::walk() {
 // How many folders may be in their listing at once: asked again after each
 // folder started, since a folder listed here at once queues its files.
 std::size_t TreeTransfer::listingRoom() const {
-  // The width of the folders listed so far says what a listing brings.
-  auto const width = std::max<std::size_t>(1, entriesListed_ / std::max<std::size_t>(1, foldersListed_));
+  // The width of the folders listed so far says what a listing brings; one
+  // of kAssumedWidth counts among them, so that the first few (the root's
+  // width says nothing of its children's) do not start a tree's worth.
+  auto const width = std::max<std::size_t>(1, (entriesListed_ + kAssumedWidth) / (foldersListed_ + 1));
   auto const queued = copiers_.waiting();
   if (queued >= kFilesAhead || !feeding_.empty()) return 0;
+  // A download's folders hold their local folders open until done: within
+  // the process's limit, unless nothing else moves (a deep tree's chain).
+  bool const idle = listing_ == 0 && copiers_.idle();
+  if (!upload_ && started_ >= foldersOpen_ && !idle) return 0;
   // One at least: a folder wider than the rest still goes.
   return std::clamp<std::size_t>((kEntriesAhead - queued) / width, 1, kFoldersListed);
 }
@@ -272,12 +283,14 @@ void TreeTransfer::startFolders() {
 
 void TreeTransfer::beginFolder(Folder& folder) {
   folder.state = Folder::State::Listing;
+  ++started_;
   if (!folder.aboveRoot && options_.followLinks && loops(folder)) {
     fail(folder.item, describePair(folder.item) + quoted(folder.source) +
                           " leads back into a folder above it (a symbolic link loop)");
     folder.parent->broken = true;
     return release(folder);
   }
+  if (!openLocal(folder)) return release(folder);
   if (!folder.sourceListed) {
     if (upload_) {
       folder.sourceListing = listLocalFolder(folder.source, options_.followLinks);
@@ -546,20 +559,7 @@ void TreeTransfer::addChild(Folder& parent, std::size_t index, bool fresh) {
   child->real = options_.followLinks && !upload_ && !parent.aboveRoot && !action.source->followed
                     ? joined(parent.real, action.name)
                     : std::string();
-  if (!upload_ && !(dryRun_ && fresh)) {
-    int error = 0;
-    // A root's destination is the caller's: a link there is followed.
-    if (parent.aboveRoot) {
-      child->local = LocalDir::open(child->destination, error);
-    } else if (parent.local) {
-      child->local = parent.local->child(action.name, error);
-    }
-    if (!child->local) {
-      // Something other than a folder came in its way meanwhile.
-      return fail(parent, describePair(parent.item) + "cannot make folder " + quoted(child->destination) + ": " +
-                              (error == ENOTDIR || error == ELOOP ? "a file is in the way" : errnoText(error)));
-    }
-  }
+  child->name = action.name;
   ++parent.outstanding;
   auto* const raw = child.get();
   folders_.emplace(raw, std::move(child));
@@ -569,6 +569,27 @@ void TreeTransfer::addChild(Folder& parent, std::size_t index, bool fresh) {
     return session_.realpath({this, kResolveFolder, raw}, raw->source);
   }
   waiting_.push_back(raw);
+}
+
+// A download's folder is opened when it starts, not when its parent lists
+// it: a folder of many folders would hold them all open.
+bool TreeTransfer::openLocal(Folder& folder) {
+  if (upload_ || folder.local || (dryRun_ && folder.fresh) || folder.parent == nullptr) return true;
+  auto& parent = *folder.parent;
+  int error = 0;
+  // A root's destination is the caller's: a link there is followed.
+  if (parent.aboveRoot) {
+    folder.local = LocalDir::open(folder.destination, error);
+  } else if (parent.local) {
+    folder.local = parent.local->child(folder.name, error);
+  } else {
+    return true;
+  }
+  if (folder.local) return true;
+  // Something other than a folder came in its way meanwhile.
+  fail(parent, describePair(parent.item) + "cannot make folder " + quoted(folder.destination) + ": " +
+                   (error == ENOTDIR || error == ELOOP ? "a file is in the way" : errnoText(error)));
+  return false;
 }
 
 bool TreeTransfer::loops(Folder& folder) {
@@ -882,6 +903,7 @@ void TreeTransfer::finish(Folder& folder) {
 }
 
 void TreeTransfer::release(Folder& folder) {
+  if (folder.state != Folder::State::Waiting && folder.state != Folder::State::Resolving) --started_;
   folder.state = Folder::State::Done;
   auto* const parent = folder.parent;
   folders_.erase(&folder);

@@ -133,6 +133,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void tryFinish(Folder& folder);
   void finish(Folder& folder);
   void release(Folder& folder);
+  // A download's local folder opened; false (failed, told) when it cannot be.
+  bool openLocal(Folder& folder);
   [[nodiscard]] bool loops(Folder& folder);
 
   // ---- removals: what a source lacks, and what is in the way (TreeRemoval.cpp)
@@ -229,6 +231,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   std::vector<Folder*> waiting_;   // not started yet; the last is next (depth first)
   std::deque<Folder*> feeding_;    // planned, with copies still to queue; the first is next
   std::size_t listing_ = 0;        // folders whose listings are in flight
+  std::size_t started_ = 0;        // folders begun and not released
+  std::size_t foldersOpen_ = 0;    // of a download, at most, started at once
   std::size_t foldersListed_ = 0;  // so far, and their entries: the tree's width
   std::size_t entriesListed_ = 0;
   std::unordered_map<Removal*, std::unique_ptr<Removal>> removals_;

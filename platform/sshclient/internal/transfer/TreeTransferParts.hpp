@@ -51,6 +51,7 @@ struct TreeTransfer::Folder {
   Folder* parent = nullptr;
   std::string source;       // the source folder's path
   std::string destination;  // the destination folder's path ("" : the working folder)
+  std::string name;         // below a folder: its name there
   bool aboveRoot = false;
   std::string rootName;                             // above a root: the root's name in `destination`
   std::string rootSource;                           // above a root: the root's source path
