@@ -1,9 +1,9 @@
 // Trees worked one folder at a time against the real sshd, both ways: a
 // folder wider than anything held ahead arrives whole, is mirrored exactly
 // and stops cleanly; more folders and files than the process may hold open
-// arrive; a mirror across many folders removes exactly the extras, and a
-// folder whose listing could not be trusted loses nothing while the others
-// are mirrored.
+// arrive, or go; a mirror across many folders removes exactly the extras,
+// and a folder whose listing could not be trusted loses nothing while the
+// others are mirrored.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -155,6 +155,25 @@ TEST_P(Streaming, MoreFoldersAndFilesThanOpenFilesAllowedArrive) {
   auto const report = copyTree(*client, {});
   EXPECT_EQ(report.files, 2'100U);
   EXPECT_EQ(filesBelow(dst()), filesBelow(src()));
+}
+
+// A folder of more folders than either side may hold open, gone from the
+// source: a mirror removes all of it (a server lists what it removes a
+// folder at a time, each holding a handle).
+TEST_P(Streaming, AMirrorRemovesMoreFoldersThanOpenFilesAllow) {
+  writeAt(src() / "keep", "k");
+  for (int i = 0; i < 600; ++i) writeAt(dst() / "gone" / ("d" + std::to_string(i)) / "f", std::to_string(i));
+  std::unique_ptr<TestSshd> server;
+  {
+    OpenFileLimit const limit(256);
+    server = std::make_unique<TestSshd>();
+  }
+  auto const client = server->connect();
+  OpenFileLimit const limit(256);
+  auto const report = copyTree(*client, {.deleteExtraneous = true});
+  EXPECT_EQ(report.deleted, 1'201U);
+  EXPECT_EQ(filesBelow(dst()), filesBelow(src()));
+  EXPECT_FALSE(fs::exists(dst() / "gone"));
 }
 
 // The server's listing of one folder holds a name that cannot be trusted:

@@ -12,6 +12,15 @@
 
 namespace foundation::sshclient::internal::transfer {
 
+namespace {
+
+// Folders being removed whose listings are in flight at once, at most: each
+// holds a handle, a descriptor of the server's process, while it is listed,
+// and a server often may hold no more than 1,024.
+constexpr std::size_t kRemovalsListed = 64;
+
+}  // namespace
+
 using sftp::PacketType;
 using sftp::Reply;
 using sftp::StatusCode;
@@ -111,12 +120,24 @@ void TreeTransfer::removeTree(Folder& folder, std::string const& name, std::opti
   ++folder.outstanding;
   auto* const raw = removal.get();
   removals_.emplace(raw, std::move(removal));
-  lister_.list(path, &raw->cookie);
+  listRemoval(*raw);
+}
+
+void TreeTransfer::listRemoval(Removal& removal) {
+  if (removalsListed_ >= kRemovalsListed) return removalsWaiting_.push_back(&removal);
+  ++removalsListed_;
+  lister_.list(removal.path, &removal.cookie);
 }
 
 void TreeTransfer::removalListed(Removal& removal, Listing const& listing) {
   auto& folder = *removal.folder;
   --removal.outstanding;
+  --removalsListed_;
+  if (!removalsWaiting_.empty()) {
+    auto* const next = removalsWaiting_.front();
+    removalsWaiting_.pop_front();
+    listRemoval(*next);
+  }
   if (!listing.error.empty()) {
     removal.failed = true;
     fail(folder, describePair(folder.item) + listing.error);
@@ -143,7 +164,7 @@ void TreeTransfer::removalListed(Removal& removal, Listing const& listing) {
       ++removal.outstanding;
       auto* const raw = child.get();
       removals_.emplace(raw, std::move(child));
-      lister_.list(path, &raw->cookie);
+      listRemoval(*raw);
     } else if (dryRun_) {
       ++report_.deleted;
       plan(Change::Delete, path, 0);

@@ -144,6 +144,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void removeTree(Folder& folder, std::string const& name, std::optional<std::size_t> then = std::nullopt);
   int removeLocalTree(LocalDir const& parent, std::string const& name, FilterFolder const& filter, bool& kept);
   void replaceFolder(Folder& folder, std::size_t index);
+  // Lists a folder to remove, or queues it while kRemovalsListed are listed.
+  void listRemoval(Removal& removal);
   void removalListed(Removal& removal, Listing const& listing);
   void onRemovalReply(Removal& removal, sftp::Ticket const& ticket, sftp::Reply const& reply);
   void removalDone(Removal& removal);
@@ -236,6 +238,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   std::size_t foldersListed_ = 0;  // so far, and their entries: the tree's width
   std::size_t entriesListed_ = 0;
   std::unordered_map<Removal*, std::unique_ptr<Removal>> removals_;
+  std::size_t removalsListed_ = 0;        // removals whose listings are in flight
+  std::deque<Removal*> removalsWaiting_;  // to list once fewer are
 };
 
 }  // namespace foundation::sshclient::internal::transfer
