@@ -163,6 +163,9 @@ TEST_P(Streaming, MoreFoldersAndFilesThanOpenFilesAllowedArrive) {
 TEST_P(Streaming, AMirrorRemovesMoreFoldersThanOpenFilesAllow) {
   writeAt(src() / "keep", "k");
   for (int i = 0; i < 600; ++i) writeAt(dst() / "gone" / ("d" + std::to_string(i)) / "f", std::to_string(i));
+  // What lies beside the destination must stay as it is.
+  writeAt(scratch_ / "beside" / "d0" / "f", "b");
+  auto const before = filesBelow(scratch_.path());
   std::unique_ptr<TestSshd> server;
   {
     OpenFileLimit const limit(256);
@@ -174,6 +177,12 @@ TEST_P(Streaming, AMirrorRemovesMoreFoldersThanOpenFilesAllow) {
   EXPECT_EQ(report.deleted, 1'201U);
   EXPECT_EQ(filesBelow(dst()), filesBelow(src()));
   EXPECT_FALSE(fs::exists(dst() / "gone"));
+  auto outside = before;
+  std::erase_if(outside, [](std::string const& file) { return file.starts_with("dst/"); });
+  auto after = filesBelow(scratch_.path());
+  std::erase_if(after, [](std::string const& file) { return file.starts_with("dst/"); });
+  EXPECT_EQ(after, outside);
+  EXPECT_THAT(outside, ::testing::ElementsAre("beside/d0/f=b", "src/keep=k"));
 }
 
 // The server's listing of one folder holds a name that cannot be trusted:

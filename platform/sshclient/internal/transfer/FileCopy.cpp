@@ -10,7 +10,9 @@
 #include <thread>
 #include <utility>
 
+#include "sshfileaccess/platform/sshclient/internal/transfer/Copiers.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/FileCopyJob.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Paths.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Temporaries.hpp"
 
@@ -18,13 +20,15 @@ namespace foundation::sshclient::internal::transfer {
 
 using namespace copying;  // NOLINT(google-build-using-namespace): this room's own pieces
 
-CopySettings copySettings(sftp::EngineOptions const& options, bool upload) {
+CopySettings copySettings(sftp::EngineOptions const& options, bool upload, std::size_t channels) {
   CopySettings settings;
   settings.upload = upload;
   settings.windowBytes = upload ? std::min(options.windowBytes, options.uploadWindowBytes) : options.windowBytes;
   settings.windowCap = options.windowCap;
   settings.maxOpenFiles = upload ? std::min(options.maxOpenFiles, options.maxOpenUploads) : options.maxOpenFiles;
-  settings.maxOpenFilesCap = options.maxOpenFilesCap;
+  // Files in flight over all channels stay within the process's open files.
+  settings.maxOpenFilesCap = filesOpenPerChannel(openFileLimit(), channels, options.maxOpenFilesCap);
+  settings.maxOpenFiles = std::min(settings.maxOpenFiles, settings.maxOpenFilesCap);
   settings.chunkSize = options.chunkSize;
   return settings;
 }

@@ -74,8 +74,8 @@ struct CopySettings {
   std::uint64_t bytesPerSecond = 0;  // file data sent or asked for; 0: no limit
 };
 
-// The settings of the engine's options that copying uses, in one direction.
-CopySettings copySettings(sftp::EngineOptions const& options, bool upload);
+// The settings of the engine's options that copying uses, in one direction over that many channels.
+CopySettings copySettings(sftp::EngineOptions const& options, bool upload, std::size_t channels);
 
 struct FileTask {
   std::size_t item = 0;     // of the command, to order failures

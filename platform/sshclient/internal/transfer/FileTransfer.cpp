@@ -8,9 +8,7 @@
 #include "sshfileaccess/platform/i18n/i18n.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
-#include "sshfileaccess/platform/sshclient/internal/transfer/Copiers.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/FileCopy.hpp"
-#include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/TreeTransfer.hpp"
 
 namespace foundation::sshclient::internal {
@@ -25,11 +23,9 @@ class FileTransfer final : public transfer::FileObserver {
                sftp::EngineOptions const& options)
       : session_(session), command_(command), progress_(progress), interval_(options.progressInterval) {
     bool const upload = command.getDirection() == TransferDirection::LocalToRemote;
-    transfer::CopySettings settings = transfer::copySettings(options, upload);
+    transfer::CopySettings settings = transfer::copySettings(options, upload, 1);
     settings.createMode = static_cast<std::uint32_t>(command.getMode()) & 07777U;
     settings.stopOnFailure = true;
-    settings.maxOpenFilesCap = transfer::filesOpenPerChannel(transfer::openFileLimit(), 1, settings.maxOpenFilesCap);
-    settings.maxOpenFiles = std::min(settings.maxOpenFiles, settings.maxOpenFilesCap);
     copier_ = std::make_unique<transfer::FileCopier>(session, settings, *this, counters_);
     session.usePosixRename(options.usePosixRename);
     auto const& items = command.getItems();

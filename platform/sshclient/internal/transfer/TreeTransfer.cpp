@@ -84,16 +84,13 @@ TreeTransfer::TreeTransfer(sftp::SftpSession& session, CopyTreesCommand const& c
       random_(std::random_device{}()),
       probe_(session),
       lister_(session, *this, command.getOptions().followLinks) {
-  CopySettings copy = copySettings(options, upload_);
+  CopySettings copy = copySettings(options, upload_, 1 + more.count);
   // Private until the final mode is set.
   copy.createMode = options_.keepPermissions ? 0600U : 0666U;
   copy.resume = options_.resume;
   inFlight_ = upload_ ? std::min(copy.windowCap, kServerChannelWindow) : copy.windowCap;
   copy.bytesPerSecond = options_.bytesPerSecond;
-  auto const openLimit = openFileLimit();
-  copy.maxOpenFilesCap = filesOpenPerChannel(openLimit, 1 + more.count, copy.maxOpenFilesCap);
-  copy.maxOpenFiles = std::min(copy.maxOpenFiles, copy.maxOpenFilesCap);
-  foldersOpen_ = foldersOpen(openLimit);
+  foldersOpen_ = foldersOpen(openFileLimit());
   copier_ = std::make_unique<FileCopier>(session, copy, *this, counters_);
   copiers_.attach(*copier_);
   copySettings_ = copy;
