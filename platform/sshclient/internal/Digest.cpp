@@ -21,11 +21,11 @@ struct ContextDeleter {
   void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
 };
 
-class Sha256 {
+class Digest {
  public:
-  Sha256() : context_(EVP_MD_CTX_new()) {
-    if (!context_ || EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) {
-      throw std::runtime_error("cannot start a SHA-256 digest");
+  explicit Digest(EVP_MD const* kind = EVP_sha256()) : context_(EVP_MD_CTX_new()) {
+    if (!context_ || EVP_DigestInit_ex(context_.get(), kind, nullptr) != 1) {
+      throw std::runtime_error(std::string("cannot start a digest: ") + EVP_MD_get0_name(kind));
     }
   }
   void update(void const* data, std::size_t size) { EVP_DigestUpdate(context_.get(), data, size); }
@@ -73,7 +73,13 @@ std::string unescaped(std::string_view text) {
 }  // namespace
 
 std::string sha256Of(std::string_view bytes) {
-  Sha256 digest;
+  Digest digest;
+  digest.update(bytes.data(), bytes.size());
+  return digest.hex();
+}
+
+std::string blake2b512Of(std::string_view bytes) {
+  Digest digest(EVP_blake2b512());
   digest.update(bytes.data(), bytes.size());
   return digest.hex();
 }
@@ -85,7 +91,7 @@ std::string sha256OfLocalFile(std::string const& path, std::optional<std::uint64
     int fd;
     ~Closer() { ::close(fd); }
   } const closer{fd};
-  Sha256 digest;
+  Digest digest;
   std::array<char, 1U << 16U> buffer{};
   std::uint64_t left = length.value_or(UINT64_MAX);
   while (left > 0) {

@@ -30,6 +30,8 @@ std::string sha256OfLocalFile(std::string const& path, std::optional<std::uint64
 
 // Lower-case hex SHA-256 of a byte string.
 std::string sha256Of(std::string_view bytes);
+// Lower-case hex BLAKE2b-512 of a byte string (GNU b2sum's hash).
+std::string blake2b512Of(std::string_view bytes);
 
 // One command line of remoteHashCommands and the paths it hashes:
 // paths[first, first + count).

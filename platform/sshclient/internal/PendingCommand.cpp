@@ -21,28 +21,57 @@ Session& withShell(Session& session) {
 
 }  // namespace
 
-PendingCommand::PendingCommand(Session& session, std::string command)
-    : PendingCommand(session, freshMarker(), std::move(command)) {}
-
-PendingCommand::PendingCommand(Session& session, std::string const& marker, std::string command)
-    : PendingCommand(session, marker, execWrapper(marker), std::move(command)) {}
+PendingCommand::PendingCommand(Session& session, std::optional<std::string> command, Channel::Answer open)
+    : PendingCommand(session, freshMarker(), {}, std::move(command), open) {}
 
 PendingCommand::PendingCommand(Session& session, std::string const& marker, std::string const& wrapper,
                                std::string command)
+    : PendingCommand(session, marker, wrapper, std::move(command), Channel::Answer::Wait) {}
+
+PendingCommand::PendingCommand(Session& session, std::string const& marker, std::string wrapper,
+                               std::optional<std::string> command, Channel::Answer open)
     : session_(withShell(session)),
+      wrapper_(wrapper.empty() ? execWrapper(marker) : std::move(wrapper)),
       command_(std::move(command)),
-      input_(command_),
-      channel_(session),
+      channel_(session, open),
       outNoise_(marker),
       errNoise_(marker) {
+  if (command_) input_ = *command_;
   watch_.emplace(channel_.raw(), arrived_);
-  // The command text follows the request without waiting for its answer.
-  channel_.requestExec(wrapper, Channel::Answer::Later);
+  if (open == Channel::Answer::Wait) request();
+}
+
+// A channel still opening is waited for, then closed: freed unanswered,
+// the server would keep it open, holding one of its sessions.
+PendingCommand::~PendingCommand() {
+  if (requested_) return;
+  try {
+    while (!channel_.requestAnswered()) session_.wait();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): refused or lost, nothing is left to close
+  }
+}
+
+void PendingCommand::run(std::string command) {
+  command_ = std::move(command);
+  input_ = *command_;
+}
+
+// Once the channel is open: the exec request. The wrapper waits for the
+// command text, which follows without waiting for the answer, or once given:
+// sshd opens a session channel's window only when it starts the command, so
+// a channel asked for ahead of its command saves that round trip.
+bool PendingCommand::request() {
+  if (requested_) return true;
+  if (!channel_.requestAnswered()) return false;
+  channel_.requestExec(wrapper_, Channel::Answer::Later);
+  requested_ = true;
+  return true;
 }
 
 bool PendingCommand::step() {
   if (ended_) return false;
   arrived_ = false;
+  if (!requested_ && !request()) return false;
   bool progressed = false;
   // Output is read while the input is still being sent: a large command
   // text and a chatty command must not wait on each other.
@@ -53,7 +82,7 @@ bool PendingCommand::step() {
     input_.remove_prefix(written);
     progressed = written > 0;
   }
-  if (input_.empty()) channel_.sendEof();
+  if (command_ && input_.empty()) channel_.sendEof();
   if (channel_.read(result_.out, Stream::Stdout) > 0) {
     outNoise_.drop(result_.out);
     progressed = true;
@@ -77,6 +106,7 @@ bool PendingCommand::step() {
 // it, and is not needed).
 void PendingCommand::finish() {
   if (!outNoise_.passed()) session_.failNoShell();
+  if (!command_) session_.fail(SSHError::Kind::Channel, "the server ended the shell before it was given its command");
   session_.noteShellFound();
   std::optional<int> const status = channel_.exitStatus();
   if (!status) session_.fail(SSHError::Kind::Channel, "the server ended the command without reporting its exit status");

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -23,21 +24,47 @@ void transferFiles(Session& session, CopyFilesCommand const& command,
 
 namespace {
 
-// A command on an exec channel of its own, beside the SFTP channel.
+// A command on an exec channel of its own, beside the SFTP channel; the
+// channel opens while the command is prepared. Where the server refuses the
+// channel (MaxSessions), the command runs in place on `shell`.
 class ChannelCommand final : public sftp::RemoteCommand {
  public:
-  ChannelCommand(Session& session, std::string command) : session_(session), running_(session, std::move(command)) {}
+  ChannelCommand(Session& session, std::function<std::string(std::string const&)> const& shell)
+      : session_(session), shell_(shell), running_(session, std::nullopt, Channel::Answer::Later) {}
+  void run(std::string const& command) override {
+    command_ = command;
+    if (refused_) {
+      inPlace_ = shell_(command);
+    } else {
+      running_.run(command);
+    }
+  }
   bool poll() override {
-    running_.step();
+    if (inPlace_) return true;
+    if (refused_) return false;
+    try {
+      running_.step();
+    } catch (SSHError const& e) {
+      if (e.kind() != SSHError::Kind::Channel || running_.opened() || !shell_) throw;
+      // Refused before its command came: it runs in place once given.
+      refused_ = true;
+      if (!command_) return false;
+      inPlace_ = shell_(*command_);
+      return true;
+    }
     return running_.ended();
   }
-  [[nodiscard]] bool news() const override { return running_.news(); }
+  [[nodiscard]] bool news() const override { return !inPlace_ && running_.news(); }
   void wait() override { session_.wait(); }
-  [[nodiscard]] std::string const& output() const override { return running_.result().out; }
+  [[nodiscard]] std::string const& output() const override { return inPlace_ ? *inPlace_ : running_.result().out; }
 
  private:
   Session& session_;
+  std::function<std::string(std::string const&)> const& shell_;
+  std::optional<std::string> command_;
   PendingCommand running_;
+  bool refused_ = false;
+  std::optional<std::string> inPlace_;
 };
 
 }  // namespace
@@ -67,8 +94,8 @@ TreeTransferReport transferTrees(Session& session, CopyTreesCommand const& comma
     auto const count = transfer::channelsFor(roundTrip);
     for (std::size_t i = 1; i < count; ++i) further.emplace_back(session, Channel::Answer::Later);
   }
-  sftp::RemoteShell const remote{
-      shell, [&session](std::string const& line) { return std::make_unique<ChannelCommand>(session, line); }};
+  sftp::RemoteShell const remote{shell,
+                                 [&session, &shell] { return std::make_unique<ChannelCommand>(session, shell); }};
   std::size_t next = 0;
   more.count = further.size();
   more.open = [&further, &next, &arrived]() -> std::unique_ptr<sftp::Transport> {

@@ -301,15 +301,20 @@ INSTANTIATE_TEST_SUITE_P(BothWays, Deltas,
                          ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
                          directionName);
 
+// A server whose commands find `script` first under the name `tool`, in `bin`.
+std::unique_ptr<TestSshd> serverWithFake(fs::path const& bin, std::string const& tool, std::string const& script) {
+  writeFile(bin / tool, script);
+  fs::permissions(bin / tool, fs::perms(0755));
+  return std::make_unique<TestSshd>("SetEnv PATH=" + bin.string() + ":/usr/bin:/bin");
+}
+
 // A host whose split is not GNU's (BusyBox, say): the commands see a PATH
 // whose first split refuses --filter.
 class WithoutGnuSplit : public ::testing::TestWithParam<TransferDirection> {
  protected:
   static void SetUpTestSuite() {
     fakeBin_ = TestSshd::makeTempDir();
-    writeFile(fakeBin_ / "split", "#!/bin/sh\necho \"split: unrecognized option '$1'\" >&2\nexit 1\n");
-    fs::permissions(fakeBin_ / "split", fs::perms(0755));
-    server_ = std::make_unique<TestSshd>("SetEnv PATH=" + fakeBin_.string() + ":/usr/bin:/bin");
+    server_ = serverWithFake(fakeBin_, "split", "#!/bin/sh\necho \"split: unrecognized option '$1'\" >&2\nexit 1\n");
     client_ = server_->connect();
   }
   static void TearDownTestSuite() {
@@ -345,6 +350,49 @@ TEST_P(WithoutGnuSplit, TheFileIsSentWholeAndTheDetailsSaySo) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BothWays, WithoutGnuSplit,
+                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
+                         directionName);
+
+// A host without b2sum (coreutils before 8.26): its blocks are hashed with
+// sha256sum, and so are this side's.
+class WithoutB2sum : public ::testing::TestWithParam<TransferDirection> {
+ protected:
+  static void SetUpTestSuite() {
+    fakeBin_ = TestSshd::makeTempDir();
+    server_ = serverWithFake(fakeBin_, "b2sum", "#!/bin/sh\necho 'b2sum: not here' >&2\nexit 127\n");
+    client_ = server_->connect();
+  }
+  static void TearDownTestSuite() {
+    client_.reset();
+    server_.reset();
+  }
+
+  static fs::path fakeBin_;
+  static std::unique_ptr<TestSshd> server_;
+  static std::unique_ptr<ssh::SSHClient> client_;
+};
+
+fs::path WithoutB2sum::fakeBin_;
+std::unique_ptr<TestSshd> WithoutB2sum::server_;
+std::unique_ptr<ssh::SSHClient> WithoutB2sum::client_;
+
+TEST_P(WithoutB2sum, TheChangedBlocksGoHashedBySha256sum) {
+  auto const found = client_->executeCommand(ssh::ExecuteCommand(u("b2sum </dev/null; echo $?")));
+  ASSERT_EQ(utf8(found.getStdout()), "127\n");
+  DeltaUpdate files(*client_, GetParam());
+  // The old version ends inside a block: its tail is compared by hash too.
+  auto const old = randomBytes(4 * kMiB + 12345, 5);
+  auto const bytes = changed(old, kMiB, 10) + randomBytes(kMiB, 6);
+  auto const report = files.update(old, bytes);
+  EXPECT_EQ(report.files, 1U);
+  // The 128 KiB block changed, and what was appended.
+  EXPECT_EQ(report.bytes, 128 * 1024 + kMiB);
+  EXPECT_EQ(report.reused, bytes.size() - report.bytes);
+  EXPECT_THAT(report.details, ::testing::IsEmpty());
+  files.expectArrived(bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, WithoutB2sum,
                          ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
                          directionName);
 

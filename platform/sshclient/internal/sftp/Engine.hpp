@@ -56,12 +56,14 @@ using ProgressCallback = std::function<void(TransferProgress const&)>;
 
 // A command line running on the remote host, moved on from the transfer's
 // own loop while its SFTP requests fly: poll() never sleeps; the loop sleeps
-// only when nothing moved and news() is false. Throws SSHError as the
-// command runners do (NoShell: no shell ran it). Destroying it unfinished
-// abandons it.
+// only when nothing moved and news() is false. One opened without its
+// command (openCommand) gets it by run(), once; its channel opens meanwhile.
+// Throws SSHError as the command runners do (NoShell: no shell ran it).
+// Destroying it unfinished abandons it.
 class RemoteCommand {
  public:
   virtual ~RemoteCommand() = default;
+  virtual void run(std::string const& command) = 0;
   // True once the command has ended and its output is complete.
   virtual bool poll() = 0;
   // Its data was taken in by some other read since the last poll().
@@ -81,12 +83,16 @@ class RemoteCommand {
 struct RemoteShell {
   // Runs one and returns its standard output.
   std::function<std::string(std::string const& command)> run;
-  // Starts one on a channel of its own and returns at once; unset: `run`
-  // runs it in place.
-  std::function<std::unique_ptr<RemoteCommand>(std::string const& command)> start;
+  // Opens a channel of its own for a command and returns at once; where
+  // the server refuses the channel, the command runs in place by `run`.
+  // Unset: `run` runs every command in place.
+  std::function<std::unique_ptr<RemoteCommand>()> open;
 };
 
-// Starts `command` through `shell` (in place, finished, without `start`).
+// A command to come, through `shell`: its channel opens while the caller
+// prepares it (in place, once given, without `open`).
+std::unique_ptr<RemoteCommand> openCommand(RemoteShell const& shell);
+// Starts `command` through `shell`.
 std::unique_ptr<RemoteCommand> startCommand(RemoteShell const& shell, std::string const& command);
 // Moves a command on until it ends; its output.
 std::string finishCommand(RemoteCommand& command);

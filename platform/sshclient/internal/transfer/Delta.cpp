@@ -4,6 +4,7 @@
 #include <charconv>
 #include <span>
 #include <stdexcept>
+#include <utility>
 
 #include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
 #include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
@@ -27,8 +28,32 @@ constexpr Word kWords[] = {
     {"failed", RemoteBlockStatus::Failed},
 };
 
-bool isHexHash(std::string_view text) {
-  return text.size() == kSha256HexLength &&
+// The tools that hash blocks, by the name the command line prints.
+struct Tool {
+  std::string_view name;
+  BlockHash hash;
+  std::size_t hexLength;
+};
+constexpr Tool kTools[] = {
+    {"b2sum", BlockHash::Blake2b512, 128},
+    {"sha256sum", BlockHash::Sha256, kSha256HexLength},
+};
+
+Tool const* toolNamed(std::string_view name) {
+  auto const* tool = std::find_if(std::begin(kTools), std::end(kTools), [&](Tool const& t) { return t.name == name; });
+  return tool == std::end(kTools) ? nullptr : tool;
+}
+
+// The first line: "SIZE TOOL" (wc pads the size with blanks on some systems).
+std::pair<std::string_view, Tool const*> firstLine(std::string_view line) {
+  while (!line.empty() && line.front() == ' ') line.remove_prefix(1);
+  auto const space = line.find(' ');
+  if (space == std::string_view::npos) return {line, nullptr};
+  return {line.substr(0, space), toolNamed(line.substr(space + 1))};
+}
+
+bool isHexHash(std::string_view text, std::size_t length) {
+  return text.size() == length &&
          std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
@@ -101,6 +126,18 @@ DeltaRanges changedRanges(std::uint64_t blockSize, BlockHashes const& source, Bl
   return out;
 }
 
+std::string blockHashOf(BlockHash kind, std::string_view bytes) {
+  return kind == BlockHash::Blake2b512 ? blake2b512Of(bytes) : sha256Of(bytes);
+}
+
+std::optional<BlockHash> announcedBlockHash(std::string_view output) {
+  auto const end = output.find('\n');
+  if (end == std::string_view::npos) return std::nullopt;
+  auto const* tool = firstLine(output.substr(0, end)).second;
+  if (tool == nullptr) return std::nullopt;
+  return tool->hash;
+}
+
 std::string remoteBlockHashCommand(RemoteBlockRequest const& request) {
   auto const file = shellQuoted(request.path);
   // split asks $SHELL to run its filter: sh starts fastest.
@@ -111,16 +148,18 @@ std::string remoteBlockHashCommand(RemoteBlockRequest const& request) {
   line += "elif ! s=$(wc -c <" + file + "); then echo unreadable; ";
   // A part of the blocks per processor (at most 8), hashed at once: a
   // process per block costs more than the hashing. Each line says its block.
-  line += "else echo $s; b=" + std::to_string(request.blockSize) +
+  // dd reads a part straight from the file (tail | head copies it twice more).
+  line += "else h=sha256sum; b2sum </dev/null >/dev/null 2>&1 && h=b2sum; echo $s $h; b=" +
+          std::to_string(request.blockSize) +
           "; n=$(((s+b-1)/b)); p=$(nproc) || p=1; [ $p -le 8 ] || p=8; k=$(((n+p-1)/p)); i=0; "
-          "while [ $i -lt $n ]; do { tail -c +$((i*b+1)) <" +
+          "while [ $i -lt $n ]; do { dd if=" +
           file +
-          " | head -c $((k*b)) | SHELL=/bin/sh split -a 9 -b $b --filter=sha256sum || echo failed; } | "
-          "{ j=$i; while read h x; do echo $j $h; j=$((j+1)); done; } & i=$((i+k)); done; wait; ";
+          " bs=$b skip=$i count=$k 2>/dev/null | SHELL=/bin/sh split -a 9 -b $b --filter=$h || echo failed; } | "
+          "{ j=$i; while read v w; do echo $j $v; j=$((j+1)); done; } & i=$((i+k)); done; wait; ";
   if (request.tail) {
     line += "{ tail -c +" + std::to_string(request.tail->begin + 1) + " <" + file + " | head -c " +
             std::to_string(request.tail->end - request.tail->begin) +
-            " | sha256sum || echo failed; } | { read h x; echo tail $h; }; ";
+            " | $h || echo failed; } | { read v w; echo tail $v; }; ";
   }
   line += "echo end; fi 2>/dev/null";
   return line;
@@ -139,12 +178,12 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
     answer.status = word->status;
     return answer;
   }
-  // wc pads its number with blanks on some systems.
-  auto size = lines.front();
-  while (!size.empty() && size.front() == ' ') size.remove_prefix(1);
-  if (!numberOf(size, answer.blocks.size)) {
-    throw std::runtime_error("unexpected size in the block hashes of the remote host: " + std::string(lines.front()));
+  auto const [size, tool] = firstLine(lines.front());
+  if (!numberOf(size, answer.blocks.size) || tool == nullptr) {
+    throw std::runtime_error("unexpected first line in the block hashes of the remote host: " +
+                             std::string(lines.front()));
   }
+  answer.hash = tool->hash;
   auto const blocks = blockCount(answer.blocks.size, blockSize);
   if (lines.size() != 2 + blocks + (withTail ? 1U : 0U)) {
     throw std::runtime_error("the remote host hashed " + std::to_string(lines.size() - 2) + " blocks of " +
@@ -169,7 +208,7 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
     } else if (numberOf(label, index) && index < blocks) {
       slot = &answer.blocks.hashes[index];
     }
-    if (slot == nullptr || !slot->empty() || !isHexHash(hash)) {
+    if (slot == nullptr || !slot->empty() || !isHexHash(hash, tool->hexLength)) {
       throw std::runtime_error("unexpected line in the block hashes of the remote host: " + std::string(line));
     }
     *slot = std::string(hash);

@@ -3,7 +3,8 @@
 //
 // Both versions are cut into blocks of one size, chosen from the larger
 // size. The old version's blocks are hashed where it lives, the source's
-// where the source lives (SHA-256 each), and only the source's blocks whose
+// where the source lives (BLAKE2b-512 where the remote host has b2sum, else
+// SHA-256; the host says which), and only the source's blocks whose
 // hash differs go over the link into a copy of the old version. The source's
 // bytes over the old version's last, short block are hashed too: when they
 // match, the old version is the source's beginning (a log that grew) and
@@ -11,7 +12,7 @@
 // insertion) changes every block after it: the rest is sent.
 //
 // Also here: the command line that hashes a remote file's blocks with what a
-// GNU host has (split --filter into sha256sum), its answer, and the cost
+// GNU host has (split --filter into b2sum or sha256sum), its answer, and the cost
 // rule that tells when hashing both sides beats sending the whole file.
 //
 // Pure functions; parsing throws std::runtime_error for output that is not
@@ -32,8 +33,8 @@ struct ByteRange {
   friend bool operator==(ByteRange const&, ByteRange const&) = default;
 };
 
-// One version's blocks: its size and the hex SHA-256 of each block, in
-// order; the last block may be shorter than the others.
+// One version's blocks: its size and the hex hash of each block, in order;
+// the last block may be shorter than the others.
 struct BlockHashes {
   std::uint64_t size = 0;
   std::vector<std::string> hashes;
@@ -76,8 +77,17 @@ struct RemoteBlockRequest {
   std::optional<ByteRange> tail;
 };
 
-// One sh command line. Its standard output: the file's size, a line
-// "INDEX HASH" per block in any order (the blocks are hashed in parts at
+// How blocks are hashed: b2sum is twice as fast as sha256sum (coreutils 9.1).
+enum class BlockHash : std::uint8_t { Sha256, Blake2b512 };
+// The hex hash of `bytes`, as the remote host's tool prints it.
+[[nodiscard]] std::string blockHashOf(BlockHash kind, std::string_view bytes);
+// The hash the remote host announced in the first line of its answer (see
+// remoteBlockHashCommand), once that line is in; nullopt before, and when
+// the line says that it cannot hash.
+[[nodiscard]] std::optional<BlockHash> announcedBlockHash(std::string_view output);
+
+// One sh command line. Its standard output: the file's size and the tool it
+// hashes with ("b2sum" or "sha256sum"), a line "INDEX HASH" per block in any order (the blocks are hashed in parts at
 // once, a part per processor of the host), "tail HASH" when asked, then
 // "end"; or, in place of "end", a word telling what was missing (see
 // RemoteBlockStatus). A part that failed prints "INDEX failed".
@@ -93,8 +103,9 @@ enum class RemoteBlockStatus : std::uint8_t {
 
 struct RemoteBlockAnswer {
   RemoteBlockStatus status = RemoteBlockStatus::Failed;
-  BlockHashes blocks;               // Hashed only
-  std::optional<std::string> tail;  // Hashed, when asked for
+  BlockHash hash = BlockHash::Sha256;  // Hashed only
+  BlockHashes blocks;                  // Hashed only
+  std::optional<std::string> tail;     // Hashed, when asked for
 };
 
 [[nodiscard]] RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t blockSize, bool withTail);
@@ -117,7 +128,8 @@ struct LinkSpeed {
 // (GNU coreutils 9.1, 2 cores): sha256sum over split's blocks, a process per
 // block, the copy of the old version on its side, and the round trips of the
 // temporary's copy, the hashing command and the reopened temporary. Hashing
-// on this side is faster and runs at the same time.
+// on this side is faster and runs at the same time. A host with b2sum hashes
+// faster than this: the rule then errs toward whole files.
 struct DeltaCosts {
   double hashBytesPerSecond = 330e6;
   double secondsPerBlock = 0.004;

@@ -62,6 +62,7 @@ struct DeltaCopier::Job {
   std::optional<std::string> tailHash;  // uploads: of the source's bytes over `tail`
   std::unique_ptr<sftp::RemoteCommand> command;
   std::optional<std::string> output;  // the command's, once it ended
+  std::optional<BlockHash> hash;      // as the remote host announced it: hashing here waits for it
 };
 
 DeltaCopier::DeltaCopier(sftp::SftpSession& session, sftp::RemoteShell const& shell, CopySettings const& settings,
@@ -84,8 +85,13 @@ bool DeltaCopier::idle() const noexcept {
          });
 }
 
+// Both sides hashed, or the remote side cannot hash: its answer says why.
 bool DeltaCopier::ready(Job const& job) const {
-  return job.phase == Job::Phase::Hashing && job.output && job.hashed >= job.localSize;
+  return job.phase == Job::Phase::Hashing && job.output && (job.hashed >= job.localSize || !job.hash);
+}
+
+bool DeltaCopier::hashesHere(Job const& job) noexcept {
+  return job.phase == Job::Phase::Hashing && job.hash && job.hashed < job.localSize;
 }
 
 bool DeltaCopier::busy() const noexcept {
@@ -93,9 +99,7 @@ bool DeltaCopier::busy() const noexcept {
   auto const active =
       std::count_if(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->phase != Job::Phase::Done; });
   if (!queue_.empty() && static_cast<std::size_t>(active) < kAtOnce) return true;
-  return std::any_of(jobs_.begin(), jobs_.end(), [this](auto const& job) {
-    return job->phase == Job::Phase::Hashing && (job->hashed < job->localSize || ready(*job));
-  });
+  return std::any_of(jobs_.begin(), jobs_.end(), [this](auto const& job) { return hashesHere(*job) || ready(*job); });
 }
 
 bool DeltaCopier::running() const noexcept {
@@ -133,9 +137,18 @@ void DeltaCopier::poll() {
   }
   auto budget = kSlice;
   for (auto& job : jobs_) {
+    if (job->phase == Job::Phase::Preparing && job->command) {
+      // Its channel opens and its shell starts while the server copies.
+      try {
+        job->command->poll();
+      } catch (SSHError const& e) {
+        refused(*job, e);
+      }
+    }
     if (job->phase != Job::Phase::Hashing) continue;
     moveCommand(*job);
-    while (job->phase == Job::Phase::Hashing && budget > 0 && job->hashed < job->localSize) {
+    if (job->phase == Job::Phase::Hashing) learnHash(*job);
+    while (budget > 0 && hashesHere(*job)) {
       if (!hashSlice(*job, budget)) break;
     }
     if (ready(*job)) conclude(*job);
@@ -183,9 +196,29 @@ void DeltaCopier::startUpload(Job& job) {
   job.stamp = st.st_mtim;
   job.block = deltaBlockSize(job.sourceSize, job.oldSize);
   job.tail = tailOverOld(job.block, job.sourceSize, job.oldSize);
+  // The hashing command's channel opens while the server copies.
+  if (!openCommand(job)) return;
   ++job.pending;
   session_.open({this, kOpenOld, &job}, task.destination, openflags::kRead, Attributes{});
   createTemp(job);
+}
+
+bool DeltaCopier::openCommand(Job& job) {
+  try {
+    job.command = sftp::openCommand(shell_);
+    return true;
+  } catch (SSHError const& e) {
+    refused(job, e);
+    return false;
+  }
+}
+
+// Called while `error` is being handled: rethrown unless it says that no
+// command can run; then this file and the next go whole.
+void DeltaCopier::refused(Job& job, SSHError const& error) {
+  noCommands_ = sftp::commandsRefused(error);
+  if (!noCommands_) throw;  // NOLINT(misc-throw-by-value-catch-by-reference): the error being handled
+  whole(job, *noCommands_);
 }
 
 void DeltaCopier::createTemp(Job& job) {
@@ -279,7 +312,7 @@ void DeltaCopier::startDownload(Job& job) {
       return whole(job, "cannot create " + quoted(folder.pathOf(name)) + ": " + errnoText(error));
     }
   }
-  startHashing(job, std::nullopt);
+  if (openCommand(job)) startHashing(job, std::nullopt);
 }
 
 void DeltaCopier::startHashing(Job& job, std::optional<std::string> copyFrom) {
@@ -289,13 +322,13 @@ void DeltaCopier::startHashing(Job& job, std::optional<std::string> copyFrom) {
   request.copyFrom = std::move(copyFrom);
   if (!settings_.upload) request.tail = job.tail;
   try {
-    job.command = sftp::startCommand(shell_, remoteBlockHashCommand(request));
+    job.command->run(remoteBlockHashCommand(request));
   } catch (SSHError const& e) {
-    noCommands_ = sftp::commandsRefused(e);
-    if (!noCommands_) throw;
-    return whole(job, *noCommands_);
+    return refused(job, e);
   }
   job.phase = Job::Phase::Hashing;
+  // Its request goes now, not after the loop's next wait.
+  moveCommand(job);
 }
 
 // ---- hashing -----------------------------------------------------------------------
@@ -305,12 +338,15 @@ void DeltaCopier::moveCommand(Job& job) {
   try {
     if (!job.command->poll()) return;
   } catch (SSHError const& e) {
-    noCommands_ = sftp::commandsRefused(e);
-    if (!noCommands_) throw;
-    return whole(job, *noCommands_);
+    return refused(job, e);
   }
   job.output = job.command->output();
   job.command.reset();
+}
+
+void DeltaCopier::learnHash(Job& job) {
+  if (job.hash) return;
+  job.hash = announcedBlockHash(job.command ? job.command->output() : *job.output);
 }
 
 // One block of this side's version: hashed, and for a download also
@@ -349,9 +385,9 @@ bool DeltaCopier::hashSlice(Job& job, std::uint64_t& budget) {
       return false;
     }
   }
-  job.hashes.push_back(sha256Of(bytes));
+  job.hashes.push_back(blockHashOf(*job.hash, bytes));
   if (settings_.upload && job.tail && job.tail->begin == offset) {
-    job.tailHash = sha256Of(bytes.substr(0, job.tail->end - job.tail->begin));
+    job.tailHash = blockHashOf(*job.hash, bytes.substr(0, job.tail->end - job.tail->begin));
   }
   job.hashed += length;
   budget -= std::min<std::uint64_t>(budget, length);

@@ -2,20 +2,17 @@
 // Delta updates: a changed file whose destination holds an old version
 // (the plan's Step::Delta) is built in a temporary that starts as a copy of
 // the old version made on the destination's side, and only the source's
-// blocks whose SHA-256 differ from the old version's go into it.
+// blocks whose hashes differ from the old version's go into it.
 //
 // Both sides hash at once: the remote side's blocks by a command on a
 // channel of its own (Delta.hpp's command line), polled from the transfer's
 // loop, and this side's a slice per poll(), between the SFTP work of other
-// files. Uploads: the server copies the old destination into the temporary
-// (copy-data where offered, else cp --reflink=auto in the hashing command),
-// and the temporary's blocks are hashed there. Downloads: the old
-// destination is copied into the temporary and hashed here in one pass,
-// while the server hashes the source's blocks. Once both are in, the file
-// goes to the FileCopier with the ranges to send: it writes them into the
-// temporary, cuts it to the source's size, sets mode and times and renames
-// it into place, with an ordinary copy's checks (a source that changed
-// since it was hashed fails as "changed while being read").
+// files, with the hash the remote side announced first. Uploads: the server copies the old destination into the
+// temporary (copy-data where offered, else cp --reflink=auto in the hashing command), and the temporary's blocks are
+// hashed there. Downloads: the old destination is copied into the temporary and hashed here in one pass, while the
+// server hashes the source's blocks. Once both are in, the file goes to the FileCopier with the ranges to send: it
+// writes them into the temporary, cuts it to the source's size, sets mode and times and renames it into place, with an
+// ordinary copy's checks (a source that changed since it was hashed fails as "changed while being read").
 //
 // Where the remote side cannot hash (the server allows SFTP only, no GNU
 // split with --filter, the old version cannot be copied or read), the
@@ -86,8 +83,12 @@ class DeltaCopier final : public sftp::ReplyHandler {
   void startDownload(Job& job);
   void onOpened(Job& job, bool old, sftp::Reply const& reply);
   void onCopied(Job& job, sftp::Reply const& reply);
+  bool openCommand(Job& job);
+  void refused(Job& job, SSHError const& error);
   void startHashing(Job& job, std::optional<std::string> copyFrom);
   void moveCommand(Job& job);
+  void learnHash(Job& job);
+  static bool hashesHere(Job const& job) noexcept;
   bool hashSlice(Job& job, std::uint64_t& budget);
   void conclude(Job& job);
   void whole(Job& job, std::string const& why);

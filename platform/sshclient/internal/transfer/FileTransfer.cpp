@@ -121,32 +121,35 @@ namespace sftp {
 
 namespace {
 
-// A command that ran in place.
-class RanCommand final : public RemoteCommand {
+// A command run in place when it is given.
+class InPlaceCommand final : public RemoteCommand {
  public:
-  explicit RanCommand(std::string output) : output_(std::move(output)) {}
+  explicit InPlaceCommand(std::function<std::string(std::string const&)> const& shell) : shell_(shell) {}
+  void run(std::string const& command) override {
+    if (!shell_) throw SSHError(SSHError::Kind::NoShell, "no remote shell to run commands with");
+    output_ = shell_(command);
+  }
   bool poll() override { return true; }
   [[nodiscard]] bool news() const override { return false; }
   void wait() override {}
   [[nodiscard]] std::string const& output() const override { return output_; }
 
  private:
+  std::function<std::string(std::string const&)> const& shell_;
   std::string output_;
 };
 
 }  // namespace
 
+std::unique_ptr<RemoteCommand> openCommand(RemoteShell const& shell) {
+  if (shell.open) return shell.open();
+  return std::make_unique<InPlaceCommand>(shell.run);
+}
+
 std::unique_ptr<RemoteCommand> startCommand(RemoteShell const& shell, std::string const& command) {
-  if (shell.start) {
-    try {
-      return shell.start(command);
-    } catch (SSHError const& e) {
-      // No channel to spare (MaxSessions): in place, on the shell's own.
-      if (e.kind() != SSHError::Kind::Channel || !shell.run) throw;
-    }
-  }
-  if (!shell.run) throw SSHError(SSHError::Kind::NoShell, "no remote shell to run commands with");
-  return std::make_unique<RanCommand>(shell.run(command));
+  auto started = openCommand(shell);
+  started->run(command);
+  return started;
 }
 
 std::optional<std::string> commandsRefused(SSHError const& error) {
