@@ -22,7 +22,7 @@ constexpr std::size_t kAtOnce = 2;
 // Bytes hashed here per poll(): the SFTP work of other files goes on between.
 constexpr std::uint64_t kSlice = 8U * 1024U * 1024U;
 
-enum Request : std::uint32_t { kOpenOld, kOpenTemp, kCopyOld };
+enum Request : std::uint32_t { kOpenOld, kOpenTemp, kCopyOld, kOpenSource };
 
 bool sameTime(struct timespec const& a, struct timespec const& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -44,7 +44,8 @@ struct DeltaCopier::Job {
   std::string creating;           // uploads: the temporary being created
   std::string temp;               // the temporary's name, once it is ours
   std::string oldHandle;          // uploads: the old destination, open
-  std::string tempHandle;
+  std::string tempHandle;         // uploads: the temporary, open, kept for the copy
+  std::string sourceHandle;       // downloads: the source, open, kept for the copy
   bool oldAnswered = false;
   bool tempAnswered = false;
   std::string oldError;
@@ -79,6 +80,16 @@ DeltaCopier::~DeltaCopier() = default;
 
 void DeltaCopier::add(FileTask task, std::uint64_t oldSize) { queue_.emplace_back(std::move(task), oldSize); }
 
+void DeltaCopier::prepare() {
+  if (spare_ || noCommands_ || stopping_) return;
+  try {
+    spare_ = sftp::openCommand(shell_);
+  } catch (SSHError const& e) {
+    noCommands_ = sftp::commandsRefused(e);
+    if (!noCommands_) throw;
+  }
+}
+
 bool DeltaCopier::idle() const noexcept {
   return (queue_.empty() || stopping_) && std::all_of(jobs_.begin(), jobs_.end(), [](auto const& job) {
            return job->phase == Job::Phase::Done && job->pending == 0;
@@ -102,6 +113,7 @@ bool DeltaCopier::busy() const noexcept {
   return std::any_of(jobs_.begin(), jobs_.end(), [this](auto const& job) { return hashesHere(*job) || ready(*job); });
 }
 
+// A spare command is not waited for: it moves on whenever the loop comes round.
 bool DeltaCopier::running() const noexcept {
   return std::any_of(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->command != nullptr; });
 }
@@ -135,6 +147,16 @@ void DeltaCopier::poll() {
     jobs_.push_back(std::move(job));
     start(*jobs_.back());
   }
+  if (spare_) {
+    // Its channel opens and its shell starts meanwhile.
+    try {
+      spare_->poll();
+    } catch (SSHError const& e) {
+      spare_.reset();
+      noCommands_ = sftp::commandsRefused(e);
+      if (!noCommands_) throw;
+    }
+  }
   auto budget = kSlice;
   for (auto& job : jobs_) {
     if (job->phase == Job::Phase::Preparing && job->command) {
@@ -164,6 +186,11 @@ void DeltaCopier::onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) 
       return onOpened(job, ticket.kind == kOpenOld, reply);
     case kCopyOld:
       return onCopied(job, reply);
+    case kOpenSource:
+      if (reply.type == PacketType::Handle) job.sourceHandle = std::string(reply.handle);
+      // A source that cannot be opened: the copy opens it again and says why.
+      if (job.phase == Job::Phase::Done) dropTemp(job);
+      return;
     default:
       return;
   }
@@ -204,6 +231,10 @@ void DeltaCopier::startUpload(Job& job) {
 }
 
 bool DeltaCopier::openCommand(Job& job) {
+  if (spare_) {
+    job.command = std::move(spare_);
+    return true;
+  }
   try {
     job.command = sftp::openCommand(shell_);
     return true;
@@ -263,9 +294,9 @@ void DeltaCopier::onOpened(Job& job, bool old, Reply const& reply) {
     ++job.pending;
     session_.copyData({this, kCopyOld, &job}, job.oldHandle, 0, 0, job.tempHandle, 0);
   }
-  // The server answers in order: the handles close after the copy.
+  // The server answers in order: the old version closes after the copy.
+  // The temporary stays open for the changed blocks.
   session_.close(sftp::SftpSession::ignored(), std::exchange(job.oldHandle, std::string()));
-  session_.close(sftp::SftpSession::ignored(), std::exchange(job.tempHandle, std::string()));
   if (!copyData) startHashing(job, job.task.destination);
 }
 
@@ -312,7 +343,11 @@ void DeltaCopier::startDownload(Job& job) {
       return whole(job, "cannot create " + quoted(folder.pathOf(name)) + ": " + errnoText(error));
     }
   }
-  if (openCommand(job)) startHashing(job, std::nullopt);
+  if (!openCommand(job)) return;
+  // Open for the changed blocks by the time they are known.
+  ++job.pending;
+  session_.open({this, kOpenSource, &job}, task.source, openflags::kRead, Attributes{});
+  startHashing(job, std::nullopt);
 }
 
 void DeltaCopier::startHashing(Job& job, std::optional<std::string> copyFrom) {
@@ -428,6 +463,7 @@ void DeltaCopier::conclude(Job& job) {
   task.reused = ranges.reused;
   task.size = job.sourceSize;
   task.hashedMtime = job.stamp;
+  task.handle = std::exchange(settings_.upload ? job.tempHandle : job.sourceHandle, std::string());
   finishJob(job);
   copier_.add(std::move(task));
 }
@@ -456,7 +492,7 @@ void DeltaCopier::fail(Job& job, std::string const& cause) {
 }
 
 void DeltaCopier::dropTemp(Job& job) {
-  for (auto* handle : {&job.oldHandle, &job.tempHandle}) {
+  for (auto* handle : {&job.oldHandle, &job.tempHandle, &job.sourceHandle}) {
     if (!handle->empty()) session_.close(sftp::SftpSession::ignored(), std::exchange(*handle, std::string()));
   }
   if (job.temp.empty()) return;
@@ -471,6 +507,7 @@ void DeltaCopier::dropTemp(Job& job) {
 
 void DeltaCopier::cancel() {
   stopping_ = true;
+  spare_.reset();
   for (auto& job : jobs_) {
     if (job->phase == Job::Phase::Done) continue;
     dropTemp(*job);

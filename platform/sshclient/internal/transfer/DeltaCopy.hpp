@@ -49,6 +49,9 @@ class DeltaCopier final : public sftp::ReplyHandler {
 
   // A file to update whose destination holds `oldSize` bytes (as listed).
   void add(FileTask task, std::uint64_t oldSize);
+  // A delta may come (the link is being measured for one): a command
+  // channel opens and its shell starts now, for the first file's hashing.
+  void prepare();
   // Starts queued files, moves their commands on, hashes a slice here and
   // hands finished ones to the FileCopier. Never sleeps.
   void poll();
@@ -106,6 +109,7 @@ class DeltaCopier final : public sftp::ReplyHandler {
   std::mt19937_64 random_;
   std::deque<std::pair<FileTask, std::uint64_t>> queue_;
   std::vector<std::unique_ptr<Job>> jobs_;
+  std::unique_ptr<sftp::RemoteCommand> spare_;  // from prepare(), for the next job
   std::vector<std::string> details_;
   std::vector<std::uint8_t> buffer_;       // one block read here
   std::optional<std::string> noCommands_;  // why no command can hash there

@@ -98,6 +98,9 @@ struct FileTask {
   std::vector<ByteRange> ranges;
   std::uint64_t reused = 0;
   struct timespec hashedMtime {};
+  // A delta's remote file left open for the copy, a round trip saved: the
+  // temporary for writing (uploads), the source for reading (downloads).
+  std::string handle;
   void* owner = nullptr;  // the caller's, handed back
 };
 
@@ -182,6 +185,8 @@ class FileCopier final : public sftp::ReplyHandler {
   void startUpload(Job& job);
   void openRemoteTemp(Job& job);
   void onUploadOpen(Job& job, sftp::Reply const& reply);
+  void uploadOpened(Job& job);
+  void onUploadRefused(Job& job, sftp::Reply const& reply, std::string const& temp);
   bool readAhead(Job& job);
   bool moreToSend(Job& job);
   void issueWrites(Job& job);
@@ -196,6 +201,7 @@ class FileCopier final : public sftp::ReplyHandler {
 
   void startDownload(Job& job);
   void onDownloadAnswer(Job& job, std::uint32_t kind, sftp::Reply const& reply);
+  void downloadAnswered(Job& job);
   void issueReads(Job& job);
   void onRead(Job& job, sftp::Ticket const& ticket, sftp::Reply const& reply);
   void onProbe(Job& job, sftp::Reply const& reply);

@@ -19,6 +19,8 @@ using namespace copying;  // NOLINT(google-build-using-namespace): this room's o
 
 void FileCopier::startDownload(Job& job) {
   auto& task = job.task;
+  // A delta's open source is ours from here: a failure closes it.
+  job.handle = task.handle;
   if (auto const error = openDestinationFolder(task); error != 0) {
     if (error == ENOENT)
       return fail(job, "destination folder " + quoted(folderOf(task.destination)) + " does not exist");
@@ -62,6 +64,11 @@ void FileCopier::startDownload(Job& job) {
     ++job.pending;
     session_.stat({this, kStat, &job}, task.source);
   }
+  if (!job.handle.empty()) {
+    job.openAnswered = true;
+    if (job.statAnswered) return downloadAnswered(job);
+    return;
+  }
   ++job.pending;
   session_.open({this, kOpen, &job}, task.source, openflags::kRead, Attributes{});
 }
@@ -78,8 +85,11 @@ void FileCopier::onDownloadAnswer(Job& job, std::uint32_t kind, Reply const& rep
   }
   (kind == kStat ? job.statAnswered : job.openAnswered) = true;
   if (job.failed) return closeRemote(job);
-  if (!job.statAnswered || !job.openAnswered) return;
+  if (job.statAnswered && job.openAnswered) downloadAnswered(job);
+}
 
+// The source is open and its size known: the data comes.
+void FileCopier::downloadAnswered(Job& job) {
   auto const& source = job.task.source;
   if (job.attributes && job.attributes->isDirectory()) return fail(job, quoted(source) + " is a folder");
   if (job.attributes && !job.attributes->isRegularOrUnknown()) {

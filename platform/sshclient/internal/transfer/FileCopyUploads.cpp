@@ -21,6 +21,11 @@ using namespace copying;  // NOLINT(google-build-using-namespace): this room's o
 void FileCopier::startUpload(Job& job) {
   auto const& task = job.task;
   std::tie(job.folder, job.name) = splitPath(task.destination);
+  if (task.delta) {
+    // A delta's temporary is ours from here: a failure closes and removes it.
+    job.temp = job.folder + task.resumeTemp;
+    job.handle = task.handle;
+  }
   job.fd = UniqueFd(::open(task.source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!job.fd.valid()) return fail(job, "cannot open " + quoted(task.source) + ": " + errnoText(errno));
   struct stat st {};
@@ -35,8 +40,9 @@ void FileCopier::startUpload(Job& job) {
         st.st_mtim.tv_nsec != task.hashedMtime.tv_nsec) {
       return fail(job, quoted(task.source) + " changed while being read");
     }
-    job.temp = job.opening = job.folder + task.resumeTemp;
     job.skipReused();
+    if (!job.handle.empty()) return uploadOpened(job);
+    job.opening = std::exchange(job.temp, std::string());
     ++job.pending;
     session_.open({this, kOpen, &job}, job.opening, openflags::kWrite, Attributes{});
     return;
@@ -85,14 +91,7 @@ void FileCopier::onUploadOpen(Job& job, Reply const& reply) {
       closeRemote(job);
       return discardTemp(job);
     }
-    job.phase = Job::Phase::Transferring;
-    if (board_ != nullptr && !job.task.delta && job.size - job.next >= kStripedFrom) {
-      job.stripe = std::make_shared<Stripe>(job.task.source, job.task.destination, job.temp, job.next, job.size);
-      job.grantEnd = job.next;
-      board_->post(job.stripe);
-    }
-    if (job.next >= job.size) finishUpload(job);
-    return;
+    return uploadOpened(job);
   }
   if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to OPEN");
   auto const temp = std::exchange(job.opening, std::string());
@@ -100,6 +99,21 @@ void FileCopier::onUploadOpen(Job& job, Reply const& reply) {
   if (job.task.delta) {
     return fail(job, "cannot open " + quoted(temp) + ": " + sftp::describeStatus(reply.status, reply.message));
   }
+  onUploadRefused(job, reply, temp);
+}
+
+// The temporary is open for writing: the data goes.
+void FileCopier::uploadOpened(Job& job) {
+  job.phase = Job::Phase::Transferring;
+  if (board_ != nullptr && !job.task.delta && job.size - job.next >= kStripedFrom) {
+    job.stripe = std::make_shared<Stripe>(job.task.source, job.task.destination, job.temp, job.next, job.size);
+    job.grantEnd = job.next;
+    board_->post(job.stripe);
+  }
+  if (job.next >= job.size) finishUpload(job);
+}
+
+void FileCopier::onUploadRefused(Job& job, Reply const& reply, std::string const& temp) {
   if (job.resumed) {
     // The earlier temporary went meanwhile: start over.
     job.resumed = false;

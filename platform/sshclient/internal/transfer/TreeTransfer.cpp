@@ -432,6 +432,7 @@ void TreeTransfer::measureLink(Folder& folder, Entry const& candidate) {
   folder.state = Folder::State::Measuring;
   measuring_.push_back(&folder);
   if (probe_.started()) return;
+  deltas_->prepare();
   if (upload_) {
     probe_.start(target(folder, candidate.name), folder.destinationListing.find(candidate.name)->size);
   } else {
