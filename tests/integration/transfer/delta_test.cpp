@@ -280,23 +280,6 @@ TEST_P(Deltas, ATreeOfChangedFilesSendsEachOnesChangedBlock) {
   EXPECT_EQ(listNames(to / "sub").size(), 7U);
 }
 
-TEST_P(Deltas, AStopRemovesTheTemporaryAndKeepsTheOldVersion) {
-  struct Stopped {};
-  auto options = TestSshd::instance().options();
-  bool stopped = false;
-  options.progress = [&stopped](ssh::TransferProgress const& progress) {
-    if (progress.currentFile.empty()) return;
-    stopped = true;
-    throw Stopped{};
-  };
-  auto const client = TestSshd::instance().connect(options);
-  DeltaUpdate files(*client, GetParam());
-  EXPECT_THROW(files.update(old64_, changed(old64_, kMiB, 10)), Stopped);
-  EXPECT_TRUE(stopped);
-  EXPECT_TRUE(sameBytes(readFile(files.destination()), old64_));
-  EXPECT_EQ(listNames(files.destination().parent_path()), std::vector<std::string>{"file"});
-}
-
 INSTANTIATE_TEST_SUITE_P(BothWays, Deltas,
                          ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
                          directionName);
@@ -350,6 +333,50 @@ TEST_P(WithoutGnuSplit, TheFileIsSentWholeAndTheDetailsSaySo) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BothWays, WithoutGnuSplit,
+                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
+                         directionName);
+
+// A server that hashes slowly (a pause before every block): a stop comes
+// while the delta is under way.
+class SlowHashing : public ::testing::TestWithParam<TransferDirection> {
+ protected:
+  static void SetUpTestSuite() {
+    fakeBin_ = TestSshd::makeTempDir();
+    server_ = serverWithFake(fakeBin_, "b2sum", "#!/bin/sh\nsleep 0.05\nexec /usr/bin/b2sum \"$@\"\n");
+    old64_ = randomBytes(64 * kMiB, 1);
+  }
+  static void TearDownTestSuite() {
+    server_.reset();
+    old64_.clear();
+  }
+
+  static fs::path fakeBin_;
+  static std::unique_ptr<TestSshd> server_;
+  static std::string old64_;
+};
+
+fs::path SlowHashing::fakeBin_;
+std::unique_ptr<TestSshd> SlowHashing::server_;
+std::string SlowHashing::old64_;
+
+TEST_P(SlowHashing, AStopRemovesTheTemporaryAndKeepsTheOldVersion) {
+  struct Stopped {};
+  auto options = server_->options();
+  bool stopped = false;
+  options.progress = [&stopped](ssh::TransferProgress const& progress) {
+    if (progress.currentFile.empty()) return;
+    stopped = true;
+    throw Stopped{};
+  };
+  auto const client = server_->connect(options);
+  DeltaUpdate files(*client, GetParam());
+  EXPECT_THROW(files.update(old64_, changed(old64_, kMiB, 10)), Stopped);
+  EXPECT_TRUE(stopped);
+  EXPECT_TRUE(sameBytes(readFile(files.destination()), old64_));
+  EXPECT_EQ(listNames(files.destination().parent_path()), std::vector<std::string>{"file"});
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, SlowHashing,
                          ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
                          directionName);
 

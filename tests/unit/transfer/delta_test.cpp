@@ -257,9 +257,12 @@ std::vector<CostCase> const kCostCases{
     {"64MiBOver100Mbit", 64 * kMiB, 64 * kMiB, {12.5e6, 0.05}, true},
     {"64MiBOverLoopback", 64 * kMiB, 64 * kMiB, {400e6, 0.0001}, false},
     // Hashing 64 MiB, 64 processes and copying the old version take
-    // 0.20 + 0.26 + 0.11 s: the crossover falls near 117 MB/s.
-    {"64MiBJustBelowTheCrossover", 64 * kMiB, 64 * kMiB, {110e6, 0.0005}, true},
-    {"64MiBJustAboveTheCrossover", 64 * kMiB, 64 * kMiB, {125e6, 0.0001}, false},
+    // 0.10 + 0.16 + 0.11 s: the crossover falls near 182 MB/s, and near
+    // 130 MB/s at 50 ms.
+    {"64MiBJustBelowTheCrossover", 64 * kMiB, 64 * kMiB, {170e6, 0.0005}, true},
+    {"64MiBJustAboveTheCrossover", 64 * kMiB, 64 * kMiB, {200e6, 0.0001}, false},
+    {"64MiBAt50msJustBelowTheCrossover", 64 * kMiB, 64 * kMiB, {120e6, 0.05}, true},
+    {"64MiBAt50msJustAboveTheCrossover", 64 * kMiB, 64 * kMiB, {140e6, 0.05}, false},
     {"2MiBOverALongLinkCostsMoreRoundTripsThanItSaves", 2 * kMiB, 2 * kMiB, {12.5e6, 0.05}, false},
     {"8MiBOverALongLinkPays", 8 * kMiB, 8 * kMiB, {12.5e6, 0.05}, true},
     {"ALargeOldVersionIsHashedToo", 8 * kMiB, 1024 * kMiB, {12.5e6, 0.05}, false},
@@ -276,12 +279,12 @@ TEST_P(Costs, ADeltaPaysWhenHashingBothSidesTakesLessThanSending) {
 }
 
 TEST(WithinWindow, ALongRoundTripBoundsTheRateByTheDataInFlight) {
-  // 1 MiB per 50 ms round trip: 21 MB/s over a link of 1 Gbit/s.
-  auto const slowed = tr::withinWindow({125e6, 0.05}, kMiB);
+  // 1 MiB per 50 ms round trip: 21 MB/s over a link of 2 Gbit/s.
+  auto const slowed = tr::withinWindow({250e6, 0.05}, kMiB);
   EXPECT_DOUBLE_EQ(slowed.bytesPerSecond, 1048576 / 0.05);
   EXPECT_DOUBLE_EQ(slowed.roundTripSeconds, 0.05);
   EXPECT_TRUE(tr::deltaPays(64 * kMiB, 64 * kMiB, slowed));
-  EXPECT_FALSE(tr::deltaPays(64 * kMiB, 64 * kMiB, {125e6, 0.05}));
+  EXPECT_FALSE(tr::deltaPays(64 * kMiB, 64 * kMiB, {250e6, 0.05}));
   // A window the link fills keeps the link's rate, and so does an unmeasured round trip.
   EXPECT_DOUBLE_EQ(tr::withinWindow({12.5e6, 0.05}, kMiB).bytesPerSecond, 12.5e6);
   EXPECT_DOUBLE_EQ(tr::withinWindow({400e6, 0}, kMiB).bytesPerSecond, 400e6);

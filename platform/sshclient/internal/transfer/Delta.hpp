@@ -125,16 +125,18 @@ struct LinkSpeed {
 [[nodiscard]] LinkSpeed withinWindow(LinkSpeed link, std::uint64_t bytesInFlight);
 
 // What a delta costs beyond the data it sends, measured on a Debian host
-// (GNU coreutils 9.1, 2 cores): sha256sum over split's blocks, a process per
-// block, the copy of the old version on its side, and the round trips of the
-// temporary's copy, the hashing command and the reopened temporary. Hashing
-// on this side is faster and runs at the same time. A host with b2sum hashes
-// faster than this: the rule then errs toward whole files.
+// (GNU coreutils 9.1, 2 cores) as one part: b2sum over split's blocks (64
+// MiB in 0.09 s), a process per block (2.2 ms with nothing to hash), the
+// copy of the old version on its side, and the round trips of the
+// temporary's copy and the hashing command's answer. Hashing on this side
+// runs at the same time. A host with sha256sum only hashes at half this
+// rate, and one of more processors hashes its parts at once: the rule errs
+// toward deltas on the one and toward whole files on the other.
 struct DeltaCosts {
-  double hashBytesPerSecond = 330e6;
-  double secondsPerBlock = 0.004;
+  double hashBytesPerSecond = 700e6;
+  double secondsPerBlock = 0.0025;
   double copyBytesPerSecond = 600e6;
-  double roundTrips = 6;
+  double roundTrips = 3;
 };
 
 // Whether hashing both sides costs less time than the old version can save
