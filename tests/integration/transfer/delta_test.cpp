@@ -60,6 +60,8 @@ std::string changed(std::string bytes, std::uint64_t offset, std::uint64_t lengt
                                        << ", first difference at byte " << at;
 }
 
+auto const kBothWays = ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal);
+
 // One file updated from `source` to `destination` by copyTrees, both on this
 // machine (the server's side is a folder here too).
 class DeltaUpdate {
@@ -280,24 +282,18 @@ TEST_P(Deltas, ATreeOfChangedFilesSendsEachOnesChangedBlock) {
   EXPECT_EQ(listNames(to / "sub").size(), 7U);
 }
 
-INSTANTIATE_TEST_SUITE_P(BothWays, Deltas,
-                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
-                         directionName);
+INSTANTIATE_TEST_SUITE_P(BothWays, Deltas, kBothWays, directionName);
 
-// A server whose commands find `script` first under the name `tool`, in `bin`.
-std::unique_ptr<TestSshd> serverWithFake(fs::path const& bin, std::string const& tool, std::string const& script) {
-  writeFile(bin / tool, script);
-  fs::permissions(bin / tool, fs::perms(0755));
-  return std::make_unique<TestSshd>("SetEnv PATH=" + bin.string() + ":/usr/bin:/bin");
-}
-
-// A host whose split is not GNU's (BusyBox, say): the commands see a PATH
-// whose first split refuses --filter.
-class WithoutGnuSplit : public ::testing::TestWithParam<TransferDirection> {
+// A server whose commands find a fake tool first on their PATH (`Fake`
+// names it and holds its script), with a client of its own.
+template <typename Fake>
+class WithFake : public ::testing::TestWithParam<TransferDirection> {
  protected:
   static void SetUpTestSuite() {
     fakeBin_ = TestSshd::makeTempDir();
-    server_ = serverWithFake(fakeBin_, "split", "#!/bin/sh\necho \"split: unrecognized option '$1'\" >&2\nexit 1\n");
+    writeFile(fakeBin_ / Fake::kName, Fake::kScript);
+    fs::permissions(fakeBin_ / Fake::kName, fs::perms(0755));
+    server_ = std::make_unique<TestSshd>("SetEnv PATH=" + fakeBin_.string() + ":/usr/bin:/bin");
     client_ = server_->connect();
   }
   static void TearDownTestSuite() {
@@ -305,14 +301,18 @@ class WithoutGnuSplit : public ::testing::TestWithParam<TransferDirection> {
     server_.reset();
   }
 
-  static fs::path fakeBin_;
-  static std::unique_ptr<TestSshd> server_;
-  static std::unique_ptr<ssh::SSHClient> client_;
+  static inline fs::path fakeBin_;
+  static inline std::unique_ptr<TestSshd> server_;
+  static inline std::unique_ptr<ssh::SSHClient> client_;
 };
 
-fs::path WithoutGnuSplit::fakeBin_;
-std::unique_ptr<TestSshd> WithoutGnuSplit::server_;
-std::unique_ptr<ssh::SSHClient> WithoutGnuSplit::client_;
+// A host whose split is not GNU's (BusyBox, say): the commands see a PATH
+// whose first split refuses --filter.
+struct NotGnuSplit {
+  static constexpr char const* kName = "split";
+  static constexpr char const* kScript = "#!/bin/sh\necho \"split: unrecognized option '$1'\" >&2\nexit 1\n";
+};
+class WithoutGnuSplit : public WithFake<NotGnuSplit> {};
 
 TEST_P(WithoutGnuSplit, TheFileIsSentWholeAndTheDetailsSaySo) {
   // The server's commands find that split first.
@@ -332,32 +332,15 @@ TEST_P(WithoutGnuSplit, TheFileIsSentWholeAndTheDetailsSaySo) {
   files.expectArrived(bytes);
 }
 
-INSTANTIATE_TEST_SUITE_P(BothWays, WithoutGnuSplit,
-                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
-                         directionName);
+INSTANTIATE_TEST_SUITE_P(BothWays, WithoutGnuSplit, kBothWays, directionName);
 
 // A server that hashes slowly (a pause before every block): a stop comes
 // while the delta is under way.
-class SlowHashing : public ::testing::TestWithParam<TransferDirection> {
- protected:
-  static void SetUpTestSuite() {
-    fakeBin_ = TestSshd::makeTempDir();
-    server_ = serverWithFake(fakeBin_, "b2sum", "#!/bin/sh\nsleep 0.05\nexec /usr/bin/b2sum \"$@\"\n");
-    old64_ = randomBytes(64 * kMiB, 1);
-  }
-  static void TearDownTestSuite() {
-    server_.reset();
-    old64_.clear();
-  }
-
-  static fs::path fakeBin_;
-  static std::unique_ptr<TestSshd> server_;
-  static std::string old64_;
+struct SlowB2sum {
+  static constexpr char const* kName = "b2sum";
+  static constexpr char const* kScript = "#!/bin/sh\nsleep 0.05\nexec /usr/bin/b2sum \"$@\"\n";
 };
-
-fs::path SlowHashing::fakeBin_;
-std::unique_ptr<TestSshd> SlowHashing::server_;
-std::string SlowHashing::old64_;
+class SlowHashing : public WithFake<SlowB2sum> {};
 
 TEST_P(SlowHashing, AStopRemovesTheTemporaryAndKeepsTheOldVersion) {
   struct Stopped {};
@@ -370,38 +353,22 @@ TEST_P(SlowHashing, AStopRemovesTheTemporaryAndKeepsTheOldVersion) {
   };
   auto const client = server_->connect(options);
   DeltaUpdate files(*client, GetParam());
-  EXPECT_THROW(files.update(old64_, changed(old64_, kMiB, 10)), Stopped);
+  auto const old = randomBytes(64 * kMiB, 1);
+  EXPECT_THROW(files.update(old, changed(old, kMiB, 10)), Stopped);
   EXPECT_TRUE(stopped);
-  EXPECT_TRUE(sameBytes(readFile(files.destination()), old64_));
+  EXPECT_TRUE(sameBytes(readFile(files.destination()), old));
   EXPECT_EQ(listNames(files.destination().parent_path()), std::vector<std::string>{"file"});
 }
 
-INSTANTIATE_TEST_SUITE_P(BothWays, SlowHashing,
-                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
-                         directionName);
+INSTANTIATE_TEST_SUITE_P(BothWays, SlowHashing, kBothWays, directionName);
 
 // A host without b2sum (coreutils before 8.26): its blocks are hashed with
 // sha256sum, and so are this side's.
-class WithoutB2sum : public ::testing::TestWithParam<TransferDirection> {
- protected:
-  static void SetUpTestSuite() {
-    fakeBin_ = TestSshd::makeTempDir();
-    server_ = serverWithFake(fakeBin_, "b2sum", "#!/bin/sh\necho 'b2sum: not here' >&2\nexit 127\n");
-    client_ = server_->connect();
-  }
-  static void TearDownTestSuite() {
-    client_.reset();
-    server_.reset();
-  }
-
-  static fs::path fakeBin_;
-  static std::unique_ptr<TestSshd> server_;
-  static std::unique_ptr<ssh::SSHClient> client_;
+struct MissingB2sum {
+  static constexpr char const* kName = "b2sum";
+  static constexpr char const* kScript = "#!/bin/sh\necho 'b2sum: not here' >&2\nexit 127\n";
 };
-
-fs::path WithoutB2sum::fakeBin_;
-std::unique_ptr<TestSshd> WithoutB2sum::server_;
-std::unique_ptr<ssh::SSHClient> WithoutB2sum::client_;
+class WithoutB2sum : public WithFake<MissingB2sum> {};
 
 TEST_P(WithoutB2sum, TheChangedBlocksGoHashedBySha256sum) {
   auto const found = client_->executeCommand(ssh::ExecuteCommand(u("b2sum </dev/null; echo $?")));
@@ -419,9 +386,7 @@ TEST_P(WithoutB2sum, TheChangedBlocksGoHashedBySha256sum) {
   files.expectArrived(bytes);
 }
 
-INSTANTIATE_TEST_SUITE_P(BothWays, WithoutB2sum,
-                         ::testing::Values(TransferDirection::LocalToRemote, TransferDirection::RemoteToLocal),
-                         directionName);
+INSTANTIATE_TEST_SUITE_P(BothWays, WithoutB2sum, kBothWays, directionName);
 
 // A server whose SFTP refuses copy-data: an upload's temporary starts as a
 // copy made by cp --reflink=auto in the hashing command instead.
