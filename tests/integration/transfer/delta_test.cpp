@@ -242,6 +242,29 @@ TEST_P(Deltas, AServerOfOneSessionPerConnectionGetsTheFileWhole) {
   files.expectArrived(bytes);
 }
 
+// The same over a slow link, where the default chooses a delta: the
+// command channel it opens while measuring is refused, and the file goes
+// whole all the same.
+TEST_P(Deltas, AServerOfOneSessionPerConnectionGetsTheFileWholeByDefaultToo) {
+  TestSshd const server("MaxSessions 1\n");
+  auto const link = linkTo(server, 10ms, 40'000'000);
+  auto const client = connectThrough(server, *link, optionsThrough(server, *link));
+  DeltaUpdate files(*client, GetParam());
+  auto const old = randomBytes(4 * kMiB, 7);
+  auto const bytes = changed(old, kMiB, 10);
+  auto const report = files.update(old, bytes, DeltaMode::Auto);
+  EXPECT_EQ(report.bytes, 4 * kMiB);
+  EXPECT_EQ(report.reused, 0U);
+  std::vector<std::string> details;
+  for (auto const& line : report.details) details.push_back(utf8(line));
+  EXPECT_THAT(details, ::testing::ElementsAre(::testing::StartsWith("files went over 1 of "),
+                                              ::testing::StartsWith("the link moved "),
+                                              ::testing::StartsWith("'" + files.source().string() +
+                                                                    "' sent whole: the server refused a channel to run "
+                                                                    "commands on (")));
+  files.expectArrived(bytes);
+}
+
 // Five changed files in a tree, two hashed at a time, among unchanged and new
 // ones: each sends its own changed block.
 TEST_P(Deltas, ATreeOfChangedFilesSendsEachOnesChangedBlock) {
