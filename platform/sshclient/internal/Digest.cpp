@@ -10,6 +10,8 @@
 #include <memory>
 #include <stdexcept>
 #include <system_error>
+#include <tuple>
+#include <utility>
 
 #include "sshfileaccess/platform/sshclient/SSHClient.hpp"
 #include "sshfileaccess/platform/sshclient/internal/CommandRunner.hpp"
@@ -70,28 +72,52 @@ std::string unescaped(std::string_view text) {
   return out;
 }
 
+EVP_MD const* algorithmOf(HashKind kind) { return kind == HashKind::Blake2b512 ? EVP_blake2b512() : EVP_sha256(); }
+
+// The first line of `output` and what follows it; nullopt while it is not whole.
+std::optional<std::pair<std::string_view, std::string_view>> firstLine(std::string_view output) {
+  auto const end = output.find('\n');
+  if (end == std::string_view::npos) return std::nullopt;
+  return std::pair{output.substr(0, end), output.substr(end + 1)};
+}
+
+// The tool's line first: the kind, and the rest of the output.
+std::pair<HashKind, std::string_view> toolAndRest(std::string_view output) {
+  auto const line = firstLine(output);
+  auto const kind = line ? hashToolNamed(line->first) : std::nullopt;
+  if (!kind) throw std::runtime_error("no hash tool named by the remote host: " + std::string(output.substr(0, 80)));
+  return {*kind, line->second};
+}
+
 }  // namespace
 
-std::string sha256Of(std::string_view bytes) {
-  Digest digest;
+std::string hashOf(HashKind kind, std::string_view bytes) {
+  Digest digest(algorithmOf(kind));
   digest.update(bytes.data(), bytes.size());
   return digest.hex();
 }
 
-std::string blake2b512Of(std::string_view bytes) {
-  Digest digest(EVP_blake2b512());
-  digest.update(bytes.data(), bytes.size());
-  return digest.hex();
+std::optional<HashKind> hashToolNamed(std::string_view name) {
+  if (name == "b2sum") return HashKind::Blake2b512;
+  if (name == "sha256sum") return HashKind::Sha256;
+  return std::nullopt;
 }
 
-std::string sha256OfLocalFile(std::string const& path, std::optional<std::uint64_t> length) {
+std::size_t hexLengthOf(HashKind kind) { return kind == HashKind::Blake2b512 ? 128 : 64; }
+
+std::optional<HashKind> announcedHash(std::string_view output) {
+  auto const line = firstLine(output);
+  return line ? hashToolNamed(line->first) : std::nullopt;
+}
+
+std::string hashOfLocalFile(HashKind kind, std::string const& path, std::optional<std::uint64_t> length) {
   int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) failLocal("open", path, errno);
   struct Closer {
     int fd;
     ~Closer() { ::close(fd); }
   } const closer{fd};
-  Digest digest;
+  Digest digest(algorithmOf(kind));
   std::array<char, 1U << 16U> buffer{};
   std::uint64_t left = length.value_or(UINT64_MAX);
   while (left > 0) {
@@ -111,14 +137,14 @@ std::string sha256OfLocalFile(std::string const& path, std::optional<std::uint64
 std::vector<RemoteHashBatch> remoteHashCommands(std::vector<std::string> const& paths, std::size_t maxLength) {
   // A file that cannot be read only complains on standard error and has no
   // line: the answer is matched to the paths by name.
-  static constexpr std::string_view kHead = "sha256sum --";
+  std::string const head = std::string(kChooseHashTool) + "$h --";
   static constexpr std::string_view kTail = " 2>/dev/null";
   std::vector<RemoteHashBatch> batches;
   for (std::size_t i = 0; i < paths.size(); ++i) {
     std::string const word = shellQuoted(paths[i]);
     if (batches.empty() || batches.back().command.size() + 1 + word.size() + kTail.size() > maxLength) {
       if (!batches.empty()) batches.back().command.append(kTail);
-      batches.push_back({std::string(kHead), i, 0});
+      batches.push_back({head, i, 0});
     }
     batches.back().command.append(" ").append(word);
     ++batches.back().count;
@@ -127,8 +153,12 @@ std::vector<RemoteHashBatch> remoteHashCommands(std::vector<std::string> const& 
   return batches;
 }
 
-std::vector<std::optional<std::string>> parseRemoteHashes(std::string_view output, std::span<std::string const> paths) {
-  std::vector<std::optional<std::string>> hashes(paths.size());
+RemoteHashes parseRemoteHashes(std::string_view output, std::span<std::string const> paths) {
+  RemoteHashes answer;
+  std::tie(answer.kind, output) = toolAndRest(output);
+  auto const length = hexLengthOf(answer.kind);
+  auto& hashes = answer.hashes;
+  hashes.resize(paths.size());
   std::size_t next = 0;
   while (!output.empty()) {
     std::size_t const end = output.find('\n');
@@ -138,35 +168,38 @@ std::vector<std::optional<std::string>> parseRemoteHashes(std::string_view outpu
     // "HASH  NAME"; a leading backslash says NAME has \\, \n or \r escapes.
     bool const escaped = !line.empty() && line.front() == '\\';
     if (escaped) line.remove_prefix(1);
-    std::string_view const hash = line.substr(0, kSha256HexLength);
-    if (hash.size() != kSha256HexLength || !isHex(hash) || line.substr(kSha256HexLength, 2) != "  ") {
+    std::string_view const hash = line.substr(0, length);
+    if (hash.size() != length || !isHex(hash) || line.substr(length, 2) != "  ") {
       throw std::runtime_error("unexpected line in the hashes of the remote host: " + std::string(line));
     }
-    std::string const name =
-        escaped ? unescaped(line.substr(kSha256HexLength + 2)) : std::string(line.substr(kSha256HexLength + 2));
+    std::string const name = escaped ? unescaped(line.substr(length + 2)) : std::string(line.substr(length + 2));
     while (next < paths.size() && paths[next] != name) ++next;
     if (next == paths.size()) throw std::runtime_error("the remote host hashed a file it was not asked for: " + name);
     hashes[next++] = std::string(hash);
   }
-  return hashes;
+  return answer;
 }
 
 std::string remotePrefixHashCommand(std::string const& path, std::uint64_t length) {
   // Only a regular file that opens is hashed: a missing one or a folder must
   // not hash as empty (head's failure does not reach the pipeline's status).
   std::string const word = shellQuoted(path);
-  return "test -f " + word + " && { head -c " + std::to_string(length) + " | sha256sum; } 2>/dev/null <" + word +
-         " || echo -";
+  return std::string(kChooseHashTool) + "test -f " + word + " && { head -c " + std::to_string(length) +
+         " | $h; } 2>/dev/null <" + word + " || echo -";
 }
 
-std::optional<std::string> parseRemotePrefixHash(std::string_view output) {
-  if (output == "-\n") return std::nullopt;
+RemotePrefixHash parseRemotePrefixHash(std::string_view output) {
+  RemotePrefixHash answer;
+  std::tie(answer.kind, output) = toolAndRest(output);
+  if (output == "-\n") return answer;
   // "HASH  -": standard input's name after the hash.
-  std::string_view const hash = output.substr(0, kSha256HexLength);
-  if (hash.size() != kSha256HexLength || !isHex(hash) || output.substr(kSha256HexLength) != "  -\n") {
+  auto const length = hexLengthOf(answer.kind);
+  std::string_view const hash = output.substr(0, length);
+  if (hash.size() != length || !isHex(hash) || output.substr(length) != "  -\n") {
     throw std::runtime_error("unexpected answer for a hash of the remote host: " + std::string(output));
   }
-  return std::string(hash);
+  answer.hash = std::string(hash);
+  return answer;
 }
 
 }  // namespace foundation::sshclient::internal

@@ -129,7 +129,7 @@ TEST(RemoteBlockHashCommand, HashesTheBlocksInPartsAtOnceAndSaysWhatIsMissing) {
   EXPECT_EQ(tr::remoteBlockHashCommand({.path = "/srv/a b", .blockSize = 1048576, .copyFrom = {}, .tail = {}}),
             "if ! split -b 1 --filter=: </dev/null >/dev/null 2>&1; then echo no-split; "
             "elif ! s=$(wc -c <'/srv/a b'); then echo unreadable; "
-            "else h=sha256sum; b2sum </dev/null >/dev/null 2>&1 && h=b2sum; echo $s $h; "
+            "else h=sha256sum; b2sum </dev/null >/dev/null 2>&1 && h=b2sum; echo $h; echo $s; "
             "b=1048576; n=$(((s+b-1)/b)); p=$(nproc) || p=1; [ $p -le 8 ] || p=8; "
             "k=$(((n+p-1)/p)); i=0; while [ $i -lt $n ]; do "
             "{ dd if='/srv/a b' bs=$b skip=$i count=$k 2>/dev/null | SHELL=/bin/sh split -a 9 -b $b "
@@ -144,7 +144,7 @@ TEST(RemoteBlockHashCommand, CopiesTheOldVersionFirstAndHashesATail) {
       "if ! split -b 1 --filter=: </dev/null >/dev/null 2>&1; then echo no-split; "
       "elif ! cp --reflink=auto -- '/d/-f'\\''' '/d/.f.sshfa-1'; then echo no-copy; "
       "elif ! s=$(wc -c <'/d/.f.sshfa-1'); then echo unreadable; "
-      "else h=sha256sum; b2sum </dev/null >/dev/null 2>&1 && h=b2sum; echo $s $h; "
+      "else h=sha256sum; b2sum </dev/null >/dev/null 2>&1 && h=b2sum; echo $h; echo $s; "
       "b=131072; n=$(((s+b-1)/b)); p=$(nproc) || p=1; [ $p -le 8 ] || p=8; "
       "k=$(((n+p-1)/p)); i=0; while [ $i -lt $n ]; do "
       "{ dd if='/d/.f.sshfa-1' bs=$b skip=$i count=$k 2>/dev/null | SHELL=/bin/sh split -a 9 -b $b "
@@ -160,37 +160,17 @@ std::string const kHashC = std::string(63, '0') + "2";
 std::string const kHashB2(128, 'b');
 
 TEST(ParseRemoteBlockHashes, B2sumHashesAreLonger) {
-  auto const answer = tr::parseRemoteBlockHashes("9 b2sum\n1 " + kHashB2 + "\n0 " + kHashB2 + "\nend\n", 8, false);
+  auto const answer = tr::parseRemoteBlockHashes("b2sum\n9\n1 " + kHashB2 + "\n0 " + kHashB2 + "\nend\n", 8, false);
   EXPECT_EQ(answer.status, RemoteBlockStatus::Hashed);
-  EXPECT_EQ(answer.hash, tr::BlockHash::Blake2b512);
+  EXPECT_EQ(answer.hash, foundation::sshclient::internal::HashKind::Blake2b512);
   EXPECT_THAT(answer.blocks.hashes, ::testing::ElementsAre(kHashB2, kHashB2));
 }
 
-// Hashing here waits for the first line: it names the remote host's tool.
-TEST(AnnouncedBlockHash, TheFirstLineOnceItIsWhole) {
-  EXPECT_EQ(tr::announcedBlockHash(""), std::nullopt);
-  EXPECT_EQ(tr::announcedBlockHash("20 b2su"), std::nullopt);
-  EXPECT_EQ(tr::announcedBlockHash("20 b2sum"), std::nullopt);
-  EXPECT_EQ(tr::announcedBlockHash("20 b2sum\n"), tr::BlockHash::Blake2b512);
-  EXPECT_EQ(tr::announcedBlockHash("  20 sha256sum\n0 " + kHashA + "\n"), tr::BlockHash::Sha256);
-  EXPECT_EQ(tr::announcedBlockHash("no-split\n"), std::nullopt);
-  EXPECT_EQ(tr::announcedBlockHash("20 md5sum\n"), std::nullopt);
-}
-
-// As sha256sum and b2sum print them.
-TEST(BlockHashOf, Sha256AndBlake2b512) {
-  EXPECT_EQ(tr::blockHashOf(tr::BlockHash::Sha256, "abc"),
-            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-  EXPECT_EQ(tr::blockHashOf(tr::BlockHash::Blake2b512, "abc"),
-            "ba80a53f981c4d0d6a2797b69f12f6e94c212f14685ac4b74b12bb6fdbffa2d1"
-            "7d87c5392aab792dc252d5de4533cc9518d38aa8dbf1925ab92386edd4009923");
-}
-
 TEST(ParseRemoteBlockHashes, TheSizeAHashPerBlockInAnyOrderAndTheEnd) {
-  auto const answer =
-      tr::parseRemoteBlockHashes("20 sha256sum\n2 " + kHashC + "\n0 " + kHashA + "\n1 " + kHashB + "\nend\n", 8, false);
+  auto const answer = tr::parseRemoteBlockHashes(
+      "sha256sum\n20\n2 " + kHashC + "\n0 " + kHashA + "\n1 " + kHashB + "\nend\n", 8, false);
   EXPECT_EQ(answer.status, RemoteBlockStatus::Hashed);
-  EXPECT_EQ(answer.hash, tr::BlockHash::Sha256);
+  EXPECT_EQ(answer.hash, foundation::sshclient::internal::HashKind::Sha256);
   EXPECT_EQ(answer.blocks.size, 20U);
   EXPECT_THAT(answer.blocks.hashes, ::testing::ElementsAre(kHashA, kHashB, kHashC));
   EXPECT_EQ(answer.tail, std::nullopt);
@@ -198,14 +178,14 @@ TEST(ParseRemoteBlockHashes, TheSizeAHashPerBlockInAnyOrderAndTheEnd) {
 
 TEST(ParseRemoteBlockHashes, ATailAfterTheBlocksAndAPaddedSize) {
   auto const answer =
-      tr::parseRemoteBlockHashes("   8 sha256sum\n0 " + kHashA + "\ntail " + kHashB + "\nend\n", 8, true);
+      tr::parseRemoteBlockHashes("sha256sum\n   8\n0 " + kHashA + "\ntail " + kHashB + "\nend\n", 8, true);
   EXPECT_EQ(answer.blocks.size, 8U);
   EXPECT_THAT(answer.blocks.hashes, ::testing::ElementsAre(kHashA));
   EXPECT_EQ(answer.tail, kHashB);
 }
 
 TEST(ParseRemoteBlockHashes, AnEmptyFileHasNoBlocks) {
-  auto const answer = tr::parseRemoteBlockHashes("0 b2sum\nend\n", 8, false);
+  auto const answer = tr::parseRemoteBlockHashes("b2sum\n0\nend\n", 8, false);
   EXPECT_EQ(answer.status, RemoteBlockStatus::Hashed);
   EXPECT_TRUE(answer.blocks.hashes.empty());
 }
@@ -215,7 +195,7 @@ TEST(ParseRemoteBlockHashes, WhatWasMissingIsNamed) {
   EXPECT_EQ(tr::parseRemoteBlockHashes("no-copy\n", 8, false).status, RemoteBlockStatus::NoCopy);
   EXPECT_EQ(tr::parseRemoteBlockHashes("unreadable\n", 8, false).status, RemoteBlockStatus::Unreadable);
   // A part stopped part way: what the others hashed does not count.
-  auto const failed = tr::parseRemoteBlockHashes("10 sha256sum\n0 " + kHashA + "\n1 failed\nend\n", 8, false);
+  auto const failed = tr::parseRemoteBlockHashes("sha256sum\n10\n0 " + kHashA + "\n1 failed\nend\n", 8, false);
   EXPECT_EQ(failed.status, RemoteBlockStatus::Failed);
   EXPECT_TRUE(failed.blocks.hashes.empty());
 }
@@ -225,22 +205,23 @@ TEST(ParseRemoteBlockHashes, AnythingElseIsNoAnswer) {
     EXPECT_THROW((void)tr::parseRemoteBlockHashes(output, 8, withTail), std::runtime_error) << output;
   };
   refused("");
-  refused("10 sha256sum\nend");                      // unfinished
-  refused("8\n0 " + kHashA + "\nend\n");             // no tool named
-  refused("8 md5sum\n0 " + kHashA + "\nend\n");      // not a tool of ours
-  refused("8 b2sum\n0 " + kHashA + "\nend\n");       // not b2sum's length
-  refused("8 sha256sum\n0 " + kHashB2 + "\nend\n");  // not sha256sum's length
-  refused("10 sha256sum\n0 " + kHashA + "\nend\n");  // a block missing
-  refused("ten sha256sum\nend\n");
-  refused("16 sha256sum\n0 " + kHashA + "\n0 " + kHashB + "\nend\n");   // a block twice
-  refused("16 sha256sum\n0 " + kHashA + "\n2 " + kHashB + "\nend\n");   // past the last block
-  refused("16 sha256sum\n0 " + kHashA + "\n-1 " + kHashB + "\nend\n");  // not an index
-  refused("8 sha256sum\n0 " + std::string(64, 'A') + "\nend\n");        // not sha256sum's
-  refused("8 sha256sum\n0 " + kHashA + " -\nend\n");
-  refused("8 sha256sum\n0 " + kHashA + "\nsplit: oops\n");
-  refused("8 sha256sum\n0 " + kHashA + "\ntail " + kHashB + "\nend\n");           // a tail not asked for
-  refused("8 sha256sum\n0 " + kHashA + "\n1 " + kHashB + "\nend\n", true);        // no tail
-  refused("8 sha256sum\ntail " + kHashA + "\ntail " + kHashB + "\nend\n", true);  // the tail twice
+  refused("sha256sum\n10\nend");                      // unfinished
+  refused("8\n0 " + kHashA + "\nend\n");              // no tool named
+  refused("md5sum\n8\n0 " + kHashA + "\nend\n");      // not a tool of ours
+  refused("b2sum\n8\n0 " + kHashA + "\nend\n");       // not b2sum's length
+  refused("sha256sum\n8\n0 " + kHashB2 + "\nend\n");  // not sha256sum's length
+  refused("sha256sum\n10\n0 " + kHashA + "\nend\n");  // a block missing
+  refused("sha256sum\nten\nend\n");
+  refused("sha256sum\nend\n");                                           // no size
+  refused("sha256sum\n16\n0 " + kHashA + "\n0 " + kHashB + "\nend\n");   // a block twice
+  refused("sha256sum\n16\n0 " + kHashA + "\n2 " + kHashB + "\nend\n");   // past the last block
+  refused("sha256sum\n16\n0 " + kHashA + "\n-1 " + kHashB + "\nend\n");  // not an index
+  refused("sha256sum\n8\n0 " + std::string(64, 'A') + "\nend\n");        // not sha256sum's
+  refused("sha256sum\n8\n0 " + kHashA + " -\nend\n");
+  refused("sha256sum\n8\n0 " + kHashA + "\nsplit: oops\n");
+  refused("sha256sum\n8\n0 " + kHashA + "\ntail " + kHashB + "\nend\n");           // a tail not asked for
+  refused("sha256sum\n8\n0 " + kHashA + "\n1 " + kHashB + "\nend\n", true);        // no tail
+  refused("sha256sum\n8\ntail " + kHashA + "\ntail " + kHashB + "\nend\n", true);  // the tail twice
 }
 
 struct CostCase {

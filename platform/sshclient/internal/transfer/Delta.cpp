@@ -28,30 +28,6 @@ constexpr Word kWords[] = {
     {"failed", RemoteBlockStatus::Failed},
 };
 
-// The tools that hash blocks, by the name the command line prints.
-struct Tool {
-  std::string_view name;
-  BlockHash hash;
-  std::size_t hexLength;
-};
-constexpr Tool kTools[] = {
-    {"b2sum", BlockHash::Blake2b512, 128},
-    {"sha256sum", BlockHash::Sha256, kSha256HexLength},
-};
-
-Tool const* toolNamed(std::string_view name) {
-  auto const* tool = std::find_if(std::begin(kTools), std::end(kTools), [&](Tool const& t) { return t.name == name; });
-  return tool == std::end(kTools) ? nullptr : tool;
-}
-
-// The first line: "SIZE TOOL" (wc pads the size with blanks on some systems).
-std::pair<std::string_view, Tool const*> firstLine(std::string_view line) {
-  while (!line.empty() && line.front() == ' ') line.remove_prefix(1);
-  auto const space = line.find(' ');
-  if (space == std::string_view::npos) return {line, nullptr};
-  return {line.substr(0, space), toolNamed(line.substr(space + 1))};
-}
-
 bool isHexHash(std::string_view text, std::size_t length) {
   return text.size() == length &&
          std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
@@ -126,18 +102,6 @@ DeltaRanges changedRanges(std::uint64_t blockSize, BlockHashes const& source, Bl
   return out;
 }
 
-std::string blockHashOf(BlockHash kind, std::string_view bytes) {
-  return kind == BlockHash::Blake2b512 ? blake2b512Of(bytes) : sha256Of(bytes);
-}
-
-std::optional<BlockHash> announcedBlockHash(std::string_view output) {
-  auto const end = output.find('\n');
-  if (end == std::string_view::npos) return std::nullopt;
-  auto const* tool = firstLine(output.substr(0, end)).second;
-  if (tool == nullptr) return std::nullopt;
-  return tool->hash;
-}
-
 std::string remoteBlockHashCommand(RemoteBlockRequest const& request) {
   auto const file = shellQuoted(request.path);
   // split asks $SHELL to run its filter: sh starts fastest.
@@ -149,8 +113,7 @@ std::string remoteBlockHashCommand(RemoteBlockRequest const& request) {
   // A part of the blocks per processor (at most 8), hashed at once: a
   // process per block costs more than the hashing. Each line says its block.
   // dd reads a part straight from the file (tail | head copies it twice more).
-  line += "else h=sha256sum; b2sum </dev/null >/dev/null 2>&1 && h=b2sum; echo $s $h; b=" +
-          std::to_string(request.blockSize) +
+  line += "else " + std::string(kChooseHashTool) + "echo $s; b=" + std::to_string(request.blockSize) +
           "; n=$(((s+b-1)/b)); p=$(nproc) || p=1; [ $p -le 8 ] || p=8; k=$(((n+p-1)/p)); i=0; "
           "while [ $i -lt $n ]; do { dd if=" +
           file +
@@ -178,20 +141,24 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
     answer.status = word->status;
     return answer;
   }
-  auto const [size, tool] = firstLine(lines.front());
-  if (!numberOf(size, answer.blocks.size) || tool == nullptr) {
-    throw std::runtime_error("unexpected first line in the block hashes of the remote host: " +
-                             std::string(lines.front()));
+  auto const kind = hashToolNamed(lines.front());
+  if (!kind) throw std::runtime_error("no hash tool named by the remote host: " + std::string(lines.front()));
+  answer.hash = *kind;
+  if (lines.size() < 3) throw std::runtime_error("no size in the block hashes of the remote host");
+  // wc pads its number with blanks on some systems.
+  auto size = lines[1];
+  while (!size.empty() && size.front() == ' ') size.remove_prefix(1);
+  if (!numberOf(size, answer.blocks.size)) {
+    throw std::runtime_error("unexpected size in the block hashes of the remote host: " + std::string(lines[1]));
   }
-  answer.hash = tool->hash;
   auto const blocks = blockCount(answer.blocks.size, blockSize);
-  if (lines.size() != 2 + blocks + (withTail ? 1U : 0U)) {
-    throw std::runtime_error("the remote host hashed " + std::to_string(lines.size() - 2) + " blocks of " +
+  if (lines.size() != 3 + blocks + (withTail ? 1U : 0U)) {
+    throw std::runtime_error("the remote host hashed " + std::to_string(lines.size() - 3) + " blocks of " +
                              std::to_string(answer.blocks.size) + " bytes, not " + std::to_string(blocks));
   }
   // The parts print their lines as they go: "INDEX HASH", in any order.
   answer.blocks.hashes.resize(blocks);
-  for (auto const line : std::span(lines).subspan(1, lines.size() - 2)) {
+  for (auto const line : std::span(lines).subspan(2, lines.size() - 3)) {
     auto const space = line.find(' ');
     auto const label = line.substr(0, space);
     auto const hash = space == std::string_view::npos ? std::string_view() : line.substr(space + 1);
@@ -208,7 +175,7 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
     } else if (numberOf(label, index) && index < blocks) {
       slot = &answer.blocks.hashes[index];
     }
-    if (slot == nullptr || !slot->empty() || !isHexHash(hash, tool->hexLength)) {
+    if (slot == nullptr || !slot->empty() || !isHexHash(hash, hexLengthOf(*kind))) {
       throw std::runtime_error("unexpected line in the block hashes of the remote host: " + std::string(line));
     }
     *slot = std::string(hash);

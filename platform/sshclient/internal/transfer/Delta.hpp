@@ -24,6 +24,8 @@
 #include <string_view>
 #include <vector>
 
+#include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
+
 namespace foundation::sshclient::internal::transfer {
 
 // Bytes [begin, end) of a file.
@@ -77,17 +79,9 @@ struct RemoteBlockRequest {
   std::optional<ByteRange> tail;
 };
 
-// How blocks are hashed: b2sum is twice as fast as sha256sum (coreutils 9.1).
-enum class BlockHash : std::uint8_t { Sha256, Blake2b512 };
-// The hex hash of `bytes`, as the remote host's tool prints it.
-[[nodiscard]] std::string blockHashOf(BlockHash kind, std::string_view bytes);
-// The hash the remote host announced in the first line of its answer (see
-// remoteBlockHashCommand), once that line is in; nullopt before, and when
-// the line says that it cannot hash.
-[[nodiscard]] std::optional<BlockHash> announcedBlockHash(std::string_view output);
-
-// One sh command line. Its standard output: the file's size and the tool it
-// hashes with ("b2sum" or "sha256sum"), a line "INDEX HASH" per block in any order (the blocks are hashed in parts at
+// One sh command line. Its standard output: the tool it hashes with
+// ("b2sum" or "sha256sum", see Digest.hpp), the file's size, a line
+// "INDEX HASH" per block in any order (the blocks are hashed in parts at
 // once, a part per processor of the host), "tail HASH" when asked, then
 // "end"; or, in place of "end", a word telling what was missing (see
 // RemoteBlockStatus). A part that failed prints "INDEX failed".
@@ -103,7 +97,7 @@ enum class RemoteBlockStatus : std::uint8_t {
 
 struct RemoteBlockAnswer {
   RemoteBlockStatus status = RemoteBlockStatus::Failed;
-  BlockHash hash = BlockHash::Sha256;  // Hashed only
+  HashKind hash = HashKind::Sha256;  // Hashed only
   BlockHashes blocks;                  // Hashed only
   std::optional<std::string> tail;     // Hashed, when asked for
 };

@@ -63,7 +63,7 @@ struct DeltaCopier::Job {
   std::optional<std::string> tailHash;  // uploads: of the source's bytes over `tail`
   std::unique_ptr<sftp::RemoteCommand> command;
   std::optional<std::string> output;  // the command's, once it ended
-  std::optional<BlockHash> hash;      // as the remote host announced it: hashing here waits for it
+  std::optional<HashKind> hash;       // as the remote host announced it: hashing here waits for it
 };
 
 DeltaCopier::DeltaCopier(sftp::SftpSession& session, sftp::RemoteShell const& shell, CopySettings const& settings,
@@ -381,7 +381,7 @@ void DeltaCopier::moveCommand(Job& job) {
 
 void DeltaCopier::learnHash(Job& job) {
   if (job.hash) return;
-  job.hash = announcedBlockHash(job.command ? job.command->output() : *job.output);
+  job.hash = announcedHash(job.command ? job.command->output() : *job.output);
 }
 
 // One block of this side's version: hashed, and for a download also
@@ -420,9 +420,9 @@ bool DeltaCopier::hashSlice(Job& job, std::uint64_t& budget) {
       return false;
     }
   }
-  job.hashes.push_back(blockHashOf(*job.hash, bytes));
+  job.hashes.push_back(hashOf(*job.hash, bytes));
   if (settings_.upload && job.tail && job.tail->begin == offset) {
-    job.tailHash = blockHashOf(*job.hash, bytes.substr(0, job.tail->end - job.tail->begin));
+    job.tailHash = hashOf(*job.hash, bytes.substr(0, job.tail->end - job.tail->begin));
   }
   job.hashed += length;
   budget -= std::min<std::uint64_t>(budget, length);

@@ -1,6 +1,7 @@
-// What a tree transfer reads before it decides: SHA-256 of files on both
-// sides (remote ones by sha256sum through the shell, many a line; local ones
-// here), to compare equal sizes and to check a resumable temporary's prefix.
+// What a tree transfer reads before it decides: hashes of files on both
+// sides (remote ones by b2sum or sha256sum through the shell, many a line;
+// local ones here, as the remote tool hashes), to compare equal sizes and to
+// check a resumable temporary's prefix.
 
 #include <span>
 
@@ -56,6 +57,23 @@ std::optional<std::string> TreeTransfer::awaitRemote(std::unique_ptr<sftp::Remot
   }
 }
 
+// The hash a started command announced on its first line, waited for;
+// nullopt when it named none (or no shell ran it: the command is dropped).
+std::optional<HashKind> TreeTransfer::awaitAnnouncedHash(std::unique_ptr<sftp::RemoteCommand>& command) {
+  if (!command) return std::nullopt;
+  try {
+    while (!announcedHash(command->output()) && !command->poll()) {
+      if (!command->news()) command->wait();
+    }
+  } catch (SSHError const& e) {
+    command.reset();
+    noCommands_ = sftp::commandsRefused(e);
+    if (!noCommands_) throw;
+    return std::nullopt;
+  }
+  return announcedHash(command->output());
+}
+
 // Where no command can hash, files are compared by size and time, and the
 // report says so once.
 ChecksumAnswers TreeTransfer::bySizeAndTime(Folder const& folder, std::vector<std::string> const& names) {
@@ -99,26 +117,29 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
   for (auto const& name : names) {
     remotePaths.push_back(upload_ ? target(folder, name) : sourcePathOf(folder, name));
   }
-  std::vector<std::optional<std::string>> remoteHashes;
+  // Each with the kind its line's tool hashes.
+  std::vector<std::pair<HashKind, std::optional<std::string>>> remoteHashes;
   remoteHashes.reserve(names.size());
   for (auto const& batch : remoteHashCommands(remotePaths)) {
     auto const output = remoteOutput(batch.command);
     if (!output) return bySizeAndTime(folder, names);
-    std::vector<std::optional<std::string>> hashes(batch.count);
+    RemoteHashes answer;
+    answer.hashes.resize(batch.count);
     try {
-      hashes = parseRemoteHashes(*output, std::span(remotePaths).subspan(batch.first, batch.count));
+      answer = parseRemoteHashes(*output, std::span(remotePaths).subspan(batch.first, batch.count));
     } catch (std::runtime_error const&) {
-      // Not an answer (no sha256sum there): every file of the line is sent.
+      // Not an answer (neither tool there): every file of the line is sent.
     }
-    remoteHashes.insert(remoteHashes.end(), hashes.begin(), hashes.end());
+    for (auto& hash : answer.hashes) remoteHashes.emplace_back(answer.kind, std::move(hash));
     reportProgress(false);
     if (stopping_) return answers;
   }
   for (std::size_t k = 0; k < names.size() && !stopping_; ++k) {
-    if (!remoteHashes[k]) continue;
+    auto const& [kind, remote] = remoteHashes[k];
+    if (!remote) continue;
     auto const local = upload_ ? sourcePathOf(folder, names[k]) : target(folder, names[k]);
     try {
-      answers[names[k]] = sha256OfLocalFile(local) == *remoteHashes[k];
+      answers[names[k]] = hashOfLocalFile(kind, local) == *remote;
     } catch (SSHError const&) {
       // Unreadable here: copied, and the copy names the cause if it fails.
     }
@@ -128,25 +149,28 @@ ChecksumAnswers TreeTransfer::compareChecksums(Folder const& folder, std::vector
 }
 
 // A temporary continues only when its bytes are the source's first bytes:
-// SHA-256 of that prefix on both sides, both at once.
+// the hash of that prefix on both sides, both at once once the remote side
+// has named its tool.
 bool TreeTransfer::verifyResume(Folder const& folder, Action const& action) {
   auto const remotePath = upload_ ? target(folder, action.temporary) : sourcePathOf(folder, action.name);
   auto const localPath = upload_ ? sourcePathOf(folder, action.name) : target(folder, action.temporary);
   auto running = startRemote(remotePrefixHashCommand(remotePath, action.resumeFrom));
+  auto const kind = awaitAnnouncedHash(running).value_or(HashKind::Sha256);
   std::optional<std::string> remote;
   std::optional<std::string> local;
   try {
-    local = sha256OfLocalFile(localPath, action.resumeFrom);
+    local = hashOfLocalFile(kind, localPath, action.resumeFrom);
   } catch (std::runtime_error const&) {
     // Unreadable here: it starts over.
   }
   auto const output = awaitRemote(std::move(running));
   try {
     if (output) {
-      remote = parseRemotePrefixHash(*output);
+      auto const answer = parseRemotePrefixHash(*output);
+      if (answer.kind == kind) remote = answer.hash;
     } else if (action.resumeFrom <= kPrefixReadLimit) {
       // No command to hash with: a small prefix comes over to be hashed here.
-      if (auto const bytes = readRemoteFile(remotePath, action.resumeFrom)) remote = sha256Of(*bytes);
+      if (auto const bytes = readRemoteFile(remotePath, action.resumeFrom)) remote = hashOf(kind, *bytes);
     } else {
       report_.notes.push_back(fl::i18n::utf8_to_ustring(
           quoted(remotePath) + " starts over: " + noCommands_.value_or("no command can run on the server") +

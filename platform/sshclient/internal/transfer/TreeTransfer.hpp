@@ -156,6 +156,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   std::optional<std::string> remoteOutput(std::string const& command);
   std::unique_ptr<sftp::RemoteCommand> startRemote(std::string const& command);
   std::optional<std::string> awaitRemote(std::unique_ptr<sftp::RemoteCommand> command);
+  std::optional<HashKind> awaitAnnouncedHash(std::unique_ptr<sftp::RemoteCommand>& command);
   ChecksumAnswers bySizeAndTime(Folder const& folder, std::vector<std::string> const& names);
   // A remote file read over SFTP (its first `prefix` bytes, when given).
   std::optional<std::string> readRemoteFile(std::string const& path, std::optional<std::uint64_t> prefix = {});
