@@ -45,8 +45,11 @@ PendingCommand::PendingCommand(Session& session, std::string const& marker, std:
 // the server would keep it open, holding one of its sessions.
 PendingCommand::~PendingCommand() {
   if (requested_) return;
+  auto const deadline = std::chrono::steady_clock::now() + kCloseWait;
   try {
-    while (!channel_.requestAnswered()) session_.wait();
+    while (!channel_.requestAnswered() && std::chrono::steady_clock::now() < deadline) {
+      (void)session_.wait(std::chrono::duration_cast<std::chrono::milliseconds>(kCloseWait));
+    }
   } catch (...) {  // NOLINT(bugprone-empty-catch): refused or lost, nothing is left to close
   }
 }

@@ -15,12 +15,14 @@
 // server has answered. A command may be given later by run(): the channel
 // opens and its wrapper starts while the caller prepares it. The command
 // text follows the exec request without waiting. Destroying an unfinished
-// command closes its channel. Throws SSHError as the command runners do: NoShell when no
+// command closes its channel (one still opening is waited for, at most
+// kCloseWait). Throws SSHError as the command runners do: NoShell when no
 // shell ran it (nothing was run then), Channel when the server refuses the
 // channel (from step() with Answer::Later; opened() is false then). Not
 // thread-safe; must not outlive its Session; not movable (libssh holds a
 // pointer into it).
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -41,6 +43,7 @@ class PendingCommand {
   PendingCommand(PendingCommand&&) = delete;
   PendingCommand& operator=(PendingCommand&&) = delete;
   ~PendingCommand();
+  static constexpr std::chrono::seconds kCloseWait{10};
 
   // Gives the command of one made without it; once.
   void run(std::string command);
