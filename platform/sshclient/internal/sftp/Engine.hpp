@@ -101,6 +101,9 @@ std::string finishCommand(RemoteCommand& command);
 // MaxSessions that the SFTP channels already fill); nullopt for any other
 // error. Hashing on the server is optional: the caller goes without.
 [[nodiscard]] std::optional<std::string> commandsRefused(SSHError const& error);
+// Called while `error` is being handled: keeps in `why` why no command can
+// run, or rethrows `error` when it says something else.
+void recordRefusal(SSHError const& error, std::optional<std::string>& why);
 
 // Flat copies (copyFiles): each item's file to exactly its destination,
 // created with the command's mode less the creator's umask; the first failed

@@ -85,8 +85,7 @@ void DeltaCopier::prepare() {
   try {
     spare_ = sftp::openCommand(shell_);
   } catch (SSHError const& e) {
-    noCommands_ = sftp::commandsRefused(e);
-    if (!noCommands_) throw;
+    sftp::recordRefusal(e, noCommands_);
   }
 }
 
@@ -153,8 +152,7 @@ void DeltaCopier::poll() {
       spare_->poll();
     } catch (SSHError const& e) {
       spare_.reset();
-      noCommands_ = sftp::commandsRefused(e);
-      if (!noCommands_) throw;
+      sftp::recordRefusal(e, noCommands_);
     }
   }
   auto budget = kSlice;
@@ -247,8 +245,7 @@ bool DeltaCopier::openCommand(Job& job) {
 // Called while `error` is being handled: rethrown unless it says that no
 // command can run; then this file and the next go whole.
 void DeltaCopier::refused(Job& job, SSHError const& error) {
-  noCommands_ = sftp::commandsRefused(error);
-  if (!noCommands_) throw;  // NOLINT(misc-throw-by-value-catch-by-reference): the error being handled
+  sftp::recordRefusal(error, noCommands_);
   whole(job, *noCommands_);
 }
 

@@ -163,6 +163,11 @@ std::optional<std::string> commandsRefused(SSHError const& error) {
   }
 }
 
+void recordRefusal(SSHError const& error, std::optional<std::string>& why) {
+  why = commandsRefused(error);
+  if (!why) throw;  // NOLINT(misc-throw-by-value-catch-by-reference): the error being handled
+}
+
 std::string finishCommand(RemoteCommand& command) {
   while (!command.poll()) {
     if (!command.news()) command.wait();

@@ -26,8 +26,7 @@ std::optional<std::string> TreeTransfer::remoteOutput(std::string const& command
     if (!shell_.run) throw SSHError(SSHError::Kind::NoShell, "no remote shell to hash files with");
     return shell_.run(command);
   } catch (SSHError const& e) {
-    noCommands_ = sftp::commandsRefused(e);
-    if (!noCommands_) throw;
+    sftp::recordRefusal(e, noCommands_);
     return std::nullopt;
   }
 }
@@ -39,8 +38,7 @@ std::unique_ptr<sftp::RemoteCommand> TreeTransfer::startRemote(std::string const
   try {
     return sftp::startCommand(shell_, command);
   } catch (SSHError const& e) {
-    noCommands_ = sftp::commandsRefused(e);
-    if (!noCommands_) throw;
+    sftp::recordRefusal(e, noCommands_);
     return nullptr;
   }
 }
@@ -51,8 +49,7 @@ std::optional<std::string> TreeTransfer::awaitRemote(std::unique_ptr<sftp::Remot
   try {
     return sftp::finishCommand(*command);
   } catch (SSHError const& e) {
-    noCommands_ = sftp::commandsRefused(e);
-    if (!noCommands_) throw;
+    sftp::recordRefusal(e, noCommands_);
     return std::nullopt;
   }
 }
@@ -67,8 +64,7 @@ std::optional<HashKind> TreeTransfer::awaitAnnouncedHash(std::unique_ptr<sftp::R
     }
   } catch (SSHError const& e) {
     command.reset();
-    noCommands_ = sftp::commandsRefused(e);
-    if (!noCommands_) throw;
+    sftp::recordRefusal(e, noCommands_);
     return std::nullopt;
   }
   return announcedHash(command->output());
