@@ -155,7 +155,7 @@ struct PlannedChange;
 enum class UnchangedTest {
   None,         // never: every file is copied
   SizeAndTime,  // a regular file of the source's size and modification time (to the second)
-  Checksum,     // a regular file of the source's size and SHA-256
+  Checksum,     // a regular file of the source's size and content hash
 };
 
 // Whether a file that exists in the destination is sent as the blocks that

@@ -222,6 +222,45 @@ TEST_P(Deltas, OverASlowLinkTheDefaultSendsOnlyTheChangedBlock) {
   files.expectArrived(bytes);
 }
 
+// Over the same link, a destination that is a link to an old version: the
+// first look (which follows links) finds a file worth measuring the link
+// for, the listing finds a link, which a file replaces. The old version
+// behind it stays, and no measurement is reported.
+TEST_P(Deltas, OverASlowLinkALinkToAnOldVersionIsReplacedNotUpdated) {
+  auto& sshd = TestSshd::instance();
+  auto const link = linkTo(sshd, 10ms, 40'000'000);
+  auto const client = connectThrough(sshd, *link, optionsThrough(sshd, *link));
+  ScratchDir const scratch;
+  fs::create_directory(scratch / "from");
+  fs::create_directory(scratch / "to");
+  auto const old = randomBytes(4 * kMiB, 8);
+  auto const bytes = changed(old, kMiB, 10);
+  writeFile(scratch / "to" / "old", old);
+  setTime(scratch / "to" / "old", kOldTime);
+  fs::create_symlink("old", scratch / "to" / "file");
+  writeFile(scratch / "from" / "file", bytes);
+  setTime(scratch / "from" / "file", kNewTime);
+  ssh::TreeTransferOptions options;
+  options.skipUnchanged = ssh::UnchangedTest::SizeAndTime;
+  options.delta = DeltaMode::Auto;
+  std::vector<ssh::PlannedChange> changes;
+  options.onChange = [&changes](ssh::PlannedChange const& change) { changes.push_back(change); };
+  auto const from = u((scratch / "from" / "file").string());
+  auto const to = u((scratch / "to" / "file").string());
+  bool const upload = GetParam() == TransferDirection::LocalToRemote;
+  std::vector<ssh::FileLocations> items{upload ? ssh::FileLocations{from, to} : ssh::FileLocations{to, from}};
+  auto const report = client->copyTrees(ssh::CopyTreesCommand(std::move(items), GetParam(), options));
+  EXPECT_EQ(report.bytes, 4 * kMiB);
+  EXPECT_EQ(report.reused, 0U);
+  EXPECT_THAT(report.details, ::testing::IsEmpty());
+  ASSERT_EQ(changes.size(), 1U);
+  EXPECT_EQ(changes.front().action, ssh::PlannedChange::Action::Copy);
+  EXPECT_FALSE(fs::is_symlink(scratch / "to" / "file"));
+  EXPECT_TRUE(sameBytes(readFile(scratch / "to" / "file"), bytes));
+  EXPECT_TRUE(sameBytes(readFile(scratch / "to" / "old"), old));
+  EXPECT_EQ(listNames(scratch / "to"), (std::vector<std::string>{"file", "old"}));
+}
+
 // A server that allows one channel per connection has none left to hash
 // with: the file goes whole, and the details say why.
 TEST_P(Deltas, AServerOfOneSessionPerConnectionGetsTheFileWhole) {
@@ -411,8 +450,8 @@ TEST_P(WithoutB2sum, TheChangedBlocksGoHashedBySha256sum) {
 
 INSTANTIATE_TEST_SUITE_P(BothWays, WithoutB2sum, kBothWays, directionName);
 
-// A server whose SFTP refuses copy-data: an upload's temporary starts as a
-// copy made by cp --reflink=auto in the hashing command instead.
+// A server whose SFTP refuses copy-data: deltas do not need it (an upload's
+// temporary starts as a copy made by cp --reflink=auto in the hashing command).
 class WithoutCopyData : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {

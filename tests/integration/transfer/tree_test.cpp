@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -246,6 +248,85 @@ INSTANTIATE_TEST_SUITE_P(BothWays, Trees,
                          [](auto const& param) {
                            return param.param == TransferDirection::LocalToRemote ? "Upload" : "Download";
                          });
+
+// The server reached under a name the transfer cannot take for this machine
+// (127.0.0.1 written as one number): nothing is asked about this machine, so
+// an upload's missing parents go with the first questions about its
+// destination, before the answer says whether it is a folder.
+class UploadsFromAfar : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    auto const& server = TestSshd::instance();
+    auto const file = TestSshd::makeTempDir() / "known_hosts";
+    std::ofstream(file) << "[2130706433]:" << server.port() << " " << server.hostPublicKey() << "\n";
+    auto options = server.options();
+    options.knownHostsFiles = {file.string()};
+    client_ = std::make_unique<ssh::SSHClient>(u("2130706433"), server.port(), server.auth(), options);
+  }
+  static void TearDownTestSuite() { client_.reset(); }
+
+  // As the tool puts: into a folder, unchanged files skipped.
+  ssh::TreeTransferReport put(fs::path const& source, fs::path const& destination) {
+    std::vector<ssh::FileLocations> items{{u(source.string()), u(destination.string())}};
+    ssh::TreeTransferOptions options;
+    options.intoFolders = true;
+    options.skipUnchanged = ssh::UnchangedTest::SizeAndTime;
+    return client_->copyTrees(ssh::CopyTreesCommand(std::move(items), TransferDirection::LocalToRemote, options));
+  }
+
+  static std::unique_ptr<ssh::SSHClient> client_;
+  ScratchDir scratch_;
+};
+
+std::unique_ptr<ssh::SSHClient> UploadsFromAfar::client_;
+
+TEST_F(UploadsFromAfar, MissingParentsOfTheDestinationAreMade) {
+  writeFile(scratch_ / "f", "f");
+  auto const report = put(scratch_ / "f", scratch_ / "new" / "deeper" / "g");
+  EXPECT_EQ(readFile(scratch_ / "new" / "deeper" / "g"), "f");
+  EXPECT_EQ(report.folders, 2U);
+  EXPECT_EQ(report.files, 1U);
+}
+
+TEST_F(UploadsFromAfar, AFolderReceivesTheSourceUnderItsOwnNameAndNothingIsMade) {
+  writeFile(scratch_ / "f", "f");
+  fs::create_directories(scratch_ / "dst" / "deeper");
+  auto const report = put(scratch_ / "f", scratch_ / "dst" / "deeper");
+  EXPECT_EQ(readFile(scratch_ / "dst" / "deeper" / "f"), "f");
+  EXPECT_EQ(report.folders, 0U);
+  EXPECT_EQ(listNames(scratch_ / "dst" / "deeper"), std::vector<std::string>{"f"});
+}
+
+TEST_F(UploadsFromAfar, AFileOverAnOldVersionIsReplacedAndTheSecondRunSkipsIt) {
+  writeFile(scratch_ / "f", "new version");
+  writeFile(scratch_ / "g", "old");
+  EXPECT_EQ(put(scratch_ / "f", scratch_ / "g").files, 1U);
+  EXPECT_EQ(readFile(scratch_ / "g"), "new version");
+  auto const again = put(scratch_ / "f", scratch_ / "g");
+  EXPECT_EQ(again.files, 0U);
+  EXPECT_EQ(again.skipped, 1U);
+  EXPECT_EQ(again.folders, 0U);
+}
+
+TEST_F(UploadsFromAfar, AMissingSourceMakesNoParent) {
+  auto const error = catchSSHError([&] { put(scratch_ / "absent", scratch_ / "new" / "deeper" / "absent"); });
+  ASSERT_TRUE(error);
+  EXPECT_THAT(error->what(), HasSubstr("cannot read '" + (scratch_ / "absent").string() + "': No such file"));
+  EXPECT_FALSE(fs::exists(scratch_ / "new"));
+}
+
+TEST_F(UploadsFromAfar, AFileInTheWayOfAParentIsOneErrorAndChangesNothing) {
+  writeFile(scratch_ / "f", "f");
+  writeFile(scratch_ / "blocker", "in the way");
+  auto const error = catchSSHError([&] { put(scratch_ / "f", scratch_ / "blocker" / "sub" / "f"); });
+  ASSERT_TRUE(error);
+  EXPECT_THAT(error->what(),
+              HasSubstr("cannot make folder '" + (scratch_ / "blocker").string() + "' on root@2130706433:"));
+  EXPECT_THAT(error->what(), HasSubstr("a file is in the way"));
+  EXPECT_THAT(error->what(), ::testing::Not(HasSubstr("/sub'")));
+  EXPECT_EQ(readFile(scratch_ / "blocker"), "in the way");
+  EXPECT_EQ(listNames(scratch_.path()), (std::vector<std::string>{"blocker", "f"}));
+}
 
 // The facade's own names for the same engine.
 TEST(FileAccessTrees, UploadAndDownloadReport) {

@@ -192,7 +192,7 @@ std::string_view describeStatus(RemoteBlockStatus status) {
     case RemoteBlockStatus::NoSplit:
       return "the remote host has no GNU split with --filter to hash blocks with";
     case RemoteBlockStatus::NoCopy:
-      return "the remote host cannot copy the old version (no copy-data, no cp --reflink=auto)";
+      return "the remote host cannot copy the old version (cp --reflink=auto failed)";
     case RemoteBlockStatus::Unreadable:
       return "the remote file cannot be read to hash its blocks";
     case RemoteBlockStatus::Failed:

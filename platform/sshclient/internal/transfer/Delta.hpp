@@ -73,7 +73,7 @@ struct RemoteBlockRequest {
   std::string path;
   std::uint64_t blockSize = 0;
   // First made as a copy of this file (cp --reflink=auto): the temporary of
-  // an upload, on a server without the copy-data extension.
+  // an upload.
   std::optional<std::string> copyFrom;
   // Also hashed: these bytes of the file (tailOverOld of a download).
   std::optional<ByteRange> tail;
@@ -98,8 +98,8 @@ enum class RemoteBlockStatus : std::uint8_t {
 struct RemoteBlockAnswer {
   RemoteBlockStatus status = RemoteBlockStatus::Failed;
   HashKind hash = HashKind::Sha256;  // Hashed only
-  BlockHashes blocks;                  // Hashed only
-  std::optional<std::string> tail;     // Hashed, when asked for
+  BlockHashes blocks;                // Hashed only
+  std::optional<std::string> tail;   // Hashed, when asked for
 };
 
 [[nodiscard]] RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t blockSize, bool withTail);

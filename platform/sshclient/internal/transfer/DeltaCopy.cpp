@@ -22,7 +22,7 @@ constexpr std::size_t kAtOnce = 2;
 // Bytes hashed here per poll(): the SFTP work of other files goes on between.
 constexpr std::uint64_t kSlice = 8U * 1024U * 1024U;
 
-enum Request : std::uint32_t { kOpenOld, kOpenTemp, kCopyOld, kOpenSource };
+enum Request : std::uint32_t { kOpenTemp, kOpenSource };
 
 bool sameTime(struct timespec const& a, struct timespec const& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -43,13 +43,8 @@ struct DeltaCopier::Job {
   std::string name;               // uploads: the destination's name
   std::string creating;           // uploads: the temporary being created
   std::string temp;               // the temporary's name, once it is ours
-  std::string oldHandle;          // uploads: the old destination, open
   std::string tempHandle;         // uploads: the temporary, open, kept for the copy
   std::string sourceHandle;       // downloads: the source, open, kept for the copy
-  bool oldAnswered = false;
-  bool tempAnswered = false;
-  std::string oldError;
-  std::string tempError;
   int tempAttempts = 0;
   std::size_t pending = 0;  // SFTP requests whose answer is awaited
   // Hashed here: an upload's source, a download's old version (copied into
@@ -179,11 +174,8 @@ void DeltaCopier::onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) 
   auto& job = *static_cast<Job*>(ticket.subject);
   --job.pending;
   switch (ticket.kind) {
-    case kOpenOld:
     case kOpenTemp:
-      return onOpened(job, ticket.kind == kOpenOld, reply);
-    case kCopyOld:
-      return onCopied(job, reply);
+      return onCreated(job, reply);
     case kOpenSource:
       if (reply.type == PacketType::Handle) job.sourceHandle = std::string(reply.handle);
       // A source that cannot be opened: the copy opens it again and says why.
@@ -204,8 +196,10 @@ void DeltaCopier::start(Job& job) {
   }
 }
 
-// The source is opened and stamped here; the server opens the old
-// destination and creates the temporary, then copies one into the other.
+// The source is opened and stamped here; the server creates the temporary,
+// and the hashing command copies the old version into it (cp --reflink=auto:
+// a round trip less than the SFTP copy-data, which needs both files open
+// first) before it hashes the copy.
 void DeltaCopier::startUpload(Job& job) {
   auto const& task = job.task;
   std::tie(job.folder, job.name) = splitPath(task.destination);
@@ -221,10 +215,8 @@ void DeltaCopier::startUpload(Job& job) {
   job.stamp = st.st_mtim;
   job.block = deltaBlockSize(job.sourceSize, job.oldSize);
   job.tail = tailOverOld(job.block, job.sourceSize, job.oldSize);
-  // The hashing command's channel opens while the server copies.
+  // The hashing command's channel opens while the temporary is created.
   if (!openCommand(job)) return;
-  ++job.pending;
-  session_.open({this, kOpenOld, &job}, task.destination, openflags::kRead, Attributes{});
   createTemp(job);
 }
 
@@ -259,54 +251,24 @@ void DeltaCopier::createTemp(Job& job) {
                 openflags::kWrite | openflags::kCreate | openflags::kExclusive | openflags::kTruncate, attributes);
 }
 
-void DeltaCopier::onOpened(Job& job, bool old, Reply const& reply) {
-  if (reply.type == PacketType::Handle) {
-    if (old) {
-      job.oldHandle = std::string(reply.handle);
-    } else {
-      job.tempHandle = std::string(reply.handle);
-      job.temp = std::exchange(job.creating, std::string());
-    }
-  } else if (reply.type == PacketType::Status) {
-    if (!old && reply.status == StatusCode::Failure && job.tempAttempts < kTempAttempts &&
-        job.phase != Job::Phase::Done) {
+void DeltaCopier::onCreated(Job& job, Reply const& reply) {
+  if (reply.type == PacketType::Status) {
+    if (reply.status == StatusCode::Failure && job.tempAttempts < kTempAttempts && job.phase != Job::Phase::Done) {
       // In this protocol version a name that exists shows only as a generic
       // failure: another name.
       return createTemp(job);
     }
-    (old ? job.oldError : job.tempError) = sftp::describeStatus(reply.status, reply.message);
-  } else {
-    throw sftp::ProtocolError("unexpected reply to OPEN");
+    if (job.phase == Job::Phase::Done) return;
+    return whole(job, "cannot create " + quoted(job.folder + job.creating) + ": " +
+                          sftp::describeStatus(reply.status, reply.message));
   }
-  (old ? job.oldAnswered : job.tempAnswered) = true;
-  // Stopped or given up meanwhile: what was opened goes.
-  if (job.phase == Job::Phase::Done) return dropTemp(job);
-  if (!job.oldAnswered || !job.tempAnswered) return;
-  if (!job.oldError.empty()) return whole(job, "cannot read the old version: " + job.oldError);
-  if (!job.tempError.empty()) {
-    return whole(job, "cannot create " + quoted(job.folder + job.creating) + ": " + job.tempError);
-  }
-  bool const copyData = !copyDataRefused_ && session_.offers(sftp::kCopyDataExtension);
-  if (copyData) {
-    ++job.pending;
-    session_.copyData({this, kCopyOld, &job}, job.oldHandle, 0, 0, job.tempHandle, 0);
-  }
-  // The server answers in order: the old version closes after the copy.
+  if (reply.type != PacketType::Handle) throw sftp::ProtocolError("unexpected reply to OPEN");
   // The temporary stays open for the changed blocks.
-  session_.close(sftp::SftpSession::ignored(), std::exchange(job.oldHandle, std::string()));
-  if (!copyData) startHashing(job, job.task.destination);
-}
-
-void DeltaCopier::onCopied(Job& job, Reply const& reply) {
-  if (reply.type != PacketType::Status) throw sftp::ProtocolError("unexpected reply to copy-data");
-  if (job.phase == Job::Phase::Done) return;
-  if (reply.status == StatusCode::Ok) return startHashing(job, std::nullopt);
-  // Offered and still refused (a deny list): cp does it, this file and the next.
-  if (reply.status == StatusCode::OpUnsupported || reply.status == StatusCode::PermissionDenied) {
-    copyDataRefused_ = true;
-    return startHashing(job, job.task.destination);
-  }
-  whole(job, "the server cannot copy the old version: " + sftp::describeStatus(reply.status, reply.message));
+  job.tempHandle = std::string(reply.handle);
+  job.temp = std::exchange(job.creating, std::string());
+  // Stopped or given up meanwhile: what was created goes.
+  if (job.phase == Job::Phase::Done) return dropTemp(job);
+  startHashing(job, job.task.destination);
 }
 
 // The old destination is copied into the temporary here as it is hashed,
@@ -489,7 +451,7 @@ void DeltaCopier::fail(Job& job, std::string const& cause) {
 }
 
 void DeltaCopier::dropTemp(Job& job) {
-  for (auto* handle : {&job.oldHandle, &job.tempHandle, &job.sourceHandle}) {
+  for (auto* handle : {&job.tempHandle, &job.sourceHandle}) {
     if (!handle->empty()) session_.close(sftp::SftpSession::ignored(), std::exchange(*handle, std::string()));
   }
   if (job.temp.empty()) return;

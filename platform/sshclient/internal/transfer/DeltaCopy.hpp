@@ -7,12 +7,12 @@
 // Both sides hash at once: the remote side's blocks by a command on a
 // channel of its own (Delta.hpp's command line), polled from the transfer's
 // loop, and this side's a slice per poll(), between the SFTP work of other
-// files, with the hash the remote side announced first. Uploads: the server copies the old destination into the
-// temporary (copy-data where offered, else cp --reflink=auto in the hashing command), and the temporary's blocks are
-// hashed there. Downloads: the old destination is copied into the temporary and hashed here in one pass, while the
-// server hashes the source's blocks. Once both are in, the file goes to the FileCopier with the ranges to send: it
-// writes them into the temporary, cuts it to the source's size, sets mode and times and renames it into place, with an
-// ordinary copy's checks (a source that changed since it was hashed fails as "changed while being read").
+// files, with the hash the remote side announced first. Uploads: the server creates the temporary, and the hashing
+// command copies the old destination into it (cp --reflink=auto) and hashes the copy's blocks. Downloads: the old
+// destination is copied into the temporary and hashed here in one pass, while the server hashes the source's blocks.
+// Once both are in, the file goes to the FileCopier with the ranges to send: it writes them into the temporary, cuts it
+// to the source's size, sets mode and times and renames it into place, with an ordinary copy's checks (a source that
+// changed since it was hashed fails as "changed while being read").
 //
 // Where the remote side cannot hash (the server allows SFTP only, no GNU
 // split with --filter, the old version cannot be copied or read), the
@@ -84,8 +84,7 @@ class DeltaCopier final : public sftp::ReplyHandler {
   void startUpload(Job& job);
   void createTemp(Job& job);
   void startDownload(Job& job);
-  void onOpened(Job& job, bool old, sftp::Reply const& reply);
-  void onCopied(Job& job, sftp::Reply const& reply);
+  void onCreated(Job& job, sftp::Reply const& reply);
   bool openCommand(Job& job);
   void refused(Job& job, SSHError const& error);
   void startHashing(Job& job, std::optional<std::string> copyFrom);
@@ -113,7 +112,6 @@ class DeltaCopier final : public sftp::ReplyHandler {
   std::vector<std::string> details_;
   std::vector<std::uint8_t> buffer_;       // one block read here
   std::optional<std::string> noCommands_;  // why no command can hash there
-  bool copyDataRefused_ = false;
   bool stopping_ = false;
 };
 

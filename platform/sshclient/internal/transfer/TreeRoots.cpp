@@ -35,16 +35,6 @@ std::string baseName(std::string const& path) {
   return slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
 }
 
-// A missing parent of a destination, being made.
-struct Parent {
-  std::string path;
-  std::size_t item = 0;
-  bool made = false;
-  bool isFolder = false;
-  bool inTheWay = false;
-  std::string error;
-};
-
 }  // namespace
 
 std::string TreeTransfer::describePair(std::size_t item) const {
@@ -57,20 +47,29 @@ std::string TreeTransfer::describePair(std::size_t item) const {
 
 // A source that cannot be read stops everything before anything changes:
 // the caller named something that is not there.
+//
+// An upload's missing parents go in the first flight, with the questions
+// whether its destinations are folders (their parents are the same either
+// way), unless a question about this machine may yet refuse the pair.
 void TreeTransfer::prepareRoots() {
   resolvePaths();
   askAboutThisMachine();
+  bool early = upload_ && !thisMachine_ && !dryRun_ && failures_.empty();
+  for (auto& root : roots_) {
+    if (upload_ && !root.failed) early = lookAtSource(root) && early;
+  }
+  if (early) sendParents();
   placeIntoFolders();
   examineSources();
   refuseOverlaps();
   if (!failures_.empty()) return;
-  if (dryRun_) {
-    examineDestinations();
-  } else {
-    makeParents();
-  }
+  if (!dryRun_ && !early) sendParents();
+  examineDestinations();
+  if (!dryRun_) collectParents();
   for (auto& root : roots_) {
-    if (!root.failed) startRoot(root);
+    if (root.failed) continue;
+    startRoot(root);
+    measureEarly(root);
   }
 }
 
@@ -228,8 +227,8 @@ void TreeTransfer::placeIntoFolders() {
 // cannot be made is named once, and what lies below it is not named again.
 // The destinations are examined in the same flight: the server answers in
 // order, so each look comes after its parents were made.
-void TreeTransfer::makeParents() {
-  std::vector<Parent> parents;
+void TreeTransfer::sendParents() {
+  auto& parents = parents_;
   std::unordered_set<std::string> asked;
   for (auto const& root : roots_) {
     if (root.failed) continue;
@@ -263,9 +262,12 @@ void TreeTransfer::makeParents() {
       parent.inTheWay = !parent.isFolder;
     }
   }
-  examineDestinations();
+}
+
+// After examineDestinations(): every answer is in.
+void TreeTransfer::collectParents() {
   std::vector<std::string const*> failed;
-  for (auto const& parent : parents) {
+  for (auto const& parent : parents_) {
     if (parent.made && parent.isFolder) {
       ++report_.folders;
       changed(PlannedChange::Action::Folder, parent.path);
@@ -303,11 +305,14 @@ void TreeTransfer::onRootReply(Ticket const& ticket, Reply const& reply) {
       if (reply.type == PacketType::Attrs) remoteRoot_ = reply.attributes;
       --rootQuestions_;
       return;
-    case kInto:
+    case kInto: {
       --rootQuestions_;
-      roots_[static_cast<std::size_t>(ticket.offset)].into =
-          reply.type == PacketType::Attrs && reply.attributes.isDirectory();
+      auto& root = roots_[static_cast<std::size_t>(ticket.offset)];
+      if (reply.type != PacketType::Attrs) return;
+      root.into = reply.attributes.isDirectory();
+      root.destinationFound = entryFromAttributes(baseName(root.destination), reply.attributes);
       return;
+    }
     case kParent: {
       auto& parent = *static_cast<Parent*>(ticket.subject);
       if (reply.type == PacketType::Status && reply.status == StatusCode::Ok) {
@@ -336,19 +341,28 @@ void TreeTransfer::examineSources() {
       lister_.examine(root.source, follow, &root.sourceCookie);
       continue;
     }
-    int error = 0;
-    root.sourceEntry = localEntry(root.source, follow, error);
     if (!root.sourceEntry) {
       root.failed = true;
-      fail(root.item, describePair(root.item) + "cannot read " + quoted(root.source) + ": " + errnoText(error));
+      fail(root.item,
+           describePair(root.item) + "cannot read " + quoted(root.source) + ": " + errnoText(root.sourceError));
     }
   }
   if (!upload_) await();
 }
 
+// An upload's source, looked at before anything is sent; examineSources()
+// names what is missing once the destination is known.
+bool TreeTransfer::lookAtSource(Root& root) {
+  int error = 0;
+  root.sourceEntry = localEntry(root.source, options_.followLinks, error);
+  root.sourceError = error;
+  return root.sourceEntry.has_value();
+}
+
 void TreeTransfer::examineDestinations() {
   for (auto& root : roots_) {
-    if (root.failed) continue;
+    // A file's folder is listed for its temporaries: the listing shows it too.
+    if (root.failed || (upload_ && listsTemporaries(root))) continue;
     // A destination the caller named may be a link to a folder: it is
     // followed where a folder is copied.
     bool const followDestination = root.sourceEntry->type == EntryType::Folder;
@@ -379,6 +393,11 @@ void TreeTransfer::examined(void* cookie, std::optional<Entry> entry, std::strin
   root.sourceEntry = std::move(entry);
 }
 
+bool TreeTransfer::listsTemporaries(Root const& root) const {
+  return root.sourceEntry->type == EntryType::File &&
+         (settings_.skipUnchanged != UnchangedTest::None || settings_.deleteExtraneous || settings_.resume || dryRun_);
+}
+
 // The level above the root: its one source entry is the root under the
 // destination's name; its destination entries are the root's own (and, for
 // a file that may resume, its temporaries there).
@@ -407,10 +426,7 @@ void TreeTransfer::startRoot(Root& root) {
                                  errnoText(error));
     }
   }
-  bool const listsTemporaries =
-      root.sourceEntry->type == EntryType::File &&
-      (settings_.skipUnchanged != UnchangedTest::None || settings_.deleteExtraneous || settings_.resume || dryRun_);
-  if (!listsTemporaries || (!upload_ && !folder->local)) {
+  if (!listsTemporaries(root) || (!upload_ && !folder->local)) {
     if (root.destinationEntry) {
       auto existing = *root.destinationEntry;
       existing.name = folder->rootName;

@@ -78,6 +78,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   struct Folder;
   struct Removal;
   struct Root;
+  struct Parent;
   struct Cookie;
   struct Lane;
 
@@ -92,9 +93,12 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   std::optional<std::string> localRealPath(std::string const& path);
   std::optional<std::string> remoteRealPath(std::string const& path);
   void placeIntoFolders();
-  void makeParents();
+  void sendParents();
+  void collectParents();
+  bool lookAtSource(Root& root);
   void examineSources();
   void examineDestinations();
+  [[nodiscard]] bool listsTemporaries(Root const& root) const;
   void startRoot(Root& root);
   void await();
 
@@ -114,6 +118,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void filterListing(Folder& folder);
   void decide(Folder& folder);
   void measureLink(Folder& folder, Entry const& candidate);
+  void measureEarly(Root const& root);
+  void startProbe(std::string const& path, std::uint64_t size);
   void planMeasured();
   void planAndAct(Folder& folder);
   static std::optional<std::string> readLocalFile(std::string const& path);
@@ -225,6 +231,7 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   };
   std::unique_ptr<ThisMachine> thisMachine_;
   std::size_t rootQuestions_ = 0;          // about the roots and this machine, unanswered
+  std::vector<Parent> parents_;            // of the destinations, being made
   std::optional<std::string> noCommands_;  // why no command can run there
   bool checksumNoted_ = false;
   std::optional<std::string> prefix_;  // the answer to readRemoteFile

@@ -107,9 +107,21 @@ struct TreeTransfer::Root {
   bool into = false;
   bool failed = false;
   std::optional<Entry> sourceEntry;
+  int sourceError = 0;  // uploads: why the source could not be looked at
   std::optional<Entry> destinationEntry;
+  std::optional<Entry> destinationFound;  // uploads: what the first look at the destination found (links followed)
   Cookie sourceCookie{Cookie::Kind::RootSource, this};
   Cookie destinationCookie{Cookie::Kind::RootDestination, this};
+};
+
+// A missing parent of a destination, being made.
+struct TreeTransfer::Parent {
+  std::string path;
+  std::size_t item = 0;
+  bool made = false;
+  bool isFolder = false;
+  bool inTheWay = false;
+  std::string error;
 };
 
 inline std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
