@@ -451,7 +451,7 @@ TEST_P(WithoutB2sum, TheChangedBlocksGoHashedBySha256sum) {
 INSTANTIATE_TEST_SUITE_P(BothWays, WithoutB2sum, kBothWays, directionName);
 
 // A server whose SFTP refuses copy-data: deltas do not need it (an upload's
-// temporary starts as a copy made by cp --reflink=auto in the hashing command).
+// temporary starts as a copy made by dd in the hashing command).
 class WithoutCopyData : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -470,7 +470,7 @@ class WithoutCopyData : public ::testing::Test {
 std::unique_ptr<TestSshd> WithoutCopyData::server_;
 std::unique_ptr<ssh::SSHClient> WithoutCopyData::client_;
 
-TEST_F(WithoutCopyData, AnUploadCopiesTheOldVersionWithCpAndSendsTheChangedBlock) {
+TEST_F(WithoutCopyData, AnUploadCopiesTheOldVersionWithDdAndSendsTheChangedBlock) {
   DeltaUpdate files(*client_, TransferDirection::LocalToRemote);
   auto const old = randomBytes(4 * kMiB, 6);
   auto const bytes = changed(old, 3 * kMiB + 5, 10);

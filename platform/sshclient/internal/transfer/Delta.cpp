@@ -107,7 +107,10 @@ std::string remoteBlockHashCommand(RemoteBlockRequest const& request) {
   // split asks $SHELL to run its filter: sh starts fastest.
   std::string line = "if ! split -b 1 --filter=: </dev/null >/dev/null 2>&1; then echo no-split; ";
   if (request.copyFrom) {
-    line += "elif ! cp --reflink=auto -- " + shellQuoted(*request.copyFrom) + " " + file + "; then echo no-copy; ";
+    // Into the file only as long as it is there: a temporary removed
+    // meanwhile (a stop, the plan chose the whole file) is not made again.
+    line += "elif ! dd if=" + shellQuoted(*request.copyFrom) + " of=" + file +
+            " bs=1048576 conv=nocreat status=none; then echo no-copy; ";
   }
   line += "elif ! s=$(wc -c <" + file + "); then echo unreadable; ";
   // A part of the blocks per processor (at most 8), hashed at once: a
@@ -192,7 +195,7 @@ std::string_view describeStatus(RemoteBlockStatus status) {
     case RemoteBlockStatus::NoSplit:
       return "the remote host has no GNU split with --filter to hash blocks with";
     case RemoteBlockStatus::NoCopy:
-      return "the remote host cannot copy the old version (cp --reflink=auto failed)";
+      return "the remote host cannot copy the old version (dd failed)";
     case RemoteBlockStatus::Unreadable:
       return "the remote file cannot be read to hash its blocks";
     case RemoteBlockStatus::Failed:

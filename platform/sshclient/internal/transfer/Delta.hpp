@@ -72,8 +72,8 @@ struct DeltaRanges {
 struct RemoteBlockRequest {
   std::string path;
   std::uint64_t blockSize = 0;
-  // First made as a copy of this file (cp --reflink=auto): the temporary of
-  // an upload.
+  // First made a copy of this file (by dd, into the file as it exists):
+  // the temporary of an upload.
   std::optional<std::string> copyFrom;
   // Also hashed: these bytes of the file (tailOverOld of a download).
   std::optional<ByteRange> tail;
@@ -90,7 +90,7 @@ struct RemoteBlockRequest {
 enum class RemoteBlockStatus : std::uint8_t {
   Hashed,
   NoSplit,     // no split with --filter (not GNU coreutils)
-  NoCopy,      // cp --reflink=auto failed or is not there
+  NoCopy,      // dd could not copy the old version into the file
   Unreadable,  // the file cannot be read
   Failed,      // hashing stopped part way (no sha256sum, a read error)
 };

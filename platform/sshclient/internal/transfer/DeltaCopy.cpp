@@ -21,6 +21,9 @@ namespace {
 constexpr std::size_t kAtOnce = 2;
 // Bytes hashed here per poll(): the SFTP work of other files goes on between.
 constexpr std::uint64_t kSlice = 8U * 1024U * 1024U;
+// The largest old version an upload begins on before the plan chose a delta:
+// should it choose the whole file, the server's copy of it was spent.
+constexpr std::uint64_t kSpeculativeUploadBytes = 256U * 1024U * 1024U;
 
 enum Request : std::uint32_t { kOpenTemp, kOpenSource };
 
@@ -35,6 +38,10 @@ struct DeltaCopier::Job {
 
   FileTask task;
   Phase phase = Phase::Preparing;
+  // Begun before the plan chose (speculate()): it waits for add() to take it
+  // over, and ends unreported should anything stop it before then.
+  bool speculative = false;
+  std::uint64_t listedOld = 0;  // the old version's size as listed
   std::uint64_t sourceSize = 0;
   std::uint64_t oldSize = 0;
   std::uint64_t block = 0;
@@ -73,7 +80,50 @@ DeltaCopier::DeltaCopier(sftp::SftpSession& session, sftp::RemoteShell const& sh
 
 DeltaCopier::~DeltaCopier() = default;
 
-void DeltaCopier::add(FileTask task, std::uint64_t oldSize) { queue_.emplace_back(std::move(task), oldSize); }
+void DeltaCopier::add(FileTask task, std::uint64_t oldSize) {
+  auto const begun = std::find_if(jobs_.begin(), jobs_.end(), [&](auto const& job) {
+    return job->speculative && job->task.source == task.source && job->task.destination == task.destination &&
+           job->listedOld == oldSize;
+  });
+  if (begun == jobs_.end()) {
+    queue_.emplace_back(std::move(task), oldSize);
+    return;
+  }
+  auto& job = **begun;
+  job.speculative = false;
+  // The plan's own task: its owner and attributes; the rest is the same file.
+  job.task.item = task.item;
+  job.task.kept = task.kept;
+  job.task.listedMtime = task.listedMtime;
+  job.task.owner = task.owner;
+}
+
+void DeltaCopier::speculate(FileTask task, std::uint64_t oldSize) {
+  if (stopping_ || noCommands_ || (settings_.upload && oldSize > kSpeculativeUploadBytes)) return;
+  auto job = std::make_unique<Job>();
+  job->task = std::move(task);
+  job->oldSize = job->listedOld = oldSize;
+  job->speculative = true;
+  jobs_.push_back(std::move(job));
+  start(*jobs_.back());
+}
+
+bool DeltaCopier::makes(std::string const& path) const {
+  return settings_.upload && std::any_of(jobs_.begin(), jobs_.end(), [&](auto const& job) {
+           return (!job->temp.empty() && job->folder + job->temp == path) ||
+                  (!job->creating.empty() && job->folder + job->creating == path);
+         });
+}
+
+void DeltaCopier::settle(void const* owner) {
+  for (auto& job : jobs_) {
+    if (!job->speculative || job->task.owner != owner) continue;
+    job->speculative = false;
+    if (job->phase == Job::Phase::Done) continue;
+    dropTemp(*job);
+    finishJob(*job);
+  }
+}
 
 void DeltaCopier::prepare() {
   if (spare_ || noCommands_ || stopping_) return;
@@ -104,7 +154,8 @@ bool DeltaCopier::busy() const noexcept {
   auto const active =
       std::count_if(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->phase != Job::Phase::Done; });
   if (!queue_.empty() && static_cast<std::size_t>(active) < kAtOnce) return true;
-  return std::any_of(jobs_.begin(), jobs_.end(), [this](auto const& job) { return hashesHere(*job) || ready(*job); });
+  return std::any_of(jobs_.begin(), jobs_.end(),
+                     [this](auto const& job) { return hashesHere(*job) || (ready(*job) && !job->speculative); });
 }
 
 // A spare command is not waited for: it moves on whenever the loop comes round.
@@ -137,6 +188,7 @@ void DeltaCopier::poll() {
   while (!stopping_ && !queue_.empty() && jobs_.size() < kAtOnce) {
     auto job = std::make_unique<Job>();
     std::tie(job->task, job->oldSize) = std::move(queue_.front());
+    job->listedOld = job->oldSize;
     queue_.pop_front();
     jobs_.push_back(std::move(job));
     start(*jobs_.back());
@@ -166,7 +218,7 @@ void DeltaCopier::poll() {
     while (budget > 0 && hashesHere(*job)) {
       if (!hashSlice(*job, budget)) break;
     }
-    if (ready(*job)) conclude(*job);
+    if (ready(*job) && !job->speculative) conclude(*job);
   }
 }
 
@@ -197,9 +249,9 @@ void DeltaCopier::start(Job& job) {
 }
 
 // The source is opened and stamped here; the server creates the temporary,
-// and the hashing command copies the old version into it (cp --reflink=auto:
-// a round trip less than the SFTP copy-data, which needs both files open
-// first) before it hashes the copy.
+// and the hashing command copies the old version into it (a round trip less
+// than the SFTP copy-data, which needs both files open first) before it
+// hashes the copy.
 void DeltaCopier::startUpload(Job& job) {
   auto const& task = job.task;
   std::tie(job.folder, job.name) = splitPath(task.destination);
@@ -207,8 +259,7 @@ void DeltaCopier::startUpload(Job& job) {
   struct stat st {};
   if (!job.local.valid() || ::fstat(job.local.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
     // Sent as an ordinary copy, which names the cause.
-    job.phase = Job::Phase::Done;
-    return copier_.add(std::move(job.task));
+    return asCopy(job);
   }
   if (noCommands_) return whole(job, *noCommands_);
   job.sourceSize = job.localSize = static_cast<std::uint64_t>(st.st_size);
@@ -278,8 +329,7 @@ void DeltaCopier::startDownload(Job& job) {
   if (noCommands_) return whole(job, *noCommands_);
   if (openDestinationFolder(task) != 0) {
     // Sent as an ordinary copy, which names the cause.
-    job.phase = Job::Phase::Done;
-    return copier_.add(std::move(job.task));
+    return asCopy(job);
   }
   auto const& folder = *task.folder;
   struct stat st {};
@@ -438,16 +488,24 @@ void DeltaCopier::finishJob(Job& job) {
 
 // The remote side cannot hash: the temporary goes, the file goes whole.
 void DeltaCopier::whole(Job& job, std::string const& why) {
-  details_.push_back(quoted(job.task.source) + " sent whole: " + why);
+  if (!job.speculative) details_.push_back(quoted(job.task.source) + " sent whole: " + why);
   dropTemp(job);
+  asCopy(job);
+}
+
+// A job begun before the plan chose ends unreported: should the plan choose
+// a delta after all, a job of its own meets the same cause and reports it.
+void DeltaCopier::asCopy(Job& job) {
   finishJob(job);
-  copier_.add(std::move(job.task));
+  if (!job.speculative) copier_.add(std::move(job.task));
 }
 
 void DeltaCopier::fail(Job& job, std::string const& cause) {
   dropTemp(job);
   finishJob(job);
-  if (!stopping_) observer_.fileFailed(job.task, failedCopy(job.task, settings_.upload, session_.peer()) + cause);
+  if (!stopping_ && !job.speculative) {
+    observer_.fileFailed(job.task, failedCopy(job.task, settings_.upload, session_.peer()) + cause);
+  }
 }
 
 void DeltaCopier::dropTemp(Job& job) {

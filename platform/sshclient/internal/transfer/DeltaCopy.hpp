@@ -8,11 +8,11 @@
 // channel of its own (Delta.hpp's command line), polled from the transfer's
 // loop, and this side's a slice per poll(), between the SFTP work of other
 // files, with the hash the remote side announced first. Uploads: the server creates the temporary, and the hashing
-// command copies the old destination into it (cp --reflink=auto) and hashes the copy's blocks. Downloads: the old
-// destination is copied into the temporary and hashed here in one pass, while the server hashes the source's blocks.
-// Once both are in, the file goes to the FileCopier with the ranges to send: it writes them into the temporary, cuts it
-// to the source's size, sets mode and times and renames it into place, with an ordinary copy's checks (a source that
-// changed since it was hashed fails as "changed while being read").
+// command copies the old destination into it (dd, which never makes it again once removed) and hashes the copy's
+// blocks. Downloads: the old destination is copied into the temporary and hashed here in one pass, while the server
+// hashes the source's blocks. Once both are in, the file goes to the FileCopier with the ranges to send: it writes them
+// into the temporary, cuts it to the source's size, sets mode and times and renames it into place, with an ordinary
+// copy's checks (a source that changed since it was hashed fails as "changed while being read").
 //
 // Where the remote side cannot hash (the server allows SFTP only, no GNU
 // split with --filter, the old version cannot be copied or read), the
@@ -52,6 +52,16 @@ class DeltaCopier final : public sftp::ReplyHandler {
   // A delta may come (the link is being measured for one): a command
   // channel opens and its shell starts now, for the first file's hashing.
   void prepare();
+  // The file the link is measured for: its job begins now, so that both
+  // sides hash while the link is measured. add() of the same file takes it
+  // over; settle(owner), once the plan of the task's owner has been carried
+  // out, ends it unreported if none did (an upload's temporary goes; the
+  // server's copy of an old version of at most 256 MiB was spent).
+  void speculate(FileTask task, std::uint64_t oldSize);
+  void settle(void const* owner);
+  // Uploads: whether `path` is a job's temporary (a listing must not take it
+  // for an earlier run's).
+  [[nodiscard]] bool makes(std::string const& path) const;
   // Starts queued files, moves their commands on, hashes a slice here and
   // hands finished ones to the FileCopier. Never sleeps.
   void poll();
@@ -94,6 +104,7 @@ class DeltaCopier final : public sftp::ReplyHandler {
   bool hashSlice(Job& job, std::uint64_t& budget);
   void conclude(Job& job);
   void whole(Job& job, std::string const& why);
+  void asCopy(Job& job);
   void fail(Job& job, std::string const& cause);
   void finishJob(Job& job);
   void dropTemp(Job& job);

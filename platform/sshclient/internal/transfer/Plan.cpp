@@ -15,8 +15,6 @@ namespace {
 constexpr std::uint32_t kPermissionBits = 0777;
 constexpr std::uint32_t kModeBits = 07777;
 constexpr std::size_t kSteps = static_cast<std::size_t>(Step::Delete) + 1;
-// Below this a delta's round trips cost more than the data it can save.
-constexpr std::uint64_t kAutoDeltaMinimum = 1024U * 1024U;
 
 Action actionFor(Step step, std::string const& name, Entry const* source, Entry const* existing) {
   Action action;

@@ -117,6 +117,9 @@ struct Kept {
 using ChecksumAnswers = std::unordered_map<std::string, bool>;
 
 // Whether a source file whose destination holds `existing` goes as a
+// Below this a delta's round trips cost more than the data it can save.
+inline constexpr std::uint64_t kAutoDeltaMinimum = 1024U * 1024U;
+
 // delta: asked for, or under DeltaMode::Auto a file of at least 1 MiB over an
 // old version of at least 1 MiB where the measured link makes it pay
 // (deltaPays).

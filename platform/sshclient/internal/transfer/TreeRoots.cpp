@@ -68,8 +68,25 @@ void TreeTransfer::prepareRoots() {
   if (!dryRun_) collectParents();
   for (auto& root : roots_) {
     if (root.failed) continue;
-    startRoot(root);
-    measureEarly(root);
+    if (auto* const folder = startRoot(root)) measureEarly(root, *folder);
+  }
+}
+
+// A file of this machine that may go as a delta (an upload's source, or a
+// download's old version, large enough): the command channel that hashes
+// opens with the SFTP channels, not two round trips after the roots.
+void TreeTransfer::expectDeltas() {
+  if (settings_.delta == DeltaMode::Off || dryRun_) return;
+  for (auto const& item : command_.getItems()) {
+    auto local = fl::i18n::ustring_to_utf8(item.localPath);
+    struct stat st {};
+    if (!upload_ && ::stat(local.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && options_.intoFolders) {
+      local = joined(local, baseName(fl::i18n::ustring_to_utf8(item.remotePath)));
+    }
+    if (::stat(local.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+        static_cast<std::uint64_t>(st.st_size) >= kAutoDeltaMinimum) {
+      return deltas_->prepare();
+    }
   }
 }
 
@@ -401,7 +418,7 @@ bool TreeTransfer::listsTemporaries(Root const& root) const {
 // The level above the root: its one source entry is the root under the
 // destination's name; its destination entries are the root's own (and, for
 // a file that may resume, its temporaries there).
-void TreeTransfer::startRoot(Root& root) {
+TreeTransfer::Folder* TreeTransfer::startRoot(Root& root) {
   auto const slash = root.destination.rfind('/');
   auto folder = std::make_unique<Folder>();
   folder->item = root.item;
@@ -411,7 +428,8 @@ void TreeTransfer::startRoot(Root& root) {
   folder->rootName = slash == std::string::npos ? root.destination : root.destination.substr(slash + 1);
   if (suspectName(folder->rootName)) {
     root.failed = true;
-    return fail(root.item, describePair(root.item) + quoted(root.destination) + " names no entry to copy to");
+    fail(root.item, describePair(root.item) + quoted(root.destination) + " names no entry to copy to");
+    return nullptr;
   }
   auto entry = *root.sourceEntry;
   entry.name = folder->rootName;
@@ -422,8 +440,9 @@ void TreeTransfer::startRoot(Root& root) {
     folder->local = LocalDir::open(folder->destination.empty() ? std::string() : folder->destination, error);
     if (!folder->local && !dryRun_) {
       root.failed = true;
-      return fail(root.item, describePair(root.item) + "cannot open folder " + quoted(folder->destination) + ": " +
-                                 errnoText(error));
+      fail(root.item,
+           describePair(root.item) + "cannot open folder " + quoted(folder->destination) + ": " + errnoText(error));
+      return nullptr;
     }
   }
   if (!listsTemporaries(root) || (!upload_ && !folder->local)) {
@@ -437,6 +456,7 @@ void TreeTransfer::startRoot(Root& root) {
   auto* const raw = folder.get();
   folders_.emplace(raw, std::move(folder));
   waiting_.push_back(raw);
+  return raw;
 }
 
 }  // namespace foundation::sshclient::internal::transfer

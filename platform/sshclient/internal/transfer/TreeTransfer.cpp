@@ -115,6 +115,7 @@ TreeTransferReport TreeTransfer::run() {
   try {
     session_.begin();
     openChannels();
+    expectDeltas();
     prepareRoots();
     rootsReady_ = true;
     walk();
@@ -332,6 +333,10 @@ void TreeTransfer::listed(void* cookie, Listing listing) {
     folder.sourceListing = std::move(listing);
     folder.sourceListed = true;
   } else {
+    // A delta's temporary begun while the folder was listed is no earlier run's.
+    std::erase_if(listing.entries, [&](Entry const& entry) {
+      return temporaryOwner(entry.name) && deltas_->makes(joined(folder.destination, entry.name));
+    });
     folder.destinationListing = std::move(listing);
     folder.destinationKnown = true;
     if (folder.aboveRoot) keepRootEntries(folder.destinationListing, folder.rootName);
@@ -431,32 +436,34 @@ void TreeTransfer::decide(Folder& folder) {
 void TreeTransfer::measureLink(Folder& folder, Entry const& candidate) {
   folder.state = Folder::State::Measuring;
   measuring_.push_back(&folder);
-  if (upload_) {
-    startProbe(target(folder, candidate.name), folder.destinationListing.find(candidate.name)->size);
-  } else {
-    startProbe(sourcePathOf(folder, candidate.name), candidate.size);
-  }
+  measureOn(folder, candidate, folder.destinationListing.find(candidate.name)->size);
 }
 
 // An upload of a file over an old version the roots' first look found: the
 // link is measured at once, while the destination's folder is listed for
 // temporaries (two round trips the measurement would otherwise wait for).
 // Should the plan send it otherwise after all, a read of 1 MiB was spent.
-void TreeTransfer::measureEarly(Root const& root) {
+void TreeTransfer::measureEarly(Root const& root, Folder& folder) {
   if (!upload_ || root.into || !root.destinationFound || settings_.skipUnchanged == UnchangedTest::Checksum) return;
   Listing source;
   Listing destination;
   source.entries.push_back(*root.sourceEntry);
-  source.entries.back().name = root.destinationFound->name;
+  source.entries.back().name = folder.rootName;
   destination.entries.push_back(*root.destinationFound);
-  if (linkSpeedNeededFor(source, &destination, settings_, {}) == nullptr) return;
-  startProbe(root.destination, root.destinationFound->size);
+  destination.entries.back().name = folder.rootName;
+  if (auto const* candidate = linkSpeedNeededFor(source, &destination, settings_, {})) {
+    measureOn(folder, *candidate, root.destinationFound->size);
+  }
 }
 
-void TreeTransfer::startProbe(std::string const& path, std::uint64_t size) {
+// The link is measured by reading the candidate's remote side, and its
+// delta begins meanwhile: most files the link is measured for go as one.
+void TreeTransfer::measureOn(Folder& folder, Entry const& candidate, std::uint64_t oldSize) {
   if (probe_.started()) return;
   deltas_->prepare();
-  probe_.start(path, size);
+  auto task = fileTask(folder, candidate.name, candidate);
+  probe_.start(upload_ ? task.destination : task.source, upload_ ? oldSize : candidate.size);
+  if (!dryRun_) deltas_->speculate(std::move(task), oldSize);
 }
 
 void TreeTransfer::planMeasured() {
@@ -504,6 +511,9 @@ void TreeTransfer::carryOut(Folder& folder) {
     }
     act(folder, folder.next++);
   }
+  // Its plan carried out: a delta begun for one of its files that the plan
+  // did not choose goes.
+  deltas_->settle(&folder);
   --folder.outstanding;
 }
 
@@ -721,21 +731,26 @@ void TreeTransfer::fixAttributes(Folder& folder, std::size_t index) {
   changed(Change::Fix, path);
 }
 
+FileTask TreeTransfer::fileTask(Folder& folder, std::string const& name, Entry const& source) const {
+  FileTask task;
+  task.item = folder.item;
+  task.source = sourcePathOf(folder, name);
+  task.destination = target(folder, name);
+  task.folder = folder.local;
+  task.name = name;
+  task.size = source.size;
+  task.listedMtime = source.mtime;
+  task.kept = kept(source, settings_);
+  task.owner = &folder;
+  return task;
+}
+
 void TreeTransfer::copyFile(Folder& folder, std::size_t index) {
   auto const& action = folder.plan.actions[index];
   auto const path = target(folder, action.name);
   auto const& source = *action.source;
   if (waitsForTheWay(folder, index, path)) return;
-  FileTask task;
-  task.item = folder.item;
-  task.source = sourcePathOf(folder, action.name);
-  task.destination = path;
-  task.folder = folder.local;
-  task.name = action.name;
-  task.size = source.size;
-  task.listedMtime = source.mtime;
-  task.kept = kept(source, settings_);
-  task.owner = &folder;
+  auto task = fileTask(folder, action.name, source);
   if (!action.temporary.empty()) {
     if (verifyResume(folder, action)) {
       task.resumeTemp = action.temporary;
@@ -920,6 +935,7 @@ void TreeTransfer::finish(Folder& folder) {
 }
 
 void TreeTransfer::release(Folder& folder) {
+  deltas_->settle(&folder);
   if (folder.state != Folder::State::Waiting && folder.state != Folder::State::Resolving) --started_;
   folder.state = Folder::State::Done;
   auto* const parent = folder.parent;

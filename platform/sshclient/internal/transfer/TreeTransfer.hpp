@@ -99,7 +99,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void examineSources();
   void examineDestinations();
   [[nodiscard]] bool listsTemporaries(Root const& root) const;
-  void startRoot(Root& root);
+  // The level above the root, waiting to be listed; null when it cannot be.
+  Folder* startRoot(Root& root);
   void await();
 
   // ---- channels: the further sessions that carry files
@@ -117,9 +118,10 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   void folderListed(Folder& folder);
   void filterListing(Folder& folder);
   void decide(Folder& folder);
+  void expectDeltas();
   void measureLink(Folder& folder, Entry const& candidate);
-  void measureEarly(Root const& root);
-  void startProbe(std::string const& path, std::uint64_t size);
+  void measureEarly(Root const& root, Folder& folder);
+  void measureOn(Folder& folder, Entry const& candidate, std::uint64_t oldSize);
   void planMeasured();
   void planAndAct(Folder& folder);
   static std::optional<std::string> readLocalFile(std::string const& path);
@@ -132,6 +134,8 @@ class TreeTransfer final : public ListingSink, public FileObserver, public sftp:
   bool waitsForTheWay(Folder& folder, std::size_t index, std::string const& path);
   void placeLink(Folder& folder, std::size_t index);
   void copyFile(Folder& folder, std::size_t index);
+  // A file of `folder` as the copiers take it.
+  [[nodiscard]] FileTask fileTask(Folder& folder, std::string const& name, Entry const& source) const;
   void fixAttributes(Folder& folder, std::size_t index);
   void addChild(Folder& parent, std::size_t index, bool fresh);
   void onFolderReply(Folder& folder, sftp::Ticket const& ticket, sftp::Reply const& reply);
