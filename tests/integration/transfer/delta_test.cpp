@@ -168,6 +168,17 @@ TEST_P(Deltas, AChangeInTheFirstAndTheLastBlockSendsThoseTwo) {
   expectDelta(old64_, bytes, 2 * kMiB);
 }
 
+// The server hashes its blocks in parts at once, so changed blocks are found
+// out of order; each is sent as it is found, exactly once.
+TEST_P(Deltas, ChangesFoundInAnyOrderSendExactlyTheirBlocks) {
+  auto bytes = old64_;
+  for (std::uint64_t const block : {1U, 17U, 40U, 62U}) {
+    auto& byte = bytes[static_cast<std::size_t>(block * kMiB + 1000)];
+    byte = static_cast<char>(~byte);
+  }
+  expectDelta(old64_, bytes, 4 * kMiB);
+}
+
 TEST_P(Deltas, AnEmptyOldVersionSendsEverything) { expectDelta("", randomBytes(3 * kMiB, 4), 3 * kMiB); }
 
 TEST_P(Deltas, TheSameContentsWithAnotherTimeSendNothing) {
@@ -423,6 +434,45 @@ TEST_P(SlowHashing, AStopRemovesTheTemporaryAndKeepsTheOldVersion) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BothWays, SlowHashing, kBothWays, directionName);
+
+// A server whose hashing stops part way (its b2sum slows down after 50
+// blocks and fails after 60): the block found changed early has gone, those
+// found unchanged stay, and the rest is sent whole.
+struct FailingB2sum {
+  static constexpr char const* kName = "b2sum";
+  static constexpr char const* kScript =
+      "#!/bin/sh\nc=\"$(dirname \"$0\")/calls\"\necho >>\"$c\"\nn=$(wc -l <\"$c\")\n"
+      "[ \"$n\" -le 60 ] || exit 1\n[ \"$n\" -le 50 ] || sleep 0.05\nexec /usr/bin/b2sum \"$@\"\n";
+};
+class FailingHashing : public WithFake<FailingB2sum> {};
+
+TEST_P(FailingHashing, TheBlocksNotYetComparedAreSentWhole) {
+  writeFile(fakeBin_ / "calls", "");
+  DeltaUpdate files(*client_, GetParam());
+  auto const old = randomBytes(64 * kMiB, 9);
+  // In the second part's second block: found changed long before the end.
+  auto const bytes = changed(old, 33 * kMiB + 10, 10);
+  auto const report = files.update(old, bytes);
+  EXPECT_EQ(report.files, 1U);
+  EXPECT_EQ(report.bytes + report.reused, 64 * kMiB);
+  EXPECT_EQ(report.reused % kMiB, 0U);
+  EXPECT_GE(report.reused, 16 * kMiB);
+  EXPECT_GE(report.bytes, 2 * kMiB);
+  ASSERT_EQ(report.details.size(), 1U);
+  // The cause as the server showed it: a part that said it failed, or one
+  // that stopped short.
+  EXPECT_THAT(
+      utf8(report.details.front()),
+      ::testing::AnyOf(::testing::StartsWith("'" + files.source().string() +
+                                             "' sent whole but for the blocks found unchanged so far: hashing the "
+                                             "blocks on the remote host failed"),
+                       ::testing::StartsWith("'" + files.source().string() +
+                                             "' sent whole but for the blocks found unchanged so far: the remote host "
+                                             "hashed ")));
+  files.expectArrived(bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, FailingHashing, kBothWays, directionName);
 
 // A host without b2sum (coreutils before 8.26): its blocks are hashed with
 // sha256sum, and so are this side's.

@@ -200,6 +200,30 @@ TEST(ParseRemoteBlockHashes, WhatWasMissingIsNamed) {
   EXPECT_TRUE(failed.blocks.hashes.empty());
 }
 
+// Lines as they come in, before the answer is whole.
+TEST(RemoteAnswerLines, ASizePaddedOrNot) {
+  EXPECT_EQ(tr::remoteSizeLine("10"), 10U);
+  EXPECT_EQ(tr::remoteSizeLine("   67108864"), 67108864U);
+  EXPECT_EQ(tr::remoteSizeLine("b2sum"), std::nullopt);
+  EXPECT_EQ(tr::remoteSizeLine(""), std::nullopt);
+  EXPECT_EQ(tr::remoteSizeLine("10 "), std::nullopt);
+}
+
+TEST(RemoteAnswerLines, ABlockLineOfTheToolsHash) {
+  // The hash is a view into the line.
+  std::string const line = "17 " + kHashA;
+  auto const block = tr::blockHashLine(line, foundation::sshclient::internal::HashKind::Sha256);
+  ASSERT_TRUE(block);
+  EXPECT_EQ(block->index, 17U);
+  EXPECT_EQ(block->hash, kHashA);
+  // Of another tool's length, a failure, the tail, anything else: not a block's.
+  EXPECT_FALSE(tr::blockHashLine("17 " + kHashA, foundation::sshclient::internal::HashKind::Blake2b512));
+  EXPECT_FALSE(tr::blockHashLine("17 failed", foundation::sshclient::internal::HashKind::Sha256));
+  EXPECT_FALSE(tr::blockHashLine("tail " + kHashA, foundation::sshclient::internal::HashKind::Sha256));
+  EXPECT_FALSE(tr::blockHashLine("17", foundation::sshclient::internal::HashKind::Sha256));
+  EXPECT_FALSE(tr::blockHashLine("end", foundation::sshclient::internal::HashKind::Sha256));
+}
+
 TEST(ParseRemoteBlockHashes, AnythingElseIsNoAnswer) {
   auto const refused = [](std::string const& output, bool withTail = false) {
     EXPECT_THROW((void)tr::parseRemoteBlockHashes(output, 8, withTail), std::runtime_error) << output;

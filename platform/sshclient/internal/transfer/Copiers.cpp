@@ -89,6 +89,17 @@ bool Copiers::idle() const noexcept {
   return true;
 }
 
+bool Copiers::awaitsDeltas() const noexcept {
+  if (!queue_.empty() && !cancelled_) return false;
+  bool any = false;
+  for (auto const* copier : copiers_) {
+    if (copier->idle()) continue;
+    if (!copier->awaitsDeltas()) return false;
+    any = true;
+  }
+  return any;
+}
+
 std::size_t Copiers::waiting() const noexcept {
   auto count = queue_.size();
   for (auto const* copier : copiers_) count += copier->waiting();

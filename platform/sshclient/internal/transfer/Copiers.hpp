@@ -90,6 +90,8 @@ class Copiers {
   // Hands queued files over, then polls every copier.
   void poll();
   [[nodiscard]] bool idle() const noexcept;
+  // Nothing to do but deltas whose next ranges are still being found.
+  [[nodiscard]] bool awaitsDeltas() const noexcept;
   [[nodiscard]] std::size_t waiting() const noexcept;
   [[nodiscard]] std::optional<std::string> current() const;
   [[nodiscard]] std::string context() const;

@@ -148,12 +148,11 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
   if (!kind) throw std::runtime_error("no hash tool named by the remote host: " + std::string(lines.front()));
   answer.hash = *kind;
   if (lines.size() < 3) throw std::runtime_error("no size in the block hashes of the remote host");
-  // wc pads its number with blanks on some systems.
-  auto size = lines[1];
-  while (!size.empty() && size.front() == ' ') size.remove_prefix(1);
-  if (!numberOf(size, answer.blocks.size)) {
+  auto const size = remoteSizeLine(lines[1]);
+  if (!size) {
     throw std::runtime_error("unexpected size in the block hashes of the remote host: " + std::string(lines[1]));
   }
+  answer.blocks.size = *size;
   auto const blocks = blockCount(answer.blocks.size, blockSize);
   if (lines.size() != 3 + blocks + (withTail ? 1U : 0U)) {
     throw std::runtime_error("the remote host hashed " + std::to_string(lines.size() - 3) + " blocks of " +
@@ -170,13 +169,12 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
       answer.status = RemoteBlockStatus::Failed;
       return answer;
     }
-    std::uint64_t index = 0;
     std::string* slot = nullptr;
     if (withTail && label == "tail") {
       if (!answer.tail) answer.tail.emplace();
       slot = &*answer.tail;
-    } else if (numberOf(label, index) && index < blocks) {
-      slot = &answer.blocks.hashes[index];
+    } else if (auto const block = blockHashLine(line, *kind); block && block->index < blocks) {
+      slot = &answer.blocks.hashes[block->index];
     }
     if (slot == nullptr || !slot->empty() || !isHexHash(hash, hexLengthOf(*kind))) {
       throw std::runtime_error("unexpected line in the block hashes of the remote host: " + std::string(line));
@@ -186,6 +184,23 @@ RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t 
   if (withTail && !answer.tail) throw std::runtime_error("no hash of the tail from the remote host");
   answer.status = RemoteBlockStatus::Hashed;
   return answer;
+}
+
+std::optional<std::uint64_t> remoteSizeLine(std::string_view line) {
+  // wc pads its number with blanks on some systems.
+  while (!line.empty() && line.front() == ' ') line.remove_prefix(1);
+  std::uint64_t size = 0;
+  if (!numberOf(line, size)) return std::nullopt;
+  return size;
+}
+
+std::optional<BlockHashLine> blockHashLine(std::string_view line, HashKind kind) {
+  auto const space = line.find(' ');
+  if (space == std::string_view::npos) return std::nullopt;
+  BlockHashLine block;
+  block.hash = line.substr(space + 1);
+  if (!numberOf(line.substr(0, space), block.index) || !isHexHash(block.hash, hexLengthOf(kind))) return std::nullopt;
+  return block;
 }
 
 std::string_view describeStatus(RemoteBlockStatus status) {

@@ -104,6 +104,16 @@ struct RemoteBlockAnswer {
 
 [[nodiscard]] RemoteBlockAnswer parseRemoteBlockHashes(std::string_view output, std::uint64_t blockSize, bool withTail);
 
+// The answer's lines one at a time, as they come: its second line's size,
+// and a block's line "INDEX HASH" (of a hash made with `kind`); nullopt for
+// any other line, which parseRemoteBlockHashes judges with the whole answer.
+[[nodiscard]] std::optional<std::uint64_t> remoteSizeLine(std::string_view line);
+struct BlockHashLine {
+  std::uint64_t index = 0;
+  std::string_view hash;
+};
+[[nodiscard]] std::optional<BlockHashLine> blockHashLine(std::string_view line, HashKind kind);
+
 // Why a file went whole after all, for a verbose reader.
 [[nodiscard]] std::string_view describeStatus(RemoteBlockStatus status);
 

@@ -41,7 +41,8 @@ struct DeltaCopier::Job {
   // Begun before the plan chose (speculate()): it waits for add() to take it
   // over, and ends unreported should anything stop it before then.
   bool speculative = false;
-  std::uint64_t listedOld = 0;  // the old version's size as listed
+  std::uint64_t listedOld = 0;   // the old version's size as listed
+  std::uint64_t listedSize = 0;  // the source's, as the totals counted it
   std::uint64_t sourceSize = 0;
   std::uint64_t oldSize = 0;
   std::uint64_t block = 0;
@@ -66,7 +67,30 @@ struct DeltaCopier::Job {
   std::unique_ptr<sftp::RemoteCommand> command;
   std::optional<std::string> output;  // the command's, once it ended
   std::optional<HashKind> hash;       // as the remote host announced it: hashing here waits for it
+  // Judged as the hashes come in: the remote host's by block (of the blocks
+  // whole on both sides), read up to `read` of its output (`lines` lines);
+  // the blocks `judged`, `kept` bytes of them reused. Once a block differs
+  // the file goes to the FileCopier with `feed`, which takes the changed
+  // blocks as they are found.
+  std::vector<std::string> remote;
+  std::size_t read = 0;
+  std::size_t lines = 0;
+  bool judging = true;  // false once the remote host's size is not the one expected
+  std::vector<bool> judged;
+  std::uint64_t hashedBlocks = 0;  // this side's hashes judge() has looked at
+  std::uint64_t kept = 0;
+  std::shared_ptr<DeltaFeed> feed;
 };
+
+namespace {
+
+// `range` after the feed's last one; never joined to it: the copier may be
+// past that one already.
+void append(DeltaFeed& feed, ByteRange range) {
+  if (range.begin < range.end) feed.ranges.push_back(range);
+}
+
+}  // namespace
 
 DeltaCopier::DeltaCopier(sftp::SftpSession& session, sftp::RemoteShell const& shell, CopySettings const& settings,
                          FileCopier& copier, FileObserver& observer, TransferCounters& counters)
@@ -218,6 +242,7 @@ void DeltaCopier::poll() {
     while (budget > 0 && hashesHere(*job)) {
       if (!hashSlice(*job, budget)) break;
     }
+    if (job->phase == Job::Phase::Hashing) judge(*job);
     if (ready(*job) && !job->speculative) conclude(*job);
   }
 }
@@ -241,6 +266,7 @@ void DeltaCopier::onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) 
 // ---- starting ----------------------------------------------------------------------
 
 void DeltaCopier::start(Job& job) {
+  job.listedSize = job.task.size.value_or(0);
   if (settings_.upload) {
     startUpload(job);
   } else {
@@ -438,7 +464,88 @@ bool DeltaCopier::hashSlice(Job& job, std::uint64_t& budget) {
   return true;
 }
 
-// Both sides hashed: the ranges to send, and the file to the FileCopier.
+// The remote hashes come in as each part prints them, this side's in
+// order: a block both sides have hashed is judged at once, and one that
+// differs goes to the FileCopier while the rest are hashed. Blocks that are
+// not whole on both sides (a last one, an old version's tail) wait for
+// conclude(), which judges the same way.
+void DeltaCopier::judge(Job& job) {
+  if (job.speculative || !job.judging || !job.hash) return;
+  std::string_view const output = job.command ? job.command->output() : *job.output;
+  auto const common = std::min(job.sourceSize, job.oldSize) / job.block;
+  job.remote.resize(common);
+  job.judged.resize(common);
+  for (auto end = output.find('\n', job.read); end != std::string_view::npos; end = output.find('\n', job.read)) {
+    auto const line = output.substr(job.read, end - job.read);
+    job.read = end + 1;
+    // After the tool's name, the size of the remote side's file.
+    if (job.lines++ == 1 && remoteSizeLine(line) != (settings_.upload ? job.oldSize : job.sourceSize)) {
+      job.judging = false;
+      return;
+    }
+    auto const block = blockHashLine(line, *job.hash);
+    if (!block || block->index >= common || !job.remote[block->index].empty()) continue;
+    job.remote[block->index] = std::string(block->hash);
+    judgeBlock(job, block->index);
+  }
+  // This side's hashes that came since: their remote ones may be in.
+  for (auto i = job.hashedBlocks; i < std::min<std::uint64_t>(common, job.hashes.size()); ++i) judgeBlock(job, i);
+  job.hashedBlocks = job.hashes.size();
+}
+
+void DeltaCopier::judgeBlock(Job& job, std::uint64_t index) {
+  if (index >= job.hashes.size() || job.remote[index].empty() || job.judged[index]) return;
+  job.judged[index] = true;
+  if (job.hashes[index] == job.remote[index]) {
+    job.kept += job.block;
+    return;
+  }
+  if (!job.feed) handOver(job);
+  append(*job.feed, {index * job.block, (index + 1) * job.block});
+}
+
+// The file goes to the FileCopier as a delta, its ranges to follow.
+void DeltaCopier::handOver(Job& job) {
+  auto& task = job.task;
+  task.delta = true;
+  task.feed = job.feed = std::make_shared<DeltaFeed>();
+  task.resumeTemp = std::exchange(job.temp, std::string());
+  task.size = job.sourceSize;
+  task.hashedMtime = job.stamp;
+  task.handle = std::exchange(settings_.upload ? job.tempHandle : job.sourceHandle, std::string());
+  // The job keeps its copy to name the file until it ends.
+  copier_.add(task);
+}
+
+// The last ranges, those of `send` in blocks judge() left; the file's total
+// now known.
+void DeltaCopier::complete(Job& job, std::vector<ByteRange> const& send, std::uint64_t reused) {
+  if (!job.feed) handOver(job);
+  std::optional<ByteRange> pending;  // joined while apart from what judge() sent
+  for (auto const& range : send) {
+    for (auto begin = range.begin; begin < range.end;) {
+      auto const index = begin / job.block;
+      auto const end = std::min(range.end, (index + 1) * job.block);
+      if (index < job.judged.size() && job.judged[index]) {
+        if (pending) append(*job.feed, *std::exchange(pending, std::nullopt));
+      } else if (pending && pending->end == begin) {
+        pending->end = end;
+      } else {
+        if (pending) append(*job.feed, *pending);
+        pending = ByteRange{begin, end};
+      }
+      begin = end;
+    }
+  }
+  if (pending) append(*job.feed, *pending);
+  job.feed->reused = reused;
+  job.feed->complete = true;
+  counters_.bytesTotal =
+      counters_.bytesTotal - std::min(counters_.bytesTotal, job.listedSize) + (job.sourceSize - reused);
+  finishJob(job);
+}
+
+// Both sides hashed: the rest of the ranges to send.
 void DeltaCopier::conclude(Job& job) {
   auto& task = job.task;
   RemoteBlockAnswer answer;
@@ -464,17 +571,7 @@ void DeltaCopier::conclude(Job& job) {
     if (answer.blocks.size != job.sourceSize) return fail(job, quoted(task.source) + " changed while being read");
     ranges = changedRanges(job.block, answer.blocks, {job.oldSize, std::move(job.hashes)}, answer.tail);
   }
-  counters_.bytesTotal =
-      counters_.bytesTotal - std::min(counters_.bytesTotal, task.size.value_or(0)) + (job.sourceSize - ranges.reused);
-  task.delta = true;
-  task.resumeTemp = std::exchange(job.temp, std::string());
-  task.ranges = std::move(ranges.send);
-  task.reused = ranges.reused;
-  task.size = job.sourceSize;
-  task.hashedMtime = job.stamp;
-  task.handle = std::exchange(settings_.upload ? job.tempHandle : job.sourceHandle, std::string());
-  finishJob(job);
-  copier_.add(std::move(task));
+  complete(job, ranges.send, ranges.reused);
 }
 
 // ---- endings -----------------------------------------------------------------------
@@ -486,8 +583,13 @@ void DeltaCopier::finishJob(Job& job) {
   job.tempFile.reset();
 }
 
-// The remote side cannot hash: the temporary goes, the file goes whole.
+// The remote side cannot hash: the temporary goes, the file goes whole
+// (with the copier already: all but the blocks judged kept).
 void DeltaCopier::whole(Job& job, std::string const& why) {
+  if (job.feed) {
+    details_.push_back(quoted(job.task.source) + " sent whole but for the blocks found unchanged so far: " + why);
+    return complete(job, {{0, job.sourceSize}}, job.kept);
+  }
   if (!job.speculative) details_.push_back(quoted(job.task.source) + " sent whole: " + why);
   dropTemp(job);
   asCopy(job);
@@ -501,6 +603,11 @@ void DeltaCopier::asCopy(Job& job) {
 }
 
 void DeltaCopier::fail(Job& job, std::string const& cause) {
+  // With the copier already: it fails the file, and its temporary goes.
+  if (job.feed) {
+    job.feed->failure = cause;
+    return finishJob(job);
+  }
   dropTemp(job);
   finishJob(job);
   if (!stopping_ && !job.speculative) {

@@ -7,12 +7,21 @@
 // Both sides hash at once: the remote side's blocks by a command on a
 // channel of its own (Delta.hpp's command line), polled from the transfer's
 // loop, and this side's a slice per poll(), between the SFTP work of other
-// files, with the hash the remote side announced first. Uploads: the server creates the temporary, and the hashing
-// command copies the old destination into it (dd, which never makes it again once removed) and hashes the copy's
-// blocks. Downloads: the old destination is copied into the temporary and hashed here in one pass, while the server
-// hashes the source's blocks. Once both are in, the file goes to the FileCopier with the ranges to send: it writes them
-// into the temporary, cuts it to the source's size, sets mode and times and renames it into place, with an ordinary
-// copy's checks (a source that changed since it was hashed fails as "changed while being read").
+// files, with the hash the remote side announced first. Uploads: the server
+// creates the temporary, and the hashing command copies the old destination
+// into it (dd, which never makes it again once removed) and hashes the
+// copy's blocks. Downloads: the old destination is copied into the
+// temporary and hashed here in one pass, while the server hashes the
+// source's blocks.
+//
+// A block is judged as soon as both sides have hashed it (the server's
+// parts print theirs out of order). The first that differs sends the file
+// to the FileCopier with a DeltaFeed, which takes each changed block as it
+// is found while the rest are hashed; the last blocks (not whole on both
+// sides) follow once both answers are in. The FileCopier writes them into
+// the temporary, cuts it to the source's size, sets mode and times and
+// renames it into place, with an ordinary copy's checks (a source that
+// changed since it was hashed fails as "changed while being read").
 //
 // Where the remote side cannot hash (the server allows SFTP only, no GNU
 // split with --filter, the old version cannot be copied or read), the
@@ -102,6 +111,10 @@ class DeltaCopier final : public sftp::ReplyHandler {
   void learnHash(Job& job);
   static bool hashesHere(Job const& job) noexcept;
   bool hashSlice(Job& job, std::uint64_t& budget);
+  void judge(Job& job);
+  void judgeBlock(Job& job, std::uint64_t index);
+  void handOver(Job& job);
+  void complete(Job& job, std::vector<ByteRange> const& send, std::uint64_t reused);
   void conclude(Job& job);
   void whole(Job& job, std::string const& why);
   void asCopy(Job& job);

@@ -56,6 +56,12 @@ std::uint32_t FileCopier::chunk() const noexcept {
 
 bool FileCopier::idle() const noexcept { return (queue_.empty() || stopping_) && jobs_.empty(); }
 
+bool FileCopier::awaitsDeltas() const noexcept {
+  return (queue_.empty() || stopping_) && !jobs_.empty() &&
+         std::all_of(jobs_.begin(), jobs_.end(),
+                     [](auto const& job) { return job->awaitsRanges() && job->pending == 0; });
+}
+
 std::size_t FileCopier::waiting() const noexcept { return queue_.size(); }
 
 std::optional<std::string> FileCopier::current() const {
@@ -130,6 +136,14 @@ void FileCopier::sendData() {
   for (auto& job : jobs_) {
     if (session_.dataInFlight() >= window_ || session_.queuedBytes() >= kOutboundLimit) return;
     if (job->phase != Job::Phase::Transferring || job->failed) continue;
+    if (job->task.delta) {
+      if (auto const& failure = job->task.feed->failure) {
+        fail(*job, *failure);
+        continue;
+      }
+      // Ranges found since, or the end of them.
+      job->skipReused();
+    }
     if (settings_.upload) {
       issueWrites(*job);
     } else {
@@ -281,7 +295,7 @@ void FileCopier::complete(Job& job) {
   ++counters_.filesDone;
   ++filesDone_;
   if (job.resumed) ++counters_.resumed;
-  if (job.task.delta) counters_.reused += job.task.reused;
+  if (job.task.delta) counters_.reused += job.task.feed->reused;
   observer_.fileDone(job.task);
 }
 

@@ -77,6 +77,16 @@ struct CopySettings {
 // The settings of the engine's options that copying uses, in one direction over that many channels.
 CopySettings copySettings(sftp::EngineOptions const& options, bool upload, std::size_t channels);
 
+// A delta's ranges to send, as they are found: the copier sends each as it
+// comes and finishes once `complete`; a `failure` fails the file. Shared by
+// the DeltaCopier that finds them and the FileCopier that sends them.
+struct DeltaFeed {
+  std::vector<ByteRange> ranges;  // growing, in the order found (apart, not by offset)
+  bool complete = false;
+  std::optional<std::string> failure;
+  std::uint64_t reused = 0;  // once complete: the old version's bytes kept
+};
+
 struct FileTask {
   std::size_t item = 0;     // of the command, to order failures
   std::string source;       // full path, local or remote
@@ -91,12 +101,11 @@ struct FileTask {
   std::string resumeTemp;  // an earlier run's verified temporary (its name)
   std::uint64_t resumeFrom = 0;
   // A delta: `resumeTemp` is a temporary of this transfer (not resumable)
-  // that holds the old version's bytes; only `ranges` of the source are sent
+  // that holds the old version's bytes; only the ranges of `feed` are sent
   // into it, and it is cut to `size`. An upload's source must still have
   // `size` and `hashedMtime`, as when its blocks were hashed.
   bool delta = false;
-  std::vector<ByteRange> ranges;
-  std::uint64_t reused = 0;
+  std::shared_ptr<DeltaFeed> feed;
   struct timespec hashedMtime {};
   // A delta's remote file left open for the copy, a round trip saved: the
   // temporary for writing (uploads), the source for reading (downloads).
@@ -143,6 +152,8 @@ class FileCopier final : public sftp::ReplyHandler {
   // allows.
   void poll();
   [[nodiscard]] bool idle() const noexcept;
+  // Nothing to do but deltas whose next ranges are still being found.
+  [[nodiscard]] bool awaitsDeltas() const noexcept;
   [[nodiscard]] std::size_t waiting() const noexcept;  // queued, not started
   // Files under way (those done may still wait for a stray answer).
   [[nodiscard]] std::size_t active() const noexcept { return jobs_.size() - done_; }

@@ -105,7 +105,7 @@ void FileCopier::downloadAnswered(Job& job) {
 }
 
 void FileCopier::issueReads(Job& job) {
-  while (job.next < job.size && job.end == UINT64_MAX && session_.dataInFlight() < window_ &&
+  while (job.next < job.stretchEnd() && job.end == UINT64_MAX && session_.dataInFlight() < window_ &&
          session_.queuedBytes() < kOutboundLimit && mayRequest()) {
     auto const length =
         static_cast<std::uint32_t>(std::min<std::uint64_t>(requestChunk(), job.stretchEnd() - job.next));
@@ -116,7 +116,7 @@ void FileCopier::issueReads(Job& job) {
     job.skipReused();
     ++job.dataInFlight;
   }
-  if (job.task.size && !job.probed && job.next >= job.size && job.end == UINT64_MAX) {
+  if (job.task.size && !job.probed && job.sentAll() && job.end == UINT64_MAX) {
     // A file that grew since it was listed answers with data here.
     ++job.pending;
     session_.read({this, kProbe, &job}, job.handle, job.size, 1);
@@ -182,7 +182,7 @@ void FileCopier::onRead(Job& job, Ticket const& ticket, Reply const& reply) {
     throw sftp::ProtocolError("unexpected reply to READ");
   }
   bool const probing = job.task.size && job.end == UINT64_MAX;
-  if (job.dataInFlight == 0 && (job.next >= job.size || job.end != UINT64_MAX) && (!probing || job.probed)) {
+  if (job.dataInFlight == 0 && (job.sentAll() || job.end != UINT64_MAX) && (!probing || job.probed)) {
     finishDownload(job);
   }
 }

@@ -162,6 +162,7 @@ struct FileCopier::Job {
   std::string diagnosed;           // the server's status text of a failure being looked into
   std::string failure;             // the failure being reported
   std::size_t range = 0;           // a delta: the range being sent
+  bool inRange = false;            // `next` lies in it
   // A file shared out among channels: this job's ranges come from `stripe`,
   // the current one ending at `grantEnd`. A helper only writes its ranges
   // into the owner's temporary and closes it.
@@ -169,17 +170,42 @@ struct FileCopier::Job {
   std::uint64_t grantEnd = 0;
   bool helper = false;
 
-  // Where what is sent from `next` on stops: the end of a delta's range or
-  // of a shared file's grant, else the file's end.
+  // Where what is sent from `next` on stops: the end of a delta's range
+  // (`next` itself while its next range is still being found) or of a shared
+  // file's grant, else the file's end.
   [[nodiscard]] std::uint64_t stretchEnd() const noexcept {
     if (stripe) return grantEnd;
-    return task.delta && range < task.ranges.size() ? task.ranges[range].end : size;
+    if (!task.delta) return size;
+    auto const& ranges = task.feed->ranges;
+    if (range < ranges.size()) return inRange ? ranges[range].end : next;
+    return task.feed->complete ? size : next;
   }
-  // Past a delta's range the next one begins; past the last, the file's end.
+  // Past a delta's range the next one found begins (the feed's ranges come
+  // in the order they are found, not by offset); past the last of a
+  // complete feed, the file's end.
   void skipReused() noexcept {
     if (!task.delta) return;
-    while (range < task.ranges.size() && next >= task.ranges[range].end) ++range;
-    next = range < task.ranges.size() ? std::max(next, task.ranges[range].begin) : size;
+    auto const& ranges = task.feed->ranges;
+    for (;;) {
+      if (range >= ranges.size()) {
+        if (task.feed->complete) next = size;
+        return;
+      }
+      if (!inRange) {
+        next = ranges[range].begin;
+        inRange = true;
+      }
+      if (next < ranges[range].end) return;
+      ++range;
+      inRange = false;
+    }
+  }
+  // Every byte to send is on its way (a delta's ranges all found).
+  [[nodiscard]] bool sentAll() const noexcept { return next >= size && (!task.delta || task.feed->complete); }
+  // A delta waiting for its next range, with nothing under way.
+  [[nodiscard]] bool awaitsRanges() const noexcept {
+    return task.delta && !task.feed->complete && phase == Phase::Transferring && !failed && dataInFlight == 0 &&
+           stretchEnd() == next;
   }
 };
 

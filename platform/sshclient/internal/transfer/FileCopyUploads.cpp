@@ -110,7 +110,7 @@ void FileCopier::uploadOpened(Job& job) {
     job.grantEnd = job.next;
     board_->post(job.stripe);
   }
-  if (job.next >= job.size) finishUpload(job);
+  if (job.sentAll()) finishUpload(job);
 }
 
 void FileCopier::onUploadRefused(Job& job, Reply const& reply, std::string const& temp) {
@@ -158,7 +158,7 @@ bool FileCopier::readAhead(Job& job) {
 // range when the last one is sent, and sends nothing more once the file
 // failed or was given up.
 bool FileCopier::moreToSend(Job& job) {
-  if (!job.stripe) return job.next < job.size;
+  if (!job.stripe) return job.next < job.stretchEnd();
   if (job.stripe->ended()) return false;
   if (job.next < job.grantEnd) return true;
   auto const grant = job.stripe->take(kGrantSize);
@@ -187,7 +187,7 @@ void FileCopier::issueWrites(Job& job) {
   // The attributes and the CLOSE follow the last WRITE at once: the server
   // answers in order, so a failed WRITE fails the file before the CLOSE's
   // answer could lead to the rename.
-  if (job.next >= job.size) finishUpload(job);
+  if (job.sentAll()) finishUpload(job);
 }
 
 // A shared file ends when every range arrived, over whichever channel: its

@@ -230,7 +230,8 @@ void TreeTransfer::walk() {
     // A stop leaves its folders unfinished: it ends once nothing is under way.
     bool const finished = waiting_.empty() && folders_.empty() && removals_.empty();
     if (quiet && (finished || cancelled_) && copiers_.idle() && deltas_->idle()) return;
-    if (deltas_->busy() || (quiet && (!waiting_.empty() || !feeding_.empty() || !copiers_.idle()))) {
+    bool const copying = !copiers_.idle() && !copiers_.awaitsDeltas();
+    if (deltas_->busy() || (quiet && (!waiting_.empty() || !feeding_.empty() || copying))) {
       // Work that needs no answer: go round without sleeping, taking in
       // what came meanwhile (hashing a large file takes a while).
       if (!quiet) pumpAll();
@@ -783,7 +784,7 @@ void TreeTransfer::fileDone(FileTask const& task) {
   auto& folder = *static_cast<Folder*>(task.owner);
   folder.changed = true;
   auto const action = task.delta ? Change::Delta : task.resumeFrom > 0 ? Change::Resume : Change::Copy;
-  changed(action, task.destination, task.size.value_or(0) - task.resumeFrom - task.reused);
+  changed(action, task.destination, task.size.value_or(0) - task.resumeFrom - (task.delta ? task.feed->reused : 0));
   --folder.outstanding;
   tryFinish(folder);
 }
