@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -457,14 +458,17 @@ void TreeTransfer::measureEarly(Root const& root, Folder& folder) {
   }
 }
 
-// The link is measured by reading the candidate's remote side, and its
-// delta begins meanwhile: most files the link is measured for go as one.
+// The link is measured by reading the candidate's remote side, and over a
+// round trip long enough to be worth it its delta begins meanwhile (on a
+// short one the measurement takes little time, and the file mostly goes
+// whole: the hashing begun would only compete with its copy).
 void TreeTransfer::measureOn(Folder& folder, Entry const& candidate, std::uint64_t oldSize) {
+  constexpr auto kSpeculativeRoundTrip = std::chrono::milliseconds(2);
   if (probe_.started()) return;
   deltas_->prepare();
   auto task = fileTask(folder, candidate.name, candidate);
   probe_.start(upload_ ? task.destination : task.source, upload_ ? oldSize : candidate.size);
-  if (!dryRun_) deltas_->speculate(std::move(task), oldSize);
+  if (!dryRun_ && session_.roundTrip() >= kSpeculativeRoundTrip) deltas_->speculate(std::move(task), oldSize);
 }
 
 void TreeTransfer::planMeasured() {
