@@ -97,6 +97,30 @@ TEST_F(SessionTest, RepliesReachTheirHandlersWithTheirTickets) {
   EXPECT_EQ(recorder.seen_.size(), 6U);
 }
 
+// A request nobody waits for counts as pending until its reply, never as
+// awaited; the replies of the others still reach their handlers.
+TEST_F(SessionTest, AnUnawaitedRequestIsPendingButNotAwaited) {
+  writeFile(scratch_ / "f", "hello");
+  SftpServerProcess server;
+  SftpSession session(server, "test@peer");
+  session.start();
+  session.drain();
+  Recorder recorder;
+  session.open(recorder.ticket(1), (scratch_ / "f").string(), openflags::kRead, Attributes{});
+  session.drain();
+  ASSERT_EQ(recorder.seen_.size(), 1U);
+  session.close(SftpSession::unawaited(), recorder.seen_[0].text);
+  session.lstat(recorder.ticket(2), (scratch_ / "f").string());
+  EXPECT_EQ(session.pending(), 2U);
+  EXPECT_EQ(session.awaited(), 1U);
+  session.drain();
+  EXPECT_EQ(session.pending(), 0U);
+  EXPECT_EQ(session.awaited(), 0U);
+  ASSERT_EQ(recorder.seen_.size(), 2U);
+  EXPECT_EQ(recorder.seen_[1].kind, 2U);
+  EXPECT_EQ(recorder.seen_[1].attributes.size, 5U);
+}
+
 TEST_F(SessionTest, MeasuresTheRoundTripAndTheDataAnswered) {
   writeFile(scratch_ / "f", "hello");
   SftpServerProcess server;

@@ -84,6 +84,7 @@ PacketWriter SftpSession::writer() {
 std::uint32_t SftpSession::track(Ticket const& ticket, std::uint32_t data) {
   auto const id = nextId_++;
   pending_.emplace(id, Waiting{ticket, data, Clock::now()});
+  if (isUnawaited(ticket)) ++unawaited_;
   dataInFlight_ += data;
   return id;
 }
@@ -205,6 +206,7 @@ void SftpSession::onPacket(ByteView packet) {
   if (found == pending_.end()) throw ProtocolError("reply to unknown request " + std::to_string(reply.id));
   auto const waiting = found->second;
   pending_.erase(found);
+  if (isUnawaited(waiting.ticket)) --unawaited_;
   dataInFlight_ -= waiting.data;
   dataAnswered_ += waiting.data;
   noteRoundTrip(roundTrip_, waiting.sent);

@@ -118,6 +118,9 @@ class SftpSession {
   // A request whose answer nobody needs (closing a handle after a failure,
   // removing a temporary): its reply is read and dropped.
   [[nodiscard]] static Ticket ignored() noexcept { return {}; }
+  // One whose answer nobody waits for either (a read handle closed once its
+  // file is whole here): pending() counts it, awaited() does not.
+  [[nodiscard]] static Ticket unawaited() noexcept { return {nullptr, kUnawaited}; }
   // Whether posix-rename is used (the server offers it and it is allowed).
   [[nodiscard]] bool replacingRename() const noexcept { return posixRename_; }
   void usePosixRename(bool allowed) noexcept;
@@ -134,6 +137,7 @@ class SftpSession {
 
   // Requests not answered yet; an awaited VERSION counts as one.
   [[nodiscard]] std::size_t pending() const noexcept { return pending_.size() + (versionAwaited_ ? 1U : 0U); }
+  [[nodiscard]] std::size_t awaited() const noexcept { return pending() - unawaited_; }
   [[nodiscard]] std::size_t queuedBytes() const noexcept { return out_.size() - sent_; }
   [[nodiscard]] std::uint64_t dataInFlight() const noexcept { return dataInFlight_; }
 
@@ -177,7 +181,13 @@ class SftpSession {
   std::size_t sent_ = 0;
   PacketReader in_;
   std::uint32_t nextId_ = 0;
+  static constexpr std::uint32_t kUnawaited = UINT32_MAX;  // the kind of unawaited()
+  static bool isUnawaited(Ticket const& ticket) noexcept {
+    return ticket.handler == nullptr && ticket.kind == kUnawaited;
+  }
+
   std::unordered_map<std::uint32_t, Waiting> pending_;
+  std::size_t unawaited_ = 0;  // of pending_
   std::uint64_t dataInFlight_ = 0;
   std::uint64_t dataAnswered_ = 0;
   Clock::duration roundTrip_{};

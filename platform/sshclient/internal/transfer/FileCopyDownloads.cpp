@@ -226,7 +226,9 @@ void FileCopier::finishDownload(Job& job) {
   // A listed size not reached: the file shrank while it was read.
   if (task.size && job.end < *task.size) return fail(job, quoted(task.source) + " changed while being read");
   job.phase = Job::Phase::Finishing;
-  closeRemote(job);
+  // Every byte is here: a transfer that ends now need not wait for the
+  // answer (the channel's end closes the handle all the same).
+  session_.close(sftp::SftpSession::unawaited(), std::exchange(job.handle, std::string()));
   if (!flush(job)) return;
   job.block.release();
   auto const tempPath = task.folder->pathOf(job.temp);

@@ -212,7 +212,7 @@ bool TreeTransfer::pumpAll() {
 
 bool TreeTransfer::quietStreams() const noexcept {
   auto const quiet = [](sftp::SftpSession const& session) {
-    return session.pending() == 0 && session.queuedBytes() == 0;
+    return session.awaited() == 0 && session.queuedBytes() == 0;
   };
   return quiet(session_) &&
          std::all_of(lanes_.begin(), lanes_.end(), [&](auto const& lane) { return quiet(*lane->session); });
