@@ -345,7 +345,7 @@ void DeltaCopier::onCreated(Job& job, Reply const& reply) {
   job.temp = std::exchange(job.creating, std::string());
   // Stopped or given up meanwhile: what was created goes.
   if (job.phase == Job::Phase::Done) return dropTemp(job);
-  startHashing(job, job.task.destination);
+  startHashing(job);
 }
 
 // The old destination is copied into the temporary here as it is hashed,
@@ -382,15 +382,21 @@ void DeltaCopier::startDownload(Job& job) {
   // Open for the changed blocks by the time they are known.
   ++job.pending;
   session_.open({this, kOpenSource, &job}, task.source, openflags::kRead, Attributes{});
-  startHashing(job, std::nullopt);
+  startHashing(job);
 }
 
-void DeltaCopier::startHashing(Job& job, std::optional<std::string> copyFrom) {
+// Uploads: the temporary, filled from the old destination first; downloads:
+// the source, with the tail over the old version.
+void DeltaCopier::startHashing(Job& job) {
   RemoteBlockRequest request;
-  request.path = settings_.upload ? job.folder + job.temp : job.task.source;
   request.blockSize = job.block;
-  request.copyFrom = std::move(copyFrom);
-  if (!settings_.upload) request.tail = job.tail;
+  if (settings_.upload) {
+    request.path = job.folder + job.temp;
+    request.copyFrom = job.task.destination;
+  } else {
+    request.path = job.task.source;
+    request.tail = job.tail;
+  }
   try {
     job.command->run(remoteBlockHashCommand(request));
   } catch (SSHError const& e) {

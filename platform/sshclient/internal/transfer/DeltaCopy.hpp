@@ -106,7 +106,7 @@ class DeltaCopier final : public sftp::ReplyHandler {
   void onCreated(Job& job, sftp::Reply const& reply);
   bool openCommand(Job& job);
   void refused(Job& job, SSHError const& error);
-  void startHashing(Job& job, std::optional<std::string> copyFrom);
+  void startHashing(Job& job);
   void moveCommand(Job& job);
   void learnHash(Job& job);
   static bool hashesHere(Job const& job) noexcept;

@@ -335,13 +335,15 @@ void TreeTransfer::listed(void* cookie, Listing listing) {
     folder.sourceListing = std::move(listing);
     folder.sourceListed = true;
   } else {
-    // A delta's temporary begun while the folder was listed is no earlier run's.
-    std::erase_if(listing.entries, [&](Entry const& entry) {
-      return temporaryOwner(entry.name) && deltas_->makes(joined(folder.destination, entry.name));
-    });
     folder.destinationListing = std::move(listing);
     folder.destinationKnown = true;
-    if (folder.aboveRoot) keepRootEntries(folder.destinationListing, folder.rootName);
+    if (folder.aboveRoot) {
+      keepRootEntries(folder.destinationListing, folder.rootName);
+      // Only a root's delta begins before its folder is listed (measureEarly):
+      // its temporary is no earlier run's.
+      std::erase_if(folder.destinationListing.entries,
+                    [&](Entry const& entry) { return deltas_->makes(joined(folder.destination, entry.name)); });
+    }
   }
   if (--folder.listings > 0) return;
   --listing_;
