@@ -66,7 +66,8 @@ struct DeltaCopier::Job {
   std::optional<std::string> tailHash;  // uploads: of the source's bytes over `tail`
   std::unique_ptr<sftp::RemoteCommand> command;
   std::optional<std::string> output;  // the command's, once it ended
-  std::optional<HashKind> hash;       // as the remote host announced it: hashing here waits for it
+  std::optional<HashKind> hash;       // as the remote host announced it
+  HashKind hashing{};                 // this side's hashes': a guess until the remote host names its own
   // Judged as the hashes come in: the remote host's by block (of the blocks
   // whole on both sides), read up to `read` of its output (`lines` lines);
   // the blocks `judged`, `kept` bytes of them reused. Once a block differs
@@ -169,8 +170,10 @@ bool DeltaCopier::ready(Job const& job) const {
   return job.phase == Job::Phase::Hashing && job.output && (job.hashed >= job.localSize || !job.hash);
 }
 
+// From the start: the remote side's first hash is a round trip and a copy
+// away, and this side's are ready by then.
 bool DeltaCopier::hashesHere(Job const& job) noexcept {
-  return job.phase == Job::Phase::Hashing && job.hash && job.hashed < job.localSize;
+  return job.phase != Job::Phase::Done && job.local.valid() && job.hashed < job.localSize;
 }
 
 bool DeltaCopier::busy() const noexcept {
@@ -236,13 +239,13 @@ void DeltaCopier::poll() {
         refused(*job, e);
       }
     }
-    if (job->phase != Job::Phase::Hashing) continue;
-    moveCommand(*job);
+    if (job->phase == Job::Phase::Hashing) moveCommand(*job);
     if (job->phase == Job::Phase::Hashing) learnHash(*job);
     while (budget > 0 && hashesHere(*job)) {
       if (!hashSlice(*job, budget)) break;
     }
-    if (job->phase == Job::Phase::Hashing) judge(*job);
+    if (job->phase != Job::Phase::Hashing) continue;
+    judge(*job);
     if (ready(*job) && !job->speculative) conclude(*job);
   }
 }
@@ -267,6 +270,7 @@ void DeltaCopier::onReply(sftp::Ticket const& ticket, sftp::Reply const& reply) 
 
 void DeltaCopier::start(Job& job) {
   job.listedSize = job.task.size.value_or(0);
+  job.hashing = guess_;
   if (settings_.upload) {
     startUpload(job);
   } else {
@@ -420,9 +424,18 @@ void DeltaCopier::moveCommand(Job& job) {
   job.command.reset();
 }
 
+// A guess that was wrong: this side's hashes are made again.
 void DeltaCopier::learnHash(Job& job) {
   if (job.hash) return;
   job.hash = announcedHash(job.command ? job.command->output() : *job.output);
+  if (!job.hash) return;
+  guess_ = *job.hash;
+  if (job.hashing == *job.hash) return;
+  job.hashing = *job.hash;
+  job.hashes.clear();
+  job.tailHash.reset();
+  job.hashed = 0;
+  job.hashedBlocks = 0;
 }
 
 // One block of this side's version: hashed, and for a download also
@@ -461,9 +474,9 @@ bool DeltaCopier::hashSlice(Job& job, std::uint64_t& budget) {
       return false;
     }
   }
-  job.hashes.push_back(hashOf(*job.hash, bytes));
+  job.hashes.push_back(hashOf(job.hashing, bytes));
   if (settings_.upload && job.tail && job.tail->begin == offset) {
-    job.tailHash = hashOf(*job.hash, bytes.substr(0, job.tail->end - job.tail->begin));
+    job.tailHash = hashOf(job.hashing, bytes.substr(0, job.tail->end - job.tail->begin));
   }
   job.hashed += length;
   budget -= std::min<std::uint64_t>(budget, length);

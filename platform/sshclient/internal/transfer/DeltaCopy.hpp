@@ -7,7 +7,9 @@
 // Both sides hash at once: the remote side's blocks by a command on a
 // channel of its own (Delta.hpp's command line), polled from the transfer's
 // loop, and this side's a slice per poll(), between the SFTP work of other
-// files, with the hash the remote side announced first. Uploads: the server
+// files, from the job's start: with the hash the last remote host named
+// (b2sum's at first), again with another should this one name another.
+// Uploads: the server
 // creates the temporary, and the hashing command copies the old destination
 // into it (dd, which never makes it again once removed) and hashes the
 // copy's blocks. Downloads: the old destination is copied into the
@@ -42,6 +44,7 @@
 #include <string>
 #include <vector>
 
+#include "sshfileaccess/platform/sshclient/internal/Digest.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/Engine.hpp"
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/FileCopy.hpp"
@@ -136,6 +139,7 @@ class DeltaCopier final : public sftp::ReplyHandler {
   std::vector<std::string> details_;
   std::vector<std::uint8_t> buffer_;       // one block read here
   std::optional<std::string> noCommands_;  // why no command can hash there
+  HashKind guess_ = HashKind::Blake2b512;  // what this side hashes with before the remote host names its tool
   bool stopping_ = false;
 };
 
