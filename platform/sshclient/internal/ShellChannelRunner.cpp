@@ -32,6 +32,14 @@ constexpr std::size_t kCommandsPerShell = (std::size_t{1} << kCatRounds) - 1;
 // the channel, delivering what is still in the pipes.
 constexpr std::chrono::seconds kCloseGrace{2};
 
+// A command silent this long has its cats looked at: killed while it ran,
+// they took its marker with them, and the shell, still alive, would be
+// waited for without end. Each look that finds them there doubles the wait
+// for the next, up to the longest: a long quiet command costs the server a
+// session now and then, not every few seconds.
+constexpr std::chrono::seconds kSilence{5};
+constexpr std::chrono::seconds kLongestSilence{320};
+
 // The longest status text after a marker: "255", or "-" for "not run".
 constexpr std::size_t kMaxStatusText = 3;
 
@@ -153,6 +161,7 @@ class ShellChannelRunner::Shell {
   struct Outcome {
     std::optional<CommandOutput> output;  // set when the command completed
     bool started = true;                  // false: provably never started
+    bool catsGone = false;                // its cats ended while it ran
   };
   Outcome run(std::string const& command);
 
@@ -162,8 +171,13 @@ class ShellChannelRunner::Shell {
  private:
   // Sends `input` while collecting both streams until `done()` holds (true)
   // or the shell and its helpers are gone (then the result of a last done()).
+  // With `watch`, after kSilence without news (then twice as long each time)
+  // the cats are looked at, and once they are gone so is the wait (false).
   template <class Done>
-  bool exchange(std::string_view input, std::string& out, std::string& err, Done const& done);
+  bool exchange(std::string_view input, std::string& out, std::string& err, Done const& done, bool watch = false);
+  // Whether both cats have ended, asked on an exec channel of its own; false
+  // when that cannot be asked (a server of one session per connection).
+  bool catsGone();
 
   Session& session_;
   Channel channel_;
@@ -183,6 +197,9 @@ class ShellChannelRunner::Shell {
   std::array<PipeSet, 2> sets_;
   std::size_t set_ = 0;
   std::size_t commandsLeft_ = kCommandsPerShell;
+  std::string catsAlive_;  // the command that succeeds while both cats live
+  bool cannotAsk_ = false;
+  bool lostCats_ = false;
   std::string line_;  // the line of the last command; its room is reused
 };
 
@@ -224,6 +241,7 @@ ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_
   if (!isProcessId(outCat) || !isProcessId(errCat)) {
     session_.fail(SSHError::Kind::Channel, "cannot start a shell on the server: it announced itself unreadably");
   }
+  catsAlive_ = "[ -e /proc/" + std::string(outCat) + "/fd/3 ] && [ -e /proc/" + std::string(errCat) + "/fd/3 ]";
   auto const pipes = [&](int fd) {
     std::string const n = std::to_string(fd);
     return CatPipes{"/proc/" + std::string(outCat) + "/fd/" + n, "/proc/" + std::string(errCat) + "/fd/" + n};
@@ -234,8 +252,11 @@ ShellChannelRunner::Shell::Shell(Session& session) : session_(session), channel_
 }
 
 template <class Done>
-bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& out, std::string& err, Done const& done) {
+bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& out, std::string& err, Done const& done,
+                                         bool watch) {
   std::optional<Clock::time_point> giveUpAt;
+  auto news = Clock::now();
+  std::chrono::milliseconds silence = kSilence;
   for (;;) {
     arrived_ = false;
     bool progressed = false;
@@ -250,13 +271,35 @@ bool ShellChannelRunner::Shell::exchange(std::string_view input, std::string& ou
     if (channel_.finished()) return done();
     if (!giveUpAt && channel_.exitStatus()) giveUpAt = Clock::now() + kCloseGrace;
     if (giveUpAt && Clock::now() >= *giveUpAt) return done();
-    if (progressed || received || arrived_) continue;
+    if (progressed || received || arrived_) {
+      news = Clock::now();
+      continue;
+    }
     if (giveUpAt) {
       auto const left = std::chrono::ceil<std::chrono::milliseconds>(*giveUpAt - Clock::now());
       session_.wait(std::max(left, std::chrono::milliseconds(1)));
+    } else if (watch && !cannotAsk_) {
+      session_.wait(silence);
+      if (Clock::now() - news < silence) continue;
+      if (catsGone()) {
+        lostCats_ = true;
+        return done();
+      }
+      news = Clock::now();
+      silence = std::min<std::chrono::milliseconds>(silence * 2, kLongestSilence);
     } else {
       session_.wait();
     }
+  }
+}
+
+bool ShellChannelRunner::Shell::catsGone() {
+  try {
+    return ExecChannelRunner(session_).run(catsAlive_).exitStatus != 0;
+  } catch (SSHError const& e) {
+    if (e.kind() != SSHError::Kind::Channel) throw;
+    cannotAsk_ = true;
+    return false;
   }
 }
 
@@ -302,12 +345,15 @@ ShellChannelRunner::Shell::Outcome ShellChannelRunner::Shell::run(std::string co
   std::string out;
   std::string err;
   std::optional<std::size_t> outAt;
-  bool const completed = exchange(line_, out, err, [&] {
-    outAt = markerLine(out, marker);
-    if (!outAt) return false;
-    return out.compare(*outAt + marker.size(), 2, "-\n") == 0 || endsWith(err, marker + "\n");
-  });
-  if (!completed) return {};
+  bool const completed = exchange(
+      line_, out, err,
+      [&] {
+        outAt = markerLine(out, marker);
+        if (!outAt) return false;
+        return out.compare(*outAt + marker.size(), 2, "-\n") == 0 || endsWith(err, marker + "\n");
+      },
+      true);
+  if (!completed) return {.output = std::nullopt, .started = true, .catsGone = lostCats_};
   std::string_view const status(out.data() + *outAt + marker.size(), out.size() - 1 - *outAt - marker.size());
   if (status == "-") return {std::nullopt, false};
   CommandOutput result;
@@ -366,9 +412,12 @@ CommandOutput ShellChannelRunner::run(std::string const& command) {
     }
     if (outcome.output) return std::move(*outcome.output);
     std::string const cause =
-        outcome.started ? "the shell on the server ended while running the command (" + shell_->describeEnd() +
-                              "); its result is lost"
-                        : std::string("the shell on the server lost its private pipes and could not run the command");
+        outcome.catsGone ? std::string(
+                               "the shell on the server lost the processes that copy its output while running "
+                               "the command; its result is lost")
+        : outcome.started ? "the shell on the server ended while running the command (" + shell_->describeEnd() +
+                                "); its result is lost"
+                          : std::string("the shell on the server lost its private pipes and could not run the command");
     shell_.reset();
     if (!outcome.started && !retried) continue;
     session_.fail(SSHError::Kind::Channel, cause);

@@ -27,7 +27,9 @@
 // What cannot be the same: $$ names the long-lived shell, so a command that
 // kills $$ kills it. If the shell dies while a command runs (killed, its cats
 // killed, the server closed the channel), run() throws SSHError(Channel) and
-// the next command gets a fresh shell; a command that provably never started
+// the next command gets a fresh shell (cats killed while the shell lives on
+// are noticed once the command has been silent for 5 s, then 10, 20...: an
+// exec channel of its own looks for them, where the server allows one more); a command that provably never started
 // is run on a fresh shell instead. When no shell can be started at all (not
 // Linux, no writable temporary folder for its first milliseconds, a
 // restricted account), the runner falls back to exec channels for the rest

@@ -180,6 +180,29 @@ TEST(PersistentShell, KillingTheCopyingProcessesFailsTheCommandAndTheNextOneRuns
   EXPECT_EQ(run(*client, u"echo alive").getStdout(), u"alive\n");
 }
 
+// Killed while a command is silent, the copying processes take its marker
+// with them and the shell lives on: the runner looks at them after a few
+// quiet seconds instead of waiting for the marker without end.
+TEST(PersistentShell, CopyingProcessesKilledDuringASilentCommandFailItWithinSeconds) {
+  auto client = connectIn(ssh::CommandMode::PersistentShell);
+  auto other = connectIn(ssh::CommandMode::ExecChannel);
+  ustring pid = run(*client, u"echo $$").getStdout();
+  pid.pop_back();
+  std::thread killer([&] {
+    std::this_thread::sleep_for(1s);
+    run(*other, u"pkill -KILL -x -s \"$(ps -o sid= -p " + pid + u" | tr -d ' ')\" cat");
+  });
+  auto const started = std::chrono::steady_clock::now();
+  auto const error = catchSSHError([&] { run(*client, u"sleep 40; echo late"); });
+  auto const took = std::chrono::steady_clock::now() - started;
+  killer.join();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::Channel);
+  EXPECT_THAT(error->what(), ::testing::HasSubstr("lost the processes that copy its output"));
+  EXPECT_LT(took, 20s);
+  EXPECT_EQ(run(*client, u"echo alive").getStdout(), u"alive\n");
+}
+
 TEST(PersistentShell, CopyingProcessesKilledBetweenCommandsGoUnnoticed) {
   // The next command finds them gone before it starts, and runs on a fresh shell.
   auto client = connectIn(ssh::CommandMode::PersistentShell);
