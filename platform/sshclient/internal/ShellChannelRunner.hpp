@@ -29,12 +29,12 @@
 // killed, the server closed the channel), run() throws SSHError(Channel) and
 // the next command gets a fresh shell (cats killed while the shell lives on
 // are noticed once the command has been silent for 5 s, then 10, 20...: an
-// exec channel of its own looks for them, where the server allows one more); a command that provably never started
-// is run on a fresh shell instead. When no shell can be started at all (not
-// Linux, no writable temporary folder for its first milliseconds, a
-// restricted account), the runner falls back to exec channels for the rest
-// of the session. The shell's channel stays open for the life of the
-// connection.
+// exec channel of its own looks for them, where the server allows one
+// more); a command that provably never started is run on a fresh shell
+// instead. When no shell can be started at all (not Linux, no writable
+// temporary folder for its first milliseconds, a restricted account), the
+// runner falls back to exec channels for the rest of the session. The
+// shell's channel stays open for the life of the connection.
 //
 // The start-up script prints a marker first: a channel that ends without it
 // (or opens with SFTP bytes, or whose request is refused) has no shell
