@@ -9,12 +9,11 @@
 // loop, and this side's a slice per poll(), between the SFTP work of other
 // files, from the job's start: with the hash the last remote host named
 // (b2sum's at first), again with another should this one name another.
-// Uploads: the server
-// creates the temporary, and the hashing command copies the old destination
-// into it (dd, which never makes it again once removed) and hashes the
-// copy's blocks. Downloads: the old destination is copied into the
-// temporary and hashed here in one pass, while the server hashes the
-// source's blocks.
+// Uploads: the server creates the temporary, and the hashing command copies
+// the old destination into it (dd, which never makes it again once removed)
+// and hashes the copy's blocks. Downloads: the old destination is copied
+// into the temporary and hashed here in one pass, while the server hashes
+// the source's blocks.
 //
 // A block is judged as soon as both sides have hashed it (the server's
 // parts print theirs out of order). The first that differs sends the file
