@@ -34,6 +34,12 @@ void FileCopier::startUpload(Job& job) {
   if (!S_ISREG(st.st_mode)) return fail(job, quoted(task.source) + " is not a regular file");
   job.size = static_cast<std::uint64_t>(st.st_size);
   job.sourceMtime = st.st_mtim;
+  // The disk reads the first block while the temporary is opened: a cold
+  // file's read would otherwise stop every channel of this thread.
+  if (job.size > 0) {
+    ::posix_fadvise(job.fd.get(), 0, static_cast<off_t>(std::min<std::uint64_t>(job.size, kIoBlock)),
+                    POSIX_FADV_WILLNEED);
+  }
   if (task.delta) {
     // The blocks kept fit only the version that was hashed.
     if (job.size != task.size || st.st_mtim.tv_sec != task.hashedMtime.tv_sec ||
