@@ -1,11 +1,16 @@
 // A session killed in the middle of a transfer (every process serving the
-// connection gets SIGKILL, right after the first bytes moved): the transfer
-// fails, every file under its final name is either its old version or the
-// complete new one, and the old versions of files not yet sent are intact.
+// connection gets SIGKILL, right after the first bytes or files moved): the
+// transfer fails, every file under its final name is either its old version
+// or the complete new one, and the old versions of files not yet sent are
+// intact.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -32,11 +37,26 @@ class KilledSession : public ::testing::Test {
     options.progress = [this](ssh::TransferProgress const& progress) {
       if (progress.bytesDone > 0) kill();
     };
-    // A big file can arrive before the first progress report: its temporary
-    // (on this machine, whichever the direction) is watched as well.
+    // A big file, or a whole tree of small ones, can arrive before the first
+    // progress report: the destination (on this machine, whichever the
+    // direction) is watched as well.
     std::atomic<bool> done{false};
     std::thread watcher;
-    if (fs::is_regular_file(source)) {
+    if (fs::is_directory(destination)) {
+      watcher = std::thread([this, &done, destination] {
+        int const events = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        ASSERT_GE(events, 0);
+        for (auto const& entry : fs::directory_iterator(destination)) {
+          ::inotify_add_watch(events, entry.path().c_str(), IN_CREATE | IN_MOVED_TO);
+        }
+        std::array<char, 4096> buffer{};
+        while (!done && !killed_) {
+          if (::read(events, buffer.data(), buffer.size()) > 0) kill();
+          std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        ::close(events);
+      });
+    } else if (fs::is_regular_file(source)) {
       watcher = std::thread([this, &done, folder = destination.parent_path()] {
         while (!done && !killed_) {
           std::error_code ec;
