@@ -47,7 +47,10 @@ FileCopier::FileCopier(sftp::SftpSession& session, CopySettings const& settings,
 
 FileCopier::~FileCopier() = default;
 
-void FileCopier::add(FileTask task) { queue_.push_back(std::move(task)); }
+void FileCopier::add(FileTask task) {
+  queued_.insert(task.destination);
+  queue_.push_back(std::move(task));
+}
 
 std::uint32_t FileCopier::chunk() const noexcept {
   return std::max<std::uint32_t>(
@@ -117,7 +120,7 @@ void FileCopier::poll() {
     auto job = std::make_unique<Job>();
     job->task = std::move(queue_.front());
     queue_.pop_front();
-    busy_.insert(job->task.destination);
+    busy_.insert(queued_.extract(job->task.destination));
     jobs_.push_back(std::move(job));
     start(*jobs_.back());
   }
@@ -308,7 +311,16 @@ void FileCopier::closeRemote(Job& job) {
 
 void FileCopier::cancel() {
   cancelled_ = stopping_ = true;
-  for (auto& job : jobs_) fail(*job, "cancelled");
+  for (auto& job : jobs_) {
+    if (!job->handedOver) fail(*job, "cancelled");
+  }
+}
+
+void FileCopier::written(void* key, std::string const& failure) {
+  auto& job = *static_cast<Job*>(key);
+  job.handedOver = false;
+  if (failure.empty()) return complete(job);
+  fail(job, failure);
 }
 
 // The stream broke: local temporaries go, but a resumable one that holds

@@ -32,6 +32,10 @@
 // stopOnFailure no new file starts afterwards. cancel() (a stop) fails every
 // file in flight quietly, keeping resumable temporaries that hold data;
 // abandon() (a broken stream) only closes and removes local temporaries.
+// A small download whose bytes have all arrived may be handed to a
+// LocalWriter, which makes it as this copier would; until its outcome is
+// back the file stays under way, and neither cancel() nor abandon() touch
+// it.
 // Owns its jobs; calls only the session, the local file system and the
 // observer. Not thread-safe.
 
@@ -51,6 +55,7 @@
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Delta.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
+#include "sshfileaccess/platform/sshclient/internal/transfer/LocalWriter.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/RateLimit.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Stripes.hpp"
@@ -159,9 +164,7 @@ class FileCopier final : public sftp::ReplyHandler {
   [[nodiscard]] std::size_t active() const noexcept { return jobs_.size() - done_; }
   // Whether a file to `destination` is queued or under way here.
   [[nodiscard]] bool holds(std::string const& destination) const {
-    return busy_.contains(destination) || std::any_of(queue_.begin(), queue_.end(), [&](FileTask const& task) {
-             return task.destination == destination;
-           });
+    return busy_.contains(destination) || queued_.contains(destination);
   }
   [[nodiscard]] bool stopped() const noexcept { return stopping_; }
   [[nodiscard]] RateLimit& rateLimit() noexcept { return limit_; }
@@ -169,6 +172,10 @@ class FileCopier final : public sftp::ReplyHandler {
   void shareStripes(StripeBoard* board) noexcept { board_ = board; }
   // Starts helping with a file on the board; false when there is none.
   bool help();
+  // Small downloads are made on this side by `writer`'s threads, which
+  // outlive this copier; their outcomes come back through written().
+  void writeOn(LocalWriter* writer) noexcept { writer_ = writer; }
+  void written(void* key, std::string const& failure);
   // The source of the oldest file in flight, for progress.
   [[nodiscard]] std::optional<std::string> current() const;
   // "cannot upload 'a' to 'b' on peer: " for the file in flight, for a failure of the whole stream.
@@ -241,6 +248,7 @@ class FileCopier final : public sftp::ReplyHandler {
   // Destinations of unfinished files: a later file to the same place waits,
   // so that it is the one that stays.
   std::unordered_multiset<std::string> busy_;
+  std::unordered_multiset<std::string> queued_;  // destinations of queue_
   bool stopping_ = false;
   bool cancelled_ = false;
   bool reapable_ = false;  // a finished job may be waiting to go
@@ -256,6 +264,7 @@ class FileCopier final : public sftp::ReplyHandler {
   RateLimit& limit_;
   bool throttled_ = false;  // data held back by the rate limit
   StripeBoard* board_ = nullptr;
+  LocalWriter* writer_ = nullptr;
 };
 
 }  // namespace foundation::sshclient::internal::transfer
