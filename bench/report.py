@@ -130,6 +130,11 @@ KIND = {"upload-1g": "transfer", "download-1g": "transfer", "upload-10k": "trans
 # The file counts of the scale rows.
 SCALE_FILES = {"scale-100k": 100_000, "scale-200k": 200_000, "scale-1m": 1_000_000}
 
+# The same rows with the kernel's caches dropped before every step.
+for _row in SCALE_FILES:
+    WORKLOADS[_row + "-cold"] = WORKLOADS[_row] + "; caches dropped before every step"
+    KIND[_row + "-cold"] = "scale"
+
 # The link of the goals of the latency rows, and of the delta rows.
 GOAL_LINK = "50ms"
 DELTA_GOAL_LINK = "50ms-100M"

@@ -36,6 +36,9 @@
 #   SSHFA_BENCH_SCALE_RUNS  counted rounds of the scale rows (default 1)
 #   SSHFA_BENCH_SCALE_DIR   where their trees live (default: BUILD_DIR/scale,
 #                     on disk: 1,000,000 files would not fit in tmpfs)
+#   SSHFA_BENCH_SCALE_COLD  1: every scale step starts with the kernel's
+#                     caches dropped (root only), so that each tool reads the
+#                     tree from the disk; the report's rows end in -cold
 #   SSHFA_BENCH_LINKS the links of the latency rows, each a round trip in ms
 #                     with an optional /RATE (bits/s, k M G; default 1G);
 #                     0 is loopback without the relay (default:
@@ -946,13 +949,48 @@ PY
       echo "$1" >"$scale_dir/remote/files"
   }
 }
+# The block device under the trees, whose counters say when it is at rest.
+scale_disk_stat() {
+  local source
+  source=$(df --output=source "$scale_dir" 2>/dev/null | tail -n 1)
+  [ -r "/sys/class/block/${source##*/}/stat" ] && echo "/sys/class/block/${source##*/}/stat"
+}
+# Waits (up to 2 minutes) until the disk has taken no request for 3 s: a
+# step that starts while the disk still writes back the last one's files
+# measured up to 3x slower.
+settle_disk() {
+  local stat=$1 previous= now quiet=0
+  [ -n "$stat" ] || return 0
+  for _ in $(seq 240); do
+    now=$(awk '{print $1, $5, $12}' "$stat")
+    if [ "$now" = "$previous" ]; then
+      quiet=$((quiet + 1))
+      [ "$quiet" -lt 6 ] || return 0
+    else
+      quiet=0
+    fi
+    previous=$now
+    sleep 0.5
+  done
+}
+scale_cold=${SSHFA_BENCH_SCALE_COLD:-}
+if [ -n "$scale_cold" ] && [ "$(id -u)" -ne 0 ]; then
+  echo "bench.sh: SSHFA_BENCH_SCALE_COLD needs root (it drops the kernel's caches)" >&2
+  exit 1
+fi
 prepare_scale() {  # tool: a put starts into nothing, a no-op finds the put's copy, a get starts into nothing
+  # Earlier copies are moved aside, and removed after the rounds: removing
+  # 200,000 files kept the disk busy (discarding their blocks) well into
+  # the next step, whoever's it was.
+  mkdir -p "$scale_dir/old"
   case $1 in
-  *-put) rm -rf "$scale_up" && mkdir -p "$scale_up" ;;
-  *-get) rm -rf "$scale_down" && mkdir -p "$scale_down" ;;
+  *-put) mv "$scale_up" "$(mktemp -u -p "$scale_dir/old")" 2>/dev/null || true; mkdir -p "$scale_up" ;;
+  *-get) mv "$scale_down" "$(mktemp -u -p "$scale_dir/old")" 2>/dev/null || true; mkdir -p "$scale_down" ;;
   esac
-  # What the last step wrote or removed reaches the disk now, not during the next.
+  # What the last step wrote reaches the disk now, not during the next.
   sync
+  settle_disk "$(scale_disk_stat)"
+  [ -z "$scale_cold" ] || echo 3 >/proc/sys/vm/drop_caches
 }
 check_scale() {  # every file where the step just taken put it
   local into=$scale_up
@@ -1067,9 +1105,9 @@ for w in $workloads; do
     *) make_scale 1000000 1000 ;;
     esac
     counted=$runs runs=$scale_runs
-    run_workload "$w" prepare_scale check_scale "${scale_steps[@]}"
+    run_workload "$w${scale_cold:+-cold}" prepare_scale check_scale "${scale_steps[@]}"
     runs=$counted
-    rm -rf "$scale_up" "$scale_down"
+    rm -rf "$scale_up" "$scale_down" "$scale_dir/old"
     ;;
   resume-1g)
     make_big
