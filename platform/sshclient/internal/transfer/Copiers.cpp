@@ -40,16 +40,6 @@ std::size_t foldersOpen(std::size_t limit) {
   return std::max(limit > kReservedFiles ? (limit - kReservedFiles) / 4 : 0, kFewestFolders);
 }
 
-void Copiers::attach(FileCopier& copier) {
-  copiers_.push_back(&copier);
-  copier.writeOn(writer_.get());
-}
-
-void Copiers::writeLocally(std::size_t threads) {
-  writer_ = std::make_unique<LocalWriter>(threads);
-  for (auto* each : copiers_) each->writeOn(writer_.get());
-}
-
 void Copiers::shareOut() {
   if (copiers_.size() < 2) return;
   for (auto* each : copiers_) each->shareStripes(&board_);
@@ -82,11 +72,6 @@ void Copiers::feed() {
 }
 
 void Copiers::poll() {
-  if (writer_) {
-    for (auto const& outcome : writer_->take()) {
-      static_cast<FileCopier*>(outcome.owner)->written(outcome.key, outcome.failure);
-    }
-  }
   feed();
   if (copiers_.size() > 1 && !cancelled_) {
     for (auto* copier : copiers_) {
@@ -94,9 +79,6 @@ void Copiers::poll() {
     }
   }
   for (auto* copier : copiers_) copier->poll();
-  // Files made whole by the replies taken in since the last poll, and by
-  // this one; the caller may sleep next.
-  if (writer_) writer_->flush();
 }
 
 bool Copiers::idle() const noexcept {

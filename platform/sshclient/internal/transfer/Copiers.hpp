@@ -20,7 +20,6 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -82,14 +81,9 @@ class Copiers {
   // Files each copier may hold queued beyond several.
   static constexpr std::size_t kQueuedEach = 64;
 
-  void attach(FileCopier& copier);
+  void attach(FileCopier& copier) { copiers_.push_back(&copier); }
   // Lets the copiers share big uploads out among themselves.
   void shareOut();
-  // Small downloads are made on this side by `threads` threads of their own.
-  void writeLocally(std::size_t threads);
-  // Files are being made on this side: await() sleeps until one is made.
-  [[nodiscard]] bool writing() const noexcept { return writer_ && writer_->inHand() > 0; }
-  void await() { writer_->await(); }
   [[nodiscard]] std::size_t size() const noexcept { return copiers_.size(); }
 
   void add(FileTask task);
@@ -109,7 +103,6 @@ class Copiers {
 
   std::vector<FileCopier*> copiers_;
   StripeBoard board_;
-  std::unique_ptr<LocalWriter> writer_;
   std::deque<FileTask> queue_;
   bool cancelled_ = false;
 };

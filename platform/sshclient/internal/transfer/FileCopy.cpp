@@ -311,16 +311,7 @@ void FileCopier::closeRemote(Job& job) {
 
 void FileCopier::cancel() {
   cancelled_ = stopping_ = true;
-  for (auto& job : jobs_) {
-    if (!job->handedOver) fail(*job, "cancelled");
-  }
-}
-
-void FileCopier::written(void* key, std::string const& failure) {
-  auto& job = *static_cast<Job*>(key);
-  job.handedOver = false;
-  if (failure.empty()) return complete(job);
-  fail(job, failure);
+  for (auto& job : jobs_) fail(*job, "cancelled");
 }
 
 // The stream broke: local temporaries go, but a resumable one that holds

@@ -32,10 +32,6 @@
 // stopOnFailure no new file starts afterwards. cancel() (a stop) fails every
 // file in flight quietly, keeping resumable temporaries that hold data;
 // abandon() (a broken stream) only closes and removes local temporaries.
-// A small download whose bytes have all arrived may be handed to a
-// LocalWriter, which makes it as this copier would; until its outcome is
-// back the file stays under way, and neither cancel() nor abandon() touch
-// it.
 // Owns its jobs; calls only the session, the local file system and the
 // observer. Not thread-safe.
 
@@ -55,7 +51,6 @@
 #include "sshfileaccess/platform/sshclient/internal/sftp/SftpSession.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Delta.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/LocalFiles.hpp"
-#include "sshfileaccess/platform/sshclient/internal/transfer/LocalWriter.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Plan.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/RateLimit.hpp"
 #include "sshfileaccess/platform/sshclient/internal/transfer/Stripes.hpp"
@@ -172,10 +167,6 @@ class FileCopier final : public sftp::ReplyHandler {
   void shareStripes(StripeBoard* board) noexcept { board_ = board; }
   // Starts helping with a file on the board; false when there is none.
   bool help();
-  // Small downloads are made on this side by `writer`'s threads, which
-  // outlive this copier; their outcomes come back through written().
-  void writeOn(LocalWriter* writer) noexcept { writer_ = writer; }
-  void written(void* key, std::string const& failure);
   // The source of the oldest file in flight, for progress.
   [[nodiscard]] std::optional<std::string> current() const;
   // "cannot upload 'a' to 'b' on peer: " for the file in flight, for a failure of the whole stream.
@@ -264,7 +255,6 @@ class FileCopier final : public sftp::ReplyHandler {
   RateLimit& limit_;
   bool throttled_ = false;  // data held back by the rate limit
   StripeBoard* board_ = nullptr;
-  LocalWriter* writer_ = nullptr;
 };
 
 }  // namespace foundation::sshclient::internal::transfer

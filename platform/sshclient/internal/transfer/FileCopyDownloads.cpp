@@ -41,10 +41,7 @@ void FileCopier::startDownload(Job& job) {
       counters_.bytesTotal += task.resumeFrom;
     }
   }
-  // A small file is gathered in memory and made whole by the writer.
-  job.gathered =
-      writer_ != nullptr && !task.delta && job.temp.empty() && task.size && *task.size <= LocalWriter::kLargest;
-  while (!job.gathered && !job.fd.valid()) {
+  while (!job.fd.valid()) {
     // The first try bears the resumable name; a clash falls back to a random one.
     job.resumable = settings_.resume && job.tempAttempts == 0;
     auto const temp = job.resumable ? resumableName(task.name, task.size.value_or(0), task.listedMtime)
@@ -192,13 +189,6 @@ void FileCopier::onRead(Job& job, Ticket const& ticket, Reply const& reply) {
 
 bool FileCopier::writeBehind(Job& job, std::uint64_t offset, ByteView data) {
   auto& block = job.block;
-  if (job.gathered) {
-    // Within the listed size: no READ asks past it.
-    block.reserve(static_cast<std::size_t>(job.size));
-    std::memcpy(block.data() + offset, data.data(), data.size());
-    block.length = std::max(block.length, static_cast<std::size_t>(offset + data.size()));
-    return true;
-  }
   if (block.length > 0 && (offset != block.end() || block.length + data.size() > block.capacity)) {
     if (!flush(job)) return false;
   }
@@ -239,14 +229,6 @@ void FileCopier::finishDownload(Job& job) {
   // Every byte is here: a transfer that ends now need not wait for the
   // answer (the channel's end closes the handle all the same).
   session_.close(sftp::SftpSession::unawaited(), std::exchange(job.handle, std::string()));
-  if (job.gathered) {
-    job.handedOver = true;
-    writer_->post({task.folder, task.name, task.destination, std::move(job.block.bytes),
-                   static_cast<std::size_t>(job.size), task.kept, static_cast<mode_t>(settings_.createMode), this,
-                   &job});
-    job.block.release();
-    return;
-  }
   if (!flush(job)) return;
   job.block.release();
   auto const tempPath = task.folder->pathOf(job.temp);

@@ -1,8 +1,7 @@
 #pragma once
 // The pieces of FileCopier shared by its sources (FileCopy.cpp,
 // FileCopyUploads.cpp, FileCopyDownloads.cpp) and by the delta copies that
-// prepare its temporaries (DeltaCopy.cpp) and the LocalWriter that makes its
-// small downloads; not for anyone else.
+// prepare its temporaries (DeltaCopy.cpp); not for anyone else.
 
 #include <sys/stat.h>
 
@@ -154,10 +153,6 @@ struct FileCopier::Job {
   bool resumable = false;  // the temporary bears the resumable name
   bool resumed = false;    // continues an earlier run's temporary
   bool wrote = false;      // downloads: data reached the temporary
-  // A small download gathered whole in `block` and made by the LocalWriter,
-  // which has it while `handedOver`.
-  bool gathered = false;
-  bool handedOver = false;
   bool statAnswered = false;
   bool probed = false;  // a listed file: asked for a byte past its size
   bool openAnswered = false;

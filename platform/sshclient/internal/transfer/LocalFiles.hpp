@@ -9,8 +9,7 @@
 // through a symbolic link (one the transfer made earlier, or one that was
 // there already) and nothing lands outside the destination, whatever names
 // a listing carried. Operations return 0 or an errno value; nothing throws
-// but allocation. A LocalDir's operations may run on several threads at
-// once (each is system calls on its descriptor); a UniqueFd is one thread's.
+// but allocation. Not thread-safe.
 
 #include <sys/types.h>
 
