@@ -117,6 +117,23 @@ TEST_P(Trees, ModesArriveExactly) {
   EXPECT_EQ(readFile(dst() / "m416"), "m416");
 }
 
+// Modes the umask would narrow, or without the owner's writing, arrive too.
+TEST_P(Trees, ModesTheUmaskWouldNarrowArriveExactly) {
+  for (auto const mode : {0640U, 0644U, 0666U, 0400U, 0500U}) {
+    auto const name = "m" + std::to_string(mode);
+    writeFile(src() / name, name);
+    ::chmod((src() / name).c_str(), mode);
+  }
+  ::umask(027);
+  copyTree();
+  ::umask(022);
+  for (auto const mode : {0640U, 0644U, 0666U, 0400U, 0500U}) {
+    auto const name = "m" + std::to_string(mode);
+    EXPECT_EQ(permissionsOf(dst() / name), mode) << name;
+    EXPECT_EQ(readFile(dst() / name), name);
+  }
+}
+
 TEST_P(Trees, SpecialBitsOnlyWhenAsked) {
   writeFile(src() / "s", "s");
   ::chmod((src() / "s").c_str(), 04755);

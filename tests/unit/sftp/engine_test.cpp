@@ -461,6 +461,10 @@ struct ScriptedDownload {
         break;
       }
       case PacketType::Extended:
+        if (limitsRead == 0) {
+          out.push_back(sshfa::testing::status(r.id, StatusCode::OpUnsupported).framed());
+          break;
+        }
         out.push_back(
             Body(PacketType::ExtendedReply).u32(r.id).u64(1 << 20).u64(limitsRead).u64(limitsRead).u64(64).framed());
         break;
@@ -511,6 +515,18 @@ class ScriptedTest : public ::testing::Test {
     }
     return "no error";
   }
+  CopyTreesCommand treeDownload() {
+    return CopyTreesCommand({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "f").string()), u"/file"}},
+                            TransferDirection::RemoteToLocal);
+  }
+  std::string treeFailureOf(FakeServer& server) {
+    try {
+      transferTrees(server, kPeer, treeDownload(), {}, {});
+    } catch (SSHError const& e) {
+      return e.what();
+    }
+    return "no error";
+  }
   std::string downloadPrefix() const {
     return "cannot download '/file' from tester@local:0 to '" + (scratch_ / "f").string() + "': ";
   }
@@ -549,9 +565,7 @@ TEST_F(ScriptedTest, AListedFileOfItsListedSizeArrives) {
   script.contents = "abc";
   script.statSize = 3;
   FakeServer server(std::ref(script));
-  CopyTreesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "f").string()), u"/file"}},
-                                 TransferDirection::RemoteToLocal);
-  EXPECT_EQ(transferTrees(server, kPeer, command, {}, {}).files, 1U);
+  EXPECT_EQ(transferTrees(server, kPeer, treeDownload(), {}, {}).files, 1U);
   EXPECT_EQ(readFile(scratch_ / "f"), "abc");
   EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 3}, {3, 1}}));
 }
@@ -561,15 +575,61 @@ TEST_F(ScriptedTest, AListedFileThatGrewFailsAndLeavesNothing) {
   script.contents = "abc and more";
   script.statSize = 3;
   FakeServer server(std::ref(script));
-  CopyTreesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "f").string()), u"/file"}},
-                                 TransferDirection::RemoteToLocal);
-  try {
-    transferTrees(server, kPeer, command, {}, {});
-    ADD_FAILURE() << "no failure";
-  } catch (SSHError const& e) {
-    EXPECT_EQ(std::string(e.what()), "cannot download '/file' from " + std::string(kPeer) + " to '" +
-                                         (scratch_ / "f").string() + "': '/file' changed while being read");
-  }
+  EXPECT_EQ(treeFailureOf(server), "cannot download '/file' from " + std::string(kPeer) + " to '" +
+                                       (scratch_ / "f").string() + "': '/file' changed while being read");
+  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 3}, {3, 1}}));
+  EXPECT_TRUE(listNames(scratch_.path()).empty());
+}
+
+// A server that states its limits answers a READ with one read(): the last
+// READ of a listed file asks for the byte past its size as well.
+TEST_F(ScriptedTest, AListedFileIsProbedWithinItsLastReadWhenTheServerStatesItsLimits) {
+  ScriptedDownload script;
+  script.contents = "abc";
+  script.statSize = 3;
+  script.limitsRead = 1000;
+  FakeServer server(std::ref(script));
+  EXPECT_EQ(transferTrees(server, kPeer, treeDownload(), {}, {}).files, 1U);
+  EXPECT_EQ(readFile(scratch_ / "f"), "abc");
+  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 4}}));
+}
+
+TEST_F(ScriptedTest, ShortReadsOfAListedFileStillReachItsProbe) {
+  ScriptedDownload script;
+  script.contents = randomBytes(2500, 11);
+  script.statSize = 2500;
+  script.limitsRead = 1000;
+  script.maxData = 700;
+  FakeServer server(std::ref(script));
+  EXPECT_EQ(transferTrees(server, kPeer, treeDownload(), {}, {}).files, 1U);
+  EXPECT_TRUE(readFile(scratch_ / "f") == script.contents);
+  // The last READ's 500 bytes end at the listed size: that is its end.
+  std::sort(script.reads.begin(), script.reads.end());
+  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{
+                              {0, 1000}, {700, 300}, {1000, 1000}, {1700, 300}, {2000, 501}}));
+}
+
+TEST_F(ScriptedTest, AListedFileThatGrewFailsWithinItsLastRead) {
+  ScriptedDownload script;
+  script.contents = "abc and more";
+  script.statSize = 3;
+  script.limitsRead = 1000;
+  FakeServer server(std::ref(script));
+  EXPECT_EQ(treeFailureOf(server), "cannot download '/file' from " + std::string(kPeer) + " to '" +
+                                       (scratch_ / "f").string() + "': '/file' changed while being read");
+  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 4}}));
+  EXPECT_TRUE(listNames(scratch_.path()).empty());
+}
+
+TEST_F(ScriptedTest, AListedFileThatShrankFailsAndLeavesNothing) {
+  ScriptedDownload script;
+  script.contents = "ab";
+  script.statSize = 3;
+  script.limitsRead = 1000;
+  FakeServer server(std::ref(script));
+  EXPECT_EQ(treeFailureOf(server), "cannot download '/file' from " + std::string(kPeer) + " to '" +
+                                       (scratch_ / "f").string() + "': '/file' changed while being read");
+  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 4}, {2, 2}}));
   EXPECT_TRUE(listNames(scratch_.path()).empty());
 }
 
@@ -578,8 +638,6 @@ TEST_F(ScriptedTest, ACallbackThatThrowsWhileListingStopsBeforeAnyFile) {
   script.contents = "abc";
   script.statSize = 3;
   FakeServer server(std::ref(script));
-  CopyTreesCommand const command({FileLocations{fl::i18n::utf8_to_ustring((scratch_ / "f").string()), u"/file"}},
-                                 TransferDirection::RemoteToLocal);
   std::vector<TransferProgress> seen;
   auto const stop = [&](TransferProgress const& progress) {
     seen.push_back(progress);
@@ -587,7 +645,7 @@ TEST_F(ScriptedTest, ACallbackThatThrowsWhileListingStopsBeforeAnyFile) {
   };
   EngineOptions options;
   options.progressInterval = std::chrono::milliseconds(0);
-  EXPECT_THROW(transferTrees(server, kPeer, command, stop, {}, options), std::runtime_error);
+  EXPECT_THROW(transferTrees(server, kPeer, treeDownload(), stop, {}, options), std::runtime_error);
   ASSERT_EQ(seen.size(), 1U);
   EXPECT_EQ(seen[0].filesTotal, 0U);  // no totals while listing
   EXPECT_TRUE(script.reads.empty());

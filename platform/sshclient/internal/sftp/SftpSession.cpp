@@ -58,7 +58,8 @@ bool SftpSession::offers(std::string_view extension) const noexcept {
 }
 
 void SftpSession::LimitsReply::onReply(Ticket const& /*ticket*/, Reply const& reply) {
-  session_.adopt(reply.type == PacketType::ExtendedReply ? decodeLimits(reply.data) : Limits{});
+  session_.limitsStated_ = reply.type == PacketType::ExtendedReply;
+  session_.adopt(session_.limitsStated_ ? decodeLimits(reply.data) : Limits{});
 }
 
 void SftpSession::usePosixRename(bool allowed) noexcept {

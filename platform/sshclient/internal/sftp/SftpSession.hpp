@@ -81,6 +81,9 @@ class SftpSession {
   [[nodiscard]] std::string const& peer() const noexcept { return peer_; }
   [[nodiscard]] bool offers(std::string_view extension) const noexcept;
   [[nodiscard]] bool limitsKnown() const noexcept { return limitsKnown_; }
+  // The server answered limits@openssh.com (not merely refused it): it is
+  // one that serves a READ with a single read() of the file.
+  [[nodiscard]] bool limitsStated() const noexcept { return limitsStated_; }
   // Bytes per READ and WRITE: the server's stated limits (at most 1 MiB),
   // else 32 KiB.
   [[nodiscard]] std::uint32_t readChunk() const noexcept { return readChunk_; }
@@ -202,6 +205,7 @@ class SftpSession {
   bool posixRename_ = false;
   bool posixRenameAllowed_ = true;
   bool limitsKnown_ = false;
+  bool limitsStated_ = false;
   std::uint32_t readChunk_;
   std::uint32_t writeChunk_;
   std::uint64_t handleLimit_ = 0;

@@ -37,7 +37,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <memory>

@@ -1,6 +1,7 @@
 // Downloads of FileCopier: READs pipelined from the remote file, written
 // behind into a temporary made in its folder's descriptor, a probe past a
-// listed size, then mode, times and a rename within that folder.
+// listed size (within the last READ where the server allows), then mode,
+// times and a rename within that folder.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -109,9 +110,17 @@ void FileCopier::issueReads(Job& job) {
          session_.queuedBytes() < kOutboundLimit && mayRequest()) {
     auto const length =
         static_cast<std::uint32_t>(std::min<std::uint64_t>(requestChunk(), job.stretchEnd() - job.next));
-    requested(length);
+    // The last read of a listed file also asks for the byte past its size
+    // when the server stated its limits: such a server answers a READ with
+    // a single read(), so a reply ending at the listed size is its end of
+    // file and no separate probe is needed.
+    bool const probes = job.task.size && !job.task.delta && !job.probed && job.next + length == job.size &&
+                        length < session_.readChunk() && session_.limitsStated();
+    auto const asked = length + (probes ? 1U : 0U);
+    requested(asked);
     ++job.pending;
-    session_.read({this, kRead, &job, job.next, length}, job.handle, job.next, length);
+    session_.read({this, kRead, &job, job.next, asked}, job.handle, job.next, asked);
+    job.probed = job.probed || probes;
     job.next += length;
     job.skipReused();
     ++job.dataInFlight;
@@ -163,9 +172,17 @@ void FileCopier::onRead(Job& job, Ticket const& ticket, Reply const& reply) {
       throw sftp::ProtocolError("DATA reply of " + std::to_string(length) + " bytes to a READ of " +
                                 std::to_string(ticket.length));
     }
+    // A read that also probes past a listed size (the size is the listed one
+    // whenever the file was listed).
+    bool const probes = job.task.size && ticket.offset + ticket.length > job.size;
+    if (probes && ticket.offset + length > job.size) {
+      return fail(job, quoted(job.task.source) + " changed while being read");
+    }
     if (!writeBehind(job, ticket.offset, reply.data)) return;
     counters_.bytesDone += length;
-    if (length < ticket.length) {
+    if (probes && ticket.offset + length == job.size) {
+      job.end = job.size;
+    } else if (length < ticket.length) {
       // A short read: ask again for the rest.
       auto const offset = ticket.offset + length;
       auto const rest = static_cast<std::uint32_t>(ticket.length - length);
