@@ -122,16 +122,18 @@ TEST_F(RefusingDestination, ToolUploadIntoAReadOnlyFileSystem) {
 }
 
 // A source changed by `change` as soon as its temporary appears beside the
-// destination, while the tool uploads it.
-class ChangingSource : public ::testing::Test {
+// destination, while the tool copies it: up (a local source) or down (the
+// server's file).
+class ChangingSource : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     writeFile(destination_ / "big", kOld);
     writeFile(source_ / "big", pattern(kSize, 3));
   }
+  [[nodiscard]] static bool upload() { return GetParam(); }
 
   template <class Change>
-  void uploadWhile(Change&& change) {
+  void copyWhile(Change&& change) {
     std::atomic<bool> done{false};
     std::thread watcher([&] {
       while (!done) {
@@ -145,40 +147,47 @@ class ChangingSource : public ::testing::Test {
       }
     });
     result_ = runTool(joined(toolConnection(TestSshd::instance()),
-                             {"put", (source_ / "big").string(), (destination_ / "big").string()}));
+                             {upload() ? "put" : "get", (source_ / "big").string(), (destination_ / "big").string()}));
     done = true;
     watcher.join();
   }
 
   void expectFailedAndOldKept() const {
+    auto const source = (source_ / "big").string();
+    auto const destination = (destination_ / "big").string();
+    auto const peer = prefixOf(TestSshd::instance(), TestSshd::instance().user());
     EXPECT_EQ(result_.status, kFailed) << result_.err;
-    EXPECT_EQ(result_.err, "sshfa: cannot upload '" + (source_ / "big").string() + "' to '" +
-                               (destination_ / "big").string() + "' on " +
-                               prefixOf(TestSshd::instance(), TestSshd::instance().user()) + "'" +
-                               (source_ / "big").string() + "' changed while being read\n");
+    EXPECT_EQ(result_.err, "sshfa: " +
+                               (upload() ? "cannot upload '" + source + "' to '" + destination + "' on " + peer
+                                         : "cannot download '" + source + "' from " + peer.substr(0, peer.size() - 2) +
+                                               " to '" + destination + "': ") +
+                               "'" + source + "' changed while being read\n");
     EXPECT_EQ(readFile(destination_ / "big"), kOld);
     EXPECT_THAT(namesIn(destination_), ::testing::ElementsAre("big"));
   }
 
-  // Large enough that the upload is still reading when the change comes.
+  // Large enough that the copy is still reading when the change comes.
   static constexpr std::size_t kSize = std::size_t{192} << 20;
   fs::path source_ = TestSshd::makeTempDir();
   fs::path destination_ = TestSshd::makeTempDir();
   ToolResult result_;
 };
 
-TEST_F(ChangingSource, ASourceTruncatedDuringUploadFails) {
-  uploadWhile([](fs::path const& path) { fs::resize_file(path, 10 << 20); });
+TEST_P(ChangingSource, ASourceTruncatedWhileCopiedFails) {
+  copyWhile([](fs::path const& path) { fs::resize_file(path, 10 << 20); });
   expectFailedAndOldKept();
 }
 
-TEST_F(ChangingSource, ASourceGrownDuringUploadFails) {
-  uploadWhile([](fs::path const& path) {
+TEST_P(ChangingSource, ASourceGrownWhileCopiedFails) {
+  copyWhile([](fs::path const& path) {
     std::ofstream out(path, std::ios::binary | std::ios::app);
     out << "more";
   });
   expectFailedAndOldKept();
 }
+
+INSTANTIATE_TEST_SUITE_P(BothWays, ChangingSource, ::testing::Bool(),
+                         [](::testing::TestParamInfo<bool> const& param) { return param.param ? "Up" : "Down"; });
 
 }  // namespace
 }  // namespace sshfa::testing
