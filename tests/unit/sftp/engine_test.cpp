@@ -443,13 +443,16 @@ TEST_P(EngineTest, HugeSparseFile) {
 
 // ---- against scripted servers ------------------------------------------------------
 
+// READs as the server saw them: offset and length.
+using Reads = std::vector<std::pair<std::uint64_t, std::uint32_t>>;
+
 // Serves one file "/file" for download; the test shapes the answers.
 struct ScriptedDownload {
   std::string contents;
   std::optional<std::uint64_t> statSize;  // what STAT claims
   std::uint32_t maxData = UINT32_MAX;     // longest DATA reply
   std::uint32_t limitsRead = 0;           // 0: no limits extension
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> reads;
+  Reads reads;
 
   void operator()(Request const& r, std::vector<Bytes>& out) {
     switch (r.type) {
@@ -527,6 +530,19 @@ class ScriptedTest : public ::testing::Test {
     }
     return "no error";
   }
+  // A file listed at 3 bytes whose server holds `contents`: its download
+  // fails as changed after exactly `reads` and leaves nothing behind.
+  void expectChangedWhileRead(std::string contents, std::uint32_t limitsRead, Reads const& reads) {
+    ScriptedDownload script;
+    script.contents = std::move(contents);
+    script.statSize = 3;
+    script.limitsRead = limitsRead;
+    FakeServer server(std::ref(script));
+    EXPECT_EQ(treeFailureOf(server), "cannot download '/file' from " + std::string(kPeer) + " to '" +
+                                         (scratch_ / "f").string() + "': '/file' changed while being read");
+    EXPECT_EQ(script.reads, reads);
+    EXPECT_TRUE(listNames(scratch_.path()).empty());
+  }
   std::string downloadPrefix() const {
     return "cannot download '/file' from tester@local:0 to '" + (scratch_ / "f").string() + "': ";
   }
@@ -567,18 +583,11 @@ TEST_F(ScriptedTest, AListedFileOfItsListedSizeArrives) {
   FakeServer server(std::ref(script));
   EXPECT_EQ(transferTrees(server, kPeer, treeDownload(), {}, {}).files, 1U);
   EXPECT_EQ(readFile(scratch_ / "f"), "abc");
-  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 3}, {3, 1}}));
+  EXPECT_EQ(script.reads, (Reads{{0, 3}, {3, 1}}));
 }
 
 TEST_F(ScriptedTest, AListedFileThatGrewFailsAndLeavesNothing) {
-  ScriptedDownload script;
-  script.contents = "abc and more";
-  script.statSize = 3;
-  FakeServer server(std::ref(script));
-  EXPECT_EQ(treeFailureOf(server), "cannot download '/file' from " + std::string(kPeer) + " to '" +
-                                       (scratch_ / "f").string() + "': '/file' changed while being read");
-  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 3}, {3, 1}}));
-  EXPECT_TRUE(listNames(scratch_.path()).empty());
+  expectChangedWhileRead("abc and more", 0, {{0, 3}, {3, 1}});
 }
 
 // A server that states its limits answers a READ with one read(): the last
@@ -591,7 +600,7 @@ TEST_F(ScriptedTest, AListedFileIsProbedWithinItsLastReadWhenTheServerStatesItsL
   FakeServer server(std::ref(script));
   EXPECT_EQ(transferTrees(server, kPeer, treeDownload(), {}, {}).files, 1U);
   EXPECT_EQ(readFile(scratch_ / "f"), "abc");
-  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 4}}));
+  EXPECT_EQ(script.reads, (Reads{{0, 4}}));
 }
 
 TEST_F(ScriptedTest, ShortReadsOfAListedFileStillReachItsProbe) {
@@ -605,32 +614,15 @@ TEST_F(ScriptedTest, ShortReadsOfAListedFileStillReachItsProbe) {
   EXPECT_TRUE(readFile(scratch_ / "f") == script.contents);
   // The last READ's 500 bytes end at the listed size: that is its end.
   std::sort(script.reads.begin(), script.reads.end());
-  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{
-                              {0, 1000}, {700, 300}, {1000, 1000}, {1700, 300}, {2000, 501}}));
+  EXPECT_EQ(script.reads, (Reads{{0, 1000}, {700, 300}, {1000, 1000}, {1700, 300}, {2000, 501}}));
 }
 
 TEST_F(ScriptedTest, AListedFileThatGrewFailsWithinItsLastRead) {
-  ScriptedDownload script;
-  script.contents = "abc and more";
-  script.statSize = 3;
-  script.limitsRead = 1000;
-  FakeServer server(std::ref(script));
-  EXPECT_EQ(treeFailureOf(server), "cannot download '/file' from " + std::string(kPeer) + " to '" +
-                                       (scratch_ / "f").string() + "': '/file' changed while being read");
-  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 4}}));
-  EXPECT_TRUE(listNames(scratch_.path()).empty());
+  expectChangedWhileRead("abc and more", 1000, {{0, 4}});
 }
 
 TEST_F(ScriptedTest, AListedFileThatShrankFailsAndLeavesNothing) {
-  ScriptedDownload script;
-  script.contents = "ab";
-  script.statSize = 3;
-  script.limitsRead = 1000;
-  FakeServer server(std::ref(script));
-  EXPECT_EQ(treeFailureOf(server), "cannot download '/file' from " + std::string(kPeer) + " to '" +
-                                       (scratch_ / "f").string() + "': '/file' changed while being read");
-  EXPECT_EQ(script.reads, (std::vector<std::pair<std::uint64_t, std::uint32_t>>{{0, 4}, {2, 2}}));
-  EXPECT_TRUE(listNames(scratch_.path()).empty());
+  expectChangedWhileRead("ab", 1000, {{0, 4}, {2, 2}});
 }
 
 TEST_F(ScriptedTest, ACallbackThatThrowsWhileListingStopsBeforeAnyFile) {
