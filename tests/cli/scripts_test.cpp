@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,6 +32,7 @@ namespace fs = std::filesystem;
 using json = nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 
 constexpr int kUsage = 2;
 constexpr int kInterrupted = 130;
@@ -494,6 +496,32 @@ TEST_F(ScriptsTest, ChannelsCarryTheFilesAndFewerOpenedAreSaidUnderVerbose) {
   EXPECT_EQ(bad.status, kUsage);
   EXPECT_THAT(bad.err, ::testing::StartsWith("sshfa: put: --channels: Value 0 not in range 1 to 16\n"));
   EXPECT_FALSE(fs::exists(at("dst/x")));
+}
+
+// A transfer raises the soft limit of open files to 16,384 where the hard
+// limit allows, up to the hard limit where it is lower; one already there
+// stays. (The hard limits here stay within this process's own.)
+TEST_F(ScriptsTest, TransfersRaiseTheOpenFileLimitWhereTheHardLimitAllows) {
+  struct rlimit own {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &own), 0);
+  ASSERT_GE(own.rlim_max, 2048U) << "the test needs a hard limit of 2,048 open files or more";
+  auto const hard = [&](rlim_t wanted) { return std::to_string(std::min(wanted, own.rlim_max)); };
+  writeFile(at("src/f"), "file");
+  auto const limited = [&](std::string const& limits, std::string const& into) {
+    ToolOptions options;
+    options.program = "/usr/bin/prlimit";
+    auto args = withConnection({"-v", "put", at("src"), at(into)});
+    args.insert(args.begin(), {"--nofile=" + limits, toolPath()});
+    auto result = runTool(args, options);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(readFile(at(into + "/f")), "file");
+    return result.err;
+  };
+  EXPECT_THAT(limited("1024:" + hard(8192), "a"),
+              HasSubstr("sshfa: trace: put: open files: up to " + hard(8192) + " (was 1024)\n"));
+  EXPECT_THAT(limited("256:2048", "b"), HasSubstr("sshfa: trace: put: open files: up to 2048 (was 256)\n"));
+  EXPECT_THAT(limited(hard(16384) + ":" + hard(16384), "c"), Not(HasSubstr("open files")));
+  EXPECT_THAT(limited("1024:1024", "d"), Not(HasSubstr("open files")));
 }
 
 TEST_F(ScriptsTest, CompressionIsShownInTheNegotiatedAlgorithms) {

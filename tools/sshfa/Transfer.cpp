@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -245,6 +246,21 @@ std::string summary(TransferCommand const& command, sfa::TransferReport const& r
   return fmt::format("{}: copied {}{}\n", command.name, describeTotals(totals), extra);
 }
 
+// Each file in flight holds a descriptor here, and the usual limit of 1,024
+// leaves a transfer 240 a channel, fewer than it can use (200,000 files of
+// 100 B on loopback: get 3.1 s with 240, 2.9 s with 512). The soft limit goes
+// up to kOpenFilesWanted where the hard limit allows; the limits before and
+// after when it moved.
+constexpr rlim_t kOpenFilesWanted = 16384;
+std::optional<std::pair<rlim_t, rlim_t>> raiseOpenFileLimit() {
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kOpenFilesWanted) return std::nullopt;
+  auto const before = limit.rlim_cur;
+  limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? kOpenFilesWanted : std::min(kOpenFilesWanted, limit.rlim_max);
+  if (limit.rlim_cur <= before || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) return std::nullopt;
+  return std::pair(before, limit.rlim_cur);
+}
+
 }  // namespace
 
 ssh::Filter buildFilter(TransferFlags const& flags, std::vector<std::string> const& order) {
@@ -295,6 +311,9 @@ int runTransfer(sfa::FileAccess& access, ProgressRouter& progress, TransferComma
   if (name == "sync") refuseKindChange(access, command);
   noteNesting(access, command);
   auto options = optionsOf(command);
+  if (auto const raised = raiseOpenFileLimit(); raised && flags.verbose) {
+    trace(fmt::format("{}: open files: up to {} (was {})", name, raised->second, raised->first));
+  }
   SilencedStderr const silenced(flags.quiet);
   TransferReporter reporter(flags.progress || isTerminal(STDERR_FILENO));
   if (flags.verbose && !command.json && !flags.dryRun) {

@@ -843,6 +843,53 @@ std::vector<std::string> stringsOf(Bytes const& body, std::size_t count, std::si
   return strings;
 }
 
+// Uploads of 1,000 bytes each, through a server that states its limits;
+// the most OPENs sent before the WRITE of their file was.
+std::size_t mostOpenedAhead(ScratchDir const& scratch, EngineOptions const& options) {
+  std::vector<FileLocations> items;
+  for (int i = 0; i < 40; ++i) {
+    auto const name = "local" + std::to_string(i);
+    writeFile(scratch / name, std::string(1000, 'x'));
+    items.push_back({fl::i18n::utf8_to_ustring((scratch / name).string()), u"/r/" + fl::i18n::utf8_to_ustring(name)});
+  }
+  std::size_t ahead = 0;
+  std::size_t most = 0;
+  std::size_t writes = 0;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    if (r.type == PacketType::Init) {
+      out.push_back(Body(PacketType::Version).u32(3).str("limits@openssh.com").str("1").framed());
+    } else if (r.type == PacketType::Extended && r.firstString() == "limits@openssh.com") {
+      out.push_back(
+          Body(PacketType::ExtendedReply).u32(r.id).u64(1 << 20).u64(1 << 15).u64(1 << 15).u64(1000).framed());
+    } else if (r.type == PacketType::Open) {
+      most = std::max(most, ++ahead);
+      out.push_back(Body(PacketType::Handle).u32(r.id).str("H").framed());
+    } else {
+      if (r.type == PacketType::Write) {
+        --ahead;
+        ++writes;
+      }
+      out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+    }
+  });
+  transfer(server, kPeer,
+           CopyFilesCommand(std::move(items), TransferDirection::LocalToRemote, TransferProtocol::SFTP, 0744), {},
+           options);
+  EXPECT_EQ(writes, 40U);
+  return most;
+}
+
+// An upload opens files only as far ahead of their data as the options let
+// it (on a short round trip); without that bound, as many as it may hold.
+TEST_F(ScriptedTest, UploadsOpenFilesOnlyAsFarAheadAsTheirDataCanGo) {
+  EngineOptions bounded;
+  bounded.uploadOpenAheadBytes = 4000;
+  EXPECT_EQ(mostOpenedAhead(scratch_, bounded), 4U);
+  EngineOptions unbounded;
+  unbounded.uploadOpenAheadBytes = 0;
+  EXPECT_GE(mostOpenedAhead(scratch_, unbounded), 8U);
+}
+
 TEST_F(ScriptedTest, OfTwoUploadsToOnePlaceTheLaterStaysEvenWhenTheEarlierIsDelayed) {
   writeFile(scratch_ / "earlier", "earlier");
   writeFile(scratch_ / "later", "later");

@@ -58,19 +58,25 @@ TEST(ChannelsFor, FollowTheRoundTrip) {
   EXPECT_EQ(channelsFor(std::chrono::nanoseconds(0)), 2U);
 }
 
-// Uploads start at 48 files on a short round trip, at 128 from 10 ms on.
+// Uploads open files 256 KiB ahead of their data on a short round trip;
+// from 10 ms on, without that bound, and files start at their cap.
 TEST(StartingOptions, FollowTheRoundTrip) {
   using std::chrono::microseconds;
   using std::chrono::milliseconds;
   sftp::EngineOptions const defaults;
-  EXPECT_EQ(startingOptions(microseconds(60)).maxOpenUploads, 48U);  // loopback
-  EXPECT_EQ(startingOptions(milliseconds(9)).maxOpenUploads, 48U);
-  EXPECT_EQ(startingOptions(milliseconds(10)).maxOpenUploads, 128U);
-  EXPECT_EQ(startingOptions(milliseconds(50)).maxOpenUploads, 128U);
+  for (auto const roundTrip : {microseconds(60), microseconds(9'999)}) {
+    auto const options = startingOptions(roundTrip);
+    EXPECT_EQ(options.uploadOpenAheadBytes, 256U * 1024U);
+    EXPECT_EQ(options.maxOpenFiles, 512U);
+  }
+  for (auto const roundTrip : {milliseconds(10), milliseconds(50)}) {
+    auto const options = startingOptions(roundTrip);
+    EXPECT_EQ(options.uploadOpenAheadBytes, 0U);
+    EXPECT_EQ(options.maxOpenFiles, 1024U);
+  }
   // Nothing else moves.
   for (auto const roundTrip : {microseconds(60), microseconds(50'000)}) {
     auto const options = startingOptions(roundTrip);
-    EXPECT_EQ(options.maxOpenFiles, defaults.maxOpenFiles);
     EXPECT_EQ(options.windowBytes, defaults.windowBytes);
     EXPECT_EQ(options.uploadWindowBytes, defaults.uploadWindowBytes);
     EXPECT_EQ(options.windowCap, defaults.windowCap);

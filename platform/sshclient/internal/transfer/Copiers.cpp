@@ -27,7 +27,10 @@ std::size_t channelsFor(std::chrono::nanoseconds roundTrip) {
 
 sftp::EngineOptions startingOptions(std::chrono::nanoseconds roundTrip) {
   sftp::EngineOptions options;
-  if (roundTrip >= kLongRoundTrip) options.maxOpenUploads = options.maxOpenFiles;
+  if (roundTrip >= kLongRoundTrip) {
+    options.maxOpenFiles = options.maxOpenFilesCap;
+    options.uploadOpenAheadBytes = 0;
+  }
   return options;
 }
 

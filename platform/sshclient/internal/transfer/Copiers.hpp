@@ -56,11 +56,13 @@ inline constexpr std::size_t kLeastChannels = 2;
 inline constexpr std::size_t kMostChannels = 4;
 [[nodiscard]] std::size_t channelsFor(std::chrono::nanoseconds roundTrip);
 
-// Where a transfer's amounts in flight start, from the round trip. Uploads
-// start at fewer files than downloads because one sftp-server slows with
-// more on loopback; from kLongRoundTrip on, the first round of files is
-// worth more (a round is three round trips: 300 files of 2-6 KiB at 50 ms
-// go in one round instead of two), so uploads start as downloads do.
+// Where a transfer's amounts in flight start, from the round trip. On a
+// short one an upload opens files only as far ahead as their data can soon
+// go, since one sftp-server slows with more on loopback. From kLongRoundTrip
+// on, each round of files is worth more (a round is three round trips: 300
+// files of 2-6 KiB at 50 ms go in one round instead of two), so files start
+// at their cap and uploads open as many as downloads do (10,000 files of
+// 1-4 KiB at 50 ms: get 1.40 s against 1.63 s, put 1.32 s against 1.76 s).
 inline constexpr std::chrono::milliseconds kLongRoundTrip{10};
 [[nodiscard]] sftp::EngineOptions startingOptions(std::chrono::nanoseconds roundTrip);
 

@@ -25,7 +25,8 @@ CopySettings copySettings(sftp::EngineOptions const& options, bool upload, std::
   settings.upload = upload;
   settings.windowBytes = upload ? std::min(options.windowBytes, options.uploadWindowBytes) : options.windowBytes;
   settings.windowCap = options.windowCap;
-  settings.maxOpenFiles = upload ? std::min(options.maxOpenFiles, options.maxOpenUploads) : options.maxOpenFiles;
+  settings.maxOpenFiles = options.maxOpenFiles;
+  settings.openAheadBytes = upload ? options.uploadOpenAheadBytes : 0;
   // Files in flight over all channels stay within the process's open files.
   settings.maxOpenFilesCap = filesOpenPerChannel(openFileLimit(), channels, options.maxOpenFilesCap);
   settings.maxOpenFiles = std::min(settings.maxOpenFiles, settings.maxOpenFilesCap);
@@ -115,7 +116,10 @@ void FileCopier::poll() {
   // A file done holds no handle: its CLOSE went before any later OPEN, and
   // the server answers in order (one failed before its OPEN was answered
   // closes on the answer: half the server's handles stay spare for those).
-  while (!stopping_ && !queue_.empty() && active() < maxOpen && session_.queuedBytes() < kOutboundLimit) {
+  auto const ahead = settings_.openAheadBytes;
+  auto unsent = ahead > 0 ? unsentBytes() : 0;
+  while (!stopping_ && !queue_.empty() && active() < maxOpen && session_.queuedBytes() < kOutboundLimit &&
+         (ahead == 0 || unsent < ahead)) {
     if (busy_.contains(queue_.front().destination)) break;
     auto job = std::make_unique<Job>();
     job->task = std::move(queue_.front());
@@ -123,6 +127,7 @@ void FileCopier::poll() {
     busy_.insert(queued_.extract(job->task.destination));
     jobs_.push_back(std::move(job));
     start(*jobs_.back());
+    if (ahead > 0) unsent += jobs_.back()->unsent();
   }
   if (!session_.limitsKnown()) return;
   sendData();
@@ -132,6 +137,12 @@ void FileCopier::poll() {
     std::this_thread::sleep_until(limit_.readyAt());
     sendData();
   }
+}
+
+std::uint64_t FileCopier::unsentBytes() const noexcept {
+  std::uint64_t unsent = 0;
+  for (auto const& job : jobs_) unsent += job->unsent();
+  return unsent;
 }
 
 void FileCopier::sendData() {

@@ -64,8 +64,9 @@ struct CopySettings {
   bool upload = true;
   std::uint64_t windowBytes = 8U * 1024U * 1024U;  // file data in flight
   std::uint64_t windowCap = 32U * 1024U * 1024U;
-  std::size_t maxOpenFiles = 128;  // also bounded by the server's handle limit
-  std::size_t maxOpenFilesCap = 512;
+  std::size_t maxOpenFiles = 512;  // also bounded by the server's handle limit
+  std::size_t maxOpenFilesCap = 1024;
+  std::uint64_t openAheadBytes = 0;        // unsent data of the files open that stops further opens; 0: none
   std::optional<std::uint32_t> chunkSize;  // bytes per READ/WRITE; unset: the server's
   std::uint32_t createMode = 0600;         // temporaries are created with it (less the umask)
   bool resume = false;                     // resumable temporaries, kept when stopped
@@ -179,6 +180,7 @@ class FileCopier final : public sftp::ReplyHandler {
  private:
   struct Job;
   void start(Job& job);
+  [[nodiscard]] std::uint64_t unsentBytes() const noexcept;
   void fail(Job& job, std::string const& cause);
   void retire(Job& job);
   void complete(Job& job);

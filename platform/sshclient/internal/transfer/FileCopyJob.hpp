@@ -170,6 +170,13 @@ struct FileCopier::Job {
   std::uint64_t grantEnd = 0;
   bool helper = false;
 
+  // A whole file's bytes not yet sent: they go as the window lets them,
+  // whatever else is under way. 0 for a delta, whose ranges wait to be found,
+  // and for a file shared out, whose ranges other channels may send.
+  [[nodiscard]] std::uint64_t unsent() const noexcept {
+    if (task.delta || stripe || helper || phase > Phase::Transferring || failed || next >= size) return 0;
+    return size - next;
+  }
   // Where what is sent from `next` on stops: the end of a delta's range
   // (`next` itself while its next range is still being found) or of a shared
   // file's grant, else the file's end.
