@@ -117,7 +117,8 @@ void FileCopier::poll() {
   // the server answers in order (one failed before its OPEN was answered
   // closes on the answer: half the server's handles stay spare for those).
   auto const ahead = settings_.openAheadBytes;
-  auto unsent = ahead > 0 ? unsentBytes() : 0;
+  // Summed over the jobs only when a file could start.
+  auto unsent = ahead > 0 && !stopping_ && !queue_.empty() && active() < maxOpen ? unsentBytes() : 0;
   while (!stopping_ && !queue_.empty() && active() < maxOpen && session_.queuedBytes() < kOutboundLimit &&
          (ahead == 0 || unsent < ahead)) {
     if (busy_.contains(queue_.front().destination)) break;
