@@ -347,6 +347,31 @@ TEST_P(Reruns, ARateLimitHoldsTheDataBack) {
   EXPECT_TRUE(readFile(dst() / "f") == contents);
 }
 
+// More resumable temporaries than this process may hold open at once: a
+// resumed file opens its temporary here as it starts (downloads) or reads
+// its source (uploads), so the files wait for descriptors and every one
+// continues.
+TEST_P(Reruns, MoreResumesThanOpenFilesAllowAllContinue) {
+  constexpr int kFiles = 120;
+  fs::create_directory(dst());
+  std::map<std::string, std::string> expected;
+  for (int i = 0; i < kFiles; ++i) {
+    auto const name = "f" + std::to_string(i);
+    auto const contents = "resumed file " + std::to_string(i);
+    writeFile(src() / name, contents);
+    setTime(src() / name, kOldTime);
+    // For uploads the temporary lies on the server's side, here too.
+    writeFile(dst() / resumeName(name, contents.size(), kOldTime), contents.substr(0, 8));
+    expected[name] = contents;
+  }
+  OpenFileLimit const limit(96);
+  auto const report = copyTree({.resume = true});
+  EXPECT_EQ(report.files, std::size_t{kFiles});
+  EXPECT_EQ(report.resumed, std::size_t{kFiles});
+  for (auto const& [name, contents] : expected) EXPECT_EQ(readFile(dst() / name), contents) << name;
+  EXPECT_THAT(temporariesIn(dst()), IsEmpty());
+}
+
 // An earlier run's temporary holding the first half of the file.
 class Resumes : public Reruns {
  protected:

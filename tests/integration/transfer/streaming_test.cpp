@@ -7,7 +7,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <filesystem>
 #include <memory>
@@ -127,23 +126,6 @@ TEST_P(Streaming, AStopWhileCopiesWaitLeavesOnlyWholeFiles) {
   EXPECT_GE(arrived, 100U);
   EXPECT_LT(arrived, 5'000U);
 }
-
-// Lowers this process's soft limit of open files while it lives.
-class OpenFileLimit {
- public:
-  explicit OpenFileLimit(rlim_t soft) {
-    ::getrlimit(RLIMIT_NOFILE, &saved_);
-    struct rlimit lowered = saved_;
-    lowered.rlim_cur = soft;
-    ::setrlimit(RLIMIT_NOFILE, &lowered);
-  }
-  ~OpenFileLimit() { ::setrlimit(RLIMIT_NOFILE, &saved_); }
-  OpenFileLimit(OpenFileLimit const&) = delete;
-  OpenFileLimit& operator=(OpenFileLimit const&) = delete;
-
- private:
-  struct rlimit saved_ {};
-};
 
 // A folder of more folders, and one of more files, than the process may
 // hold open at once: everything arrives.

@@ -1,8 +1,10 @@
 #pragma once
 // File helpers shared by the transfer tests: random contents, whole-file
-// reads and writes, folder listings that include hidden files.
+// reads and writes, folder listings that include hidden files, a lowered
+// limit of open files.
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -81,6 +83,23 @@ class ScratchDir {
 
  private:
   std::filesystem::path path_;
+};
+
+// Lowers this process's soft limit of open files while it lives.
+class OpenFileLimit {
+ public:
+  explicit OpenFileLimit(rlim_t soft) {
+    ::getrlimit(RLIMIT_NOFILE, &saved_);
+    struct rlimit lowered = saved_;
+    lowered.rlim_cur = soft;
+    ::setrlimit(RLIMIT_NOFILE, &lowered);
+  }
+  ~OpenFileLimit() { ::setrlimit(RLIMIT_NOFILE, &saved_); }
+  OpenFileLimit(OpenFileLimit const&) = delete;
+  OpenFileLimit& operator=(OpenFileLimit const&) = delete;
+
+ private:
+  struct rlimit saved_ {};
 };
 
 }  // namespace sshfa::testing

@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 using sshfa::testing::Body;
 using sshfa::testing::FakeServer;
 using sshfa::testing::listNames;
+using sshfa::testing::OpenFileLimit;
 using sshfa::testing::randomBytes;
 using sshfa::testing::readFile;
 using sshfa::testing::RecordingTransport;
@@ -770,27 +771,32 @@ TEST_F(ScriptedTest, FilesThatAllCompleteAtOnceMakeRoomForTheNext) {
   EXPECT_EQ(renames, 300U);
 }
 
-// A download holds its handle until its CLOSE is sent: the next file opens
-// without waiting for the CLOSE's answer (a round trip on a long link), and
-// the server never holds more handles than its limit.
-TEST_F(ScriptedTest, ADownloadsSlotIsFreeOnceItsCloseIsSent) {
-  constexpr int kFiles = 40;
+// Downloads of `count` files f0, f1, ... from /r into `scratch`.
+CopyFilesCommand downloadsOf(ScratchDir const& scratch, int count) {
   std::vector<FileLocations> items;
-  for (int i = 0; i < kFiles; ++i) {
+  for (int i = 0; i < count; ++i) {
     auto const name = "f" + std::to_string(i);
-    items.push_back({fl::i18n::utf8_to_ustring((scratch_ / name).string()), u"/r/" + fl::i18n::utf8_to_ustring(name)});
+    items.push_back({fl::i18n::utf8_to_ustring((scratch / name).string()), u"/r/" + fl::i18n::utf8_to_ustring(name)});
   }
+  return CopyFilesCommand(std::move(items), TransferDirection::RemoteToLocal, TransferProtocol::SFTP, 0644);
+}
+
+// A server whose files each hold "x", stating `handles` as its limit; it
+// counts the handles open at once.
+struct OneByteFiles {
+  std::uint64_t handles = 0;
   std::set<std::string> open;
   std::size_t mostOpen = 0;
   int opens = 0;
-  std::vector<Bytes> heldCloses;  // answered only once every file was opened
-  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+
+  void answer(Request const& r, std::vector<Bytes>& out) {
     switch (r.type) {
       case PacketType::Init:
         out.push_back(Body(PacketType::Version).u32(3).str("limits@openssh.com").str("1").framed());
         return;
-      case PacketType::Extended:  // the limits: at most 8 handles
-        out.push_back(Body(PacketType::ExtendedReply).u32(r.id).u64(1 << 20).u64(1 << 15).u64(1 << 15).u64(8).framed());
+      case PacketType::Extended:
+        out.push_back(
+            Body(PacketType::ExtendedReply).u32(r.id).u64(1 << 20).u64(1 << 15).u64(1 << 15).u64(handles).framed());
         return;
       case PacketType::Stat:
         out.push_back(Body(PacketType::Attrs)
@@ -805,7 +811,6 @@ TEST_F(ScriptedTest, ADownloadsSlotIsFreeOnceItsCloseIsSent) {
         open.insert(handle);
         mostOpen = std::max(mostOpen, open.size());
         out.push_back(Body(PacketType::Handle).u32(r.id).str(handle).framed());
-        if (opens == kFiles) std::move(heldCloses.begin(), heldCloses.end(), std::back_inserter(out));
         return;
       }
       case PacketType::Read: {
@@ -816,18 +821,62 @@ TEST_F(ScriptedTest, ADownloadsSlotIsFreeOnceItsCloseIsSent) {
       }
       case PacketType::Close:
         open.erase(r.firstString());
-        (opens < kFiles ? heldCloses : out).push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+        out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
         return;
       default:
         out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
     }
+  }
+};
+
+void expectOneByteFiles(ScratchDir const& scratch, int count) {
+  for (int i = 0; i < count; ++i) EXPECT_EQ(readFile(scratch / ("f" + std::to_string(i))), "x") << i;
+  EXPECT_EQ(listNames(scratch.path()).size(), static_cast<std::size_t>(count));
+}
+
+// A download holds its handle until its CLOSE is sent: the next file opens
+// without waiting for the CLOSE's answer (a round trip on a long link), and
+// the server never holds more handles than its limit.
+TEST_F(ScriptedTest, ADownloadsSlotIsFreeOnceItsCloseIsSent) {
+  constexpr int kFiles = 40;
+  OneByteFiles files;
+  files.handles = 8;
+  std::vector<Bytes> heldCloses;  // answered only once every file was opened
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) {
+    if (r.type == PacketType::Close && files.opens < kFiles) {
+      files.open.erase(r.firstString());
+      heldCloses.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+      return;
+    }
+    files.answer(r, out);
+    if (r.type == PacketType::Open && files.opens == kFiles) {
+      std::move(heldCloses.begin(), heldCloses.end(), std::back_inserter(out));
+    }
   });
-  transfer(server, kPeer,
-           CopyFilesCommand(std::move(items), TransferDirection::RemoteToLocal, TransferProtocol::SFTP, 0644), {}, {});
-  EXPECT_EQ(opens, kFiles);
-  EXPECT_LE(mostOpen, 8U);
-  EXPECT_TRUE(open.empty());
-  for (int i = 0; i < kFiles; ++i) EXPECT_EQ(readFile(scratch_ / ("f" + std::to_string(i))), "x") << i;
+  transfer(server, kPeer, downloadsOf(scratch_, kFiles), {}, {});
+  EXPECT_EQ(files.opens, kFiles);
+  EXPECT_LE(files.mostOpen, 8U);
+  EXPECT_TRUE(files.open.empty());
+  expectOneByteFiles(scratch_, kFiles);
+}
+
+// A download holds a descriptor here only while it writes: under a low limit
+// of open files it keeps as many files in flight as the server lets it, not
+// the 32 a channel that the limit leaves for descriptors.
+TEST_F(ScriptedTest, DownloadsKeepMoreFilesInFlightThanTheOpenFileLimitLeaves) {
+  constexpr int kFiles = 100;
+  OneByteFiles files;
+  files.handles = 1000;
+  FakeServer server([&](Request const& r, std::vector<Bytes>& out) { files.answer(r, out); });
+  {
+    // (128 - 64 reserved) / 2: 32 descriptors for the files of the one channel.
+    OpenFileLimit const limit(128);
+    transfer(server, kPeer, downloadsOf(scratch_, kFiles), {}, {});
+  }
+  EXPECT_EQ(files.opens, kFiles);
+  EXPECT_GT(files.mostOpen, 32U);
+  EXPECT_TRUE(files.open.empty());
+  expectOneByteFiles(scratch_, kFiles);
 }
 
 // Strings of a request body in order (what follows them is not read).

@@ -67,8 +67,10 @@ inline constexpr std::chrono::milliseconds kLongRoundTrip{10};
 [[nodiscard]] sftp::EngineOptions startingOptions(std::chrono::nanoseconds roundTrip);
 
 // What a transfer may keep open here under the process's limit of open
-// files `limit`: each file under way holds a descriptor (its local source or
-// temporary), and each folder a download works in holds one. Half of what is
+// files `limit`: an upload under way holds a descriptor (its local source),
+// a download one while it writes its temporary (with replies in order, one
+// or two files a channel at a time; a delta or a resumed file from its
+// start), and each folder a download works in holds one. Half of what is
 // left after kReservedFiles (sockets, libraries, the caller's own) goes to
 // the files of all `channels`, at most `cap` a channel and at least
 // kFewestFiles; a quarter to the folders, at least kFewestFolders.

@@ -27,8 +27,10 @@ CopySettings copySettings(sftp::EngineOptions const& options, bool upload, std::
   settings.windowCap = options.windowCap;
   settings.maxOpenFiles = options.maxOpenFiles;
   settings.openAheadBytes = upload ? options.uploadOpenAheadBytes : 0;
-  // Files in flight over all channels stay within the process's open files.
-  settings.maxOpenFilesCap = filesOpenPerChannel(openFileLimit(), channels, options.maxOpenFilesCap);
+  // Descriptors over all channels stay within the process's open files; a
+  // download holds one only while it writes, so only uploads are bound by them.
+  settings.descriptors = filesOpenPerChannel(openFileLimit(), channels, options.maxOpenFilesCap);
+  settings.maxOpenFilesCap = upload ? settings.descriptors : options.maxOpenFilesCap;
   settings.maxOpenFiles = std::min(settings.maxOpenFiles, settings.maxOpenFilesCap);
   settings.chunkSize = options.chunkSize;
   return settings;
@@ -121,7 +123,12 @@ void FileCopier::poll() {
   auto unsent = ahead > 0 && !stopping_ && !queue_.empty() && active() < maxOpen ? unsentBytes() : 0;
   while (!stopping_ && !queue_.empty() && active() < maxOpen && session_.queuedBytes() < kOutboundLimit &&
          (ahead == 0 || unsent < ahead)) {
-    if (busy_.contains(queue_.front().destination)) break;
+    auto const& next = queue_.front();
+    if (busy_.contains(next.destination)) break;
+    // A delta or a resumed download opens its temporary at once.
+    if (!settings_.upload && (next.delta || !next.resumeTemp.empty()) && descriptorsHeld() >= settings_.descriptors) {
+      break;
+    }
     auto job = std::make_unique<Job>();
     job->task = std::move(queue_.front());
     queue_.pop_front();
@@ -138,6 +145,11 @@ void FileCopier::poll() {
     std::this_thread::sleep_until(limit_.readyAt());
     sendData();
   }
+}
+
+std::size_t FileCopier::descriptorsHeld() const noexcept {
+  return static_cast<std::size_t>(
+      std::count_if(jobs_.begin(), jobs_.end(), [](auto const& job) { return job->fd.valid(); }));
 }
 
 std::uint64_t FileCopier::unsentBytes() const noexcept {

@@ -66,6 +66,9 @@ struct CopySettings {
   std::uint64_t windowCap = 32U * 1024U * 1024U;
   std::size_t maxOpenFiles = 512;  // also bounded by the server's handle limit
   std::size_t maxOpenFilesCap = 1024;
+  // Files holding a local descriptor at once: every upload from its start, a
+  // download while it writes (a delta or a resumed one from its start).
+  std::size_t descriptors = 1024;
   std::uint64_t openAheadBytes = 0;        // unsent data of the files open that stops further opens; 0: none
   std::optional<std::uint32_t> chunkSize;  // bytes per READ/WRITE; unset: the server's
   std::uint32_t createMode = 0600;         // temporaries are created with it (less the umask)
@@ -181,6 +184,7 @@ class FileCopier final : public sftp::ReplyHandler {
   struct Job;
   void start(Job& job);
   [[nodiscard]] std::uint64_t unsentBytes() const noexcept;
+  [[nodiscard]] std::size_t descriptorsHeld() const noexcept;
   void fail(Job& job, std::string const& cause);
   void retire(Job& job);
   void complete(Job& job);
@@ -217,6 +221,7 @@ class FileCopier final : public sftp::ReplyHandler {
   void onProbe(Job& job, sftp::Reply const& reply);
   void onRecheck(Job& job, sftp::Reply const& reply);
   bool writeBehind(Job& job, std::uint64_t offset, sftp::ByteView data);
+  bool createTemp(Job& job);
   bool flush(Job& job);
   void finishDownload(Job& job);
 

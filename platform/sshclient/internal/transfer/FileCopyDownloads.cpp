@@ -1,7 +1,7 @@
 // Downloads of FileCopier: READs pipelined from the remote file, written
-// behind into a temporary made in its folder's descriptor, a probe past a
-// listed size (within the last READ where the server allows), then mode,
-// times and a rename within that folder.
+// behind into a temporary made at the first write in its folder's
+// descriptor, a probe past a listed size (within the last READ where the
+// server allows), then mode, times and a rename within that folder.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -41,19 +41,6 @@ void FileCopier::startDownload(Job& job) {
     } else {
       counters_.bytesTotal += task.resumeFrom;
     }
-  }
-  while (!job.fd.valid()) {
-    // The first try bears the resumable name; a clash falls back to a random one.
-    job.resumable = settings_.resume && job.tempAttempts == 0;
-    auto const temp = job.resumable ? resumableName(task.name, task.size.value_or(0), task.listedMtime)
-                                    : randomTemporaryName(task.name, random_);
-    auto const error = folder.createFile(temp, static_cast<mode_t>(settings_.createMode), job.fd);
-    if (error == 0) {
-      job.temp = temp;
-      break;
-    }
-    if (error == EEXIST && ++job.tempAttempts < kTempAttempts) continue;
-    return fail(job, "cannot create " + quoted(folder.pathOf(temp)) + ": " + errnoText(error));
   }
   if (task.size) {
     // Listed: the size is known.
@@ -219,7 +206,29 @@ bool FileCopier::writeBehind(Job& job, std::uint64_t offset, ByteView data) {
   return block.length < block.capacity || flush(job);
 }
 
+// Made with the first write rather than when the file starts: until then a
+// file in flight holds no descriptor here, so the files in flight are not
+// bound by the process's open files.
+bool FileCopier::createTemp(Job& job) {
+  auto const& task = job.task;
+  for (;;) {
+    // The first try bears the resumable name; a clash falls back to a random one.
+    job.resumable = settings_.resume && job.tempAttempts == 0;
+    auto const temp = job.resumable ? resumableName(task.name, task.size.value_or(0), task.listedMtime)
+                                    : randomTemporaryName(task.name, random_);
+    auto const error = task.folder->createFile(temp, static_cast<mode_t>(settings_.createMode), job.fd);
+    if (error == 0) {
+      job.temp = temp;
+      return true;
+    }
+    if (error == EEXIST && ++job.tempAttempts < kTempAttempts) continue;
+    fail(job, "cannot create " + quoted(task.folder->pathOf(temp)) + ": " + errnoText(error));
+    return false;
+  }
+}
+
 bool FileCopier::flush(Job& job) {
+  if (!job.fd.valid() && !createTemp(job)) return false;
   auto& block = job.block;
   auto const* const data = block.data();
   auto const fd = job.fd.get();
