@@ -8,7 +8,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iterator>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -890,6 +892,131 @@ std::vector<std::string> stringsOf(Bytes const& body, std::size_t count, std::si
     at += 4 + length + (i == 0 ? skipAfterFirst : 0);
   }
   return strings;
+}
+
+// Takes uploads of a tree into "/r" (a folder not there yet) and keeps what
+// arrived; counts the handles open at once.
+struct TreeUploads {
+  std::set<std::string> open;
+  std::size_t mostOpen = 0;
+  int opens = 0;
+  std::map<std::string, std::string> pathOfHandle;
+  std::map<std::string, std::string> written;  // by temporary
+  std::map<std::string, std::string> renamed;  // by destination
+  std::set<std::string> removed;
+  std::function<void()> beforeFirstOpen;  // runs as the first OPEN arrives
+
+  void operator()(Request const& r, std::vector<Bytes>& out) {
+    switch (r.type) {
+      case PacketType::Init:
+        out.push_back(Body(PacketType::Version)
+                          .u32(3)
+                          .str("posix-rename@openssh.com")
+                          .str("1")
+                          .str("limits@openssh.com")
+                          .str("1")
+                          .framed());
+        return;
+      case PacketType::Extended:
+        if (r.firstString() == "limits@openssh.com") {
+          out.push_back(
+              Body(PacketType::ExtendedReply).u32(r.id).u64(1 << 20).u64(1 << 15).u64(1 << 15).u64(1000).framed());
+          return;
+        } else {
+          auto const paths = stringsOf(r.body, 3);
+          renamed[paths[2]] = written[paths[1]];
+        }
+        break;
+      case PacketType::Stat:
+      case PacketType::Lstat:
+        out.push_back(sshfa::testing::status(r.id, StatusCode::NoSuchFile).framed());
+        return;
+      case PacketType::Open: {
+        if (opens == 0 && beforeFirstOpen) beforeFirstOpen();
+        auto const handle = "H" + std::to_string(opens++);
+        pathOfHandle[handle] = r.firstString();
+        open.insert(handle);
+        mostOpen = std::max(mostOpen, open.size());
+        out.push_back(Body(PacketType::Handle).u32(r.id).str(handle).framed());
+        return;
+      }
+      case PacketType::Write: {
+        auto const strings = stringsOf(r.body, 2, 8);
+        written[pathOfHandle[strings[0]]] = strings[1];
+        break;
+      }
+      case PacketType::Close:
+        open.erase(r.firstString());
+        break;
+      case PacketType::Remove:
+        removed.insert(r.firstString());
+        break;
+      default:
+        break;
+    }
+    out.push_back(sshfa::testing::status(r.id, StatusCode::Ok).framed());
+  }
+};
+
+// Files f0 ... f99 (holding "file N") in `folder`, uploaded to "/r" under a
+// limit of 128 open files: (128 - 64 reserved) / 2 leaves 32 descriptors for
+// the files of the one channel, and the files start by name (f0, f1, f10,
+// ...), so f97-f99 are among those opened only when their data is to go.
+constexpr int kTreeFiles = 100;
+std::string uploadTreeUnderALowLimit(fs::path const& folder, TreeUploads& uploads) {
+  fs::create_directory(folder);
+  for (int i = 0; i < kTreeFiles; ++i) writeFile(folder / ("f" + std::to_string(i)), "file " + std::to_string(i));
+  FakeServer server(std::ref(uploads));
+  CopyTreesCommand const command({FileLocations{fl::i18n::utf8_to_ustring(folder.string()), u"/r"}},
+                                 TransferDirection::LocalToRemote);
+  OpenFileLimit const limit(128);
+  try {
+    EXPECT_EQ(transferTrees(server, kPeer, command, {}, {}).files, std::size_t{kTreeFiles});
+  } catch (SSHError const& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+// An upload of a listed file that starts while no descriptor is free opens
+// it here only when its data is to go: under a low limit of open files a
+// tree's files in flight are not bound to the descriptors the limit leaves.
+TEST_F(ScriptedTest, UploadsKeepMoreFilesInFlightThanTheOpenFileLimitLeaves) {
+  TreeUploads uploads;
+  EXPECT_EQ(uploadTreeUnderALowLimit(scratch_ / "tree", uploads), "no error");
+  EXPECT_EQ(uploads.opens, kTreeFiles);
+  EXPECT_GT(uploads.mostOpen, 32U);
+  EXPECT_TRUE(uploads.open.empty());
+  ASSERT_EQ(uploads.renamed.size(), std::size_t{kTreeFiles});
+  for (int i = 0; i < kTreeFiles; ++i) {
+    EXPECT_EQ(uploads.renamed["/r/f" + std::to_string(i)], "file " + std::to_string(i)) << i;
+  }
+  EXPECT_TRUE(uploads.removed.empty());
+}
+
+// Sources changed between their listing and their opening: each as it is
+// when opened; one gone or turned into a folder fails, and its temporary goes.
+TEST_F(ScriptedTest, AnUploadOpenedLateTakesItsSourceAsItIsThen) {
+  auto const tree = scratch_ / "tree";
+  TreeUploads uploads;
+  uploads.beforeFirstOpen = [&] {
+    writeFile(tree / "f98", "grown since it was listed");
+    fs::remove(tree / "f99");
+    fs::remove(tree / "f97");
+    fs::create_directory(tree / "f97");
+  };
+  auto const failure = uploadTreeUnderALowLimit(tree, uploads);
+  EXPECT_EQ(failure, "cannot upload " + quotedPath(tree / "f97") + " to '/r/f97' on " + kPeer + ": " +
+                         quotedPath(tree / "f97") + " is a folder (and 1 more file failed)");
+  EXPECT_EQ(uploads.renamed.size(), std::size_t{kTreeFiles - 2});
+  EXPECT_EQ(uploads.renamed["/r/f98"], "grown since it was listed");
+  EXPECT_EQ(uploads.renamed.count("/r/f97") + uploads.renamed.count("/r/f99"), 0U);
+  // The two temporaries made for them, removed.
+  ASSERT_EQ(uploads.removed.size(), 2U);
+  for (auto const& temp : uploads.removed) {
+    EXPECT_TRUE(temp.starts_with("/r/.f97.sshfa-") || temp.starts_with("/r/.f99.sshfa-")) << temp;
+  }
+  EXPECT_TRUE(uploads.open.empty());
 }
 
 // Uploads of 1,000 bytes each, through a server that states its limits;

@@ -67,12 +67,14 @@ inline constexpr std::chrono::milliseconds kLongRoundTrip{10};
 [[nodiscard]] sftp::EngineOptions startingOptions(std::chrono::nanoseconds roundTrip);
 
 // What a transfer may keep open here under the process's limit of open
-// files `limit`: an upload under way holds a descriptor (its local source),
-// a download one while it writes its temporary (with replies in order, one
-// or two files a channel at a time; a delta or a resumed file from its
-// start), and each folder a download works in holds one. Half of what is
-// left after kReservedFiles (sockets, libraries, the caller's own) goes to
-// the files of all `channels`, at most `cap` a channel and at least
+// files `limit`. A file holds a descriptor while it is read or written
+// here: an upload's source from its start while descriptors are free, else
+// from when the window lets its data go until its last byte is read; a
+// download's temporary from its first write (with replies in order, one or
+// two files a channel at a time); a delta's or a resumed file's from its
+// start. Each folder a download works in holds one. Half of what is left
+// after kReservedFiles (sockets, libraries, the caller's own) goes to the
+// files of all `channels`, at most `cap` a channel and at least
 // kFewestFiles; a quarter to the folders, at least kFewestFolders.
 inline constexpr std::size_t kReservedFiles = 64;
 inline constexpr std::size_t kFewestFiles = 8;

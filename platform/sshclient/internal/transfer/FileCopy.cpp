@@ -25,13 +25,11 @@ CopySettings copySettings(sftp::EngineOptions const& options, bool upload, std::
   settings.upload = upload;
   settings.windowBytes = upload ? std::min(options.windowBytes, options.uploadWindowBytes) : options.windowBytes;
   settings.windowCap = options.windowCap;
-  settings.maxOpenFiles = options.maxOpenFiles;
+  settings.maxOpenFiles = std::min(options.maxOpenFiles, options.maxOpenFilesCap);
+  settings.maxOpenFilesCap = options.maxOpenFilesCap;
   settings.openAheadBytes = upload ? options.uploadOpenAheadBytes : 0;
-  // Descriptors over all channels stay within the process's open files; a
-  // download holds one only while it writes, so only uploads are bound by them.
+  // Descriptors over all channels stay within the process's open files.
   settings.descriptors = filesOpenPerChannel(openFileLimit(), channels, options.maxOpenFilesCap);
-  settings.maxOpenFilesCap = upload ? settings.descriptors : options.maxOpenFilesCap;
-  settings.maxOpenFiles = std::min(settings.maxOpenFiles, settings.maxOpenFilesCap);
   settings.chunkSize = options.chunkSize;
   return settings;
 }
@@ -120,21 +118,22 @@ void FileCopier::poll() {
   // closes on the answer: half the server's handles stay spare for those).
   auto const ahead = settings_.openAheadBytes;
   // Summed over the jobs only when a file could start.
-  auto unsent = ahead > 0 && !stopping_ && !queue_.empty() && active() < maxOpen ? unsentBytes() : 0;
+  bool const mayStart = !stopping_ && !queue_.empty() && active() < maxOpen;
+  auto unsent = ahead > 0 && mayStart ? unsentBytes() : 0;
+  auto held = mayStart ? descriptorsHeld() : 0;
   while (!stopping_ && !queue_.empty() && active() < maxOpen && session_.queuedBytes() < kOutboundLimit &&
          (ahead == 0 || unsent < ahead)) {
     auto const& next = queue_.front();
     if (busy_.contains(next.destination)) break;
-    // A delta or a resumed download opens its temporary at once.
-    if (!settings_.upload && (next.delta || !next.resumeTemp.empty()) && descriptorsHeld() >= settings_.descriptors) {
-      break;
-    }
+    bool const descriptorFree = held < settings_.descriptors;
+    if (!descriptorFree && opensAtOnce(next)) break;
     auto job = std::make_unique<Job>();
     job->task = std::move(queue_.front());
     queue_.pop_front();
     busy_.insert(queued_.extract(job->task.destination));
     jobs_.push_back(std::move(job));
-    start(*jobs_.back());
+    start(*jobs_.back(), descriptorFree);
+    if (jobs_.back()->fd.valid()) ++held;
     if (ahead > 0) unsent += jobs_.back()->unsent();
   }
   if (!session_.limitsKnown()) return;
@@ -145,6 +144,12 @@ void FileCopier::poll() {
     std::this_thread::sleep_until(limit_.readyAt());
     sendData();
   }
+}
+
+// A delta, a resumed file and an upload not listed need their descriptor
+// as they start; other files wait for one until their data moves.
+bool FileCopier::opensAtOnce(FileTask const& task) const noexcept {
+  return task.delta || !task.resumeTemp.empty() || (settings_.upload && (!task.size || !task.listedMtime));
 }
 
 std::size_t FileCopier::descriptorsHeld() const noexcept {
@@ -231,9 +236,9 @@ void FileCopier::onReply(Ticket const& ticket, Reply const& reply) {
 
 // ---- both directions -------------------------------------------------------------
 
-void FileCopier::start(Job& job) {
+void FileCopier::start(Job& job, bool descriptorFree) {
   if (settings_.upload) {
-    startUpload(job);
+    startUpload(job, descriptorFree);
   } else {
     startDownload(job);
   }

@@ -66,8 +66,9 @@ struct CopySettings {
   std::uint64_t windowCap = 32U * 1024U * 1024U;
   std::size_t maxOpenFiles = 512;  // also bounded by the server's handle limit
   std::size_t maxOpenFilesCap = 1024;
-  // Files holding a local descriptor at once: every upload from its start, a
-  // download while it writes (a delta or a resumed one from its start).
+  // Files holding a local descriptor at once (a file holds one only while it
+  // is read or written here; a delta, a resumed file or one not listed from
+  // its start).
   std::size_t descriptors = 1024;
   std::uint64_t openAheadBytes = 0;        // unsent data of the files open that stops further opens; 0: none
   std::optional<std::uint32_t> chunkSize;  // bytes per READ/WRITE; unset: the server's
@@ -182,8 +183,9 @@ class FileCopier final : public sftp::ReplyHandler {
 
  private:
   struct Job;
-  void start(Job& job);
+  void start(Job& job, bool descriptorFree);
   [[nodiscard]] std::uint64_t unsentBytes() const noexcept;
+  [[nodiscard]] bool opensAtOnce(FileTask const& task) const noexcept;
   [[nodiscard]] std::size_t descriptorsHeld() const noexcept;
   void fail(Job& job, std::string const& cause);
   void retire(Job& job);
@@ -196,10 +198,12 @@ class FileCopier final : public sftp::ReplyHandler {
   void diagnose(Job& job, sftp::StatusCode status, std::string_view message);
   void onStatvfs(Job& job, sftp::Reply const& reply);
 
-  void startUpload(Job& job);
+  void startUpload(Job& job, bool descriptorFree);
+  bool openSource(Job& job);
   void openRemoteTemp(Job& job);
   void onUploadOpen(Job& job, sftp::Reply const& reply);
   void uploadOpened(Job& job);
+  void sourceReady(Job& job);
   void onUploadRefused(Job& job, sftp::Reply const& reply, std::string const& temp);
   bool readAhead(Job& job);
   bool moreToSend(Job& job);

@@ -18,7 +18,7 @@ using namespace copying;  // NOLINT(google-build-using-namespace): this room's o
 
 // ---- uploads -----------------------------------------------------------------
 
-void FileCopier::startUpload(Job& job) {
+void FileCopier::startUpload(Job& job, bool descriptorFree) {
   auto const& task = job.task;
   std::tie(job.folder, job.name) = splitPath(task.destination);
   if (task.delta) {
@@ -26,24 +26,24 @@ void FileCopier::startUpload(Job& job) {
     job.temp = job.folder + task.resumeTemp;
     job.handle = task.handle;
   }
-  job.fd = UniqueFd(::open(task.source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!job.fd.valid()) return fail(job, "cannot open " + quoted(task.source) + ": " + errnoText(errno));
-  struct stat st {};
-  if (::fstat(job.fd.get(), &st) != 0) return fail(job, "cannot open " + quoted(task.source) + ": " + errnoText(errno));
-  if (S_ISDIR(st.st_mode)) return fail(job, quoted(task.source) + " is a folder");
-  if (!S_ISREG(st.st_mode)) return fail(job, quoted(task.source) + " is not a regular file");
-  job.size = static_cast<std::uint64_t>(st.st_size);
-  job.sourceMtime = st.st_mtim;
-  // The disk reads the first block while the temporary is opened: a cold
-  // file's read would otherwise stop every channel of this thread.
-  if (job.size > 0) {
-    ::posix_fadvise(job.fd.get(), 0, static_cast<off_t>(std::min<std::uint64_t>(job.size, kIoBlock)),
-                    POSIX_FADV_WILLNEED);
+  if (descriptorFree) {
+    if (!openSource(job)) return;
+    // The disk reads the first block while the temporary is opened: a cold
+    // file's read would otherwise stop every channel of this thread.
+    if (job.size > 0) {
+      ::posix_fadvise(job.fd.get(), 0, static_cast<off_t>(std::min<std::uint64_t>(job.size, kIoBlock)),
+                      POSIX_FADV_WILLNEED);
+    }
+  } else {
+    // Opened when its data is about to go (a listed file that is neither a
+    // delta nor resumed: poll() starts no other without a free descriptor).
+    job.size = *task.size;
+    job.sourceMtime = {static_cast<time_t>(*task.listedMtime), 0};
   }
   if (task.delta) {
     // The blocks kept fit only the version that was hashed.
-    if (job.size != task.size || st.st_mtim.tv_sec != task.hashedMtime.tv_sec ||
-        st.st_mtim.tv_nsec != task.hashedMtime.tv_nsec) {
+    if (job.size != task.size || job.sourceMtime.tv_sec != task.hashedMtime.tv_sec ||
+        job.sourceMtime.tv_nsec != task.hashedMtime.tv_nsec) {
       return fail(job, quoted(task.source) + " changed while being read");
     }
     job.skipReused();
@@ -57,7 +57,7 @@ void FileCopier::startUpload(Job& job) {
   auto const counted = task.size.value_or(0) - task.resumeFrom;
   if (!task.resumeTemp.empty()) {
     auto const temp = job.folder + task.resumeTemp;
-    if (job.size == task.size && static_cast<std::uint32_t>(st.st_mtim.tv_sec) == task.listedMtime) {
+    if (job.size == task.size && static_cast<std::uint32_t>(job.sourceMtime.tv_sec) == task.listedMtime) {
       job.resumed = job.resumable = true;
       job.next = task.resumeFrom;
       job.opening = temp;
@@ -71,6 +71,24 @@ void FileCopier::startUpload(Job& job) {
   }
   counters_.bytesTotal = counters_.bytesTotal - counted + (job.size - job.next);
   if (!job.resumed) openRemoteTemp(job);
+}
+
+// The source as it is now gives the file's size and time.
+bool FileCopier::openSource(Job& job) {
+  auto const& source = job.task.source;
+  job.fd = UniqueFd(::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat st {};
+  if (!job.fd.valid() || ::fstat(job.fd.get(), &st) != 0) {
+    fail(job, "cannot open " + quoted(source) + ": " + errnoText(errno));
+    return false;
+  }
+  if (S_ISDIR(st.st_mode) || !S_ISREG(st.st_mode)) {
+    fail(job, quoted(source) + (S_ISDIR(st.st_mode) ? " is a folder" : " is not a regular file"));
+    return false;
+  }
+  job.size = static_cast<std::uint64_t>(st.st_size);
+  job.sourceMtime = st.st_mtim;
+  return true;
 }
 
 void FileCopier::openRemoteTemp(Job& job) {
@@ -111,6 +129,12 @@ void FileCopier::onUploadOpen(Job& job, Reply const& reply) {
 // The temporary is open for writing: the data goes.
 void FileCopier::uploadOpened(Job& job) {
   job.phase = Job::Phase::Transferring;
+  // A source not open yet is opened when its data is about to go.
+  if (job.fd.valid()) sourceReady(job);
+}
+
+// Source and temporary are open: a big file is shared out, an empty one ends.
+void FileCopier::sourceReady(Job& job) {
   if (board_ != nullptr && !job.task.delta && job.size - job.next >= kStripedFrom) {
     job.stripe = std::make_shared<Stripe>(job.task.source, job.task.destination, job.temp, job.next, job.size);
     job.grantEnd = job.next;
@@ -175,6 +199,14 @@ bool FileCopier::moreToSend(Job& job) {
 }
 
 void FileCopier::issueWrites(Job& job) {
+  if (!job.fd.valid()) {
+    // Counted as listed until now.
+    auto const listed = job.size;
+    if (!openSource(job)) return;
+    counters_.bytesTotal = counters_.bytesTotal - listed + job.size;
+    sourceReady(job);
+    if (job.phase != Job::Phase::Transferring || job.failed) return;
+  }
   while (session_.dataInFlight() < window_ && session_.queuedBytes() < kOutboundLimit && moreToSend(job) &&
          mayRequest()) {
     if (!readAhead(job)) break;
