@@ -18,6 +18,18 @@ using namespace copying;  // NOLINT(google-build-using-namespace): this room's o
 
 // ---- uploads -----------------------------------------------------------------
 
+namespace {
+
+// The disk reads the first block while the temporary is opened: a cold
+// file's read would otherwise stop every channel of this thread.
+void readSoon(int fd, std::uint64_t size) {
+  if (size > 0) {
+    ::posix_fadvise(fd, 0, static_cast<off_t>(std::min<std::uint64_t>(size, kIoBlock)), POSIX_FADV_WILLNEED);
+  }
+}
+
+}  // namespace
+
 void FileCopier::startUpload(Job& job, bool descriptorFree) {
   auto const& task = job.task;
   std::tie(job.folder, job.name) = splitPath(task.destination);
@@ -28,17 +40,15 @@ void FileCopier::startUpload(Job& job, bool descriptorFree) {
   }
   if (descriptorFree) {
     if (!openSource(job)) return;
-    // The disk reads the first block while the temporary is opened: a cold
-    // file's read would otherwise stop every channel of this thread.
-    if (job.size > 0) {
-      ::posix_fadvise(job.fd.get(), 0, static_cast<off_t>(std::min<std::uint64_t>(job.size, kIoBlock)),
-                      POSIX_FADV_WILLNEED);
-    }
+    readSoon(job.fd.get(), job.size);
   } else {
     // Opened when its data is about to go (a listed file that is neither a
-    // delta nor resumed: poll() starts no other without a free descriptor).
+    // delta nor resumed: poll() starts no other without a free descriptor);
+    // read ahead all the same, the descriptor not kept.
     job.size = *task.size;
     job.sourceMtime = {static_cast<time_t>(*task.listedMtime), 0};
+    UniqueFd const source(::open(task.source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (source.valid()) readSoon(source.get(), job.size);
   }
   if (task.delta) {
     // The blocks kept fit only the version that was hashed.
