@@ -246,11 +246,10 @@ std::string summary(TransferCommand const& command, sfa::TransferReport const& r
   return fmt::format("{}: copied {}{}\n", command.name, describeTotals(totals), extra);
 }
 
-// Each file in flight holds a descriptor here, and the usual limit of 1,024
-// leaves a transfer 240 a channel, fewer than it can use (200,000 files of
-// 100 B on loopback: get 3.09-3.14 s with 240, 2.91-2.95 s with 1,024). The
-// soft limit goes up to kOpenFilesWanted where the hard limit allows; the
-// limits before and after when it moved.
+// With descriptors to spare an upload keeps its source open from its start
+// (one open a file, not two) and more folders may be open at once. The soft
+// limit goes up to kOpenFilesWanted where the hard limit allows; the limits
+// before and after when it moved.
 constexpr rlim_t kOpenFilesWanted = 16384;
 std::optional<std::pair<rlim_t, rlim_t>> raiseOpenFileLimit() {
   struct rlimit limit {};
