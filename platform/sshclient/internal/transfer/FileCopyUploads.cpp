@@ -92,7 +92,7 @@ bool FileCopier::openSource(Job& job) {
     fail(job, "cannot open " + quoted(source) + ": " + errnoText(errno));
     return false;
   }
-  if (S_ISDIR(st.st_mode) || !S_ISREG(st.st_mode)) {
+  if (!S_ISREG(st.st_mode)) {
     fail(job, quoted(source) + (S_ISDIR(st.st_mode) ? " is a folder" : " is not a regular file"));
     return false;
   }
