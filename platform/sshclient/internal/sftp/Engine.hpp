@@ -33,12 +33,12 @@ namespace foundation::sshclient::internal::sftp {
 struct EngineOptions {
   // File data sent or requested and not yet acknowledged.
   std::uint64_t windowBytes = 8U * 1024U * 1024U;
-  // Files open at once (also bounded by the server's handle limit and the
-  // process's open files). Many small files go faster the more the server
-  // has queued (200,000 files of 100 B on loopback: get 3.05-3.31 s with 512
-  // against 3.59-3.76 s with 128, put 3.96-4.24 s against 4.38-4.64 s with
-  // 48); 1,024 made 10,000 files of 1-4 KiB 5 % slower to download here, but
-  // a long round trip starts there (Copiers.hpp).
+  // Files open at once (also bounded by the server's handle limit). Many
+  // small files go faster the more the server has queued (200,000 files of
+  // 100 B on loopback: get 3.05-3.31 s with 512 against 3.59-3.76 s with 128,
+  // put 3.96-4.24 s against 4.38-4.64 s with 48); 1,024 made 10,000 files
+  // of 1-4 KiB 5 % slower to download here, but a long round trip starts
+  // there (Copiers.hpp).
   std::size_t maxOpenFiles = 512;
   // Uploads keep less data in flight: measured against OpenSSH's sshd and
   // sftp-server, more makes them slower (one file of 256 MiB: 150-190 MiB/s

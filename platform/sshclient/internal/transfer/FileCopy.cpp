@@ -120,7 +120,9 @@ void FileCopier::poll() {
   // Summed over the jobs only when a file could start.
   bool const mayStart = !stopping_ && !queue_.empty() && active() < maxOpen;
   auto unsent = ahead > 0 && mayStart ? unsentBytes() : 0;
-  auto held = mayStart ? descriptorsHeld() : 0;
+  // A job holds one descriptor at most, so they bind only below maxOpen:
+  // counted only then.
+  auto held = mayStart && settings_.descriptors < maxOpen ? descriptorsHeld() : 0;
   while (!stopping_ && !queue_.empty() && active() < maxOpen && session_.queuedBytes() < kOutboundLimit &&
          (ahead == 0 || unsent < ahead)) {
     auto const& next = queue_.front();
